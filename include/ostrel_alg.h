@@ -1,0 +1,391 @@
+/*
+ * ostrel_alg.h - public interface of the ostrel_alg object detector.
+ *
+ * The library learns one kind of object from a few boxes that a user marks
+ * on a picture, and then finds that object in new pictures.
+ *
+ * This header is valid C (C99 or later) and C++. Everything in it can be
+ * called from C and, through a C FFI, from other languages. A handful of
+ * convenience variants that take C++ containers (std::vector, std::string)
+ * are declared in the __cplusplus section at the end; every one of them has
+ * a pointer form that C callers use instead.
+ *
+ * Statuses
+ *   Every function returns int32_t: 0 for success, 1 for failure. No other
+ *   value is ever returned. Failures are also reported by one line on
+ *   standard output (see "Log lines" below).
+ *
+ * Ownership
+ *   - The host owns the engine handle from ostrel_alg_create() until it
+ *     passes it to ostrel_alg_destroy().
+ *   - The host owns every image record, pixel buffer and box array it
+ *     passes in. The library copies what it keeps.
+ *   - The engine owns every buffer it hands out (result boxes, sample
+ *     thumbnails and their pixels, feature maps, strings). The host must
+ *     never free them; each function below says how long they stay valid.
+ *
+ * Threads
+ *   The library takes no locks. One engine must not be used by two threads
+ *   at once. Detection keeps the last picture's colour planes and feature
+ *   map in storage shared by all engines of the process, so calls on
+ *   different engines must not overlap either.
+ *
+ * Log lines
+ *   The library writes its messages to standard output through one
+ *   printf-style function. Interface failures look like
+ *     [Alg.Fail] <function> (ostrel_alg_lib line:<n>)
+ *   and failures inside the engine like
+ *     [Alg. FAIL!] ostrel_alg::<operation> (ostrel_alg line:<n>)
+ *   The line numbers are fixed parts of the messages.
+ */
+#ifndef OSTREL_ALG_H
+#define OSTREL_ALG_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#  if defined(OSTREL_ALG_BUILDING)
+#    define OSTREL_ALG_API __declspec(dllexport)
+#  else
+#    define OSTREL_ALG_API __declspec(dllimport)
+#  endif
+#else
+#  define OSTREL_ALG_API __attribute__((visibility("default")))
+#endif
+
+#if defined(__cplusplus)
+#  define OSTREL_ALG_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#  define OSTREL_ALG_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#else
+#  define OSTREL_ALG_STATIC_ASSERT(cond, msg)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+class ostrel_alg;
+#else
+/* Opaque engine object; C code only ever holds a pointer to it. */
+typedef struct ostrel_alg ostrel_alg;
+#endif
+
+/* ------------------------------------------------------------------------
+ * Records that cross the boundary
+ * ---------------------------------------------------------------------- */
+
+/* Pixel layout values of ostrel_alg_image.format. */
+#define OSTREL_ALG_FORMAT_INTERLEAVED 0 /* any value other than 3 */
+#define OSTREL_ALG_FORMAT_PLANAR 3
+
+/*
+ * Image record (40 bytes). Passed by pointer; owned by the host.
+ *   width      picture width in pixels, at least 1.
+ *   height     picture height in pixels, at least 1.
+ *   channels   bytes per pixel; must be exactly 3 (8-bit BGR).
+ *   data       the pixels, owned by the host, never null. Interleaved:
+ *              rows packed one after another, width * height * 3 bytes,
+ *              B, G, R per pixel. Planar (format 3): three consecutive
+ *              planes of width * height bytes, B plane first.
+ *   image_key  host-chosen identifier of the picture, 0 or more. Equal keys
+ *              mean equal pixels: the library reuses what it computed for
+ *              the last key it saw, so give every different picture its
+ *              own key.
+ *   aux        for the host; the library neither reads nor writes it.
+ *   format     3 = planar, anything else = interleaved. Only detection
+ *              reads it; detector set-up always reads interleaved pixels.
+ */
+typedef struct ostrel_alg_image {
+    int32_t width;
+    int32_t height;
+    int32_t channels;
+    uint8_t *data;
+    int64_t image_key;
+    int32_t aux;
+    int32_t format;
+} ostrel_alg_image;
+
+/*
+ * Box record (32 bytes), the unit of every box list, in both directions.
+ *   x, y, width, height  the box in picture pixels (left, top, size).
+ *   score         detections: confidence 0..1 in steps of 0.01; a box that
+ *                 overlap suppression removed carries -1.0. Marked boxes
+ *                 passed in: not read.
+ *   label         1 = positive (a box the user marked as the object, or a
+ *                 detection at or above the confidence threshold);
+ *                 -1 = negative (a detection below the threshold, or a box
+ *                 the user marked as background).
+ *   color_main    detections: main colour class of the box, 0..8
+ *                 (0 dark, 1 middle, 2 light grey; 3..8 chromatic
+ *                 classes); 0 otherwise.
+ *   color_second  detections: second colour class, 0..8, or 9 when the box
+ *                 has no clear second colour; 0 otherwise.
+ */
+typedef struct ostrel_alg_box {
+    int32_t x;
+    int32_t y;
+    int32_t width;
+    int32_t height;
+    float score;
+    int32_t label;
+    int32_t color_main;
+    int32_t color_second;
+} ostrel_alg_box;
+
+/*
+ * Pixels of a sample thumbnail (32 bytes): the first five fields of the
+ * image record. The engine owns data.
+ *   width, height  size of the cut-out in pixels (0 x 0 for a box that lay
+ *                  outside the picture; data is then an empty buffer).
+ *   channels       3.
+ *   data           width * height * 3 bytes, interleaved BGR, owned by the
+ *                  engine.
+ *   image_key      0.
+ */
+typedef struct ostrel_alg_thumb_image {
+    int32_t width;
+    int32_t height;
+    int32_t channels;
+    uint8_t *data;
+    int64_t image_key;
+} ostrel_alg_thumb_image;
+
+/*
+ * Sample thumbnail record (48 bytes): one marked box, cut out of the
+ * training picture so that the host can show what the detector was taught.
+ *   label      label of the marked box (1).
+ *   reserved0  0.
+ *   image      the cut-out pixels, owned by the engine.
+ *   reserved1  0.
+ * Thumbnail i belongs to training sample i; ostrel_alg_removeSample(i)
+ * removes both.
+ */
+typedef struct ostrel_alg_sample {
+    int32_t label;
+    int32_t reserved0;
+    ostrel_alg_thumb_image image;
+    int64_t reserved1;
+} ostrel_alg_sample;
+
+OSTREL_ALG_STATIC_ASSERT(sizeof(void *) == 8, "ostrel_alg supports 64-bit platforms only");
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_image) == 40, "image record is 40 bytes");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, width) == 0, "image.width at 0");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, height) == 4, "image.height at 4");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, channels) == 8, "image.channels at 8");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, data) == 16, "image.data at 16");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, image_key) == 24, "image.image_key at 24");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, aux) == 32, "image.aux at 32");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_image, format) == 36, "image.format at 36");
+
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_box) == 32, "box record is 32 bytes");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, x) == 0, "box.x at 0");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, y) == 4, "box.y at 4");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, width) == 8, "box.width at 8");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, height) == 12, "box.height at 12");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, score) == 16, "box.score at 16");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, label) == 20, "box.label at 20");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, color_main) == 24, "box.color_main at 24");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_box, color_second) == 28, "box.color_second at 28");
+
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_thumb_image) == 32, "thumbnail pixels are 32 bytes");
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_sample) == 48, "sample thumbnail record is 48 bytes");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, label) == 0, "sample.label at 0");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, reserved0) == 4, "sample.reserved0 at 4");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image) == 8, "sample.image at 8");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image.width) == 8, "sample.image.width at 8");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image.height) == 12, "sample.image.height at 12");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image.channels) == 16, "sample.image.channels at 16");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image.data) == 24, "sample.image.data at 24");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, image.image_key) == 32, "sample.image.image_key at 32");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, reserved1) == 40, "sample.reserved1 at 40");
+
+/* ------------------------------------------------------------------------
+ * Life cycle
+ * ---------------------------------------------------------------------- */
+
+/*
+ * Creates and initialises an engine. On 0, *handle holds the new engine,
+ * owned by the host until ostrel_alg_destroy(). On 1, *handle is left null
+ * (or, if initialisation threw, the half-made engine). handle must not be
+ * null.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_create(ostrel_alg **handle);
+
+/* Tears the engine down and frees it. Every buffer it handed out dies with
+ * it. Returns 0; 1 for a null handle. */
+OSTREL_ALG_API int32_t ostrel_alg_destroy(ostrel_alg *handle);
+
+/*
+ * Re-initialises the engine: discards training samples, thumbnails, the
+ * feature extractor and the result buffer, and unsets the model id. A
+ * trained model, its false-positive filter and threshold are kept.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
+
+/* ------------------------------------------------------------------------
+ * Parameters
+ * ---------------------------------------------------------------------- */
+
+/*
+ * Sets how readily the detector reports a box, 0..100 (higher finds more).
+ * The confidence threshold becomes 90 at 0, 50 at 79 and 80, 30 at 100.
+ * Values above 100 return 1 and change nothing.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity);
+
+/*
+ * Sets the object size the detector is trained for (width, height, in
+ * pixels of the training picture) and that picture's size. Training also
+ * sets them from the first marked box, so hosts rarely need this call.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width,
+                                                  uint32_t object_height, uint32_t picture_width,
+                                                  uint32_t picture_height);
+
+/* Writes 1 to *trained when the engine holds a trained or imported model,
+ * else 0. trained must not be null. */
+OSTREL_ALG_API int32_t ostrel_alg_istraied(ostrel_alg *handle, uint8_t *trained);
+
+/* Stores a host-chosen model id (0 or more). A negative id returns 1
+ * silently and keeps the old one. */
+OSTREL_ALG_API int32_t ostrel_alg_setModelId(ostrel_alg *handle, int32_t model_id);
+
+/* Writes the model id to *model_id. Returns 1 silently, leaving *model_id
+ * untouched, while no id is set (after create, init or a failed set). */
+OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model_id);
+
+/* ------------------------------------------------------------------------
+ * Training
+ * ---------------------------------------------------------------------- */
+
+/*
+ * Sets up and trains the detector from one picture (interleaved BGR) and
+ * the boxes the user marked on it (count records at boxes, count >= 1).
+ * Boxes labelled 1 are the object; all should have the same size, the
+ * first box's size is the one the detector learns. Everything that is not
+ * marked may be taken as background. The detector then tests itself on the
+ * picture up to five times and learns from its mistakes.
+ * Calling again with the same image_key ignores the boxes and retrains on
+ * what the engine already holds. The host keeps ownership of image and
+ * boxes.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
+                                                  const ostrel_alg_box *boxes, int32_t count);
+
+/*
+ * Makes the random background samples of this engine reproducible: from
+ * now on they are drawn from the C library's rand() seeded with seed
+ * instead of with the current time. Without this call every training draws
+ * different background samples.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setRandomSeed(ostrel_alg *handle, uint32_t seed);
+
+/*
+ * Hands out the engine's sample thumbnails: *samples points to *count
+ * records owned by the engine (null when count is 0). They stay valid
+ * until the next training, ostrel_alg_removeSample, init or destroy.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples,
+                                                 uint32_t *count);
+
+/*
+ * Removes sample number index (its thumbnail and training samples) and
+ * retrains. An index at or above the sample count returns 1 and changes
+ * nothing.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_removeSample(ostrel_alg *handle, uint32_t index);
+
+/* Counts the training samples (with their shifted variants) by label. */
+OSTREL_ALG_API int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives,
+                                                       uint32_t *negatives);
+
+/* Writes a pointer to a static, null-terminated string naming the method
+ * used for negative samples ("BELOW_CONF"). The host must not free it. */
+OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle,
+                                                                const char **method);
+
+/* ------------------------------------------------------------------------
+ * Detection
+ * ---------------------------------------------------------------------- */
+
+/*
+ * Runs the detector on a picture (interleaved or planar, see
+ * ostrel_alg_image). *boxes points to *count box records owned by the
+ * engine, at most 256: detections by falling score (label 1, at most 32),
+ * then boxes below the threshold (label -1), then boxes the user marked on
+ * this same picture that nothing detected (label 1). They stay valid until
+ * the next detection, init or destroy. Fails before any training or import.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
+                                                  ostrel_alg_box **boxes, uint32_t *count);
+
+/*
+ * Diagnostic: computes afresh the channel feature map that detection and
+ * training read for this picture (no cache, no change to detection) and
+ * hands it out. Channel c at map column x, map row y is the byte at
+ * data[c * columns * rows + x * rows + y] (each channel stored column by
+ * column). Channels 0..2 are L, a, b; 3 is gradient magnitude; 4..9 are
+ * oriented-gradient histograms. The buffer is owned by the engine and
+ * stays valid until the next call of this function, init or destroy.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
+                                                    const uint8_t **data, uint32_t *channels,
+                                                    uint32_t *columns, uint32_t *rows);
+
+/* ------------------------------------------------------------------------
+ * Model files
+ * Paths are null-terminated. _ptr forms take UTF-8; _bstr forms take
+ * UTF-16 (wchar_t on Windows, char16_t elsewhere). A path that cannot be
+ * converted returns 1.
+ * ---------------------------------------------------------------------- */
+
+/* Writes the trained model to path (overwriting). Fails before training. */
+OSTREL_ALG_API int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path);
+/* Loads a model file into the engine; the engine's samples are discarded. */
+OSTREL_ALG_API int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path);
+/* Checks a model file (records and CRC-32) without loading it: 0 = valid. */
+OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path);
+
+#if defined(_WIN32)
+typedef wchar_t ostrel_alg_utf16;
+#elif defined(__cplusplus)
+typedef char16_t ostrel_alg_utf16;
+#else
+typedef uint_least16_t ostrel_alg_utf16; /* same representation as char16_t */
+#endif
+
+OSTREL_ALG_API int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path);
+OSTREL_ALG_API int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path);
+OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle,
+                                                            const ostrel_alg_utf16 *path);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+/* ------------------------------------------------------------------------
+ * C++ convenience forms. Unmangled like the rest; usable only when the host
+ * and the library share one C++ runtime. Each has a pointer form above.
+ * ---------------------------------------------------------------------- */
+#include <string>
+#include <vector>
+
+extern "C" {
+/* Like ostrel_alg_setDetector_ptr with boxes.data(), boxes.size(). */
+OSTREL_ALG_API int32_t ostrel_alg_setDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                                              const std::vector<ostrel_alg_box> &boxes);
+/* Appends every box of the run to out (no 256 limit); the engine's own
+ * copy (see the _ptr form) is refreshed too. out is the host's. */
+OSTREL_ALG_API int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                                              std::vector<ostrel_alg_box> &out);
+/* Replaces the contents of out with copies of the thumbnail records. The
+ * copies point at the engine's pixel buffers: do not free them. */
+OSTREL_ALG_API int32_t ostrel_alg_getSamples(ostrel_alg *handle, std::vector<ostrel_alg_sample> &out);
+/* Assigns "BELOW_CONF" to method. */
+OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod(ostrel_alg *handle, std::string &method);
+OSTREL_ALG_API int32_t ostrel_alg_exportModel(ostrel_alg *handle, std::string path);
+OSTREL_ALG_API int32_t ostrel_alg_importModel(ostrel_alg *handle, std::string path);
+OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation(ostrel_alg *handle, std::string path);
+} /* extern "C" */
+#endif /* __cplusplus */
+
+#endif /* OSTREL_ALG_H */

@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Installs, with apt-get, every Debian package the project needs to build,
+# test, benchmark and run its demo. Quick when everything is already there:
+# it only asks dpkg which packages are missing and installs just those.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config
+  libopencv-dev            # core, imgproc, imgcodecs, ml
+  zlib1g-dev               # crc32 of the model file trailer
+  libgtest-dev libgmock-dev
+  libbenchmark-dev
+  nlohmann-json3-dev       # JSON output of the command-line tool
+  libcli11-dev             # argument parsing of the command-line tool
+  clang libclang-rt-14-dev # libFuzzer target and its runtime
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all ${#packages[@]} packages present"
+  exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "setup: missing packages: ${missing[*]}; run this script as root (it uses apt-get)" >&2
+  exit 1
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+# Try with the package lists as they are first; refresh them only when that fails.
+if ! apt-get install -y --no-install-recommends "${missing[@]}"; then
+  apt-get update
+  apt-get install -y --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything and runs every test:
+#   1. the release build and all its tests (ctest),
+#   2. the unit and interface tests again under AddressSanitizer and
+#      UndefinedBehaviorSanitizer,
+#   3. the model-file fuzz target for a short run, when present.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+jobs=$(nproc 2>/dev/null || echo 2)
+
+scripts/setup.sh
+
+echo "== release build and tests"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
+cmake --build build -j"$jobs"
+ctest --test-dir build --output-on-failure -j"$jobs"
+
+echo "== sanitizer build and tests (address, undefined)"
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE=ON \
+      -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_TOOLS=OFF
+cmake --build build-asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-asan --output-on-failure -j"$jobs" -L 'unit|api'
+
+if [ -f fuzz/CMakeLists.txt ]; then
+  echo "== fuzzing the model-file reader"
+  scripts/fuzz.sh 60
+fi
+
+echo "== all tests passed"

@@ -1,0 +1,107 @@
+// ostrel_alg: the engine behind the exported interface.
+//
+// One object holds everything of one detector: the training sizes, the
+// confidence threshold, the marked boxes and their thumbnails, the training
+// samples, the feature extractor, the result buffer, a copy of the last
+// training picture, the false-positive filter, the SVM trainer and the
+// trained model. Each operation is a short sequence of calls into the units
+// below it; this class is the only place that knows the order of the steps.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/ml.hpp>
+
+#include "ostrel_alg.h"
+#include "acf/ostrel_acf.h"
+#include "acf/training_sample.h"
+#include "fpfilter/pca_fp_filter.h"
+#include "train/svm_model.h"
+
+class ostrel_alg {
+public:
+    // Number of box records the engine keeps for the pointer form of detection.
+    static constexpr uint32_t kResultBoxCapacity = 256;
+    // Bytes of the scratch block kept for the life of the engine.
+    static constexpr size_t kWorkBlockSize = 496;
+    static constexpr int32_t kUnsetModelId = -1;
+    static constexpr int64_t kNoCachedImage = -1;
+    // Name of the negative-sample method in use; there is no other.
+    static constexpr const char *kNegativeMethodName = "BELOW_CONF";
+
+    ostrel_alg();
+    ~ostrel_alg();  // teardown
+    ostrel_alg(const ostrel_alg &) = delete;
+    ostrel_alg &operator=(const ostrel_alg &) = delete;
+
+    // --- life cycle -------------------------------------------------------
+    int32_t init();
+    int32_t initFeatExtractor();
+    void release();
+    int32_t createSvm();
+
+    // --- parameters -------------------------------------------------------
+    // s is 100 - the host's sensitivity.
+    int32_t setSensitivity(uint32_t s);
+    void setTrainingSize(uint32_t object_width, uint32_t object_height, uint32_t picture_width,
+                         uint32_t picture_height);
+    void countSamples(uint32_t *positives, uint32_t *negatives) const;
+    std::string getAddNegativeMethod() const;
+    bool isTrained() const { return svm_model.trained(); }
+    int32_t setModelId(int32_t id);
+    int32_t getModelId(uint32_t *id) const;
+    void setRandomSeed(uint32_t seed);
+
+    // --- training, detection, samples, model files -------------------------
+    int32_t setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes);
+    int32_t runDetector(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
+    void getSamples(std::vector<ostrel_alg_sample> &out) const;
+    void getSamples_ptr(ostrel_alg_sample **samples, uint32_t *count);
+    int32_t removeSample(uint32_t index);
+    int32_t exportModel(const std::string &path);
+    int32_t importModel(const std::string &path);
+    int32_t checkModelValidation(const std::string &path);
+    int32_t getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels,
+                          uint32_t *columns, uint32_t *rows);
+
+    // Refuses a picture the engine cannot read: logs the invalid-image line
+    // and returns false.
+    static bool checkImgValid(const ostrel_alg_image *image);
+
+    // --- fields (all public: the engine is a plain record with operations;
+    // the units below receive what they need as arguments) -----------------
+    uint32_t train_height = 0;
+    uint32_t train_width = 0;
+    uint32_t train_input_height = 0;
+    uint32_t train_input_width = 0;
+    int32_t scaled_width = 0;
+    int32_t scaled_height = 0;
+    int32_t confidence_threshold = 0;
+    uint8_t detector_set = 0;
+    std::vector<ostrel_alg_box> marked_boxes;
+    std::vector<ostrel::training_sample> training_samples;
+    std::vector<ostrel_alg_sample> sample_thumbs;
+    std::unique_ptr<ostrel::ostrel_acf> feat_extractor;
+    int32_t acf_scale_idx = 0;
+    uint8_t random_negatives_added = 0;
+    std::unique_ptr<ostrel_alg_box[]> result_boxes;
+    uint32_t result_box_count = 0;
+    std::unique_ptr<uint8_t[]> work_block;
+    int32_t model_id = kUnsetModelId;
+    int64_t cached_image_key = kNoCachedImage;
+    cv::Mat cached_image;
+    uint32_t positive_sample_count = 0;
+    uint32_t new_positive_count = 0;
+    ostrel::pca_fp_filter pca_filter;  // also holds the ready/frozen/enabled flags and fp_threshold
+    cv::Ptr<cv::ml::SVM> svm;
+    ostrel::svm_model svm_model;
+
+private:
+    void freeSampleThumbs();
+    uint32_t random_seed_ = 0;
+    bool random_seed_set_ = false;
+};

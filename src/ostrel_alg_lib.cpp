@@ -1,0 +1,358 @@
+// The exported interface: every function checks its handle and arguments,
+// forwards to one engine operation and returns its status.
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "ostrel_alg.h"
+#include "common/log.h"
+#include "common/utf16_path.h"
+#include "engine/ostrel_alg.h"
+
+namespace {
+
+constexpr const char *kLibSource = "ostrel_alg_lib";
+constexpr const char *kLibFailFormat = "[Alg.Fail] %s (%s line:%d)\n";
+constexpr const char *kLibExceptionFormat = "[Alg.Exc!] %s (%s line:%d): %s\n";
+constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\n";
+constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
+
+// Line numbers of each function's failure line; they are part of the
+// messages that hosts already match on.
+enum LibLine : int {
+    kCreateInitFailedLine = 84,
+    kCreateExceptionLine = 90,
+    kDestroyLine = 103,
+    kInitLine = 128,
+    kInitFailedLine = 142,
+    kSetSensitivityLine = 154,
+    kIstraiedLine = 170,
+    kSetTrainingSizeLine = 185,
+    kRunDetectorLine = 200,
+    kRunDetectorPtrLine = 213,
+    kExportModelLine = 232,
+    kImportModelLine = 246,
+    kCheckModelValidationLine = 260,
+    kSetDetectorLine = 275,
+    kSetDetectorPtrLine = 294,
+    kGetSamplesLine = 344,
+    kGetSamplesPtrLine = 359,
+    kRemoveSampleLine = 374,
+    kSetModelIdLine = 405,
+    kGetModelIdLine = 419,
+    kGetAddNegativeMethodLine = 451,
+    kGetNumofSamplesLine = 467,
+    // Functions added after the original set.
+    kSetRandomSeedLine = 483,
+    kGetFeatureMapLine = 499,
+};
+
+bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
+    if (handle == nullptr) {
+        ostrel::log(kLibFailFormat, function, kLibSource, line);
+        return false;
+    }
+    return true;
+}
+
+bool argument_ok(const void *argument, const char *function, const char *argument_name) {
+    if (argument == nullptr) {
+        ostrel::log(kNullArgumentFormat, function, argument_name);
+        return false;
+    }
+    return true;
+}
+
+// Runs an engine operation so that no exception reaches the host: a C
+// caller cannot handle one, and an escaping exception would end its process.
+template <typename Operation>
+int32_t guarded(const char *function, int line, Operation &&operation) {
+    try {
+        return operation();
+    } catch (const std::exception &e) {
+        ostrel::log(kLibExceptionFormat, function, kLibSource, line, e.what());
+    } catch (...) {
+        ostrel::log(kLibExceptionFormat, function, kLibSource, line, "unknown exception");
+    }
+    return 1;
+}
+
+int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, const char *function,
+                            int32_t (*plain)(ostrel_alg *, std::string)) {
+    std::string narrow;
+    if (!ostrel::utf16_path_to_narrow(path, &narrow)) {
+        ostrel::log(kBadPathFormat, function);
+        return 1;
+    }
+    return plain(handle, std::move(narrow));
+}
+
+}  // namespace
+
+extern "C" {
+
+int32_t ostrel_alg_create(ostrel_alg **handle) {
+    if (!argument_ok(handle, __func__, "handle")) {
+        return 1;
+    }
+    int32_t status = 1;
+    *handle = nullptr;
+    ostrel_alg *engine = nullptr;
+    try {
+        engine = new ostrel_alg();
+        status = engine->init();
+        if (status == 0) {
+            *handle = engine;
+            return 0;
+        }
+        // The engine is deliberately not freed here: a host may still hold
+        // on to pointers handed out while init ran.
+        ostrel::log(kLibFailFormat, __func__, kLibSource, kCreateInitFailedLine);
+        return status;
+    } catch (const std::exception &e) {
+        ostrel::log(kLibExceptionFormat, __func__, kLibSource, kCreateExceptionLine, e.what());
+        *handle = engine;
+        return status;
+    }
+}
+
+int32_t ostrel_alg_destroy(ostrel_alg *handle) {
+    if (!handle_ok(handle, __func__, kDestroyLine)) {
+        return 1;
+    }
+    delete handle;
+    return 0;
+}
+
+int32_t ostrel_alg_init(ostrel_alg *handle) {
+    if (!handle_ok(handle, __func__, kInitLine)) {
+        return 1;
+    }
+    return guarded(__func__, kInitFailedLine, [&] {
+        const int32_t status = handle->init();
+        if (status != 0) {
+            ostrel::log(kLibFailFormat, __func__, kLibSource, kInitFailedLine);
+        }
+        return status;
+    });
+}
+
+int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
+    if (!handle_ok(handle, __func__, kSetSensitivityLine)) {
+        return 1;
+    }
+    // The engine takes the inverted value and inverts it again.
+    const int32_t status = handle->setSensitivity(100u - sensitivity);
+    if (status != 0) {
+        ostrel::log("[Alg.Fail] %s: sensitivity %u is above 100\n", __func__, sensitivity);
+    }
+    return status;
+}
+
+int32_t ostrel_alg_istraied(ostrel_alg *handle, uint8_t *trained) {
+    if (!handle_ok(handle, __func__, kIstraiedLine) || !argument_ok(trained, __func__, "trained")) {
+        return 1;
+    }
+    *trained = handle->isTrained() ? 1 : 0;
+    return 0;
+}
+
+int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, uint32_t object_height,
+                                   uint32_t picture_width, uint32_t picture_height) {
+    if (!handle_ok(handle, __func__, kSetTrainingSizeLine)) {
+        return 1;
+    }
+    handle->setTrainingSize(object_width, object_height, picture_width, picture_height);
+    return 0;
+}
+
+int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                               std::vector<ostrel_alg_box> &out) {
+    if (!handle_ok(handle, __func__, kRunDetectorLine)) {
+        return 1;
+    }
+    return guarded(__func__, kRunDetectorLine, [&] { return handle->runDetector(image, out); });
+}
+
+int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, ostrel_alg_box **boxes,
+                                   uint32_t *count) {
+    if (!handle_ok(handle, __func__, kRunDetectorPtrLine) || !argument_ok(boxes, __func__, "boxes") ||
+        !argument_ok(count, __func__, "count")) {
+        return 1;
+    }
+    return guarded(__func__, kRunDetectorPtrLine, [&] {
+        std::vector<ostrel_alg_box> results;
+        const int32_t status = handle->runDetector(image, results);
+        *boxes = handle->result_boxes.get();
+        *count = handle->result_box_count;
+        return status;
+    });
+}
+
+int32_t ostrel_alg_exportModel(ostrel_alg *handle, std::string path) {
+    if (!handle_ok(handle, __func__, kExportModelLine)) {
+        return 1;
+    }
+    return guarded(__func__, kExportModelLine, [&] { return handle->exportModel(path); });
+}
+
+int32_t ostrel_alg_importModel(ostrel_alg *handle, std::string path) {
+    if (!handle_ok(handle, __func__, kImportModelLine)) {
+        return 1;
+    }
+    return guarded(__func__, kImportModelLine, [&] { return handle->importModel(path); });
+}
+
+int32_t ostrel_alg_checkModelValidation(ostrel_alg *handle, std::string path) {
+    if (!handle_ok(handle, __func__, kCheckModelValidationLine)) {
+        return 1;
+    }
+    return guarded(__func__, kCheckModelValidationLine, [&] { return handle->checkModelValidation(path); });
+}
+
+int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path) {
+    if (!handle_ok(handle, __func__, kExportModelLine) || !argument_ok(path, __func__, "path")) {
+        return 1;
+    }
+    return ostrel_alg_exportModel(handle, path);
+}
+
+int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path) {
+    if (!handle_ok(handle, __func__, kImportModelLine) || !argument_ok(path, __func__, "path")) {
+        return 1;
+    }
+    return ostrel_alg_importModel(handle, path);
+}
+
+int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path) {
+    if (!handle_ok(handle, __func__, kCheckModelValidationLine) || !argument_ok(path, __func__, "path")) {
+        return 1;
+    }
+    return ostrel_alg_checkModelValidation(handle, path);
+}
+
+int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_exportModel);
+}
+
+int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_importModel);
+}
+
+int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_checkModelValidation);
+}
+
+int32_t ostrel_alg_setDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                               const std::vector<ostrel_alg_box> &boxes) {
+    if (!handle_ok(handle, __func__, kSetDetectorLine)) {
+        return 1;
+    }
+    return guarded(__func__, kSetDetectorLine, [&] { return handle->setDetectorWithAutoTrain(image, boxes); });
+}
+
+int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, const ostrel_alg_box *boxes,
+                                   int32_t count) {
+    if (!handle_ok(handle, __func__, kSetDetectorPtrLine)) {
+        return 1;
+    }
+    if (count < 0) {
+        ostrel::log("[Alg.Fail] %s: box count %d is negative\n", __func__, count);
+        return 1;
+    }
+    if (count > 0 && !argument_ok(boxes, __func__, "boxes")) {
+        return 1;
+    }
+    return guarded(__func__, kSetDetectorPtrLine, [&] {
+        const std::vector<ostrel_alg_box> copy(boxes, boxes + count);
+        return handle->setDetectorWithAutoTrain(image, copy);
+    });
+}
+
+int32_t ostrel_alg_getSamples(ostrel_alg *handle, std::vector<ostrel_alg_sample> &out) {
+    if (!handle_ok(handle, __func__, kGetSamplesLine)) {
+        return 1;
+    }
+    return guarded(__func__, kGetSamplesLine, [&] {
+        handle->getSamples(out);
+        return 0;
+    });
+}
+
+int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples, uint32_t *count) {
+    if (!handle_ok(handle, __func__, kGetSamplesPtrLine) || !argument_ok(samples, __func__, "samples") ||
+        !argument_ok(count, __func__, "count")) {
+        return 1;
+    }
+    handle->getSamples_ptr(samples, count);
+    return 0;
+}
+
+int32_t ostrel_alg_removeSample(ostrel_alg *handle, uint32_t index) {
+    if (!handle_ok(handle, __func__, kRemoveSampleLine)) {
+        return 1;
+    }
+    return guarded(__func__, kRemoveSampleLine, [&] { return handle->removeSample(index); });
+}
+
+int32_t ostrel_alg_setModelId(ostrel_alg *handle, int32_t model_id) {
+    if (!handle_ok(handle, __func__, kSetModelIdLine)) {
+        return 1;
+    }
+    return handle->setModelId(model_id);
+}
+
+int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model_id) {
+    if (!handle_ok(handle, __func__, kGetModelIdLine) || !argument_ok(model_id, __func__, "model_id")) {
+        return 1;
+    }
+    return handle->getModelId(model_id);
+}
+
+int32_t ostrel_alg_temp_getAddNegativeMethod(ostrel_alg *handle, std::string &method) {
+    if (!handle_ok(handle, __func__, kGetAddNegativeMethodLine)) {
+        return 1;
+    }
+    method = handle->getAddNegativeMethod();
+    return 0;
+}
+
+int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle, const char **method) {
+    if (!handle_ok(handle, __func__, kGetAddNegativeMethodLine) || !argument_ok(method, __func__, "method")) {
+        return 1;
+    }
+    *method = ostrel_alg::kNegativeMethodName;
+    return 0;
+}
+
+int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives, uint32_t *negatives) {
+    if (!handle_ok(handle, __func__, kGetNumofSamplesLine) || !argument_ok(positives, __func__, "positives") ||
+        !argument_ok(negatives, __func__, "negatives")) {
+        return 1;
+    }
+    handle->countSamples(positives, negatives);
+    return 0;
+}
+
+int32_t ostrel_alg_setRandomSeed(ostrel_alg *handle, uint32_t seed) {
+    if (!handle_ok(handle, __func__, kSetRandomSeedLine)) {
+        return 1;
+    }
+    handle->setRandomSeed(seed);
+    return 0;
+}
+
+int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image, const uint8_t **data,
+                                     uint32_t *channels, uint32_t *columns, uint32_t *rows) {
+    if (!handle_ok(handle, __func__, kGetFeatureMapLine) || !argument_ok(data, __func__, "data") ||
+        !argument_ok(channels, __func__, "channels") || !argument_ok(columns, __func__, "columns") ||
+        !argument_ok(rows, __func__, "rows")) {
+        return 1;
+    }
+    return guarded(__func__, kGetFeatureMapLine,
+                   [&] { return handle->getFeatureMap(image, data, channels, columns, rows); });
+}
+
+}  // extern "C"

@@ -1,0 +1,36 @@
+# Compares the dynamic symbols that the shared library defines with the
+# functions that the public header declares. Either list holding a name that
+# the other lacks fails the test.
+file(READ ${HEADER} header_text)
+string(REGEX MATCHALL "OSTREL_ALG_API[ \t\n]+int32_t[ \t\n]+ostrel_alg_[A-Za-z0-9_]+" declared "${header_text}")
+set(declared_names "")
+foreach(d IN LISTS declared)
+  string(REGEX REPLACE ".*(ostrel_alg_[A-Za-z0-9_]+)$" "\\1" name "${d}")
+  list(APPEND declared_names ${name})
+endforeach()
+list(SORT declared_names)
+
+execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY} OUTPUT_VARIABLE nm_out RESULT_VARIABLE nm_rc)
+if(NOT nm_rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" nm_lines "${nm_out}")
+set(exported_names "")
+foreach(line IN LISTS nm_lines)
+  if(line MATCHES "^[0-9a-fA-F]+ ([A-Za-z]) (.+)$")
+    set(kind ${CMAKE_MATCH_1})
+    set(sym ${CMAKE_MATCH_2})
+    # The version node the linker adds for the version script is not code.
+    if(NOT kind STREQUAL "A")
+      list(APPEND exported_names ${sym})
+    endif()
+  endif()
+endforeach()
+list(SORT exported_names)
+
+list(LENGTH declared_names n_declared)
+message(STATUS "declared ${n_declared} functions")
+if(NOT declared_names STREQUAL exported_names)
+  message(FATAL_ERROR "exports differ from the header\n declared: ${declared_names}\n exported: ${exported_names}")
+endif()
+message(STATUS "the library exports exactly the ${n_declared} declared functions")
