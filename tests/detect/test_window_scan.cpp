@@ -2,6 +2,8 @@
 // dot product, the fast-exponential confidence and the scan itself.
 #include "detect/window_scan.h"
 
+#include <cstring>
+
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -9,6 +11,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "detect/window_scan_reference.h"
 
 namespace {
 
@@ -496,7 +500,7 @@ TEST(ScanWindows, BoxesAtTheEdgeAreMovedInside) {
 // per-window kernels at every position, on random maps and weights.
 TEST(ScanWindows, SameAsPlainKernelsOnRandomMaps) {
     std::mt19937 rng(2024);
-    for (int trial = 0; trial < 40; ++trial) {
+    for (int trial = 0; trial < 150; ++trial) {
         std::uniform_int_distribution<int32_t> channels_of(1, 10);
         std::uniform_int_distribution<int32_t> extent(1, 40);
         const int32_t channels = channels_of(rng);
@@ -506,10 +510,14 @@ TEST(ScanWindows, SameAsPlainKernelsOnRandomMaps) {
         std::uniform_int_distribution<int32_t> window(1, 12);
         const int32_t ww = window(rng);
         const int32_t wh = window(rng);
-        const int32_t stride = trial % 3 == 0 ? 4 : (trial % 3 == 1 ? 2 : 1);
+        const int32_t strides[] = {2, 4, 1, 3, 6};
+        const int32_t stride = strides[trial % 5];
         std::vector<int32_t> weights(static_cast<size_t>(channels) * ww * wh);
-        // Weights wide enough that some sums wrap around.
-        std::uniform_int_distribution<int32_t> weight(trial % 2 ? -3000 : -20000000, trial % 2 ? 3000 : 20000000);
+        // Weights within 16 bits, beyond them, and wide enough that the sums
+        // wrap around.
+        const int32_t spans[] = {3000, 20000000, std::numeric_limits<int32_t>::max()};
+        const int32_t span = spans[trial % 3];
+        std::uniform_int_distribution<int32_t> weight(-span, span);
         for (int32_t &w : weights) {
             w = weight(rng);
         }
@@ -580,8 +588,9 @@ TEST(ScanWindows, AppendsToTheGivenLists) {
     EXPECT_EQ(result.accepted.size(), 1u + 4u);
 }
 
-// Input that no model produces (no weights, zero stride, a map shorter than
-// its extents) scans nothing instead of crashing.
+// Input that no model produces (no weights, zero stride, a negative window,
+// a map shorter than its extents or without channels) scans nothing
+// instead of crashing.
 TEST(ScanWindows, BadInputScansNothing) {
     const std::vector<int32_t> weights(4, 0);
     scan_settings settings = settings_for(weights, 12, 12, 4, 4);
@@ -592,8 +601,53 @@ TEST(ScanWindows, BadInputScansNothing) {
     ostrel::scan_windows(map, geometry_of(-2, 2, 2, 0.5f, 0.5f), settings, &result);
     map.data.resize(10);
     ostrel::scan_windows(map, geometry_of(2, 2, 2, 0.5f, 0.5f), settings, &result);
+    feature_map no_channels;
+    no_channels.columns = 1 << 20;
+    no_channels.rows = 1 << 20;
+    ostrel::scan_windows(no_channels, geometry_of(2, 2, 2, 0.5f, 0.5f), settings, &result);
     settings.weights = nullptr;
     ostrel::scan_windows(make_map(1, 6, 6, 0), geometry_of(2, 2, 2, 0.5f, 0.5f), settings, &result);
     EXPECT_TRUE(result.accepted.empty());
     EXPECT_TRUE(result.below.empty());
+}
+
+// The scan gives byte for byte the boxes of the reference scan built on the
+// plain kernels, for maps of the realistic size and odd and even windows.
+TEST(ScanWindows, SameBytesAsReferenceScan) {
+    std::mt19937 rng(99);
+    struct shape {
+        int32_t columns, rows, ww, wh, stride;
+    };
+    const shape shapes[] = {{121, 68, 20, 15, 2}, {121, 68, 20, 15, 4}, {121, 68, 21, 16, 2}, {60, 34, 9, 8, 2},
+                            {30, 17, 5, 16, 2},   {30, 9, 3, 7, 4},     {121, 68, 20, 15, 1}, {16, 16, 1, 1, 2}};
+    for (const shape &sh : shapes) {
+        for (int32_t span : {1000, 40000, 2000000000}) {
+            const feature_map map = random_map(rng, 10, sh.columns, sh.rows);
+            std::vector<int32_t> weights(static_cast<size_t>(10) * sh.ww * sh.wh);
+            std::uniform_int_distribution<int32_t> weight(-span, span);
+            for (int32_t &w : weights) {
+                w = weight(rng);
+            }
+            scan_settings settings = settings_for(weights, sh.columns * 2, sh.rows * 2, sh.ww * 2, sh.wh * 2);
+            settings.bias = weight(rng);
+            settings.confidence_threshold = 40;
+            settings.collect_below = true;
+            const scan_geometry geometry = geometry_of(sh.ww, sh.wh, sh.stride, 0.5f, 0.5f);
+            scan_result fast;
+            scan_result reference;
+            ostrel::scan_windows(map, geometry, settings, &fast);
+            ostrel::scan_windows_reference(map, geometry, settings, &reference);
+            const size_t positions = fast.accepted.size() + fast.below.size();
+            const size_t expected_positions = static_cast<size_t>((sh.columns - sh.ww + sh.stride - 1) / sh.stride) *
+                                              static_cast<size_t>((sh.rows - sh.wh + sh.stride - 1) / sh.stride);
+            EXPECT_EQ(positions, expected_positions);
+            ASSERT_EQ(fast.accepted.size(), reference.accepted.size()) << sh.columns << " " << span;
+            ASSERT_EQ(fast.below.size(), reference.below.size());
+            EXPECT_EQ(std::memcmp(fast.accepted.data(), reference.accepted.data(),
+                                  fast.accepted.size() * sizeof(ostrel_alg_box)),
+                      0);
+            EXPECT_EQ(std::memcmp(fast.below.data(), reference.below.data(), fast.below.size() * sizeof(ostrel_alg_box)),
+                      0);
+        }
+    }
 }
