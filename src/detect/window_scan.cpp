@@ -35,13 +35,31 @@ int32_t wrap_sub(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
 }
 
+// The map's extents describe its buffer: no negative extent, and at least
+// channels * columns * rows bytes.
+bool map_extents_valid(const feature_map &map) {
+    if (map.channels < 0 || map.columns < 0 || map.rows < 0) {
+        return false;
+    }
+    const uint64_t plane = static_cast<uint64_t>(map.columns) * static_cast<uint64_t>(map.rows);  // < 2^62
+    if (map.channels > 0 && plane > map.data.size() / static_cast<uint64_t>(map.channels)) {
+        return false;
+    }
+    return true;
+}
+
 // The byte that a plain pointer walk over the map would read for the cell
 // (c, column, row): columns of a plane, and planes, follow each other, so a
 // row past the bottom of a column reads the top of the next column. Cells
-// whose offset falls outside the buffer read as 0 instead of outside memory.
-uint8_t byte_at_offset(const feature_map &map, int32_t c, int32_t column, int32_t row) {
-    const int64_t offset = static_cast<int64_t>(c) * map.columns * map.rows + static_cast<int64_t>(column) * map.rows +
-                           static_cast<int64_t>(row);
+// whose offset falls outside the buffer (or a map whose extents do not fit
+// its buffer) read as 0 instead of outside memory.
+uint8_t byte_at_offset(const feature_map &map, int64_t c, int64_t column, int64_t row) {
+    if (!map_extents_valid(map)) {
+        return 0;
+    }
+    // With valid extents c * columns * rows is below the buffer size, and
+    // column (below 2^32) times rows stays far inside 64 bits.
+    const int64_t offset = c * map.columns * map.rows + column * map.rows + row;
     if (offset < 0 || static_cast<uint64_t>(offset) >= map.data.size()) {
         return 0;
     }
@@ -51,8 +69,7 @@ uint8_t byte_at_offset(const feature_map &map, int32_t c, int32_t column, int32_
 bool window_inside_map(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows) {
     return x >= 0 && y >= 0 && window_columns >= 0 && window_rows >= 0 &&
            static_cast<int64_t>(x) + window_columns <= map.columns &&
-           static_cast<int64_t>(y) + window_rows <= map.rows && map.channels >= 0 &&
-           map.data.size() >= static_cast<size_t>(map.channels) * map.plane_size();
+           static_cast<int64_t>(y) + window_rows <= map.rows && map_extents_valid(map);
 }
 
 // Box with the window's picture position; colours are filled in later.
@@ -135,7 +152,8 @@ void copy_window_features(const feature_map &map, int32_t x, int32_t y, int32_t 
     for (int32_t c = 0; c < map.channels; ++c) {
         for (int32_t r = 0; r < window_columns; ++r) {
             for (int32_t k = 0; k < window_rows; ++k) {
-                *out++ = inside ? map.at(c, x + r, y + k) : byte_at_offset(map, c, x + r, y + k);
+                *out++ = inside ? map.at(c, x + r, y + k)
+                                : byte_at_offset(map, c, static_cast<int64_t>(x) + r, static_cast<int64_t>(y) + k);
             }
         }
     }
@@ -152,7 +170,9 @@ int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t
     for (int32_t c = 0; c < map.channels; ++c) {
         for (int32_t r = 0; r < window_columns; ++r) {
             for (int32_t k = 0; k < window_rows; ++k) {
-                const uint8_t cell = inside ? map.at(c, x + r, y + k) : byte_at_offset(map, c, x + r, y + k);
+                const uint8_t cell =
+                    inside ? map.at(c, x + r, y + k)
+                           : byte_at_offset(map, c, static_cast<int64_t>(x) + r, static_cast<int64_t>(y) + k);
                 sum += static_cast<uint32_t>(cell) * static_cast<uint32_t>(*weights++);
             }
         }
@@ -202,8 +222,7 @@ bool scan_has_positions(const feature_map &map, const scan_geometry &geometry, c
         return false;
     }
     return settings.weights != nullptr && geometry.window_columns >= 0 && geometry.window_rows >= 0 &&
-           geometry.stride >= 1 && map.channels >= 1 &&
-           map.data.size() >= static_cast<size_t>(map.channels) * map.plane_size();
+           geometry.stride >= 1 && map.channels >= 1 && map_extents_valid(map);
 }
 
 // Scores one window from its dot product and files it: at or above the
