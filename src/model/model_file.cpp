@@ -167,6 +167,10 @@ bool read_matrix(std::istream &in, cv::Mat &matrix) {
         return false;
     }
     cv::Mat read(rows, cols, CV_32F);
+    if (elements == 0) {
+        matrix = read;  // rows or cols 0: only the counts were stored
+        return true;
+    }
     size_t offset = 0;
     for (int r = 0; r < rows; ++r) {
         float *row = read.ptr<float>(r);
