@@ -365,3 +365,33 @@ TEST(PcaDistance, NoValueWithoutAProjection) {
     mismatched.reduce_mean = cv::Mat::zeros(1, 3, CV_32F);
     EXPECT_FALSE(ostrel::fp_distance(mismatched, cv::Mat::ones(1, 4, CV_32F)).has_value());
 }
+
+// One row gives one component and a divisor K - 1 = 0: the covariance is
+// not a number, and the trace test fails on its own.
+TEST(PcaFpFilterBuild, SingleComponentFailsTheTraceTest) {
+    pca_fp_filter f;
+    f.pca_filter_ready = 1;
+    const cv::Mat one = random_rows(1, 30, 9);
+    EXPECT_EQ(ostrel::computePcaFpFilter(f, one, one, kMinTrace), 0);
+    EXPECT_EQ(f.pca.eigenvectors.rows, 1);
+    EXPECT_EQ(f.pca_filter_ready, 0);
+    EXPECT_EQ(f.pca_filter_frozen, 0);
+}
+
+// Counts that disagree with the labels (more positives announced than
+// there are, more new ones than rows) write no row out of bounds: the data
+// is every row that the walk selects.
+TEST(PcaFpFilterBuild, InconsistentCountsAreSafe) {
+    const cv::Mat samples = random_rows(6, 5, 13);
+    const cv::Mat labels = (cv::Mat_<int32_t>(6, 1) << 1, -1, 1, -1, -1, -1);
+    pca_fp_filter built;
+    EXPECT_EQ(ostrel::buildFpFilterFromTrainingMat(built, samples, labels, 10, 50), 0);
+    pca_fp_filter direct;
+    cv::Mat positives;
+    positives.push_back(samples.row(0));
+    positives.push_back(samples.row(2));
+    ostrel::computePcaFpFilter(direct, samples, positives, kMinTrace);
+    EXPECT_TRUE(same_bytes(built.pca.mean, direct.pca.mean));
+    EXPECT_TRUE(same_bytes(built.reduce_mean, direct.reduce_mean));
+    EXPECT_TRUE(same_bytes(built.reduce_inv_covar, direct.reduce_inv_covar));
+}
