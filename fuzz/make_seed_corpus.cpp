@@ -12,14 +12,14 @@
 
 namespace {
 
-struct seed_spec {
+struct seed_model {
     const char *name;
     int32_t weights;
     int components;  // 0: no filter
     float threshold;
 };
 
-std::unique_ptr<ostrel_alg> hand_made_engine(const seed_spec &spec) {
+std::unique_ptr<ostrel_alg> hand_made_engine(const seed_model &seed) {
     auto engine = std::make_unique<ostrel_alg>();
     if (engine->init() != 0) {
         return nullptr;
@@ -31,17 +31,17 @@ std::unique_ptr<ostrel_alg> hand_made_engine(const seed_spec &spec) {
     m.input_width = 320;
     m.input_height = 240;
     m.trained_acf_scale_idx = 1;
-    m.support_vector_size = spec.weights;
+    m.support_vector_size = seed.weights;
     m.bias = -31337;
-    m.vector = std::make_unique<int32_t[]>(static_cast<size_t>(spec.weights));
-    for (int32_t i = 0; i < spec.weights; ++i) {
+    m.vector = std::make_unique<int32_t[]>(static_cast<size_t>(seed.weights));
+    for (int32_t i = 0; i < seed.weights; ++i) {
         m.vector[i] = (i * 7919) % 20001 - 10000;
     }
     ostrel::pca_fp_filter &f = engine->pca_filter;
-    f.fp_threshold = spec.threshold;
-    if (spec.components > 0) {
-        const int d = spec.weights;
-        const int k = spec.components;
+    f.fp_threshold = seed.threshold;
+    if (seed.components > 0) {
+        const int d = seed.weights;
+        const int k = seed.components;
         f.mean = cv::Mat(1, d, CV_32F);
         for (int i = 0; i < d; ++i) {
             f.mean.at<float>(0, i) = static_cast<float>(i % 13) * 0.5f;
@@ -74,15 +74,15 @@ int main(int argc, char **argv) {
         return 2;
     }
     const std::string directory = argv[1];
-    const seed_spec seeds[] = {
+    const seed_model seeds[] = {
         {"plain_201.model", 201, 0, 15.0f},
         {"plain_260.model", 260, 0, 7.5f},
         {"filter_201_k1.model", 201, 1, 15.0f},
         {"filter_220_k3.model", 220, 3, 15.0f},
     };
-    for (const seed_spec &spec : seeds) {
-        auto engine = hand_made_engine(spec);
-        const std::string path = directory + "/" + spec.name;
+    for (const seed_model &seed : seeds) {
+        auto engine = hand_made_engine(seed);
+        const std::string path = directory + "/" + seed.name;
         if (!engine || engine->exportModel(path) != 0 || engine->checkModelValidation(path) != 0) {
             std::fprintf(stderr, "could not write %s\n", path.c_str());
             return 1;
