@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "acf/ostrel_acf.h"
+#include "common/box_geometry.h"
 #include "common/log.h"
 
 namespace ostrel {
@@ -56,24 +57,6 @@ bool scale_to_cells(int32_t value, float scale, int32_t *cells) {
     if (truncated < -2147483648.0f || truncated >= 2147483648.0f) return false;
     *cells = static_cast<int32_t>(truncated);
     return true;
-}
-
-// Intersection over union in single precision, the union being
-// area(a) + area(b) - intersection; an empty intersection gives 0.
-float window_overlap(const window_rect &a, const window_rect &b) {
-    const int64_t left = std::max<int64_t>(a.x, b.x);
-    const int64_t top = std::max<int64_t>(a.y, b.y);
-    const int64_t right = std::min<int64_t>(static_cast<int64_t>(a.x) + a.width, static_cast<int64_t>(b.x) + b.width);
-    const int64_t bottom =
-        std::min<int64_t>(static_cast<int64_t>(a.y) + a.height, static_cast<int64_t>(b.y) + b.height);
-    const int64_t iw = right - left;
-    const int64_t ih = bottom - top;
-    if (iw <= 0 || ih <= 0) return 0.0f;
-    const float intersection = static_cast<float>(iw * ih);
-    const int64_t areas = static_cast<int64_t>(a.width) * a.height + static_cast<int64_t>(b.width) * b.height;
-    const float union_area = static_cast<float>(areas) - intersection;
-    if (!(union_area > 0.0f)) return 0.0f;
-    return intersection / union_area;
 }
 
 // The part of the window inside the map (width or height 0 when none).
@@ -186,7 +169,7 @@ void ostrel_acf::addRandomNegative(const feature_map *map, const std::vector<win
         }
         bool overlaps_positive = false;
         for (const window_rect &p : positives) {
-            if (window_overlap(candidate, p) > kMaxNegativeOverlap) {
+            if (box_overlap(candidate.x, candidate.y, candidate.width, candidate.height, p.x, p.y, p.width, p.height) > kMaxNegativeOverlap) {
                 overlaps_positive = true;
                 break;
             }
