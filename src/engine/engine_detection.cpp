@@ -1,6 +1,8 @@
 // Detection: the engine's detection run and the diagnostic feature map.
+#include <utility>
 #include <vector>
 
+#include "acf/picture_features.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/ostrel_alg.h"
@@ -9,6 +11,8 @@ namespace {
 
 constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
 constexpr int kRunDetectorLine = 1135;
+constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
+constexpr int kGetFeatureMapLine = 1190;
 
 }  // namespace
 
@@ -37,14 +41,22 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
 
 int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels,
                                   uint32_t *columns, uint32_t *rows) {
-    (void)data;
-    (void)channels;
-    (void)columns;
-    (void)rows;
-    if (image == nullptr || !checkImgValid(image)) {
-        ostrel::log(ostrel::kEngineFailFormat, "ostrel_alg::getFeatureMap", ostrel::kEngineSource, kRunDetectorLine);
+    // The map handed out by the previous call is no longer valid.
+    exported_feature_map = ostrel::feature_map{};
+    if (image == nullptr || !checkImgValid(image) || !feat_extractor) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::getFeatureMap: the channel features are not built yet\n");
-    return 1;
+    // Computed afresh: the detection cache is neither read nor changed.
+    ostrel::picture_features features;
+    if (!ostrel::compute_picture_features(*feat_extractor, *image, &features) || features.map.empty()) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
+        return 1;
+    }
+    exported_feature_map = std::move(features.map);
+    *data = exported_feature_map.data.data();
+    *channels = static_cast<uint32_t>(exported_feature_map.channels);
+    *columns = static_cast<uint32_t>(exported_feature_map.columns);
+    *rows = static_cast<uint32_t>(exported_feature_map.rows);
+    return 0;
 }
