@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "acf/ostrel_acf.h"
+#include "acf/plane_transpose.h"
 #include "acf/pyramid.h"
 
 namespace ostrel {
@@ -28,8 +29,7 @@ chn_image8 load_column_by_column(const cv::Mat (&planes)[3]) {
     const int32_t columns = planes[0].cols;
     chn_image8 record(3, rows, columns);
     for (int32_t c = 0; c < 3; ++c) {
-        cv::Mat plane_view(columns, rows, CV_8UC1, record.plane(c));
-        cv::transpose(planes[c], plane_view);
+        transpose_plane(planes[c].data, planes[c].step[0], rows, columns, record.plane(c));
     }
     return record;
 }
@@ -69,17 +69,36 @@ cv::Mat load_bgr_picture(const ostrel_alg_image &image, bool planar) {
     return bgr;
 }
 
+namespace {
+
+bool usable(const ostrel_acf &extractor, const cv::Mat &picture) {
+    return !picture.empty() && picture.type() == CV_8UC3 && extractor.params && extractor.chn_options &&
+           extractor.pyramid.n_scales > kMapScale;
+}
+
+}  // namespace
+
 bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture_features *out) {
     if (out == nullptr) {
         return false;
     }
     out->map = feature_map{};
-    if (bgr.empty() || bgr.type() != CV_8UC3 || !extractor.params || !extractor.chn_options ||
-        extractor.pyramid.n_scales <= kMapScale) {
+    if (!usable(extractor, bgr)) {
         return false;
     }
     cv::Mat lab;
     cv::cvtColor(bgr, lab, kBgrToLabCode);
+    return compute_lab_features(extractor, lab, out);
+}
+
+bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_features *out) {
+    if (out == nullptr) {
+        return false;
+    }
+    out->map = feature_map{};
+    if (!usable(extractor, lab)) {
+        return false;
+    }
     cv::split(lab, out->lab_planes);
     const chn_image8 record = load_column_by_column(out->lab_planes);
     compute_acf_pyramid(*extractor.chn_options, record, *extractor.params, extractor.pyramid);
