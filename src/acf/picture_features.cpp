@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "acf/ostrel_acf.h"
+#include "acf/picture_resample.h"
 #include "acf/plane_transpose.h"
 #include "acf/pyramid.h"
 
@@ -32,6 +33,26 @@ chn_image8 load_column_by_column(const cv::Mat (&planes)[3]) {
         transpose_plane(planes[c].data, planes[c].step[0], rows, columns, record.plane(c));
     }
     return record;
+}
+
+// The image the pyramid is computed from. With the usual single computed
+// scale, the pyramid would resample the full-size record to that scale's
+// image size first; loading and resampling the planes in one pass gives
+// those same bytes without the full-size record (the pyramid then takes
+// the image as it is, since its size already matches). Any other pyramid
+// gets the full-size record.
+chn_image8 pyramid_input(const pyramid_store &store, const cv::Mat (&planes)[3]) {
+    const int32_t rows = planes[0].rows;
+    const int32_t columns = planes[0].cols;
+    const bool single_computed_scale = store.n_scales == 1 && store.n_computed == 1 && store.computed[0] == 0;
+    const int32_t wi = store.image_width[0];
+    const int32_t hi = store.image_height[0];
+    if (!single_computed_scale || wi < 1 || hi < 1 || (wi == rows && hi == columns)) {
+        return load_column_by_column(planes);
+    }
+    const uint8_t *data[3] = {planes[0].data, planes[1].data, planes[2].data};
+    const size_t strides[3] = {planes[0].step[0], planes[1].step[0], planes[2].step[0]};
+    return resample_picture_planes(data, strides, 3, rows, columns, wi, hi, 1.0f);
 }
 
 // The unpadded map of one scale, in picture terms. Detection and training
@@ -100,8 +121,8 @@ bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_fea
         return false;
     }
     cv::split(lab, out->lab_planes);
-    const chn_image8 record = load_column_by_column(out->lab_planes);
-    compute_acf_pyramid(*extractor.chn_options, record, *extractor.params, extractor.pyramid);
+    compute_acf_pyramid(*extractor.chn_options, pyramid_input(extractor.pyramid, out->lab_planes),
+                        *extractor.params, extractor.pyramid);
     out->map = unpadded_map(extractor.pyramid, kMapScale);
     return true;
 }

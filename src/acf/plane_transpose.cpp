@@ -1,6 +1,8 @@
 // Byte-plane transposition, blocked 16 x 16 with SSE2 where available.
 #include "acf/plane_transpose.h"
 
+#include <cstring>
+
 #if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
 #include <emmintrin.h>
 #define OSTREL_TRANSPOSE_SSE2 1
@@ -72,6 +74,30 @@ inline void transpose_block16(const uint8_t *src, size_t src_stride, uint8_t *ds
 #endif
 
 }  // namespace
+
+void transpose_strip(const uint8_t *src, size_t src_stride, int32_t rows, int32_t columns, uint8_t *tile) {
+    if (columns <= 0) {
+        return;
+    }
+    int32_t done = 0;
+#if defined(OSTREL_TRANSPOSE_SSE2)
+    if (rows == kStripRows) {
+        done = columns - columns % kStripRows;
+        for (int32_t k = 0; k < done; k += kStripRows) {
+            transpose_block16(src + static_cast<size_t>(k), src_stride, tile + static_cast<size_t>(k) * kStripRows,
+                              kStripRows);
+        }
+    }
+#endif
+    const int32_t lanes = rows < 0 ? 0 : (rows > kStripRows ? kStripRows : rows);
+    for (int32_t k = done; k < columns; ++k) {
+        uint8_t *out = tile + static_cast<size_t>(k) * kStripRows;
+        for (int32_t l = 0; l < lanes; ++l) {
+            out[l] = src[static_cast<size_t>(l) * src_stride + static_cast<size_t>(k)];
+        }
+        std::memset(out + lanes, 0, static_cast<size_t>(kStripRows - lanes));
+    }
+}
 
 void transpose_plane(const uint8_t *src, size_t src_stride, int32_t rows, int32_t columns, uint8_t *dst) {
     if (rows <= 0 || columns <= 0) {

@@ -60,3 +60,23 @@ TEST(TransposePlane, EmptySizesWriteNothing) {
     EXPECT_EQ(dst[0], 7);
     EXPECT_EQ(dst[3], 7);
 }
+
+// A strip of up to 16 picture rows becomes a tile of columns x 16 bytes;
+// lanes past the strip's rows are 0.
+TEST(TransposeStrip, FullAndRaggedStrips) {
+    for (int rows : {16, 5, 1}) {
+        for (int columns : {16, 37, 3}) {
+            const size_t stride = static_cast<size_t>(columns) + 2;
+            const std::vector<uint8_t> src = pattern(stride * static_cast<size_t>(rows));
+            std::vector<uint8_t> tile(static_cast<size_t>(columns) * kStripRows, 0xCC);
+            transpose_strip(src.data(), stride, rows, columns, tile.data());
+            for (int k = 0; k < columns; ++k) {
+                for (int l = 0; l < kStripRows; ++l) {
+                    const uint8_t expected = l < rows ? src[static_cast<size_t>(l) * stride + k] : 0;
+                    ASSERT_EQ(tile[static_cast<size_t>(k) * kStripRows + l], expected)
+                        << rows << " " << columns << " " << k << " " << l;
+                }
+            }
+        }
+    }
+}
