@@ -81,8 +81,10 @@ void ostrel_acf::setTrainingWindow(int32_t window_width, int32_t window_height, 
     window.input_width = input_width;
     window.input_height = input_height;
     for (int32_t i = 0; i < pyramid.n_scales; ++i) {
-        // The map's extents in picture terms: its record height runs along
-        // the picture's columns, its record width along the rows.
+        // The window and the input size are in picture terms, so the map's
+        // extents are taken in picture terms too: sx from the map's columns
+        // (its record height), sy from its rows (its record width). This is
+        // the cell factor the sample cutter applies to the same boxes.
         window.sx[i] = cells_per_pixel(pyramid.height[i], input_width);
         window.sy[i] = cells_per_pixel(pyramid.width[i], input_height);
         window.scaled_width[i] = truncate_saturated(static_cast<float>(window_width) * window.sx[i]);

@@ -13,6 +13,7 @@
 #include "ostrel_alg.h"
 #include "acf/extractor_blocks.h"
 #include "acf/feature_map.h"
+#include "acf/picture_resample.h"
 #include "acf/pyramid.h"
 #include "acf/training_sample.h"
 
@@ -109,6 +110,8 @@ public:
     int32_t unnamed_params[3] = {};
     training_window window;
     int32_t sized = 0;  // 1 once setTrainingWindow has run
+    // Buffers of the picture loading, kept from one picture to the next.
+    picture_resample_scratch resample_scratch;
 
 private:
     uint32_t random_seed_ = 0;

@@ -41,7 +41,7 @@ chn_image8 load_column_by_column(const cv::Mat (&planes)[3]) {
 // those same bytes without the full-size record (the pyramid then takes
 // the image as it is, since its size already matches). Any other pyramid
 // gets the full-size record.
-chn_image8 pyramid_input(const pyramid_store &store, const cv::Mat (&planes)[3]) {
+chn_image8 pyramid_input(const pyramid_store &store, const cv::Mat (&planes)[3], picture_resample_scratch &scratch) {
     const int32_t rows = planes[0].rows;
     const int32_t columns = planes[0].cols;
     const bool single_computed_scale = store.n_scales == 1 && store.n_computed == 1 && store.computed[0] == 0;
@@ -52,7 +52,7 @@ chn_image8 pyramid_input(const pyramid_store &store, const cv::Mat (&planes)[3])
     }
     const uint8_t *data[3] = {planes[0].data, planes[1].data, planes[2].data};
     const size_t strides[3] = {planes[0].step[0], planes[1].step[0], planes[2].step[0]};
-    return resample_picture_planes(data, strides, 3, rows, columns, wi, hi, 1.0f);
+    return resample_picture_planes(data, strides, 3, rows, columns, wi, hi, 1.0f, scratch);
 }
 
 // The unpadded map of one scale, in picture terms. Detection and training
@@ -121,7 +121,7 @@ bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_fea
         return false;
     }
     cv::split(lab, out->lab_planes);
-    compute_acf_pyramid(*extractor.chn_options, pyramid_input(extractor.pyramid, out->lab_planes),
+    compute_acf_pyramid(*extractor.chn_options, pyramid_input(extractor.pyramid, out->lab_planes, extractor.resample_scratch),
                         *extractor.params, extractor.pyramid);
     out->map = unpadded_map(extractor.pyramid, kMapScale);
     return true;

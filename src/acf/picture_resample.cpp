@@ -332,12 +332,12 @@ bool resample_picture_plane(const uint8_t *plane, size_t stride, int32_t rows, i
 }
 
 chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes,
-                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r) {
+                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r,
+                                   picture_resample_scratch &scratch) {
     if (n_planes < 1 || rows < 1 || columns < 1 || dst_width < 1 || dst_height < 1) {
         return chn_image8();
     }
     chn_image8 out(n_planes, dst_width, dst_height);
-    picture_resample_scratch scratch;
     for (int32_t c = 0; c < n_planes; ++c) {
         resample_picture_plane(planes[c], strides[c], rows, columns, dst_width, dst_height, r, out.plane(c), scratch);
     }

@@ -32,9 +32,10 @@ struct picture_resample_scratch {
 bool resample_picture_plane(const uint8_t *plane, size_t stride, int32_t rows, int32_t columns, int32_t dst_width,
                             int32_t dst_height, float r, uint8_t *dst, picture_resample_scratch &scratch);
 
-// All planes of a picture (CV_8UC1-like planes of equal size) into one
-// record of dst_width x dst_height.
+// All planes of a picture (planes of equal size) into one record of
+// dst_width x dst_height.
 chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes,
-                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r);
+                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r,
+                                   picture_resample_scratch &scratch);
 
 }  // namespace ostrel

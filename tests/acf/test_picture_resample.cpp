@@ -104,7 +104,8 @@ TEST(ResamplePicturePlanes, EveryPlaneInOrder) {
     }
     const uint8_t *planes[2] = {a.bytes.data(), b_changed.data()};
     const size_t strides[2] = {a.stride, b.stride};
-    const chn_image8 out = resample_picture_planes(planes, strides, 2, 40, 60, 20, 30, 1.0f);
+    picture_resample_scratch scratch;
+    const chn_image8 out = resample_picture_planes(planes, strides, 2, 40, 60, 20, 30, 1.0f, scratch);
     ASSERT_EQ(out.channels, 2);
     ASSERT_EQ(out.width, 20);
     ASSERT_EQ(out.height, 30);
@@ -126,5 +127,5 @@ TEST(ResamplePicturePlane, RefusesEmptySizes) {
     EXPECT_FALSE(resample_picture_plane(p.bytes.data(), p.stride, 4, 4, 0, 4, 1.0f, out.data(), scratch));
     EXPECT_FALSE(resample_picture_plane(p.bytes.data(), p.stride, 0, 4, 4, 4, 1.0f, out.data(), scratch));
     EXPECT_EQ(out[0], 9);
-    EXPECT_TRUE(resample_picture_planes(nullptr, nullptr, 0, 4, 4, 4, 4, 1.0f).empty());
+    EXPECT_TRUE(resample_picture_planes(nullptr, nullptr, 0, 4, 4, 4, 4, 1.0f, scratch).empty());
 }
