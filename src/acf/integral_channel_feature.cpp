@@ -121,7 +121,9 @@ void integral_channel_feature::compute_channels(chn_image8 &image, const chn_con
     if (config.mag_enabled) {
         add_chn_feat(mag, cells_w, cells_h, kMagnitudeGroup);
     }
-    if (config.hist_enabled) {
+    // A cell side below 1 or a negative bin count has no histogram (the
+    // histogram kernel would divide by zero); the group then stays zero.
+    if (config.hist_enabled && config.hist_bin_size >= 1 && config.n_orients >= 0) {
         const chn_image32 hist =
             acf_helper::gradient_mag_histogram(mag, orient, config.hist_bin_size, config.n_orients);
         // The histogram already has cell size when hist_bin_size equals

@@ -277,3 +277,17 @@ TEST(IntegralChannelFeature, StartsEmpty) {
     EXPECT_TRUE(f.feature.empty());
     EXPECT_EQ(f.feature.channels, 0);
 }
+
+// A histogram cell side of 0 cannot be computed: the histogram group stays
+// zero and the other groups are still added.
+TEST(ComputeChannels, ZeroHistogramCellSideLeavesTheGroupZero) {
+    chn_image8 image = pattern_image(3, 20, 14);
+    chn_config config;
+    config.hist_bin_size = 0;
+    integral_channel_feature f;
+    f.compute_channels(image, config);
+    EXPECT_EQ(f.n_added, 2);
+    for (int32_t c = 4; c < 10; ++c) {
+        EXPECT_TRUE(plane_is(f.feature, c, 0)) << c;
+    }
+}
