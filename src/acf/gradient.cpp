@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "acf/acf_helper.h"
+#include "acf/orient_table_compact.h"
 #include "common/log.h"
 
 namespace ostrel {
@@ -107,7 +108,8 @@ void gradient_mag_orient(const chn_image8 &image, chn_image32 &mag, chn_image32 
 
     const size_t w = static_cast<size_t>(width);
 
-    const int32_t *table = orient_table();
+    // The 16-bit copy of the table: the lookups are scattered over it.
+    const int16_t *table = orient_table_compact();
     // Only the winning channel's table index is needed, and only within the
     // row, so it is kept per row.
     std::vector<int32_t> vertical(w);

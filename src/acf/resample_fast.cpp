@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "acf/resample_kernel.h"
@@ -236,18 +237,42 @@ void vertical_pass_bytes(const resample_plan &plan, const uint8_t *plane, int32_
     }
 }
 
-// Target x = (sum over its taps of C * weight) >> 14, clamped to a byte.
+// The taps of one target multiplied and added pairwise: four 32-bit
+// partial sums whose total is the target's sum.
+inline __m128i target_partial_sums(const int16_t *source, const int16_t *weight, size_t taps) {
+    __m128i acc = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(source)),
+                                 _mm_loadu_si128(reinterpret_cast<const __m128i *>(weight)));
+    for (size_t t = kLanes; t < taps; t += kLanes) {
+        acc = _mm_add_epi32(acc, _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(source + t)),
+                                                _mm_loadu_si128(reinterpret_cast<const __m128i *>(weight + t))));
+    }
+    return acc;
+}
+
+// Target x = (sum over its taps of C * weight) >> 14, clamped to a byte;
+// four targets at a time, their partial sums added across by a transpose.
+// The two saturating packs clamp exactly like clamp(v, 0, 255).
 void dense_horizontal_pass(const dense_taps &dense, int32_t targets, const int16_t *c, uint8_t *out) {
     const size_t taps = static_cast<size_t>(dense.taps);
-    for (size_t x = 0; x < static_cast<size_t>(targets); ++x) {
-        const int16_t *source = c + dense.base[x];
-        const int16_t *weight = dense.weight.data() + x * taps;
-        __m128i acc = _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(source)),
-                                     _mm_loadu_si128(reinterpret_cast<const __m128i *>(weight)));
-        for (size_t t = kLanes; t < taps; t += kLanes) {
-            acc = _mm_add_epi32(acc, _mm_madd_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i *>(source + t)),
-                                                    _mm_loadu_si128(reinterpret_cast<const __m128i *>(weight + t))));
-        }
+    const size_t count = static_cast<size_t>(targets);
+    const int16_t *weights = dense.weight.data();
+    size_t x = 0;
+    for (; x + 4 <= count; x += 4) {
+        const __m128i s0 = target_partial_sums(c + dense.base[x], weights + x * taps, taps);
+        const __m128i s1 = target_partial_sums(c + dense.base[x + 1], weights + (x + 1) * taps, taps);
+        const __m128i s2 = target_partial_sums(c + dense.base[x + 2], weights + (x + 2) * taps, taps);
+        const __m128i s3 = target_partial_sums(c + dense.base[x + 3], weights + (x + 3) * taps, taps);
+        const __m128i u0 = _mm_add_epi32(_mm_unpacklo_epi32(s0, s1), _mm_unpackhi_epi32(s0, s1));
+        const __m128i u1 = _mm_add_epi32(_mm_unpacklo_epi32(s2, s3), _mm_unpackhi_epi32(s2, s3));
+        __m128i sums = _mm_add_epi32(_mm_unpacklo_epi64(u0, u1), _mm_unpackhi_epi64(u0, u1));
+        sums = _mm_srai_epi32(sums, 14);
+        const __m128i words = _mm_packs_epi32(sums, sums);
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        const uint32_t four = static_cast<uint32_t>(_mm_cvtsi128_si32(bytes));
+        std::memcpy(out + x, &four, sizeof four);
+    }
+    for (; x < count; ++x) {
+        __m128i acc = target_partial_sums(c + dense.base[x], weights + x * taps, taps);
         acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, _MM_SHUFFLE(1, 0, 3, 2)));
         acc = _mm_add_epi32(acc, _mm_shuffle_epi32(acc, _MM_SHUFFLE(2, 3, 0, 1)));
         out[x] = clamp_byte(_mm_cvtsi128_si32(acc) >> 14);
