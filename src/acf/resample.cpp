@@ -5,6 +5,10 @@
 // wrap-around (done on uint32_t, so that large 32-bit inputs wrap instead
 // of overflowing), and no rounding constants: the truncations are part of
 // the features trained models expect, bit for bit.
+//
+// The loops here are the reference for every element type. 8-bit images
+// (every pyramid scale of a picture) go through the SSE2 loops of
+// resample_fast.cpp when the build has them; those give the same bytes.
 #include <algorithm>
 #include <cstddef>
 #include <type_traits>
