@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "acf/acf_helper.h"
+#include "acf/orient_table_compact.h"
 #include "common/log.h"
 
 namespace ostrel {
@@ -34,29 +35,15 @@ bool is_single_plane_of(const chn_image32 &plane, int32_t width, int32_t height)
            plane.data.size() >= static_cast<size_t>(width) * static_cast<size_t>(height);
 }
 
-}  // namespace
-
-void gradient_row_diff(const chn_image8 &image, int32_t y, int32_t c, int32_t width, int32_t height,
-                       int32_t *vertical_row, int32_t *horizontal_row) {
-    if (width <= 0 || vertical_row == nullptr || horizontal_row == nullptr) {
-        return;
-    }
-    std::fill(vertical_row, vertical_row + width, 0);
-    std::fill(horizontal_row, horizontal_row + width, 0);
-    // Both differences need a neighbour on each axis; anything else leaves
-    // the rows zeroed rather than reading past the planes.
-    if (width < 2 || height < 2 || width != image.width || height != image.height || y < 0 || y >= height ||
-        c < 0 || c >= image.channels || !holds_its_planes(image)) {
-        return;
-    }
-
+// Differences of one row of one plane, written for every x (the checks are
+// the callers'): previous minus next, one-sided and doubled at the borders.
+// Needs width >= 2 and height >= 2.
+void row_differences(const uint8_t *plane, int32_t y, int32_t width, int32_t height, int32_t *vertical_row,
+                     int32_t *horizontal_row) {
     const size_t w = static_cast<size_t>(width);
-    const uint8_t *plane = image.plane(c);
     const uint8_t *row = plane + static_cast<size_t>(y) * w;
-
-    // Vertical: previous row minus next row; at the first and last rows the
-    // one-sided difference is doubled (not halved). Row 0 takes the
-    // first-row rule.
+    // Row 0 takes the first-row rule (it would also be the last row of a
+    // one-row plane, which never gets here).
     if (y == 0) {
         const uint8_t *next = row + w;
         for (size_t x = 0; x < w; ++x) {
@@ -74,13 +61,30 @@ void gradient_row_diff(const chn_image8 &image, int32_t y, int32_t c, int32_t wi
             vertical_row[x] = static_cast<int32_t>(prev[x]) - static_cast<int32_t>(next[x]);
         }
     }
-
-    // Horizontal: previous column minus next column, doubled at both ends.
     horizontal_row[0] = 2 * (static_cast<int32_t>(row[0]) - static_cast<int32_t>(row[1]));
     for (size_t x = 1; x + 1 < w; ++x) {
         horizontal_row[x] = static_cast<int32_t>(row[x - 1]) - static_cast<int32_t>(row[x + 1]);
     }
     horizontal_row[w - 1] = 2 * (static_cast<int32_t>(row[w - 2]) - static_cast<int32_t>(row[w - 1]));
+}
+
+}  // namespace
+
+void gradient_row_diff(const chn_image8 &image, int32_t y, int32_t c, int32_t width, int32_t height,
+                       int32_t *vertical_row, int32_t *horizontal_row) {
+    if (width <= 0 || vertical_row == nullptr || horizontal_row == nullptr) {
+        return;
+    }
+    std::fill(vertical_row, vertical_row + width, 0);
+    std::fill(horizontal_row, horizontal_row + width, 0);
+    // Both differences need a neighbour on each axis; anything else leaves
+    // the rows zeroed rather than reading past the planes.
+    if (width < 2 || height < 2 || width != image.width || height != image.height || y < 0 || y >= height ||
+        c < 0 || c >= image.channels || !holds_its_planes(image)) {
+        return;
+    }
+
+    row_differences(image.plane(c), y, width, height, vertical_row, horizontal_row);
 }
 
 void gradient_mag_orient(const chn_image8 &image, chn_image32 &mag, chn_image32 &orient) {
@@ -103,44 +107,48 @@ void gradient_mag_orient(const chn_image8 &image, chn_image32 &mag, chn_image32 
     }
 
     const size_t w = static_cast<size_t>(width);
-    const size_t plane_size = image.plane_size();
-    std::fill(mag.data.begin(), mag.data.begin() + static_cast<std::ptrdiff_t>(plane_size), 0);
-    std::fill(orient.data.begin(), orient.data.begin() + static_cast<std::ptrdiff_t>(plane_size), 0);
 
-    const int32_t *table = orient_table();
-    // The differences of the winning channel only matter within the row, so
-    // they are kept per row rather than per plane.
+    // The 16-bit copy of the table: the lookups are scattered over it.
+    const int16_t *table = orient_table_compact();
+    // Only the winning channel's table index is needed, and only within the
+    // row, so it is kept per row.
     std::vector<int32_t> vertical(w);
     std::vector<int32_t> horizontal(w);
-    std::vector<int32_t> kept_vertical(w);
-    std::vector<int32_t> kept_horizontal(w);
+    std::vector<int32_t> kept_index(w);
 
     for (int32_t y = 0; y < height; ++y) {
         int32_t *mag_row = mag.data.data() + static_cast<size_t>(y) * w;
         int32_t *orient_row = orient.data.data() + static_cast<size_t>(y) * w;
+        if (image.channels < 1) {
+            // No channel at all: no gradient, and the (0, 0) cell.
+            std::fill(mag_row, mag_row + w, 0);
+            std::fill(kept_index.begin(), kept_index.end(), kOrientIndexOffset);
+        }
         for (int32_t c = 0; c < image.channels; ++c) {
-            gradient_row_diff(image, y, c, width, height, vertical.data(), horizontal.data());
+            row_differences(image.plane(c), y, width, height, vertical.data(), horizontal.data());
+            if (c == 0) {
+                for (size_t x = 0; x < w; ++x) {
+                    const int32_t dv = vertical[x];
+                    const int32_t dh = horizontal[x];
+                    mag_row[x] = dh * dh + dv * dv;
+                    kept_index[x] = dh * 511 + dv + kOrientIndexOffset;
+                }
+                continue;
+            }
             for (size_t x = 0; x < w; ++x) {
                 const int32_t dv = vertical[x];
                 const int32_t dh = horizontal[x];
                 const int32_t m = dh * dh + dv * dv;
-                // The strongest channel wins; on a tie the lower one stays.
-                if (c == 0 || m > mag_row[x]) {
-                    mag_row[x] = m;
-                    kept_vertical[x] = dv;
-                    kept_horizontal[x] = dh;
-                }
+                // A later channel wins only with a strictly greater
+                // magnitude, so on a tie the lower channel stays. Written
+                // as selects: which channel wins is data-dependent.
+                const bool take = m > mag_row[x];
+                mag_row[x] = take ? m : mag_row[x];
+                kept_index[x] = take ? dh * 511 + dv + kOrientIndexOffset : kept_index[x];
             }
         }
-        if (image.channels < 1) {
-            // No channel: every pixel keeps the (0, 0) orientation.
-            std::fill(kept_vertical.begin(), kept_vertical.end(), 0);
-            std::fill(kept_horizontal.begin(), kept_horizontal.end(), 0);
-        }
         for (size_t x = 0; x < w; ++x) {
-            const int32_t index =
-                std::clamp(kept_horizontal[x] * 511 + kept_vertical[x] + kOrientIndexOffset, 0, kOrientIndexLast);
-            orient_row[x] = table[index];
+            orient_row[x] = table[std::clamp(kept_index[x], 0, kOrientIndexLast)];
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "acf/acf_helper.h"
+#include "acf/orient_table_compact.h"
 
 namespace ostrel {
 namespace acf_helper {
@@ -45,6 +46,14 @@ const int32_t *orient_table() {
     // A function-local static is initialised exactly once, and concurrent
     // first callers wait for it, so any thread may be the first user.
     static const std::vector<int32_t> table = build_orient_table();
+    return table.data();
+}
+
+const int16_t *orient_table_compact() {
+    static const std::vector<int16_t> table = [] {
+        const int32_t *wide = orient_table();
+        return std::vector<int16_t>(wide, wide + kOrientTableSize);
+    }();
     return table.data();
 }
 

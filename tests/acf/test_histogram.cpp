@@ -1,4 +1,5 @@
 // Orientation histograms over square cells of the squared magnitude.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -206,4 +207,47 @@ TEST(GradientMagHistogram, EveryPixelCountsOnce) {
             EXPECT_EQ(total, expected) << cx << "," << cy;
         }
     }
+}
+
+// Every orientation 0..31415 lands in trunc(orient / width) (clamped to the
+// last bin) for bin counts 1..12 and a few large ones, with the bin width
+// computed as trunc(31415.927734375f / n) in single precision.
+TEST(GradientMagHistogram, EveryOrientationFindsItsBin) {
+    const int32_t count = 31416;
+    chn_image32 m = plane_of(count, 1, 4);
+    chn_image32 o(1, count, 1);
+    for (int32_t i = 0; i < count; ++i) {
+        o.data[i] = i;
+    }
+    for (int32_t n : {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 17, 64}) {
+        const int32_t width = static_cast<int32_t>(31415.927734375f / static_cast<float>(n));
+        const chn_image32 hist = gradient_mag_histogram(m, o, 1, n);
+        ASSERT_EQ(hist.data.size(), static_cast<size_t>(n) * count);
+        for (int32_t i = 0; i < count; ++i) {
+            const int32_t expected = std::min(i / width, n - 1);
+            ASSERT_EQ(hist.at(expected, 0, i), 4) << "n " << n << " orient " << i;
+        }
+    }
+}
+
+// Sizes other than 2 take the general cell loop: side 3 on 7 x 5 gives 2 x 1
+// cells of nine pixels each.
+TEST(GradientMagHistogram, OtherCellSides) {
+    chn_image32 m(1, 7, 5);
+    chn_image32 o(1, 7, 5);
+    for (int32_t i = 0; i < 35; ++i) {
+        m.data[i] = 9 * (i + 1);
+        o.data[i] = (i % 2) * 20000;  // 2 bins: even pixels bin 0, odd bin 1
+    }
+    const chn_image32 hist = gradient_mag_histogram(m, o, 3, 2);
+    ASSERT_EQ(hist.width, 2);
+    ASSERT_EQ(hist.height, 1);
+    int32_t expected[2][2] = {{0, 0}, {0, 0}};
+    for (int32_t y = 0; y < 3; ++y) {
+        for (int32_t x = 0; x < 6; ++x) {
+            const int32_t i = y * 7 + x;
+            expected[i % 2][x / 3] += m.data[i] / 3 / 3;
+        }
+    }
+    EXPECT_EQ(hist.data, (std::vector<int32_t>{expected[0][0], expected[0][1], expected[1][0], expected[1][1]}));
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "acf/acf_helper.h"
+#include "acf/orient_table_compact.h"
 
 namespace {
 
@@ -84,4 +85,13 @@ TEST(OrientTable, ConcurrentFirstUseSeesOneTable) {
         EXPECT_EQ(p, orient_table());
     }
     EXPECT_EQ(orient_table()[(1 + 255) * 511 + (1 + 255)], 7853);
+}
+
+// The 16-bit copy used by the gradient kernel holds the same entries.
+TEST(OrientTable, CompactCopyHoldsTheSameEntries) {
+    const int32_t *table = orient_table();
+    const int16_t *compact = ostrel::acf_helper::orient_table_compact();
+    for (int32_t i = 0; i < kOrientTableSize; ++i) {
+        ASSERT_EQ(static_cast<int32_t>(compact[i]), table[i]) << i;
+    }
 }

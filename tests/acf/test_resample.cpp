@@ -10,6 +10,7 @@
 
 #include "acf/acf_helper.h"
 #include "acf/fixed_point_factor.h"
+#include "acf/resample_kernel.h"
 #include "support/stdout_capture.h"
 
 namespace {
@@ -604,4 +605,77 @@ TEST(ConvertNormByteFix, ShortSourceLeavesZeros) {
     const chn_image32 planes = image_of<int32_t>(1, 2, 1, {40000, 40000});
     const chn_image8 out = convert_norm_byte_fix(planes, 2, 2, 1.0f);
     EXPECT_EQ(bytes(out), (std::vector<int32_t>{255, 255, 0, 0}));
+}
+
+// --- the SSE2 loops for 8-bit images ---------------------------------------------
+
+// The faster loops of image_resample_fix give the reference loops' bytes on
+// random images: every case of each pass, widths that leave a tail of less
+// than one register, factors of 1.0, 0.005667 and 0.5, and factors whose
+// scaled weights leave 16 bits (3.0, -1.0), which fall back to the
+// reference loops.
+TEST(ImageResampleFix, FasterLoopsGiveTheReferenceBytes) {
+    using ostrel::acf_helper::resample_detail::image_resample_fix_reference;
+    struct resize_case {
+        int32_t sw, sh, dw, dh;
+    };
+    const std::vector<resize_case> cases = {
+        {1080, 1920, 136, 242}, {480, 640, 136, 242}, {136, 242, 68, 121}, {272, 484, 136, 242},
+        {405, 726, 135, 242},   {544, 968, 136, 242}, {37, 23, 100, 50},   {40, 30, 13, 10},
+        {11, 90, 2, 30},        {30, 33, 7, 8},       {9, 12, 3, 3},       {6, 17, 5, 17},
+        {64, 48, 97, 11},       {5, 5, 1, 1},         {1000, 7, 5, 7},     {2, 2, 4, 4},
+        {17, 1, 3, 1},          {1, 17, 1, 3},        {1, 1, 9, 9},        {31, 47, 31, 47},
+        {33, 100, 15, 2},       {300, 3, 2, 1},       {250, 250, 249, 251}};
+    uint32_t seed = 500;
+    for (const resize_case &c : cases) {
+        for (float r : {1.0f, kGradientFactor, 0.5f, 3.0f, -1.0f}) {
+            const chn_image8 image = random_image(2, c.sw, c.sh, seed++);
+            const chn_image8 fast = image_resample_fix(image, c.dw, c.dh, r);
+            const chn_image8 reference = image_resample_fix_reference(image, c.dw, c.dh, r);
+            ASSERT_EQ(fast.channels, reference.channels);
+            ASSERT_EQ(fast.width, reference.width);
+            ASSERT_EQ(fast.height, reference.height);
+            EXPECT_EQ(fast.data, reference.data)
+                << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh << " r " << r;
+        }
+    }
+    // Extreme bytes: all 255 and alternating 0 / 255 stress the 16-bit
+    // row buffer's range.
+    for (const resize_case &c : cases) {
+        chn_image8 image = constant<uint8_t>(1, c.sw, c.sh, 255);
+        EXPECT_EQ(image_resample_fix(image, c.dw, c.dh, 1.0f).data,
+                  image_resample_fix_reference(image, c.dw, c.dh, 1.0f).data);
+        for (size_t i = 0; i < image.data.size(); i += 2) {
+            image.data[i] = 0;
+        }
+        EXPECT_EQ(image_resample_fix(image, c.dw, c.dh, 1.0f).data,
+                  image_resample_fix_reference(image, c.dw, c.dh, 1.0f).data);
+    }
+}
+
+// The reference entry point keeps the failure line of image_resample_fix.
+TEST(ImageResampleFix, ReferenceLoopsShareTheFailureLine) {
+    using ostrel::acf_helper::resample_detail::image_resample_fix_reference;
+    const chn_image8 image = constant<uint8_t>(1, 4, 4, 1);
+    const std::string log = ostrel_test::capture_stdout([&] { image_resample_fix_reference(image, 3, 0, 1.0f); });
+    EXPECT_EQ(log, "[acf_helper::image_resample_fix] downsampling factor too small (height: 3, width: 0) \n\n");
+}
+
+// The picture reductions do take the faster loops in SSE2 builds, and a
+// factor whose weights leave 16 bits is handed back to the reference loops.
+TEST(ImageResampleFix, FasterLoopsCoverThePictureReductions) {
+#if defined(__SSE2__) || defined(_M_X64)
+    using namespace ostrel::acf_helper::resample_detail;
+    for (const auto &size : {std::pair<int32_t, int32_t>{1080, 1920}, {480, 640}}) {
+        const chn_image8 image = random_image(3, size.first, size.second, 77);
+        chn_image8 out(3, 136, 242);
+        ASSERT_TRUE(resample_bytes_fast(image, make_plan(size.first, size.second, 136, 242, 1.0f), out));
+        EXPECT_EQ(out.data, image_resample_fix_reference(image, 136, 242, 1.0f).data);
+    }
+    const chn_image8 small = random_image(1, 2, 2, 78);
+    chn_image8 out(1, 4, 4);
+    EXPECT_FALSE(resample_bytes_fast(small, make_plan(2, 2, 4, 4, 3.0f), out));
+#else
+    GTEST_SKIP() << "no SSE2 loops in this build";
+#endif
 }
