@@ -1,6 +1,7 @@
 // Detection: the engine's detection run and the diagnostic feature map.
 #include <algorithm>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -28,6 +29,9 @@ constexpr uint32_t kMaxReportedDetections = 32;
 void log_run_failure() {
     ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kRunDetectorLine);
 }
+
+constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
+constexpr int kGetFeatureMapLine = 1190;
 
 }  // namespace
 
@@ -186,14 +190,22 @@ std::optional<float> ostrel_alg::window_fp_distance(const ostrel::feature_map &m
 
 int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels,
                                   uint32_t *columns, uint32_t *rows) {
-    (void)data;
-    (void)channels;
-    (void)columns;
-    (void)rows;
-    if (image == nullptr || !checkImgValid(image)) {
-        ostrel::log(ostrel::kEngineFailFormat, "ostrel_alg::getFeatureMap", ostrel::kEngineSource, kRunDetectorLine);
+    // The map handed out by the previous call is no longer valid.
+    exported_feature_map = ostrel::feature_map{};
+    if (image == nullptr || !checkImgValid(image) || !feat_extractor) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::getFeatureMap: the channel features are not built yet\n");
-    return 1;
+    // Computed afresh: the detection cache is neither read nor changed.
+    ostrel::picture_features features;
+    if (!ostrel::compute_picture_features(*feat_extractor, *image, &features) || features.map.empty()) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
+        return 1;
+    }
+    exported_feature_map = std::move(features.map);
+    *data = exported_feature_map.data.data();
+    *channels = static_cast<uint32_t>(exported_feature_map.channels);
+    *columns = static_cast<uint32_t>(exported_feature_map.columns);
+    *rows = static_cast<uint32_t>(exported_feature_map.rows);
+    return 0;
 }

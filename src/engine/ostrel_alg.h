@@ -18,6 +18,7 @@
 #include <opencv2/ml.hpp>
 
 #include "ostrel_alg.h"
+#include "acf/feature_map.h"
 #include "acf/ostrel_acf.h"
 #include "acf/training_sample.h"
 #include "detect/window_scan.h"
@@ -113,6 +114,9 @@ public:
     ostrel::pca_fp_filter pca_filter;  // also holds the ready/frozen/enabled flags and fp_threshold
     cv::Ptr<cv::ml::SVM> svm;
     ostrel::svm_model svm_model;
+    // The map handed out by getFeatureMap, owned until the next call, init
+    // or destroy.
+    ostrel::feature_map exported_feature_map;
 
 private:
     void freeSampleThumbs();
