@@ -105,6 +105,37 @@ bool ostrel_alg::set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels) {
     return true;
 }
 
+bool ostrel_alg::train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel::svm_model *model) {
+    // With a single class OpenCV's trainer reports success but has no
+    // decision function to give; such a set cannot make a detector.
+    double lowest = 0.0;
+    double highest = 0.0;
+    cv::minMaxLoc(labels, &lowest, &highest);
+    if (lowest == highest) {
+        ostrel::log("[Debug] every training sample has the label %d: nothing to tell apart\n",
+                    static_cast<int>(lowest));
+        return false;
+    }
+    try {
+        if (!svm->train(samples, cv::ml::ROW_SAMPLE, labels)) {
+            return false;
+        }
+        ostrel::svm_model_sizes sizes;
+        sizes.trained_width = static_cast<int32_t>(train_width);
+        sizes.trained_height = static_cast<int32_t>(train_height);
+        sizes.input_width = static_cast<int32_t>(train_input_width);
+        sizes.input_height = static_cast<int32_t>(train_input_height);
+        sizes.acf_scale_idx = acf_scale_idx;
+        ostrel::extractSvmModel(*model, *svm, sizes);
+    } catch (const cv::Exception &e) {
+        // OpenCV refuses some sets by throwing; to the caller that is a
+        // training that did not succeed.
+        ostrel::log("[Debug] SVM training refused the set: %s\n", e.what());
+        return false;
+    }
+    return true;
+}
+
 int32_t ostrel_alg::trainClassifier() {
     cv::Mat samples;
     cv::Mat labels;
@@ -114,27 +145,14 @@ int32_t ostrel_alg::trainClassifier() {
     }
     ostrel::log("[Alg. Scc] set_training_mat...\n");
 
-    bool trained = false;
-    try {
-        trained = svm->train(samples, cv::ml::ROW_SAMPLE, labels);
-    } catch (const cv::Exception &e) {
-        // OpenCV refuses some training sets (one class only) by throwing;
-        // to the caller that is a training that did not succeed.
-        ostrel::log("[Debug] SVM training refused the set: %s\n", e.what());
-        trained = false;
-    }
-    if (!trained) {
+    // The model record is replaced only by a complete new one: a failed
+    // training keeps the old model, weights included.
+    ostrel::svm_model trained_model;
+    if (!train_svm(samples, labels, &trained_model)) {
         log_engine_failure(kTrainClassifierName, kSvmTrainFailedLine);
         return 1;
     }
-
-    ostrel::svm_model_sizes sizes;
-    sizes.trained_width = static_cast<int32_t>(train_width);
-    sizes.trained_height = static_cast<int32_t>(train_height);
-    sizes.input_width = static_cast<int32_t>(train_input_width);
-    sizes.input_height = static_cast<int32_t>(train_input_height);
-    sizes.acf_scale_idx = acf_scale_idx;
-    ostrel::extractSvmModel(svm_model, *svm, sizes);
+    svm_model = std::move(trained_model);
     ostrel::publishPcaFilter(pca_filter);
     ostrel::log("[Alg. Scc] Training done...\n");
     return 0;

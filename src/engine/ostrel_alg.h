@@ -120,6 +120,9 @@ public:
 
 private:
     void freeSampleThumbs();
+    // Trains the SVM on the matrices and extracts the fixed-point record
+    // into *model; false when the set cannot be trained.
+    bool train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel::svm_model *model);
     // Distance of the window under a detected box to the positives, by the
     // false-positive filter; no value when the window cannot be projected.
     std::optional<float> window_fp_distance(const ostrel::feature_map &map, const ostrel::scan_geometry &geometry,
