@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "engine/bccd_engine.h"
 #include "engine/ostrel_alg.h"
 #include "support/stdout_capture.h"
 
@@ -127,4 +128,163 @@ TEST_F(SetupEngine, SetDetectorRefusesBadInput) {
               refused);
     EXPECT_EQ(engine_.detector_set, 0) << "nothing changes on refused input";
     EXPECT_EQ(engine_.cached_image_key, -1);
+}
+
+// --- the set-up flow on a real picture --------------------------------------
+
+namespace {
+
+std::vector<std::string> pass_lines(const std::string &log) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < log.size()) {
+        size_t end = log.find('\n', start);
+        if (end == std::string::npos) end = log.size();
+        const std::string line = log.substr(start, end - start);
+        if (line.rfind("[Alg. Scc] Auto-training pass", 0) == 0) lines.push_back(line);
+        start = end + 1;
+    }
+    return lines;
+}
+
+class SetupFlow : public testing::Test {
+protected:
+    void SetUp() override {
+        picture_ = engine_test::bccd_picture("BloodImage_00000");
+        ASSERT_EQ(picture_.boxes.size(), 19u);
+        engine_ = engine_test::seeded_engine(7);
+        ASSERT_NE(engine_, nullptr);
+    }
+    int32_t set_up(const std::vector<ostrel_alg_box> &boxes, int64_t key, std::string *log) {
+        const ostrel_alg_image image = engine_test::image_record(picture_.pixels, key);
+        int32_t status = -1;
+        *log = capture_stdout([&] { status = engine_->setDetectorWithAutoTrain(&image, boxes); });
+        return status;
+    }
+    engine_test::marked_picture picture_;
+    std::unique_ptr<ostrel_alg> engine_;
+};
+
+}  // namespace
+
+// Success trains the engine, keeps the picture and its positive boxes, cuts
+// their thumbnails and switches the false-positive filter on.
+TEST_F(SetupFlow, SuccessfulSetUp) {
+    std::vector<ostrel_alg_box> boxes = picture_.boxes;
+    ostrel_alg_box background{300, 200, 96, 99, 0.0f, -1, 0, 0};
+    boxes.push_back(background);
+    std::string log;
+    ASSERT_EQ(set_up(boxes, 5, &log), 0) << log;
+    EXPECT_TRUE(engine_->isTrained());
+    EXPECT_EQ(engine_->detector_set, 1);
+    EXPECT_EQ(engine_->pca_filter.fp_filter_enabled, 1);
+    EXPECT_EQ(engine_->cached_image_key, 5);
+    EXPECT_EQ(cv::norm(engine_->cached_image, picture_.pixels, cv::NORM_INF), 0.0);
+    // The background box is trained on but is not a marked box.
+    ASSERT_EQ(engine_->marked_boxes.size(), 19u);
+    for (const ostrel_alg_box &b : engine_->marked_boxes) EXPECT_EQ(b.label, 1);
+    EXPECT_EQ(engine_->sample_thumbs.size(), 19u);
+    bool background_trained = false;
+    for (const ostrel::training_sample &s : engine_->training_samples) background_trained |= s.label == -1 && !s.variants.empty();
+    EXPECT_TRUE(background_trained);
+}
+
+// A picture that keeps producing false positives stops after the fifth pass,
+// with success.
+TEST_F(SetupFlow, FivePassesAtMost) {
+    engine_->setSensitivity(100 - 100);
+    std::string log;
+    ASSERT_EQ(set_up(picture_.boxes, 1, &log), 0);
+    const std::vector<std::string> passes = pass_lines(log);
+    ASSERT_EQ(passes.size(), 5u) << log;
+    EXPECT_EQ(passes.back().rfind("[Alg. Scc] Auto-training pass 5: ", 0), 0u);
+    EXPECT_EQ(passes.back().find("[Alg. Scc] Auto-training pass 5: 0 false"), std::string::npos)
+        << "false positives were still found in the last pass";
+    EXPECT_EQ(engine_->pca_filter.fp_filter_enabled, 1);
+}
+
+// When the first detection finds no false positive, pass 0 still runs in
+// full (low-confidence negatives, a retraining) and the loop ends in pass 1.
+TEST_F(SetupFlow, PassZeroNeverEndsTheLoop) {
+    engine_->setSensitivity(100 - 0);
+    const std::vector<ostrel_alg_box> three(picture_.boxes.begin(), picture_.boxes.begin() + 3);
+    std::string log;
+    ASSERT_EQ(set_up(three, 1, &log), 0);
+    const std::vector<std::string> passes = pass_lines(log);
+    ASSERT_EQ(passes.size(), 1u) << log;
+    EXPECT_EQ(passes[0], "[Alg. Scc] Auto-training pass 1: 0 false positives and 10 low-confidence negatives added");
+    EXPECT_EQ(engine_->pca_filter.fp_filter_enabled, 1);
+}
+
+// Calling again with the same key does not read the new box list: the
+// marked boxes, thumbnails and box samples of the first call stay, and the
+// engine only retrains and re-runs the passes.
+TEST_F(SetupFlow, SameKeyOnlyRetrains) {
+    std::string log;
+    ASSERT_EQ(set_up(picture_.boxes, 9, &log), 0);
+    const std::vector<ostrel_alg_box> marked = engine_->marked_boxes;
+    const size_t thumbs = engine_->sample_thumbs.size();
+    const std::vector<ostrel_alg_box> other = {ostrel_alg_box{10, 10, 50, 50, 0.0f, 1, 0, 0}};
+    ASSERT_EQ(set_up(other, 9, &log), 0);
+    EXPECT_EQ(log.rfind("[Alg. Scc] set_training_mat...\n[Alg. Scc] Training done...\n", 0), 0u)
+        << "no new box samples before the first retraining:\n" << log;
+    EXPECT_EQ(engine_->marked_boxes.size(), marked.size());
+    EXPECT_EQ(engine_->marked_boxes[0].x, marked[0].x);
+    EXPECT_EQ(engine_->sample_thumbs.size(), thumbs);
+    EXPECT_NE(log.find("[Alg. Scc] Training done...\n"), std::string::npos);
+}
+
+// Boxes that give no sample at all: no samples, failure 894; the key is
+// not taken, so the next call with it tries again.
+TEST_F(SetupFlow, NoSamplesFailsWith894) {
+    const std::vector<ostrel_alg_box> outside = {ostrel_alg_box{900, 900, 96, 99, 0.0f, 1, 0, 0}};
+    std::string log;
+    EXPECT_EQ(set_up(outside, 3, &log), 1);
+    const std::string tail = "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:894)\n";
+    ASSERT_GE(log.size(), tail.size());
+    EXPECT_EQ(log.substr(log.size() - tail.size()), tail) << log;
+    EXPECT_EQ(engine_->cached_image_key, -1);
+    EXPECT_EQ(engine_->marked_boxes.size(), 1u) << "the new marked boxes stay";
+    EXPECT_TRUE(engine_->sample_thumbs.empty());
+}
+
+// Only background boxes on the first picture: no marked box to cut a
+// thumbnail from (734), nothing to tell apart, the first training fails
+// (910) and the engine stays untrained.
+TEST_F(SetupFlow, FirstTrainingFailureFailsWith910) {
+    std::vector<ostrel_alg_box> background = {picture_.boxes[0], picture_.boxes[1]};
+    background[0].label = -1;
+    background[1].label = -1;
+    std::string log;
+    EXPECT_EQ(set_up(background, 4, &log), 1);
+    EXPECT_EQ(log, "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n"
+                   "[Debug] Total size of Acfs: 2\n"
+                   "[Alg. FAIL!] ostrel_alg::addSampleThumbs (ostrel_alg line:734)\n"
+                   "[Alg. Scc] set_training_mat...\n"
+                   "[Debug] every training sample has the label -1: nothing to tell apart\n"
+                   "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3162)\n"
+                   "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:910)\n");
+    EXPECT_FALSE(engine_->isTrained());
+    EXPECT_TRUE(engine_->marked_boxes.empty());
+    EXPECT_EQ(engine_->cached_image_key, 4);
+}
+
+// Removing a sample drops its thumbnail and sample group, refreshes the
+// positive count and retrains.
+TEST_F(SetupFlow, RemoveSampleRetrains) {
+    std::string log;
+    ASSERT_EQ(set_up(picture_.boxes, 6, &log), 0);
+    const size_t groups = engine_->training_samples.size();
+    const uint8_t *second_thumb = engine_->sample_thumbs[1].image.data;
+    log = capture_stdout([&] { EXPECT_EQ(engine_->removeSample(0), 0); });
+    EXPECT_NE(log.find("[Alg. Scc] Training done...\n"), std::string::npos);
+    EXPECT_EQ(engine_->sample_thumbs.size(), 18u);
+    EXPECT_EQ(engine_->sample_thumbs[0].image.data, second_thumb);
+    EXPECT_EQ(engine_->training_samples.size(), groups - 1);
+    uint32_t positives = 0, negatives = 0;
+    engine_->countSamples(&positives, &negatives);
+    EXPECT_EQ(engine_->positive_sample_count, positives);
+    EXPECT_EQ(engine_->removeSample(18), 1) << "an index equal to the count is refused";
+    EXPECT_EQ(engine_->removeSample(19), 1);
+    EXPECT_EQ(engine_->sample_thumbs.size(), 18u);
 }
