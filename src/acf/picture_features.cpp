@@ -108,9 +108,8 @@ bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture
     if (!usable(extractor, bgr)) {
         return false;
     }
-    cv::Mat lab;
-    cv::cvtColor(bgr, lab, kBgrToLabCode);
-    return compute_lab_features(extractor, lab, out);
+    cv::cvtColor(bgr, extractor.lab_picture, kBgrToLabCode);
+    return compute_lab_features(extractor, extractor.lab_picture, out);
 }
 
 bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_features *out) {
