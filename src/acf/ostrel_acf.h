@@ -10,6 +10,8 @@
 #include <memory>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
 #include "ostrel_alg.h"
 #include "acf/extractor_blocks.h"
 #include "acf/feature_map.h"
@@ -110,7 +112,10 @@ public:
     int32_t unnamed_params[3] = {};
     training_window window;
     int32_t sized = 0;  // 1 once setTrainingWindow has run
-    // Buffers of the picture loading, kept from one picture to the next.
+    // Buffers of the picture loading, kept from one picture to the next
+    // (a large buffer allocated afresh for every picture costs more than
+    // filling it).
+    cv::Mat lab_picture;
     picture_resample_scratch resample_scratch;
 
 private:

@@ -52,7 +52,8 @@ chn_image8 pyramid_input(const pyramid_store &store, const cv::Mat (&planes)[3],
     }
     const uint8_t *data[3] = {planes[0].data, planes[1].data, planes[2].data};
     const size_t strides[3] = {planes[0].step[0], planes[1].step[0], planes[2].step[0]};
-    return resample_picture_planes(data, strides, 3, rows, columns, wi, hi, 1.0f, scratch);
+    chn_image8 scaled = resample_picture_planes(data, strides, 3, rows, columns, wi, hi, 1.0f, scratch);
+    return scaled.empty() ? load_column_by_column(planes) : scaled;
 }
 
 // The unpadded map of one scale, in picture terms. Detection and training
@@ -107,9 +108,8 @@ bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture
     if (!usable(extractor, bgr)) {
         return false;
     }
-    cv::Mat lab;
-    cv::cvtColor(bgr, lab, kBgrToLabCode);
-    return compute_lab_features(extractor, lab, out);
+    cv::cvtColor(bgr, extractor.lab_picture, kBgrToLabCode);
+    return compute_lab_features(extractor, extractor.lab_picture, out);
 }
 
 bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_features *out) {
