@@ -74,7 +74,10 @@ void BM_DetectNewPicture(benchmark::State &state) {
     for (auto _ : state) {
         const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, ++key, 0, 0};
         ostrel_alg_box *boxes = nullptr;
-        ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count);
+        if (ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count) != 0) {
+            state.SkipWithError("detection failed");
+            break;
+        }
         benchmark::DoNotOptimize(boxes);
     }
     state.counters["boxes"] = count;
@@ -89,7 +92,10 @@ void BM_DetectSamePicture(benchmark::State &state) {
     ostrel_alg_box *boxes = nullptr;
     ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count);  // features computed once
     for (auto _ : state) {
-        ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count);
+        if (ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count) != 0) {
+            state.SkipWithError("detection failed");
+            break;
+        }
         benchmark::DoNotOptimize(boxes);
     }
     state.counters["boxes"] = count;
@@ -108,8 +114,11 @@ void BM_SetDetector(benchmark::State &state) {
         ostrel_alg_setSensitivity(engine, 50);
         state.ResumeTiming();
         const ostrel_alg_image image{training.cols, training.rows, 3, training.data, ++key, 0, 0};
-        ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
+        const int32_t status = ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
         state.PauseTiming();
+        if (status != 0) {
+            state.SkipWithError("set-up failed");
+        }
         ostrel_alg_destroy(engine);
         state.ResumeTiming();
     }

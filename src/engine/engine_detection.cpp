@@ -67,12 +67,15 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
     }
     const ostrel::feature_map &map = picture.features.map;
 
-    // The window follows the picture size; the engine keeps the result.
+    // The window follows the picture size. It is always derived from the
+    // sizes the model was trained for, not from the last picture's: rescaling
+    // a rescaled size truncates twice, and after pictures of two other sizes
+    // the window would no longer match the weights. The engine keeps the
+    // result of the last run; the model record is left as trained, so an
+    // export after detection still describes the training picture.
     ostrel::window_size_state window;
-    window.train_width = static_cast<int32_t>(train_width);
-    window.train_height = static_cast<int32_t>(train_height);
-    window.scaled_width = scaled_width;
-    window.scaled_height = scaled_height;
+    window.train_width = svm_model.trained_width;
+    window.train_height = svm_model.trained_height;
     window.input_width = svm_model.input_width;
     window.input_height = svm_model.input_height;
     const ostrel::scan_geometry geometry = ostrel::update_window_size(window, map, image->width, image->height);
@@ -80,8 +83,6 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
     train_height = static_cast<uint32_t>(window.train_height);
     scaled_width = window.scaled_width;
     scaled_height = window.scaled_height;
-    svm_model.input_width = window.input_width;
-    svm_model.input_height = window.input_height;
 
     // A model of another window size (an imported file, say) would make the
     // scan read past its weights: refuse it instead.

@@ -240,7 +240,8 @@ TEST_F(Detection, ModelOfAnotherWindowSizeIsRefused) {
     EXPECT_TRUE(out.empty());
 }
 
-// A picture of another size rescales the window and keeps the new sizes.
+// A picture of another size rescales the window and the box size; the
+// engine keeps the new sizes, the model record keeps the trained ones.
 TEST_F(Detection, PictureOfAnotherSizeRescalesTheWindow) {
     auto engine = seeded_engine();
     const ostrel_alg_image image = image_record(training_->pixels, 1);
@@ -254,12 +255,40 @@ TEST_F(Detection, PictureOfAnotherSizeRescalesTheWindow) {
     capture_stdout([&] { ASSERT_EQ(engine->runDetector(&big, out), 0); });
     EXPECT_EQ(engine->train_width, 192u);
     EXPECT_EQ(engine->train_height, 198u);
-    EXPECT_EQ(engine->svm_model.input_width, 1280);
-    EXPECT_EQ(engine->svm_model.input_height, 960);
-    EXPECT_EQ(engine->scaled_width, 18);  // (int)(121 / 1280 * 192)
-    EXPECT_EQ(engine->scaled_height, 14);
+    EXPECT_EQ(engine->scaled_width, 18);   // (int)(121 / 640 * 96)
+    EXPECT_EQ(engine->scaled_height, 14);  // (int)(68 / 480 * 99)
+    EXPECT_EQ(engine->svm_model.input_width, 640);
+    EXPECT_EQ(engine->svm_model.input_height, 480);
+    EXPECT_EQ(engine->svm_model.trained_width, 96);
+    ASSERT_FALSE(out.empty());
     for (const ostrel_alg_box &b : out) {
         EXPECT_EQ(b.width, 192);
         EXPECT_EQ(b.height, 198);
     }
+}
+
+// Pictures of several sizes in any order: every run uses the trained window,
+// so a size seen before gives the same boxes again.
+TEST_F(Detection, AlternatingPictureSizesKeepWorking) {
+    auto engine = seeded_engine();
+    const ostrel_alg_image image = image_record(training_->pixels, 1);
+    capture_stdout([&] { ASSERT_EQ(engine->setDetectorWithAutoTrain(&image, training_->boxes), 0); });
+    const engine_test::marked_picture other = bccd_picture("BloodImage_00002");
+    cv::Mat wide;
+    cv::resize(other.pixels, wide, cv::Size(1920, 1080));
+    auto run = [&](const cv::Mat &pixels, int64_t key) {
+        std::vector<ostrel_alg_box> out;
+        const ostrel_alg_image record = image_record(pixels, key);
+        int32_t status = -1;
+        capture_stdout([&] { status = engine->runDetector(&record, out); });
+        EXPECT_EQ(status, 0);
+        return out;
+    };
+    const std::vector<ostrel_alg_box> before = run(other.pixels, 600);
+    const std::vector<ostrel_alg_box> on_wide = run(wide, 601);
+    const std::vector<ostrel_alg_box> after = run(other.pixels, 602);
+    EXPECT_FALSE(on_wide.empty());
+    EXPECT_TRUE(same_boxes(before, after));
+    EXPECT_EQ(engine->train_width, 96u);
+    EXPECT_EQ(engine->train_height, 99u);
 }
