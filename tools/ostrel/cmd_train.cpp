@@ -1,4 +1,5 @@
 // ostrel train: trains a detector on one picture and writes the model file.
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,9 +56,19 @@ std::vector<Rect> boxes_from_options(const TrainOptions &o) {
     return boxes;
 }
 
+// Fails before any work when the model could not be written anyway.
+void require_output_folder_of(const std::string &path) {
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    std::error_code ec;
+    if (!folder.empty() && !std::filesystem::is_directory(folder, ec)) {
+        throw output_error("cannot write model '" + path + "': folder '" + folder.string() + "' does not exist");
+    }
+}
+
 int run_train(const TrainOptions &o) {
     std::vector<Rect> boxes = boxes_from_options(o);
     const Picture picture = load_picture(o.image);
+    require_output_folder_of(o.model);
 
     if (o.width > 0 || o.median_size) {
         const Size size = o.median_size ? median_size(boxes) : Size{o.width, o.height};
