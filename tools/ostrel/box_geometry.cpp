@@ -56,6 +56,25 @@ Rect centred(const Rect &box, Size size) {
     return r;
 }
 
+Rect placed_on(const Rect &annotation, Size size, int width, int height) {
+    Rect r = centred(annotation, size);
+    const bool cut_left = annotation.x <= 0;
+    const bool cut_right = annotation.x + annotation.w >= width;
+    const bool cut_top = annotation.y <= 0;
+    const bool cut_bottom = annotation.y + annotation.h >= height;
+    if (cut_left && !cut_right) {
+        r.x = annotation.x + annotation.w - size.w;
+    } else if (cut_right && !cut_left) {
+        r.x = annotation.x;
+    }
+    if (cut_top && !cut_bottom) {
+        r.y = annotation.y + annotation.h - size.h;
+    } else if (cut_bottom && !cut_top) {
+        r.y = annotation.y;
+    }
+    return r;
+}
+
 Rect moved_inside(const Rect &box, int width, int height) {
     Rect r = box;
     if (r.x + r.w > width) {

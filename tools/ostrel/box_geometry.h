@@ -34,6 +34,12 @@ Size median_size(const std::vector<Rect> &boxes);
 // down to whole pixels).
 Rect centred(const Rect &box, Size size);
 
+// A box of the given size on an annotated object. Centred on the annotation,
+// except along an axis where the annotation is cut by the picture's edge:
+// there the object's true centre lies beyond the edge, so the box keeps the
+// annotation's inner side and reaches out over the edge instead.
+Rect placed_on(const Rect &annotation, Size size, int width, int height);
+
 // Moves box (never resizes it) so that it lies inside a picture of
 // width x height, as far as its size allows.
 Rect moved_inside(const Rect &box, int width, int height);

@@ -113,9 +113,11 @@ int run_demo(const DemoOptions &o) {
     println("");
 
     // 1. Mark every annotated cell with one box size, the median annotated
-    //    size, centred on its annotation (moved inside the picture where the
-    //    cell is cut by the edge). The library learns one window size, and it
-    //    treats whatever is not marked as background, so every cell is marked.
+    //    size, centred on its annotation; a cell cut by the picture's edge
+    //    keeps its inner side and its box reaches over the edge, where the
+    //    rest of the cell would be. The library learns one window size, and
+    //    it treats whatever is not marked as background, so every cell is
+    //    marked.
     AnnotatedPicture training = load_annotated(bccd, kTrainingPicture);
     std::vector<Rect> annotated;
     for (const auto &c : training.cells) {
@@ -125,7 +127,7 @@ int run_demo(const DemoOptions &o) {
     std::vector<Rect> marked;
     std::vector<ostrel_alg_box> marked_records;
     for (const auto &a : annotated) {
-        marked.push_back(moved_inside(centred(a, box_size), training.picture.width(), training.picture.height()));
+        marked.push_back(placed_on(a, box_size, training.picture.width(), training.picture.height()));
         marked_records.push_back(marked_box(marked.back()));
     }
     println(strformat("1. Marking   %s (%dx%d): %s, each marked with a %dx%d box", file_name_of(training.picture.path).c_str(),

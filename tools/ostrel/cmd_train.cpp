@@ -73,7 +73,7 @@ int run_train(const TrainOptions &o) {
     if (o.width > 0 || o.median_size) {
         const Size size = o.median_size ? median_size(boxes) : Size{o.width, o.height};
         for (auto &b : boxes) {
-            b = centred(b, size);
+            b = placed_on(b, size, picture.width(), picture.height());
         }
     }
     for (size_t i = 0; i < boxes.size(); ++i) {
@@ -154,13 +154,13 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         ->check(CLI::Range(0, 100))
         ->type_name("N");
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");
-    sub->add_option("--width", o->width, "give every box this width, centred on the box")
+    sub->add_option("--width", o->width, "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
         ->check(CLI::PositiveNumber)
         ->type_name("W");
-    sub->add_option("--height", o->height, "give every box this height, centred on the box")
+    sub->add_option("--height", o->height, "give every box this height (placed like --width)")
         ->check(CLI::PositiveNumber)
         ->type_name("H");
-    sub->add_flag("--median-size", o->median_size, "give every box the median width and height of the boxes");
+    sub->add_flag("--median-size", o->median_size, "give every box the median width and height of the boxes (placed like --width)");
     sub->footer(
         "The detector learns one window size: that of the first box. Boxes of other sizes are used as\n"
         "they are and a warning is printed. Everything not marked may become a background sample, so mark\n"
