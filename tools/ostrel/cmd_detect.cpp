@@ -98,7 +98,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         ->type_name("M")
         ->required();
     sub->add_option("IMAGE", o->images, "pictures to search (any format OpenCV reads)")->required();
-    sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 50)")
+    sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
     sub->add_flag("--json", o->json,

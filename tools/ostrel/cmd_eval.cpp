@@ -105,7 +105,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--iou", o->iou, "overlap (intersection over union) a detection needs to count (default 0.5)")
         ->check(CLI::Range(0.0, 1.0))
         ->type_name("T");
-    sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 50)")
+    sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
     sub->footer(

@@ -150,7 +150,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--class", o->class_name, "the object class to take from a Pascal VOC file")->type_name("NAME");
     sub->add_option("--model", o->model, "where to write the model file")->type_name("OUT")->required();
     sub->add_option("--sensitivity", o->sensitivity,
-                    "0..100, how readily the detector reports a box (default 50); used by auto-training")
+                    "0..100, how readily the detector reports a box (default 80); used by auto-training")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");

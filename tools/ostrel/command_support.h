@@ -12,9 +12,11 @@
 
 namespace ostrel_tool {
 
-// Sensitivity 0..100 (higher finds more). 50 puts the confidence threshold
-// at 65%. A model file does not store it, so train and detect default alike.
-constexpr uint32_t kDefaultSensitivity = 50;
+// Sensitivity 0..100 (higher finds more). 80 puts the confidence threshold
+// at 50%, where the classifier's margin is 0: a window is reported when the
+// classifier itself calls it the object. A model file does not store the
+// sensitivity, so train and detect default alike.
+constexpr uint32_t kDefaultSensitivity = 80;
 // Background samples are drawn at random; a fixed seed makes training
 // reproducible unless the user asks for another one.
 constexpr uint32_t kDefaultSeed = 1;
