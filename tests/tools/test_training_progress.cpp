@@ -49,8 +49,8 @@ TEST(TrainingProgress, OneLinePerTrainingAndAClosingLine) {
                         "  (29 samples, "),
               std::string::npos)
         << text;
-    EXPECT_NE(text.find("> auto-training pass 1: detected on the training picture, 17 wrong or weak detections "
-                        "added as background, retrained, false-positive filter rebuilt  (46 samples, "),
+    EXPECT_NE(text.find("> auto-training pass 1: 17 wrong or weak detections on the training picture became "
+                        "background, retrained, false-positive filter rebuilt  (46 samples, "),
               std::string::npos)
         << text;
     EXPECT_NE(text.find("> auto-training pass 2: no wrong detection left, done  ("), std::string::npos) << text;

@@ -140,7 +140,7 @@ int run_demo(const DemoOptions &o) {
                       training.picture.width(), training.picture.height(),
                       plural(static_cast<int>(marked.size()), "annotated red blood cell", "annotated red blood cells").c_str(),
                       box_size.w, box_size.h));
-    println("            (the median annotated size, centred on each annotation); the rest of the picture is background");
+    println("            (the median annotated size) centred on each annotation; the rest of the picture is background");
 
     // 2. Train with a fixed seed, one progress line per training.
     println(strformat("2. Training  sensitivity %u, seed %u", o.sensitivity, kSeed));

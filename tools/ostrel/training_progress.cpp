@@ -49,8 +49,8 @@ void TrainingProgress::on_library_line(const std::string &line) {
                          marked_boxes_, background > 0 ? background : 0);
     } else {
         const int added = samples_ - samples_at_last_training_;
-        text = strformat("auto-training pass %d: detected on the training picture, %d wrong or weak detections "
-                         "added as background, retrained",
+        text = strformat("auto-training pass %d: %d wrong or weak detections on the training picture became "
+                         "background, retrained",
                          trainings_ - 1, added);
     }
     if (filter_rebuilt_) {
