@@ -141,7 +141,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     sub->add_option("IMAGE", o->image, "the training picture (any format OpenCV reads)")->required();
     sub->add_option("--box", o->box_specs, "a marked box in picture pixels (repeat for more boxes)")
         ->type_name("x,y,w,h")
-        ->expected(1)
+        ->allow_extra_args(false)  // one box per --box, so that IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_option("--boxes", o->box_file,
                     "a box file: JSON ([{\"x\":..,\"y\":..,\"w\":..,\"h\":..}], [[x,y,w,h]] or a `detect --json` "
