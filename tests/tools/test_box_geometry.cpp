@@ -64,3 +64,20 @@ TEST(MarkedBox, IsAPositiveRecord) {
     EXPECT_EQ(rect_of(b), (Rect{1, 2, 3, 4}));
     EXPECT_EQ(to_string(Rect{1, 2, 3, 4}), "1,2,3,4");
 }
+
+TEST(PlacedOn, CentresWhereTheAnnotationIsWhole) {
+    EXPECT_EQ(placed_on({100, 50, 20, 40}, {10, 10}, 640, 480), centred({100, 50, 20, 40}, {10, 10}));
+}
+
+TEST(PlacedOn, EdgeCutAnnotationsKeepTheirInnerSide) {
+    // Cut by the right edge (x + w = 640): the box starts where the annotation does.
+    EXPECT_EQ(placed_on({555, 200, 85, 100}, {100, 100}, 640, 480), (Rect{555, 200, 100, 100}));
+    // Cut by the left edge: the box ends where the annotation does.
+    EXPECT_EQ(placed_on({0, 200, 86, 100}, {100, 100}, 640, 480), (Rect{-14, 200, 100, 100}));
+    // Cut by the bottom edge only: centred across, top side kept.
+    EXPECT_EQ(placed_on({468, 411, 99, 69}, {97, 100}, 640, 480), (Rect{469, 411, 97, 100}));
+    // Cut by the top edge.
+    EXPECT_EQ(placed_on({259, 0, 115, 83}, {97, 100}, 640, 480), (Rect{268, -17, 97, 100}));
+    // Cut on both sides of an axis: centred along it.
+    EXPECT_EQ(placed_on({0, 10, 640, 20}, {100, 20}, 640, 480), (Rect{270, 10, 100, 20}));
+}
