@@ -33,6 +33,10 @@ cv::Mat load_bgr_picture(const ostrel_alg_image &image, bool planar);
 // without a map, when the picture holds no pixels.
 bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture_features *out);
 
+// The part of compute_picture_features after the colour conversion: from
+// an 8-bit three-channel Lab picture to its planes and feature map.
+bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_features *out);
+
 // The same from the host's record (format 3 = planar): the one function that
 // detection, training and the diagnostic export use to see a picture.
 bool compute_picture_features(ostrel_acf &extractor, const ostrel_alg_image &image, picture_features *out);

@@ -1,14 +1,37 @@
 // Detection: the engine's detection run and the diagnostic feature map.
+#include <algorithm>
+#include <optional>
+#include <utility>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
+#include "acf/picture_features.h"
+#include "common/box_geometry.h"
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "detect/candidate_filter.h"
+#include "detect/color_labels.h"
+#include "detect/window_scan.h"
 #include "engine/ostrel_alg.h"
+#include "engine/picture_cache.h"
+#include "fpfilter/pca_fp_filter.h"
 
 namespace {
 
 constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
 constexpr int kRunDetectorLine = 1135;
+// A marked box counts as found when a detection overlaps it this much.
+constexpr float kMarkedBoxOverlap = 0.3f;
+// Detections (label 1) a run reports at most.
+constexpr uint32_t kMaxReportedDetections = 32;
+
+void log_run_failure() {
+    ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kRunDetectorLine);
+}
+
+constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
+constexpr int kGetFeatureMapLine = 1190;
 
 }  // namespace
 
@@ -22,29 +45,167 @@ bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
 }
 
 int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
-    (void)out;
     if (!svm_model.trained() || image == nullptr) {
-        ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kRunDetectorLine);
+        log_run_failure();
         return 1;
     }
     if (!checkImgValid(image)) {
-        ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kRunDetectorLine);
+        log_run_failure();
         return 1;
     }
-    ostrel::log("[Debug] %s: the window scan is not built yet\n", kRunDetectorName);
-    return 1;
+
+    // Features of the picture, computed once per picture key for the whole process.
+    ostrel::last_picture &picture = ostrel::shared_last_picture();
+    if (!picture.holds(image->image_key)) {
+        picture.valid = true;
+        picture.image_key = image->image_key;
+        const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
+        if (!ostrel::compute_picture_features(*feat_extractor, bgr, &picture.features)) {
+            picture.forget();
+            return 1;
+        }
+    }
+    const ostrel::feature_map &map = picture.features.map;
+
+    // The window follows the picture size; the engine keeps the result.
+    ostrel::window_size_state window;
+    window.train_width = static_cast<int32_t>(train_width);
+    window.train_height = static_cast<int32_t>(train_height);
+    window.scaled_width = scaled_width;
+    window.scaled_height = scaled_height;
+    window.input_width = svm_model.input_width;
+    window.input_height = svm_model.input_height;
+    const ostrel::scan_geometry geometry = ostrel::update_window_size(window, map, image->width, image->height);
+    train_width = static_cast<uint32_t>(window.train_width);
+    train_height = static_cast<uint32_t>(window.train_height);
+    scaled_width = window.scaled_width;
+    scaled_height = window.scaled_height;
+    svm_model.input_width = window.input_width;
+    svm_model.input_height = window.input_height;
+
+    // A model of another window size (an imported file, say) would make the
+    // scan read past its weights: refuse it instead.
+    const int64_t window_features = static_cast<int64_t>(geometry.window_columns) * geometry.window_rows *
+                                    map.channels;
+    if (geometry.window_columns > 0 && geometry.window_rows > 0 &&
+        window_features != svm_model.support_vector_size) {
+        ostrel::log("[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
+                    static_cast<long long>(window_features), svm_model.support_vector_size);
+        log_run_failure();
+        return 1;
+    }
+
+    ostrel::scan_settings scan;
+    scan.weights = svm_model.vector.get();
+    scan.bias = svm_model.bias;
+    scan.confidence_threshold = confidence_threshold;
+    scan.collect_below = detector_set != 0;
+    scan.image_width = image->width;
+    scan.image_height = image->height;
+    scan.box_width = static_cast<int32_t>(train_width);
+    scan.box_height = static_cast<int32_t>(train_height);
+    ostrel::scan_result windows;
+    ostrel::scan_windows(map, geometry, scan, &windows);
+
+    ostrel::filter_settings filter;
+    filter.confidence_threshold = confidence_threshold;
+    filter.detector_set = detector_set != 0;
+    filter.apply_fp_filter = pca_filter.pca_filter_ready != 0 && pca_filter.fp_filter_enabled != 0;
+    filter.fp_threshold = pca_filter.fp_threshold;
+    const ostrel::fp_distance_fn distance = [&](const ostrel_alg_box &box) {
+        return window_fp_distance(map, geometry, box);
+    };
+    std::vector<ostrel_alg_box> candidates;
+    const int32_t filter_status = ostrel::filterCandidates(windows.accepted, windows.below, filter, distance, candidates);
+    if (filter_status != 0) {
+        return filter_status;
+    }
+
+    ostrel::lab_planes_view lab;
+    lab.width = picture.features.lab_planes[0].cols;
+    lab.height = picture.features.lab_planes[0].rows;
+    lab.L = picture.features.lab_planes[0].data;
+    lab.a = picture.features.lab_planes[1].data;
+    lab.b = picture.features.lab_planes[2].data;
+    const int32_t color_status = ostrel::labelColors(lab, image->width, image->height, candidates);
+    if (color_status != 0) {
+        return color_status;
+    }
+
+    // Boxes the user marked on this very picture that no detection covers
+    // are reported too, so the host never loses them. They are compared with
+    // the detections only, not with marked boxes added before them.
+    if (cached_image_key == image->image_key && !marked_boxes.empty()) {
+        const size_t detected = candidates.size();
+        for (const ostrel_alg_box &marked : marked_boxes) {
+            if (marked.label != 1) {
+                continue;
+            }
+            bool covered = false;
+            for (size_t i = 0; i < detected && !covered; ++i) {
+                covered = candidates[i].label == 1 && ostrel::box_overlap(marked, candidates[i]) >= kMarkedBoxOverlap;
+            }
+            if (!covered) {
+                ostrel_alg_box added = marked;
+                added.label = 1;
+                candidates.push_back(added);
+            }
+        }
+    }
+
+    std::vector<ostrel_alg_box> reported;
+    uint32_t positives = 0;
+    for (const ostrel_alg_box &box : candidates) {
+        if (box.label == -1) {
+            reported.push_back(box);
+        } else if (box.label == 1 && positives < kMaxReportedDetections) {
+            reported.push_back(box);
+            ++positives;
+        }
+    }
+    out.insert(out.end(), reported.begin(), reported.end());
+
+    if (result_boxes) {
+        result_box_count = static_cast<uint32_t>(std::min<size_t>(out.size(), kResultBoxCapacity));
+        std::copy(out.begin(), out.begin() + result_box_count, result_boxes.get());
+    }
+    return 0;
+}
+
+std::optional<float> ostrel_alg::window_fp_distance(const ostrel::feature_map &map,
+                                                    const ostrel::scan_geometry &geometry,
+                                                    const ostrel_alg_box &box) const {
+    const int32_t window_columns = geometry.window_columns;
+    const int32_t window_rows = geometry.window_rows;
+    int32_t column = static_cast<int32_t>(static_cast<float>(box.x) * geometry.sx + 0.5f);
+    int32_t row = static_cast<int32_t>(static_cast<float>(box.y) * geometry.sy + 0.5f);
+    // Boxes come from scan positions, so the window lies inside the map; the
+    // clamp only keeps a rounding at the last position from reading past it.
+    column = std::max(0, std::min(column, map.columns - window_columns));
+    row = std::max(0, std::min(row, map.rows - window_rows));
+    cv::Mat window(1, window_columns * window_rows * map.channels, CV_32S);
+    ostrel::copy_window_features(map, column, row, window_columns, window_rows, window.ptr<int32_t>());
+    return ostrel::fp_distance(pca_filter, window);
 }
 
 int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels,
                                   uint32_t *columns, uint32_t *rows) {
-    (void)data;
-    (void)channels;
-    (void)columns;
-    (void)rows;
-    if (image == nullptr || !checkImgValid(image)) {
-        ostrel::log(ostrel::kEngineFailFormat, "ostrel_alg::getFeatureMap", ostrel::kEngineSource, kRunDetectorLine);
+    // The map handed out by the previous call is no longer valid.
+    exported_feature_map = ostrel::feature_map{};
+    if (image == nullptr || !checkImgValid(image) || !feat_extractor) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::getFeatureMap: the channel features are not built yet\n");
-    return 1;
+    // Computed afresh: the detection cache is neither read nor changed.
+    ostrel::picture_features features;
+    if (!ostrel::compute_picture_features(*feat_extractor, *image, &features) || features.map.empty()) {
+        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
+        return 1;
+    }
+    exported_feature_map = std::move(features.map);
+    *data = exported_feature_map.data.data();
+    *channels = static_cast<uint32_t>(exported_feature_map.channels);
+    *columns = static_cast<uint32_t>(exported_feature_map.columns);
+    *rows = static_cast<uint32_t>(exported_feature_map.rows);
+    return 0;
 }

@@ -1,27 +1,232 @@
 // Model files: export, import and validation.
+#include <cstdint>
+#include <exception>
+#include <fstream>
 #include <string>
 
 #include "common/log.h"
+#include "common/log_lines.h"
 #include "engine/ostrel_alg.h"
+#include "fpfilter/fp_threshold.h"
+#include "model/model_file.h"
+#include "train/model_checks.h"
+
+namespace {
+
+constexpr const char *kExportModelName = "ostrel_alg::exportModel";
+constexpr const char *kImportModelName = "ostrel_alg::importModel";
+constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
+
+constexpr const char *kSvmValueWrongFormat = "[svm model value is wrong!] %s (%s line:%d)\n";
+constexpr const char *kPcaValueWrongFormat = "[pca fp filtering value is wrong!] %s (%s line:%d)\n";
+constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
+constexpr const char *kFileReadFailFormat = "[file read FAIL!] %s (%s line:%d)\n";
+constexpr const char *kExceptionFormat = "[exception] %s (%s line:%d): %s\n";
+constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
+constexpr const char *kReadOpenFailFormat = "[%s] file open fail , check file path : %s \n";
+constexpr const char *kStoredLengthFormat = "[file size without CRC] read : %llu, calc : %llu\n";
+constexpr const char *kCrcMismatchFormat = "[CRC values ERROR] read : %u, calc : %u\n";
+
+// Line numbers of the model-file messages; hosts match on them.
+enum ModelIoLine : int {
+    kExportSvmWrongLine = 3449,
+    kExportPcaWrongLine = 3456,
+    kExportSvmWriteLine = 3472,
+    kExportFilterWriteLine = 3482,
+    kExportTrailerWriteLine = 3497,
+    kExportExceptionLine = 3510,
+    kImportSvmReadLine = 3553,
+    kImportSvmWrongLine = 3561,
+    kImportFilterReadLine = 3570,
+    kImportPcaWrongLine = 3578,
+    kImportExceptionLine = 3612,
+    kCheckSvmReadLine = 3314,
+    kCheckFilterReadLine = 3320,
+    kCheckSvmWrongLine = 3328,
+    kCheckPcaWrongLine = 3334,
+    kCheckExceptionLine = 3423,
+};
+
+void put_le(unsigned char *out, uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
+        out[i] = static_cast<unsigned char>((value >> (8 * i)) & 0xffu);
+    }
+}
+
+uint64_t get_le(const unsigned char *in, int bytes) {
+    uint64_t value = 0;
+    for (int i = 0; i < bytes; ++i) {
+        value |= static_cast<uint64_t>(in[i]) << (8 * i);
+    }
+    return value;
+}
+
+// Length of the file at `path` from a fresh stream, or -1 when it cannot be
+// read.
+int64_t file_length(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    in.seekg(0, std::ios::end);
+    return static_cast<int64_t>(in.tellg());
+}
+
+}  // namespace
 
 int32_t ostrel_alg::exportModel(const std::string &path) {
     if (!svm_model.trained() || path.empty()) {
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::exportModel: model files are not built yet\n");
-    return 1;
+    try {
+        if (ostrel::checkSvmModel(svm_model)) {
+            ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
+            return 1;
+        }
+        if (ostrel::checkPcaFilter(pca_filter)) {
+            ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
+            return 1;
+        }
+
+        std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
+        if (!out.is_open()) {
+            ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+            return 1;
+        }
+        if (ostrel::write_svm_block(out, svm_model) != 0) {
+            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
+            out.close();
+            return 1;
+        }
+        // The threshold is chosen from the current samples just before it
+        // is written, so the file always matches the filter it carries.
+        ostrel::getBestFPThreshold(pca_filter, training_samples);
+        if (ostrel::write_filter_block(out, pca_filter) != 0) {
+            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
+            out.close();
+            return 1;
+        }
+        out.close();
+
+        // The CRC is taken from the finished file as it lies on disk.
+        const uint64_t length = static_cast<uint64_t>(file_length(path));
+        const uint32_t crc = ostrel::getFileCRC(path, length);
+
+        unsigned char trailer[ostrel::kModelTrailerSize];
+        put_le(trailer, length, 8);
+        put_le(trailer + 8, crc, 4);
+        std::ofstream append(path, std::ios::binary | std::ios::out | std::ios::app);
+        append.write(reinterpret_cast<const char *>(trailer), sizeof trailer);
+        append.close();
+        if (!append) {
+            // A file without its trailer is not a model file: say so rather
+            // than report success.
+            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
+            return 1;
+        }
+        return 0;
+    } catch (const std::exception &e) {
+        ostrel::log(kExceptionFormat, kExportModelName, ostrel::kEngineSource, kExportExceptionLine, e.what());
+        return 1;
+    }
 }
 
 int32_t ostrel_alg::importModel(const std::string &path) {
     if (path.empty()) {
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::importModel: model files are not built yet\n");
-    return 1;
+    if (initFeatExtractor() == 1) {
+        return 1;
+    }
+    // The model is read straight into the engine, with no rollback: after a
+    // failure the engine holds what was read up to that point.
+    try {
+        std::ifstream in(path, std::ios::binary);
+        if (!in.is_open()) {
+            ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
+            return 1;
+        }
+        if (ostrel::read_svm_block(in, svm_model) != 0) {
+            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
+            return 1;
+        }
+        if (ostrel::checkSvmModel(svm_model)) {
+            ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+            return 1;
+        }
+        if (ostrel::read_filter_block(in, pca_filter) != 0) {
+            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
+            return 1;
+        }
+        if (ostrel::checkPcaFilter(pca_filter)) {
+            ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
+            return 1;
+        }
+
+        pca_filter.fp_filter_enabled = pca_filter.pca_filter_ready == 1 ? 1 : 0;
+        // The record's sizes are checked positive above.
+        train_width = static_cast<uint32_t>(svm_model.trained_width);
+        train_height = static_cast<uint32_t>(svm_model.trained_height);
+        train_input_width = static_cast<uint32_t>(svm_model.input_width);
+        train_input_height = static_cast<uint32_t>(svm_model.input_height);
+        // The extractor gets the sizes before and after the scale index is
+        // set, so what it derives from them matches the model's scale.
+        feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
+                                          svm_model.input_height);
+        acf_scale_idx = svm_model.trained_acf_scale_idx;
+        feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
+                                          svm_model.input_height);
+        in.close();
+        return 0;
+    } catch (const std::exception &e) {
+        ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());
+        return 1;
+    }
 }
 
 int32_t ostrel_alg::checkModelValidation(const std::string &path) {
-    (void)path;
-    ostrel::log("[Debug] ostrel_alg::checkModelValidation: model files are not built yet\n");
-    return 1;
+    try {
+        std::ifstream in(path, std::ios::binary);
+        if (!in.is_open()) {
+            ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
+            return 1;
+        }
+        ostrel::svm_model scratch_model;
+        if (ostrel::read_svm_block(in, scratch_model) != 0) {
+            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
+            return 1;
+        }
+        ostrel::pca_fp_filter scratch_filter;
+        if (ostrel::read_filter_block(in, scratch_filter) != 0) {
+            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
+            return 1;
+        }
+        if (ostrel::checkSvmModel(scratch_model)) {
+            ostrel::log(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
+            return 1;
+        }
+        if (ostrel::checkPcaFilter(scratch_filter)) {
+            ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
+            return 1;
+        }
+
+        // P: the bytes the two blocks took. A stream that ran out inside
+        // them reports -1, which as a limit covers the whole file.
+        const uint64_t consumed = static_cast<uint64_t>(static_cast<int64_t>(in.tellg()));
+        unsigned char trailer[ostrel::kModelTrailerSize] = {};
+        in.read(reinterpret_cast<char *>(trailer), sizeof trailer);
+        const uint64_t stored_length = get_le(trailer, 8);
+        const uint32_t stored_crc = static_cast<uint32_t>(get_le(trailer + 8, 4));
+
+        const uint64_t total_length = static_cast<uint64_t>(file_length(path));
+        const uint32_t computed_crc = ostrel::getFileCRC(path, consumed);
+        if (computed_crc == stored_crc) {
+            return 0;  // only the CRC decides; the stored length is not compared
+        }
+        ostrel::log(kStoredLengthFormat, static_cast<unsigned long long>(stored_length),
+                    static_cast<unsigned long long>(total_length));
+        ostrel::log(kCrcMismatchFormat, stored_crc, computed_crc);
+        return 1;
+    } catch (const std::exception &e) {
+        ostrel::log(kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckExceptionLine,
+                    e.what());
+        return 1;
+    }
 }

@@ -1,24 +1,140 @@
 // Detector set-up with auto-training, and the sample thumbnails.
+#include <algorithm>
+#include <cstring>
 #include <vector>
+
+#include <opencv2/core.hpp>
 
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "engine/auto_train_lists.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
 
 constexpr const char *kSetDetectorName = "ostrel_alg::setDetectorWithAutoTrain";
 constexpr int kRefusedInputLine = 861;
+constexpr int kFirstSamplesFailedLine = 894;
+constexpr int kFirstTrainingFailedLine = 910;
+constexpr int kFalsePositivesFailedLine = 971;
+constexpr int kLowConfidenceFailedLine = 986;
+constexpr int kRetrainingFailedLine = 994;
+constexpr const char *kAddSampleThumbsName = "ostrel_alg::addSampleThumbs";
+constexpr int kAddSampleThumbsLine = 734;
+constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
+constexpr int kRemoveSampleLine = 3953;
+
+// A detection matches a marked box when they overlap this much.
+constexpr float kMatchOverlap = 0.3f;
+// Detect-relabel-retrain passes after the first training, at most.
+constexpr int kMaxAutoTrainPasses = 5;
+
+int32_t fail(const char *operation, int line) {
+    ostrel::log(ostrel::kEngineFailFormat, operation, ostrel::kEngineSource, line);
+    return 1;
+}
 
 }  // namespace
 
 int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
     if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
-        ostrel::log(ostrel::kEngineFailFormat, kSetDetectorName, ostrel::kEngineSource, kRefusedInputLine);
-        return 1;
+        return fail(kSetDetectorName, kRefusedInputLine);
     }
-    ostrel::log("[Debug] %s: training is not built yet\n", kSetDetectorName);
-    return 1;
+    detector_set = 1;
+
+    // A new picture brings new marked boxes and samples. The same key again
+    // means "retrain on what you have": the boxes passed now are not read.
+    if (image->image_key != cached_image_key) {
+        if (cached_image.rows != image->height || cached_image.cols != image->width ||
+            cached_image.type() != CV_8UC3) {
+            cached_image.create(image->height, image->width, CV_8UC3);
+        }
+        std::memcpy(cached_image.data, image->data,
+                    static_cast<size_t>(image->width) * static_cast<size_t>(image->height) * 3);
+
+        marked_boxes.clear();
+        std::copy_if(boxes.begin(), boxes.end(), std::back_inserter(marked_boxes),
+                     [](const ostrel_alg_box &box) { return box.label == 1; });
+
+        if (addTrainingSamples(cached_image, boxes) == 1) {
+            return fail(kSetDetectorName, kFirstSamplesFailedLine);
+        }
+        addSampleThumbs(cached_image, marked_boxes);
+        cached_image_key = image->image_key;
+    }
+
+    if (trainClassifier() == 1) {
+        return fail(kSetDetectorName, kFirstTrainingFailedLine);
+    }
+
+    // Self-test on the training picture: whatever is detected away from the
+    // marked boxes is background the classifier has not learnt yet.
+    pca_filter.fp_filter_enabled = 0;
+    int pass = 0;
+    for (;;) {
+        std::vector<ostrel_alg_box> detections;
+        runDetector(image, detections);
+
+        std::vector<ostrel_alg_box> false_positives;
+        ostrel::collectFalsePositives(marked_boxes, detections, false_positives, kMatchOverlap);
+        // Pass 0 always runs in full, even when it finds nothing.
+        if (false_positives.empty() && pass > 0) {
+            pca_filter.fp_filter_enabled = 1;
+            return 0;
+        }
+        if (!false_positives.empty() && addTrainingSamples(cached_image, false_positives) == 1) {
+            return fail(kSetDetectorName, kFalsePositivesFailedLine);
+        }
+
+        std::vector<ostrel_alg_box> low_confidence;
+        ostrel::collectLowConfidence(marked_boxes, detections, low_confidence, kMatchOverlap);
+        if (!low_confidence.empty() && addTrainingSamples(cached_image, low_confidence) == 1) {
+            return fail(kSetDetectorName, kLowConfidenceFailedLine);
+        }
+
+        if (trainClassifier() == 1) {
+            return fail(kSetDetectorName, kRetrainingFailedLine);
+        }
+        ++pass;
+        ostrel::log("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
+                    pass, false_positives.size(), low_confidence.size());
+        if (pass == kMaxAutoTrainPasses) {
+            pca_filter.fp_filter_enabled = 1;
+            return 0;
+        }
+    }
+}
+
+void ostrel_alg::addSampleThumbs(const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes) {
+    if (picture.data == nullptr || picture.total() == 0 || picture.dims == 0 || boxes.empty()) {
+        fail(kAddSampleThumbsName, kAddSampleThumbsLine);
+        return;
+    }
+    for (const ostrel_alg_box &box : boxes) {
+        // Right and bottom are limited to the last column and row, so a box
+        // reaching the picture's edge loses that column or row.
+        const int32_t left = std::max(box.x, 0);
+        const int32_t top = std::max(box.y, 0);
+        const int32_t right = std::min(box.x + box.width, picture.cols - 1);
+        const int32_t bottom = std::min(box.y + box.height, picture.rows - 1);
+        cv::Rect cut(left, top, right - left, bottom - top);
+        if (cut.width < 1 || cut.height < 1) {
+            cut = cv::Rect(0, 0, 0, 0);
+        }
+        const cv::Mat packed = picture(cut).clone();
+
+        ostrel_alg_sample thumb{};
+        thumb.label = box.label;
+        thumb.image.width = packed.cols;
+        thumb.image.height = packed.rows;
+        thumb.image.channels = 3;
+        const size_t bytes = static_cast<size_t>(packed.cols) * static_cast<size_t>(packed.rows) * 3;
+        thumb.image.data = new uint8_t[bytes];
+        if (bytes > 0) {
+            std::memcpy(thumb.image.data, packed.data, bytes);
+        }
+        sample_thumbs.push_back(thumb);
+    }
 }
 
 void ostrel_alg::getSamples(std::vector<ostrel_alg_sample> &out) const {
@@ -31,10 +147,23 @@ void ostrel_alg::getSamples_ptr(ostrel_alg_sample **samples, uint32_t *count) {
 }
 
 int32_t ostrel_alg::removeSample(uint32_t index) {
-    // An index equal to the count is refused as well: there is no such sample.
-    if (index >= sample_thumbs.size()) {
+    // An index equal to the count is refused as well: there is no such
+    // sample. Thumbnails and sample groups are kept in step, but guard both.
+    if (index >= sample_thumbs.size() || index >= training_samples.size()) {
         return 1;
     }
-    ostrel::log("[Debug] ostrel_alg::removeSample: retraining is not built yet\n");
-    return 1;
+    delete[] sample_thumbs[index].image.data;
+    sample_thumbs.erase(sample_thumbs.begin() + index);
+    training_samples[index].variants.clear();
+    training_samples.erase(training_samples.begin() + index);
+
+    uint32_t positives = 0;
+    uint32_t negatives = 0;
+    countSamples(&positives, &negatives);
+    positive_sample_count = positives;
+
+    if (trainClassifier() == 1) {
+        return fail(kRemoveSampleName, kRemoveSampleLine);
+    }
+    return 0;
 }

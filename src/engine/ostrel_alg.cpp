@@ -51,6 +51,11 @@ int32_t ostrel_alg::initFeatExtractor() {
         // Not fatal: the defaults below still give a usable extractor.
         ostrel::log(kErrorCodeFormat, kInitFeatExtractorName, pyramid_status);
     }
+    // Three extractor parameters of unknown meaning, kept as set; nothing
+    // reads them. The third value is not known and is set to 0.
+    feat_extractor->unnamed_params[0] = 500000;
+    feat_extractor->unnamed_params[1] = 1;
+    feat_extractor->unnamed_params[2] = 0;
     const int32_t defaults_status = feat_extractor->set_extractor_defaults();
     if (defaults_status != 0) {
         ostrel::log(kErrorCodeFormat, kInitFeatExtractorName, defaults_status);
@@ -78,6 +83,7 @@ void ostrel_alg::release() {
     freeSampleThumbs();
     result_boxes.reset();
     result_box_count = 0;
+    exported_feature_map = ostrel::feature_map{};
 }
 
 int32_t ostrel_alg::createSvm() {

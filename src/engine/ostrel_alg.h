@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,10 @@
 #include <opencv2/ml.hpp>
 
 #include "ostrel_alg.h"
+#include "acf/feature_map.h"
 #include "acf/ostrel_acf.h"
 #include "acf/training_sample.h"
+#include "detect/window_scan.h"
 #include "fpfilter/pca_fp_filter.h"
 #include "train/svm_model.h"
 
@@ -72,6 +75,18 @@ public:
     // and returns false.
     static bool checkImgValid(const ostrel_alg_image *image);
 
+    // --- training steps ------------------------------------------------------
+    // Cuts samples for `boxes` out of a BGR picture and appends them to
+    // training_samples. 0 when samples were added, 1 when none were.
+    int32_t addTrainingSamples(const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes);
+    // Rebuilds the false-positive filter when new positives arrived, then lays
+    // out the whole training set.
+    bool set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels);
+    bool filterPositive_outlier(const cv::Mat &samples, const cv::Mat &labels);
+    int32_t trainClassifier();
+    // Cuts a thumbnail out of `picture` for every box.
+    void addSampleThumbs(const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes);
+
     // --- fields (all public: the engine is a plain record with operations;
     // the units below receive what they need as arguments) -----------------
     uint32_t train_height = 0;
@@ -99,9 +114,19 @@ public:
     ostrel::pca_fp_filter pca_filter;  // also holds the ready/frozen/enabled flags and fp_threshold
     cv::Ptr<cv::ml::SVM> svm;
     ostrel::svm_model svm_model;
+    // The map handed out by getFeatureMap, owned until the next call, init
+    // or destroy.
+    ostrel::feature_map exported_feature_map;
 
 private:
     void freeSampleThumbs();
+    // Trains the SVM on the matrices and extracts the fixed-point record
+    // into *model; false when the set cannot be trained.
+    bool train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel::svm_model *model);
+    // Distance of the window under a detected box to the positives, by the
+    // false-positive filter; no value when the window cannot be projected.
+    std::optional<float> window_fp_distance(const ostrel::feature_map &map, const ostrel::scan_geometry &geometry,
+                                            const ostrel_alg_box &box) const;
     uint32_t random_seed_ = 0;
     bool random_seed_set_ = false;
 };

@@ -55,7 +55,8 @@ cv::Mat pca_project(const pca_fp_filter &filter, const cv::Mat &sample);
 void publishPcaFilter(pca_fp_filter &filter);
 
 // Mahalanobis distance of a sample to the positives in the subspace, as a
-// float; no value when the projection is empty.
+// float; no value when the projection is empty, or when reduce_mean and
+// reduce_inv_covar do not fit it (a filter read from a corrupt file).
 std::optional<float> fp_distance(const pca_fp_filter &filter, const cv::Mat &sample);
 
 }  // namespace ostrel

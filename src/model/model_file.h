@@ -32,14 +32,16 @@ int32_t write_svm_block(std::ostream &out, const svm_model &model);
 // Returns 1 on a write failure.
 int32_t write_filter_block(std::ostream &out, const pca_fp_filter &filter);
 
-// Reads the SVM block into `model` (replacing its weight buffer). A weight
-// count that cannot fit in the bytes left in the stream is a read failure (1)
-// and allocates nothing; a short read otherwise leaves what the stream gave.
+// Reads the SVM block into `model` (replacing its weight buffer). A negative
+// weight count, or one that cannot fit in the bytes left in the stream, is a
+// read failure (1) that allocates nothing and leaves the record without
+// weights; a short header leaves in each field what the stream gave.
 int32_t read_svm_block(std::istream &in, svm_model &model);
 
 // Reads fp_threshold, the ready byte and, when it is not 0, the four
-// matrices into `filter`. A matrix whose size cannot fit in the bytes left is
-// a read failure (1).
+// matrices into `filter`, each stored as soon as it is complete. Negative
+// counts, a matrix whose size cannot fit in the bytes left, or a stream that
+// ends inside the counts are a read failure (1).
 int32_t read_filter_block(std::istream &in, pca_fp_filter &filter);
 
 // CRC-32 (zlib's crc32) of the file's first `limit` bytes, read one byte at a

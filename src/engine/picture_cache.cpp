@@ -1,0 +1,10 @@
+#include "engine/picture_cache.h"
+
+namespace ostrel {
+
+last_picture &shared_last_picture() {
+    static last_picture picture;
+    return picture;
+}
+
+}  // namespace ostrel
