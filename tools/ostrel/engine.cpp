@@ -1,7 +1,6 @@
 #include "engine.h"
 
 #include <cstdio>
-#include <mutex>
 
 #include "library_output.h"
 #include "tool_error.h"
