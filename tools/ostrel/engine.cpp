@@ -1,0 +1,126 @@
+#include "engine.h"
+
+#include <cstdio>
+
+#include "library_output.h"
+#include "tool_error.h"
+#include "tool_output.h"
+
+namespace ostrel_tool {
+
+namespace {
+bool g_show_library_lines = false;
+}
+
+void set_show_library_lines(bool show) { g_show_library_lines = show; }
+bool show_library_lines() { return g_show_library_lines; }
+
+template <typename Call>
+int32_t Engine::call(Call &&c) {
+    last_lines_.clear();
+    int32_t status = 1;
+    {
+        LibraryOutputCapture capture([this](const std::string &line) {
+            last_lines_.push_back(line);
+            if (g_show_library_lines) {
+                std::fprintf(stderr, "%s\n", line.c_str());
+            }
+            if (handler_) {
+                handler_(line);
+            }
+        });
+        status = c();
+    }
+    std::fflush(stderr);
+    return status;
+}
+
+Engine::Engine() {
+    if (call([this] { return ostrel_alg_create(&handle_); }) != 0 || handle_ == nullptr) {
+        std::string reason = last_line();
+        throw ToolError(ExitCode::failed,
+                        "the library could not create an engine" + (reason.empty() ? "" : ": " + reason));
+    }
+}
+
+Engine::~Engine() {
+    if (handle_ != nullptr) {
+        call([this] { return ostrel_alg_destroy(handle_); });
+    }
+}
+
+std::string Engine::last_line() const {
+    for (auto it = last_lines_.rbegin(); it != last_lines_.rend(); ++it) {
+        if (it->find_first_not_of(" \t\r") != std::string::npos) {
+            return *it;
+        }
+    }
+    return {};
+}
+
+bool Engine::set_sensitivity(uint32_t sensitivity) {
+    return call([&] { return ostrel_alg_setSensitivity(handle_, sensitivity); }) == 0;
+}
+
+bool Engine::set_random_seed(uint32_t seed) {
+    return call([&] { return ostrel_alg_setRandomSeed(handle_, seed); }) == 0;
+}
+
+bool Engine::train(const Picture &picture, const std::vector<ostrel_alg_box> &boxes) {
+    const ostrel_alg_image image = picture.record();
+    return call([&] {
+               return ostrel_alg_setDetector_ptr(handle_, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
+           }) == 0;
+}
+
+bool Engine::trained() {
+    uint8_t flag = 0;
+    return call([&] { return ostrel_alg_istraied(handle_, &flag); }) == 0 && flag == 1;
+}
+
+bool Engine::detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes) {
+    const ostrel_alg_image image = picture.record();
+    ostrel_alg_box *found = nullptr;
+    uint32_t count = 0;
+    boxes.clear();
+    if (call([&] { return ostrel_alg_runDetector_ptr(handle_, &image, &found, &count); }) != 0) {
+        return false;
+    }
+    if (found != nullptr) {
+        boxes.assign(found, found + count);
+    }
+    return true;
+}
+
+bool Engine::feature_map(const Picture &picture, FeatureMap &map) {
+    const ostrel_alg_image image = picture.record();
+    const uint8_t *data = nullptr;
+    uint32_t channels = 0, columns = 0, rows = 0;
+    if (call([&] { return ostrel_alg_getFeatureMap_ptr(handle_, &image, &data, &channels, &columns, &rows); }) !=
+        0) {
+        return false;
+    }
+    const size_t size = static_cast<size_t>(channels) * columns * rows;
+    if (data == nullptr && size != 0) {
+        return false;
+    }
+    map.channels = channels;
+    map.columns = columns;
+    map.rows = rows;
+    map.bytes.assign(data, data + size);
+    return true;
+}
+
+bool Engine::export_model(const std::string &path) {
+    return call([&] { return ostrel_alg_exportModel_ptr(handle_, path.c_str()); }) == 0;
+}
+
+bool Engine::import_model(const std::string &path) {
+    return call([&] { return ostrel_alg_importModel_ptr(handle_, path.c_str()); }) == 0;
+}
+
+bool Engine::check_model(const std::string &path) {
+    return call([&] { return ostrel_alg_checkModelValidation_ptr(handle_, path.c_str()); }) == 0;
+}
+
+}  // namespace ostrel_tool

@@ -1,0 +1,72 @@
+// A detector engine of the library, owned by the tool.
+//
+// Only the public C interface is used. Every call runs inside a
+// LibraryOutputCapture: the library's log lines go to the engine's line
+// handler (by default: to standard error with --verbose, otherwise nowhere)
+// and the last ones are kept so that an error message can say what the
+// library reported.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ostrel_alg.h"
+#include "picture.h"
+
+namespace ostrel_tool {
+
+// When true, engines pass the library's log lines on to standard error.
+void set_show_library_lines(bool show);
+bool show_library_lines();
+
+struct FeatureMap {
+    std::vector<uint8_t> bytes;  // the library's storage order: channel, column, row
+    uint32_t channels = 0;
+    uint32_t columns = 0;
+    uint32_t rows = 0;
+};
+
+class Engine {
+public:
+    using LineHandler = std::function<void(const std::string &line)>;
+
+    // Creates the engine; throws ToolError(failed) when the library cannot.
+    Engine();
+    ~Engine();
+    Engine(const Engine &) = delete;
+    Engine &operator=(const Engine &) = delete;
+
+    // Extra handler for the library's lines during the following calls
+    // (called on the capture thread, see library_output.h). Empty to remove.
+    void set_line_handler(LineHandler handler) { handler_ = std::move(handler); }
+
+    bool set_sensitivity(uint32_t sensitivity);
+    bool set_random_seed(uint32_t seed);
+    // Trains on one picture and its marked boxes (label 1 each).
+    bool train(const Picture &picture, const std::vector<ostrel_alg_box> &boxes);
+    bool trained();
+    // Detects; boxes receives the engine's result list (copied).
+    bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes);
+    bool feature_map(const Picture &picture, FeatureMap &map);
+    bool export_model(const std::string &path);
+    bool import_model(const std::string &path);
+    bool check_model(const std::string &path);
+
+    // The library's lines of the last call, and the last non-empty one.
+    const std::vector<std::string> &last_lines() const { return last_lines_; }
+    std::string last_line() const;
+
+    ostrel_alg *handle() { return handle_; }
+
+private:
+    template <typename Call>
+    int32_t call(Call &&c);
+
+    ostrel_alg *handle_ = nullptr;
+    LineHandler handler_;
+    std::vector<std::string> last_lines_;
+};
+
+}  // namespace ostrel_tool

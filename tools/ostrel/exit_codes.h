@@ -1,0 +1,33 @@
+// Exit codes of the ostrel command. They are part of the tool's interface:
+// scripts test them, and every --help text lists them.
+#pragma once
+
+namespace ostrel_tool {
+
+enum class ExitCode : int {
+    ok = 0,       // done; for `check`: the model file is valid
+    failed = 1,   // the library refused or failed (training, detection, export);
+                  // for `check`: the model file is not valid
+    usage = 2,    // bad command line: unknown option, missing or malformed argument
+    input = 3,    // an input cannot be used: missing file, unreadable picture,
+                  // malformed box or annotation file, unusable model file
+    output = 4,   // an output file or folder cannot be written
+};
+
+inline int to_int(ExitCode code) { return static_cast<int>(code); }
+
+// The table shown at the end of every --help text.
+inline const char *exit_code_help() {
+    return "Exit codes:\n"
+           "  0  success (check: the model file is valid)\n"
+           "  1  the library failed: training, detection or export did not succeed\n"
+           "     (check: the model file is not valid)\n"
+           "  2  bad command line: unknown option, missing or malformed argument or box\n"
+           "  3  unusable input: missing file, unreadable picture, malformed box or\n"
+           "     annotation file, model file that cannot be read\n"
+           "  4  an output file or folder cannot be written\n"
+           "Errors are reported as one line on standard error. Outputs are written to a\n"
+           "temporary name and renamed when complete, so a failure leaves no half file.";
+}
+
+}  // namespace ostrel_tool

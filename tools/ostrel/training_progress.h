@@ -1,0 +1,53 @@
+// Progress lines for a training run, made from the library's own log lines.
+//
+// One training of the library logs "[Debug] Total size of Acfs: N" when it
+// adds samples (N = marked boxes and background samples so far), optionally
+// "[Alg. Scc] Outlier rejection ..." when it rebuilds the false-positive
+// filter, and "[Alg. Scc] Training done..." when the classifier is trained.
+// Set-up trains once on the marked boxes and then, in each auto-training
+// pass, runs the detector on the same picture, adds what it wrongly found
+// as background and trains again (at most five passes). This reporter prints
+// one line per training: the first one, then one per pass.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <string>
+
+namespace ostrel_tool {
+
+class TrainingProgress {
+public:
+    // marked_boxes: how many boxes the user marked (to tell them apart from
+    // the random background samples of the first training).
+    TrainingProgress(std::FILE *out, int marked_boxes, std::string indent = "  ");
+
+    // Feed every library line (thread-safe).
+    void on_library_line(const std::string &line);
+
+    // Prints the closing line after the library call returned with success.
+    void finish();
+
+    int trainings() const { return trainings_; }
+    int samples() const { return samples_; }
+    int passes() const { return trainings_ > 0 ? trainings_ - 1 : 0; }
+    double seconds() const;
+
+    // The largest number of auto-training passes the library runs.
+    static constexpr int kMaxPasses = 5;
+
+private:
+    std::FILE *out_;
+    int marked_boxes_;
+    std::string indent_;
+    std::mutex mutex_;
+    std::chrono::steady_clock::time_point start_;
+    std::chrono::steady_clock::time_point last_;
+    int trainings_ = 0;
+    int samples_ = 0;
+    int samples_at_last_training_ = 0;
+    bool filter_rebuilt_ = false;
+};
+
+}  // namespace ostrel_tool

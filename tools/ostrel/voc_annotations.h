@@ -1,0 +1,58 @@
+// Pascal VOC annotation files (one XML file per picture) and VOC folders.
+//
+// Only what the tool needs is read: <filename>, <size> and, per <object>,
+// <name>, <difficult>, <truncated> and <bndbox>. VOC coordinates are 1-based
+// and inclusive (xmin 1 and xmax 640 span a 640-pixel-wide picture), so the
+// box is x = xmin - 1, w = xmax - xmin + 1; files that count from 0 only
+// shift by one pixel. Fractional coordinates are rounded.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "box_geometry.h"
+
+namespace ostrel_tool {
+
+struct VocObject {
+    std::string name;
+    Rect box;
+    bool difficult = false;
+    bool truncated = false;
+};
+
+struct VocAnnotation {
+    std::string filename;  // the <filename> element, may be empty
+    int width = 0;         // <size>, 0 when absent
+    int height = 0;
+    std::vector<VocObject> objects;
+};
+
+// Parses the text of one annotation file. Throws an input error naming
+// source for text that is not a VOC annotation or holds a malformed box.
+VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &source);
+VocAnnotation read_voc_annotation(const std::string &path);
+
+// True when text looks like XML (its first non-blank character is '<').
+bool looks_like_xml(const std::string &text);
+
+// The objects of one class (exact, case-sensitive name).
+std::vector<VocObject> objects_of_class(const VocAnnotation &annotation, const std::string &name);
+std::vector<Rect> boxes_of_class(const VocAnnotation &annotation, const std::string &name);
+
+// One annotated picture of a VOC folder.
+struct VocItem {
+    std::string annotation_path;
+    std::string picture_path;
+    VocAnnotation annotation;
+};
+
+// Reads a labelled folder: annotations in DIR/Annotations, DIR/annotations
+// or DIR itself; pictures in DIR/JPEGImages, DIR/images or next to the
+// annotations. A picture is found by the annotation's <filename>, else by
+// the annotation's own name with a picture extension. Items are sorted by
+// annotation file name. Throws an input error when the folder is missing,
+// holds no annotation, or an annotation has no picture.
+std::vector<VocItem> read_voc_folder(const std::string &dir);
+
+}  // namespace ostrel_tool
