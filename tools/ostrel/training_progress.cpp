@@ -10,6 +10,10 @@ namespace {
 constexpr const char *kSamplesLine = "[Debug] Total size of Acfs: ";
 constexpr const char *kTrainedLine = "[Alg. Scc] Training done...";
 constexpr const char *kFilterLine = "[Alg. Scc] Outlier rejection ...";
+constexpr const char *kSkippedBoxLine = "[Debug] box ";
+constexpr const char *kSkippedBoxEnd = ": skipped";
+constexpr const char *kPassLineFormat =
+    "[Alg. Scc] Auto-training pass %d: %d false positives and %d low-confidence negatives added";
 
 bool starts_with(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
 
@@ -31,32 +35,54 @@ void TrainingProgress::on_library_line(const std::string &line) {
         samples_ = std::atoi(line.c_str() + std::char_traits<char>::length(kSamplesLine));
         return;
     }
+    if (starts_with(line, kSkippedBoxLine) && line.find(kSkippedBoxEnd) != std::string::npos) {
+        ++skipped_boxes_;
+        return;
+    }
     if (starts_with(line, kFilterLine)) {
         filter_rebuilt_ = true;
         return;
     }
-    if (!starts_with(line, kTrainedLine)) {
+    if (starts_with(line, kTrainedLine)) {
+        ++trainings_;
+        if (trainings_ == 1) {
+            report_first_training();
+        }
         return;
     }
+    int pass = 0;
+    int false_positives = 0;
+    int low_confidence = 0;
+    if (std::sscanf(line.c_str(), kPassLineFormat, &pass, &false_positives, &low_confidence) == 3) {
+        report_pass(pass, false_positives, low_confidence);
+    }
+}
+
+void TrainingProgress::report_first_training() {
+    const int used = marked_boxes_ - skipped_boxes_;
+    const int background = samples_ - used;
+    std::string text = strformat("training 1: %d marked boxes (each with shifted copies)", used);
+    if (skipped_boxes_ > 0) {
+        text += strformat(", %d more reaching past the picture's edge left out", skipped_boxes_);
+    }
+    text += strformat(", %d random background samples", background > 0 ? background : 0);
+    print_step(text);
+}
+
+void TrainingProgress::report_pass(int pass, int false_positives, int low_confidence) {
+    passes_ = pass;
+    print_step(strformat("auto-training pass %d: %d false %s and %d weak %s became background, retrained", pass,
+                         false_positives, false_positives == 1 ? "detection" : "detections", low_confidence,
+                         low_confidence == 1 ? "detection" : "detections"));
+}
+
+void TrainingProgress::print_step(std::string text) {
     const auto now = std::chrono::steady_clock::now();
     const double step_seconds = seconds_between(last_, now);
     last_ = now;
-    ++trainings_;
-    std::string text;
-    if (trainings_ == 1) {
-        const int background = samples_ - marked_boxes_;
-        text = strformat("training 1: %d marked boxes (each with shifted copies) and %d random background samples",
-                         marked_boxes_, background > 0 ? background : 0);
-    } else {
-        const int added = samples_ - samples_at_last_training_;
-        text = strformat("auto-training pass %d: %d wrong or weak detections on the training picture became "
-                         "background, retrained",
-                         trainings_ - 1, added);
-    }
     if (filter_rebuilt_) {
         text += ", false-positive filter rebuilt";
     }
-    samples_at_last_training_ = samples_;
     filter_rebuilt_ = false;
     std::fprintf(out_, "%s%-s  (%d samples, %.2f s)\n", indent_.c_str(), text.c_str(), samples_, step_seconds);
     std::fflush(out_);
@@ -64,7 +90,7 @@ void TrainingProgress::on_library_line(const std::string &line) {
 
 void TrainingProgress::finish() {
     std::lock_guard<std::mutex> lock(mutex_);
-    const int passes = trainings_ > 0 ? trainings_ - 1 : 0;
+    const int passes = passes_;
     std::string text;
     if (trainings_ == 0) {
         text = "trained";

@@ -1,13 +1,15 @@
 // Progress lines for a training run, made from the library's own log lines.
 //
 // One training of the library logs "[Debug] Total size of Acfs: N" when it
-// adds samples (N = marked boxes and background samples so far), optionally
-// "[Alg. Scc] Outlier rejection ..." when it rebuilds the false-positive
-// filter, and "[Alg. Scc] Training done..." when the classifier is trained.
-// Set-up trains once on the marked boxes and then, in each auto-training
-// pass, runs the detector on the same picture, adds what it wrongly found
-// as background and trains again (at most five passes). This reporter prints
-// one line per training: the first one, then one per pass.
+// adds samples (N = marked boxes and background samples so far), a
+// "[Debug] box ... skipped" line for a marked box that reaches past the
+// picture, optionally "[Alg. Scc] Outlier rejection ..." when it rebuilds
+// the false-positive filter, and "[Alg. Scc] Training done..." when the
+// classifier is trained. Set-up trains once on the marked boxes and then, in
+// each auto-training pass, runs the detector on the same picture, adds what
+// it wrongly found as background, trains again and logs "[Alg. Scc]
+// Auto-training pass N: ..." (at most five passes). This reporter prints one
+// line for the first training and one per pass.
 #pragma once
 
 #include <chrono>
@@ -31,13 +33,17 @@ public:
 
     int trainings() const { return trainings_; }
     int samples() const { return samples_; }
-    int passes() const { return trainings_ > 0 ? trainings_ - 1 : 0; }
+    int passes() const { return passes_; }
     double seconds() const;
 
     // The largest number of auto-training passes the library runs.
     static constexpr int kMaxPasses = 5;
 
 private:
+    void report_first_training();
+    void report_pass(int pass, int false_positives, int low_confidence);
+    void print_step(std::string text);
+
     std::FILE *out_;
     int marked_boxes_;
     std::string indent_;
@@ -46,7 +52,8 @@ private:
     std::chrono::steady_clock::time_point last_;
     int trainings_ = 0;
     int samples_ = 0;
-    int samples_at_last_training_ = 0;
+    int passes_ = 0;
+    int skipped_boxes_ = 0;
     bool filter_rebuilt_ = false;
 };
 
