@@ -113,13 +113,16 @@ void ostrel_alg::addSampleThumbs(const cv::Mat &picture, const std::vector<ostre
     for (const ostrel_alg_box &box : boxes) {
         // Right and bottom are limited to the last column and row, so a box
         // reaching the picture's edge loses that column or row.
-        const int32_t left = std::max(box.x, 0);
-        const int32_t top = std::max(box.y, 0);
-        const int32_t right = std::min(box.x + box.width, picture.cols - 1);
-        const int32_t bottom = std::min(box.y + box.height, picture.rows - 1);
-        cv::Rect cut(left, top, right - left, bottom - top);
-        if (cut.width < 1 || cut.height < 1) {
-            cut = cv::Rect(0, 0, 0, 0);
+        // In 64 bits, so that boxes near the ends of the int32 range clip
+        // to nothing instead of wrapping around.
+        const int64_t left = std::max<int64_t>(box.x, 0);
+        const int64_t top = std::max<int64_t>(box.y, 0);
+        const int64_t right = std::min<int64_t>(static_cast<int64_t>(box.x) + box.width, picture.cols - 1);
+        const int64_t bottom = std::min<int64_t>(static_cast<int64_t>(box.y) + box.height, picture.rows - 1);
+        cv::Rect cut(0, 0, 0, 0);
+        if (right - left >= 1 && bottom - top >= 1) {
+            cut = cv::Rect(static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
+                           static_cast<int>(bottom - top));
         }
         const cv::Mat packed = picture(cut).clone();
 
