@@ -13,6 +13,7 @@
 #include "acf/ostrel_acf.h"
 #include "acf/picture_features.h"
 #include "acf/map_hash.h"
+#include "support/host_picture.h"
 #include "support/test_data.h"
 
 using namespace ostrel;
@@ -30,30 +31,6 @@ protected:
 };
 
 cv::Mat blood_picture() { return cv::imread(ostrel_test::data_path("bccd/images/BloodImage_00000.jpg"), cv::IMREAD_COLOR); }
-
-// A host record over a picture's pixels, interleaved or planar. `planar`
-// receives the plane copy the record points into.
-ostrel_alg_image host_record(const cv::Mat &bgr, bool planar_format, std::vector<uint8_t> &storage) {
-    const size_t plane = static_cast<size_t>(bgr.rows) * static_cast<size_t>(bgr.cols);
-    storage.resize(plane * 3);
-    if (planar_format) {
-        cv::Mat planes[3];
-        cv::split(bgr, planes);
-        for (int c = 0; c < 3; ++c) {
-            std::copy(planes[c].data, planes[c].data + plane, storage.data() + c * plane);
-        }
-    } else {
-        std::copy(bgr.data, bgr.data + plane * 3, storage.data());
-    }
-    ostrel_alg_image image{};
-    image.width = bgr.cols;
-    image.height = bgr.rows;
-    image.channels = 3;
-    image.data = storage.data();
-    image.image_key = 1;
-    image.format = planar_format ? OSTREL_ALG_FORMAT_PLANAR : OSTREL_ALG_FORMAT_INTERLEAVED;
-    return image;
-}
 
 // Fingerprint of the blood picture's whole scale-0 map (sizes and bytes),
 // computed once from this implementation. A change means the features
@@ -81,8 +58,8 @@ TEST(LoadBgrPicture, PlanarAndInterleavedGiveTheSamePicture) {
     cv::randu(bgr, 0, 256);
     std::vector<uint8_t> planar_bytes;
     std::vector<uint8_t> interleaved_bytes;
-    const cv::Mat from_planar = load_bgr_picture(host_record(bgr, true, planar_bytes), true);
-    const cv::Mat from_interleaved = load_bgr_picture(host_record(bgr, false, interleaved_bytes), false);
+    const cv::Mat from_planar = load_bgr_picture(ostrel_test::host_record(bgr, true, planar_bytes), true);
+    const cv::Mat from_interleaved = load_bgr_picture(ostrel_test::host_record(bgr, false, interleaved_bytes), false);
     ASSERT_EQ(from_planar.rows, 5);
     ASSERT_EQ(from_planar.cols, 7);
     ASSERT_EQ(from_planar.type(), CV_8UC3);
@@ -96,7 +73,7 @@ TEST(LoadBgrPicture, PlanarAndInterleavedGiveTheSamePicture) {
 TEST(LoadBgrPicture, CopiesThePixels) {
     cv::Mat bgr(4, 4, CV_8UC3, cv::Scalar(1, 2, 3));
     std::vector<uint8_t> bytes;
-    const ostrel_alg_image record = host_record(bgr, false, bytes);
+    const ostrel_alg_image record = ostrel_test::host_record(bgr, false, bytes);
     const cv::Mat loaded = load_bgr_picture(record, false);
     bytes[0] = 200;
     EXPECT_EQ(loaded.at<cv::Vec3b>(0, 0)[0], 1);
@@ -271,7 +248,7 @@ TEST_F(PictureFeatures, HostRecordsPlanarAndInterleavedGiveTheSameMap) {
     ASSERT_TRUE(compute_picture_features(acf_, bgr, &from_mat));
     for (bool planar : {true, false}) {
         std::vector<uint8_t> bytes;
-        const ostrel_alg_image record = host_record(bgr, planar, bytes);
+        const ostrel_alg_image record = ostrel_test::host_record(bgr, planar, bytes);
         picture_features from_record;
         ASSERT_TRUE(compute_picture_features(acf_, record, &from_record));
         EXPECT_EQ(from_record.map.data, from_mat.map.data) << planar;

@@ -13,6 +13,7 @@
 #include "acf/map_hash.h"
 #include "ostrel_alg.h"
 #include "support/stdout_capture.h"
+#include "support/host_picture.h"
 #include "support/test_data.h"
 
 using ostrel_test::capture_stdout;
@@ -33,25 +34,7 @@ protected:
 
     // Host record over a picture, planar (three planes) or interleaved.
     ostrel_alg_image record(const cv::Mat &bgr, bool planar) {
-        const size_t plane = static_cast<size_t>(bgr.rows) * static_cast<size_t>(bgr.cols);
-        pixels_.resize(plane * 3);
-        if (planar) {
-            cv::Mat planes[3];
-            cv::split(bgr, planes);
-            for (int c = 0; c < 3; ++c) {
-                std::copy(planes[c].data, planes[c].data + plane, pixels_.data() + c * plane);
-            }
-        } else {
-            std::copy(bgr.data, bgr.data + plane * 3, pixels_.data());
-        }
-        ostrel_alg_image image{};
-        image.width = bgr.cols;
-        image.height = bgr.rows;
-        image.channels = 3;
-        image.data = pixels_.data();
-        image.image_key = 7;
-        image.format = planar ? OSTREL_ALG_FORMAT_PLANAR : OSTREL_ALG_FORMAT_INTERLEAVED;
-        return image;
+        return ostrel_test::host_record(bgr, planar, pixels_, 7);
     }
 
     struct map_view {

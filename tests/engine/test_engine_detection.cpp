@@ -11,6 +11,7 @@
 
 #include "engine/bccd_engine.h"
 #include "engine/picture_cache.h"
+#include "support/host_picture.h"
 #include "support/stdout_capture.h"
 
 using engine_test::bccd_picture;
@@ -140,11 +141,8 @@ TEST_F(Detection, RunAppendsToTheList) {
 TEST_F(Detection, PlanarAndInterleavedAgree) {
     const engine_test::marked_picture other = bccd_picture("BloodImage_00003");
     const std::vector<ostrel_alg_box> interleaved = detect(other.pixels, 300);
-    std::vector<cv::Mat> planes;
-    cv::split(other.pixels, planes);
     std::vector<uint8_t> planar;
-    for (const cv::Mat &p : planes) planar.insert(planar.end(), p.data, p.data + p.total());
-    ostrel_alg_image image{other.pixels.cols, other.pixels.rows, 3, planar.data(), 301, 0, OSTREL_ALG_FORMAT_PLANAR};
+    const ostrel_alg_image image = ostrel_test::host_record(other.pixels, true, planar, 301);
     std::vector<ostrel_alg_box> from_planes;
     capture_stdout([&] { ASSERT_EQ(engine_->runDetector(&image, from_planes), 0); });
     EXPECT_TRUE(same_boxes(interleaved, from_planes));

@@ -32,26 +32,26 @@ std::string temp_file(const std::string &name, const std::string &content) {
 }  // namespace
 
 TEST(ParseBoxSpec, ReadsFourIntegers) {
-    EXPECT_EQ(parse_box_spec("10,20,30,40"), (Rect{10, 20, 30, 40}));
-    EXPECT_EQ(parse_box_spec(" 10, 20 ,30 , 40 "), (Rect{10, 20, 30, 40}));
-    EXPECT_EQ(parse_box_spec("-5,0,30,40"), (Rect{-5, 0, 30, 40}));
+    EXPECT_EQ(parse_box_argument("10,20,30,40"), (Rect{10, 20, 30, 40}));
+    EXPECT_EQ(parse_box_argument(" 10, 20 ,30 , 40 "), (Rect{10, 20, 30, 40}));
+    EXPECT_EQ(parse_box_argument("-5,0,30,40"), (Rect{-5, 0, 30, 40}));
 }
 
 TEST(ParseBoxSpec, MalformedBoxesAreUsageErrors) {
     for (const char *bad : {"10,20,30", "10,20,30,40,50", "a,b,c,d", "10,20,30,", "", "10;20;30;40",
                             "10,20,30.5,40", "1,2,99999999999,4"}) {
-        EXPECT_EQ(code_of([&] { parse_box_spec(bad); }), ExitCode::usage) << bad;
+        EXPECT_EQ(code_of([&] { parse_box_argument(bad); }), ExitCode::usage) << bad;
     }
 }
 
 TEST(ParseBoxSpec, SizeMustBeAtLeastOne) {
-    EXPECT_EQ(code_of([] { parse_box_spec("1,2,0,4"); }), ExitCode::usage);
-    EXPECT_EQ(code_of([] { parse_box_spec("1,2,3,-4"); }), ExitCode::usage);
+    EXPECT_EQ(code_of([] { parse_box_argument("1,2,0,4"); }), ExitCode::usage);
+    EXPECT_EQ(code_of([] { parse_box_argument("1,2,3,-4"); }), ExitCode::usage);
 }
 
 TEST(ParseBoxSpec, MessageQuotesTheText) {
     try {
-        parse_box_spec("1,2,3");
+        parse_box_argument("1,2,3");
         FAIL();
     } catch (const ToolError &e) {
         EXPECT_STREQ(e.what(), "malformed box '1,2,3': expected x,y,w,h (four integers)");

@@ -44,7 +44,7 @@ Rect checked_box(int x, int y, int w, int h, const std::string &what, bool usage
 
 }  // namespace
 
-Rect parse_box_spec(const std::string &text) {
+Rect parse_box_argument(const std::string &text) {
     std::vector<std::string> fields;
     std::string field;
     std::istringstream in(text);

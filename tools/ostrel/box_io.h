@@ -13,7 +13,7 @@ namespace ostrel_tool {
 
 // Parses "x,y,w,h": four integers (spaces around them allowed), w and h at
 // least 1. Throws a usage error quoting the text otherwise.
-Rect parse_box_spec(const std::string &text);
+Rect parse_box_argument(const std::string &text);
 
 // Parses a JSON box list. Accepted forms:
 //   [{"x":10,"y":20,"w":30,"h":40}, ...]      (also "width"/"height")

@@ -21,7 +21,7 @@ namespace {
 
 struct TrainOptions {
     std::string image;
-    std::vector<std::string> box_specs;
+    std::vector<std::string> box_arguments;
     std::string box_file;
     std::string class_name;
     std::string model;
@@ -33,7 +33,7 @@ struct TrainOptions {
 };
 
 std::vector<Rect> boxes_from_options(const TrainOptions &o) {
-    if (o.box_specs.empty() == o.box_file.empty()) {
+    if (o.box_arguments.empty() == o.box_file.empty()) {
         throw usage_error("give the marked boxes either with --box x,y,w,h (repeatable) or with --boxes FILE");
     }
     if ((o.width > 0) != (o.height > 0)) {
@@ -49,8 +49,8 @@ std::vector<Rect> boxes_from_options(const TrainOptions &o) {
             throw input_error("box file '" + o.box_file + "' holds no box");
         }
     } else {
-        for (const auto &spec : o.box_specs) {
-            boxes.push_back(parse_box_spec(spec));
+        for (const auto &argument : o.box_arguments) {
+            boxes.push_back(parse_box_argument(argument));
         }
     }
     return boxes;
@@ -139,7 +139,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     auto o = std::make_shared<TrainOptions>();
     CLI::App *sub = app.add_subcommand("train", "Train a detector on one picture and write the model file");
     sub->add_option("IMAGE", o->image, "the training picture (any format OpenCV reads)")->required();
-    sub->add_option("--box", o->box_specs, "a marked box in picture pixels (repeat for more boxes)")
+    sub->add_option("--box", o->box_arguments, "a marked box in picture pixels (repeat for more boxes)")
         ->type_name("x,y,w,h")
         ->allow_extra_args(false)  // one box per --box, so that IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
