@@ -1,8 +1,6 @@
 // The exported interface: every function checks its handle and arguments,
 // forwards to one engine operation and returns its status.
-#include <cstdio>
 #include <exception>
-#include <new>
 #include <string>
 #include <vector>
 

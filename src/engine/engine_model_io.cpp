@@ -47,20 +47,6 @@ enum ModelIoLine : int {
     kCheckExceptionLine = 3423,
 };
 
-void put_le(unsigned char *out, uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) {
-        out[i] = static_cast<unsigned char>((value >> (8 * i)) & 0xffu);
-    }
-}
-
-uint64_t get_le(const unsigned char *in, int bytes) {
-    uint64_t value = 0;
-    for (int i = 0; i < bytes; ++i) {
-        value |= static_cast<uint64_t>(in[i]) << (8 * i);
-    }
-    return value;
-}
-
 // Length of the file at `path` from a fresh stream, or -1 when it cannot be
 // read.
 int64_t file_length(const std::string &path) {
@@ -109,13 +95,10 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         const uint64_t length = static_cast<uint64_t>(file_length(path));
         const uint32_t crc = ostrel::getFileCRC(path, length);
 
-        unsigned char trailer[ostrel::kModelTrailerSize];
-        put_le(trailer, length, 8);
-        put_le(trailer + 8, crc, 4);
         std::ofstream append(path, std::ios::binary | std::ios::out | std::ios::app);
-        append.write(reinterpret_cast<const char *>(trailer), sizeof trailer);
+        const bool written = ostrel::write_trailer(append, length, crc) == 0;
         append.close();
-        if (!append) {
+        if (!written || !append) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
@@ -210,10 +193,9 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         // P: the bytes the two blocks took. A stream that ran out inside
         // them reports -1, which as a limit covers the whole file.
         const uint64_t consumed = static_cast<uint64_t>(static_cast<int64_t>(in.tellg()));
-        unsigned char trailer[ostrel::kModelTrailerSize] = {};
-        in.read(reinterpret_cast<char *>(trailer), sizeof trailer);
-        const uint64_t stored_length = get_le(trailer, 8);
-        const uint32_t stored_crc = static_cast<uint32_t>(get_le(trailer + 8, 4));
+        uint64_t stored_length = 0;
+        uint32_t stored_crc = 0;
+        ostrel::read_trailer(in, &stored_length, &stored_crc);
 
         const uint64_t total_length = static_cast<uint64_t>(file_length(path));
         const uint32_t computed_crc = ostrel::getFileCRC(path, consumed);

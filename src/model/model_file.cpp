@@ -267,6 +267,21 @@ int32_t read_filter_block(std::istream &in, pca_fp_filter &filter) {
     return 0;
 }
 
+int32_t write_trailer(std::ostream &out, uint64_t length, uint32_t crc) {
+    byte_buffer bytes;
+    put_u32(bytes, static_cast<uint32_t>(length & 0xffffffffu));
+    put_u32(bytes, static_cast<uint32_t>(length >> 32));
+    put_u32(bytes, crc);
+    return write_buffer(out, bytes) ? 0 : 1;
+}
+
+void read_trailer(std::istream &in, uint64_t *length, uint32_t *crc) {
+    unsigned char bytes[kModelTrailerSize] = {};
+    in.read(reinterpret_cast<char *>(bytes), sizeof bytes);
+    *length = static_cast<uint64_t>(get_u32(bytes)) | (static_cast<uint64_t>(get_u32(bytes + 4)) << 32);
+    *crc = get_u32(bytes + 8);
+}
+
 uint32_t getFileCRC(const std::string &path, uint64_t limit) {
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {

@@ -44,6 +44,13 @@ int32_t read_svm_block(std::istream &in, svm_model &model);
 // ends inside the counts are a read failure (1).
 int32_t read_filter_block(std::istream &in, pca_fp_filter &filter);
 
+// Appends the trailer: L as uint64, then the CRC-32. Returns 1 on a write
+// failure.
+int32_t write_trailer(std::ostream &out, uint64_t length, uint32_t crc);
+
+// Reads the trailer; bytes the stream does not hold read as 0.
+void read_trailer(std::istream &in, uint64_t *length, uint32_t *crc);
+
 // CRC-32 (zlib's crc32) of the file's first `limit` bytes, read one byte at a
 // time; the first byte is taken in even with limit 0. Logs and returns 0 when
 // the file cannot be opened.

@@ -105,8 +105,6 @@ TEST(Init, KeepsTheModelAndResetsTheId) {
     engine->training_samples.emplace_back();
     ASSERT_EQ(engine->setModelId(9), 0);
 
-    const ostrel::ostrel_acf *old_extractor = engine->feat_extractor.get();
-    (void)old_extractor;
     EXPECT_EQ(engine->init(), 0);
 
     EXPECT_TRUE(engine->isTrained());
