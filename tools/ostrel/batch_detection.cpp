@@ -1,0 +1,503 @@
+#include "batch_detection.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <opencv2/core/utility.hpp>
+
+#include "annotated_video.h"
+#include "atomic_file.h"
+#include "batch_inputs.h"
+#include "command_support.h"
+#include "detection_report.h"
+#include "drawing.h"
+#include "engine.h"
+#include "exit_codes.h"
+#include "interrupt.h"
+#include "ordered_pool.h"
+#include "picture.h"
+#include "progress_line.h"
+#include "tool_error.h"
+#include "tool_output.h"
+
+namespace ostrel_tool {
+
+namespace {
+
+// One piece of work, in input order.
+struct DetectWork {
+    enum class Kind { picture, frame, video_end, failure };
+    Kind kind = Kind::picture;
+    std::string path;       // the picture or the video
+    std::string draw_path;  // picture: the PNG to write, empty for none
+    VideoFrame frame;       // frame: the decoded pixels, index and time
+    int video = -1;         // frame, video_end: which video
+    bool draw_frame = false;
+    std::string message;    // failure, video_end: a problem to report
+};
+
+struct DetectResult {
+    DetectWork::Kind kind = DetectWork::Kind::picture;
+    std::string text;            // the lines to print
+    int detections = 0;
+    std::string input_problem;   // the input could not be used
+    std::string output_problem;  // an output could not be written
+    cv::Mat drawn;               // frame: with its boxes, for the annotated video
+    int video = -1;
+    double time_ms = 0.0;
+};
+
+// The work of one thread: its own engine, the model loaded once.
+class DetectWorker {
+public:
+    DetectWorker(const BatchDetectOptions &o) : o_(o) {
+        load_model(engine_, o.model);
+        if (!engine_.set_sensitivity(o.sensitivity)) {
+            throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
+        }
+    }
+
+    DetectResult operator()(DetectWork &work) {
+        DetectResult r;
+        r.kind = work.kind;
+        r.video = work.video;
+        if (work.kind == DetectWork::Kind::failure || work.kind == DetectWork::Kind::video_end) {
+            r.input_problem = work.message;
+            return r;
+        }
+        Picture picture;
+        if (work.kind == DetectWork::Kind::picture) {
+            try {
+                picture = load_picture(work.path);
+            } catch (const ToolError &e) {
+                r.input_problem = e.what();
+                return r;
+            }
+        } else {
+            picture = picture_from_pixels(work.frame.pixels, work.path);
+            work.frame.pixels.release();
+            r.time_ms = work.frame.time_ms;
+        }
+        DetectionReport report;
+        report.file = work.path;
+        report.width = picture.width();
+        report.height = picture.height();
+        if (work.kind == DetectWork::Kind::frame) {
+            report.frame = FramePlace{work.frame.index, work.frame.time_ms};
+        }
+        if (!engine_.detect(picture, report.boxes)) {
+            const std::string reason = engine_.last_line();
+            r.input_problem = "detection failed on '" + work.path + "'" +
+                              (report.frame ? " frame " + std::to_string(report.frame->index) : "") +
+                              (reason.empty() ? "" : ": " + reason);
+            return r;
+        }
+        r.text = report_text(report, o_.json);
+        r.detections = static_cast<int>(detections_only(report.boxes).size());
+        if (!work.draw_path.empty() || work.draw_frame) {
+            cv::Mat canvas = picture.pixels.clone();
+            draw_detections(canvas, report.boxes);
+            if (work.draw_frame) {
+                r.drawn = canvas;
+            } else {
+                try {
+                    write_png_atomically(work.draw_path, canvas);
+                } catch (const ToolError &e) {
+                    r.output_problem = e.what();
+                }
+            }
+        }
+        return r;
+    }
+
+private:
+    const BatchDetectOptions &o_;
+    Engine engine_;
+};
+
+// Fails before any work when nothing can be written into the folder.
+void require_writable_folder(const std::string &dir) {
+    make_output_folder(dir);
+    TemporaryFile probe(temporary_name_for((std::filesystem::path(dir) / "probe").string()));
+    std::FILE *f = std::fopen(probe.path().c_str(), "wb");
+    if (f == nullptr) {
+        const int error = errno;
+        throw output_error("cannot write into folder '" + dir + "': " + std::strerror(error));
+    }
+    std::fclose(f);
+}
+
+std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vector<InputProblem> &problems) {
+    std::vector<std::string> paths = o.inputs;
+    for (const std::string &list : o.lists) {
+        if (list == "-") {
+            const auto lines = read_path_list(std::cin);
+            paths.insert(paths.end(), lines.begin(), lines.end());
+            continue;
+        }
+        std::error_code ec;
+        std::ifstream in(list);
+        if (!std::filesystem::is_regular_file(list, ec) || !in) {
+            problems.push_back({list, "cannot read list '" + list + "': " +
+                                          (std::filesystem::exists(list, ec) ? "not a readable file" : "no such file")});
+            continue;
+        }
+        const auto lines = read_path_list(in);
+        paths.insert(paths.end(), lines.begin(), lines.end());
+    }
+    return paths;
+}
+
+// Prints results in input order and keeps the counts, annotated videos and
+// progress line. Runs on the main thread only.
+class ResultSink {
+public:
+    ResultSink(const BatchDetectOptions &o, int64_t pictures_total)
+        : progress_(stderr, o.progress || ::isatty(STDERR_FILENO) == 1, ::isatty(STDERR_FILENO) == 1),
+          start_(std::chrono::steady_clock::now()) {
+        state_.pictures_total = pictures_total;
+    }
+
+    void problem(const std::string &message) {
+        progress_.clear();
+        std::fflush(tool_out());
+        std::fprintf(stderr, "ostrel: %s\n", message.c_str());
+        std::fflush(stderr);
+    }
+    void note(const std::string &message) { problem("warning: " + message); }
+    // An input found unusable before the run (missing, not a file).
+    void skipped_input(const std::string &message) {
+        problem(message);
+        ++failed_inputs_;
+    }
+
+    void start_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer, int64_t frames,
+                     double total_ms) {
+        videos_[id] = std::move(writer);
+        ++video_count_;
+        state_.video = file_name_of(path);
+        state_.frames_done = 0;
+        state_.frames_total = frames;
+        state_.video_ms = 0;
+        state_.video_total_ms = total_ms;
+    }
+
+    void take(DetectResult &r) {
+        using Kind = DetectWork::Kind;
+        if (r.kind == Kind::video_end) {
+            finish_video(r.video);
+            state_.video.clear();
+            if (!r.input_problem.empty()) {
+                problem(r.input_problem);
+                ++failed_inputs_;
+            }
+            return;
+        }
+        ++state_.items_done;
+        if (r.kind == Kind::frame) {
+            ++state_.frames_done;
+            ++frames_;
+            state_.video_ms = r.time_ms;
+        } else {
+            ++state_.pictures_done;
+        }
+        if (!r.input_problem.empty()) {
+            problem(r.input_problem);
+            ++failed_inputs_;
+        } else {
+            if (r.kind != Kind::frame) {
+                ++pictures_;
+            }
+            detections_ += r.detections;
+            print(r.text);
+        }
+        if (!r.output_problem.empty()) {
+            problem(r.output_problem);
+            ++failed_outputs_;
+        }
+        if (r.kind == Kind::frame && !r.drawn.empty()) {
+            write_frame(r.video, r.drawn);
+        }
+        state_.seconds = seconds();
+        progress_.update(state_);
+    }
+
+    // Closes every annotated video still open (after an interrupt).
+    void finish_all_videos() {
+        while (!videos_.empty()) {
+            finish_video(videos_.begin()->first);
+        }
+    }
+
+    void summary(bool interrupted) {
+        progress_.finish();
+        std::fflush(tool_out());
+        const double s = seconds();
+        std::string text = strformat("summary: %lld picture%s", pictures_, pictures_ == 1 ? "" : "s");
+        if (video_count_ > 0) {
+            text += strformat(" and %lld frame%s of %d video%s", frames_, frames_ == 1 ? "" : "s", video_count_,
+                              video_count_ == 1 ? "" : "s");
+        }
+        text += strformat(", %lld detection%s, %lld failed, %.2f s, %.1f %s/s%s", detections_,
+                          detections_ == 1 ? "" : "s", failed_inputs_, s,
+                          s > 0 ? static_cast<double>(state_.items_done) / s : 0.0,
+                          video_count_ > 0 ? "pictures and frames" : "pictures", interrupted ? " (interrupted)" : "");
+        std::fprintf(stderr, "ostrel: %s\n", text.c_str());
+        std::fflush(stderr);
+    }
+
+    long long failed_inputs() const { return failed_inputs_; }
+    long long failed_outputs() const { return failed_outputs_; }
+    int64_t items_done() const { return state_.items_done; }
+    int64_t pictures_done() const { return state_.pictures_done; }
+
+private:
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+
+    void write_frame(int id, const cv::Mat &drawn) {
+        auto it = videos_.find(id);
+        if (it == videos_.end() || !it->second) {
+            return;
+        }
+        try {
+            it->second->write(drawn);
+        } catch (const ToolError &e) {
+            problem(e.what());
+            ++failed_outputs_;
+            it->second.reset();  // no more frames for this one: the message said why
+        }
+    }
+
+    void finish_video(int id) {
+        auto it = videos_.find(id);
+        if (it == videos_.end()) {
+            return;
+        }
+        if (it->second) {
+            try {
+                it->second->finish();
+            } catch (const ToolError &e) {
+                problem(e.what());
+                ++failed_outputs_;
+            }
+        }
+        videos_.erase(it);
+    }
+
+    ProgressLine progress_;
+    ProgressState state_;
+    std::chrono::steady_clock::time_point start_;
+    std::map<int, std::unique_ptr<AnnotatedVideo>> videos_;
+    int video_count_ = 0;
+    long long pictures_ = 0;
+    long long frames_ = 0;
+    long long detections_ = 0;
+    long long failed_inputs_ = 0;
+    long long failed_outputs_ = 0;
+};
+
+using DetectPool = OrderedPool<DetectWork, DetectResult>;
+
+// Hands out the work of every input in order, taking results back whenever
+// the pool is full so that at most a window of items is in memory.
+class WorkFeeder {
+public:
+    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, ResultSink &sink)
+        : o_(o), pool_(pool), sink_(sink), names_(o.draw_dir) {}
+
+    void feed(const std::vector<BatchInput> &inputs) {
+        for (const BatchInput &input : inputs) {
+            if (InterruptGuard::requested()) {
+                return;
+            }
+            if (input.kind == InputKind::video) {
+                feed_video(input.path);
+            } else {
+                DetectWork work;
+                work.path = input.path;
+                if (!o_.draw_dir.empty()) {
+                    work.draw_path = names_.name_for(input.path, ".png");
+                }
+                submit(std::move(work));
+            }
+        }
+    }
+
+    void drain(bool wait) {
+        while (auto r = pool_.next(wait)) {
+            sink_.take(*r);
+        }
+    }
+
+private:
+    void submit(DetectWork work) {
+        while (pool_.full()) {
+            if (auto r = pool_.next(true)) {
+                sink_.take(*r);
+            }
+        }
+        pool_.submit(std::move(work));
+        drain(false);
+    }
+
+    void feed_video(const std::string &path) {
+        VideoFrames frames(path, o_.frames);
+        if (!frames.ok()) {
+            DetectWork failure;
+            failure.kind = DetectWork::Kind::failure;
+            failure.path = path;
+            failure.message = frames.problem();
+            submit(std::move(failure));
+            return;
+        }
+        const int id = next_video_++;
+        std::unique_ptr<AnnotatedVideo> writer;
+        if (!o_.draw_dir.empty()) {
+            writer = std::make_unique<AnnotatedVideo>(names_.name_for(path, annotated_video_extension()),
+                                                      frames.fps() / o_.frames.every);
+        }
+        // The sink learns of the video once the work before it is printed,
+        // so that the progress line names the video being worked on.
+        while (pool_.in_flight() > 0) {
+            drain(true);
+        }
+        const int64_t declared = frames.declared_frames();
+        sink_.start_video(id, path, std::move(writer), frames.frames_to_take(),
+                          declared > 0 ? frames.time_of(declared) : 0.0);
+        VideoFrame frame;
+        while (!InterruptGuard::requested() && frames.next(frame)) {
+            DetectWork work;
+            work.kind = DetectWork::Kind::frame;
+            work.path = path;
+            work.frame = std::move(frame);
+            work.video = id;
+            work.draw_frame = !o_.draw_dir.empty();
+            submit(std::move(work));
+        }
+        if (InterruptGuard::requested()) {
+            return;  // the sink closes the video with the frames done
+        }
+        DetectWork end;
+        end.kind = DetectWork::Kind::video_end;
+        end.path = path;
+        end.video = id;
+        end.message = frames.problem();
+        submit(std::move(end));
+    }
+
+    const BatchDetectOptions &o_;
+    DetectPool &pool_;
+    ResultSink &sink_;
+    OutputNames names_;
+    int next_video_ = 0;
+};
+
+// Video decoding messages of FFmpeg would mix with the tool's; the tool
+// reports undecodable frames itself. --verbose (or the variable set by the
+// user) keeps them.
+void quiet_video_decoder() {
+    if (!show_library_lines() && std::getenv("OPENCV_FFMPEG_LOGLEVEL") == nullptr) {
+        ::setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);  // AV_LOG_QUIET
+    }
+}
+
+}  // namespace
+
+int resolve_jobs(int jobs) {
+    if (jobs > 0) {
+        return jobs;
+    }
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores > 0 ? static_cast<int>(cores) : 1;
+}
+
+int run_batch_detection(const BatchDetectOptions &o) {
+    quiet_video_decoder();
+    InterruptGuard interrupt_guard;
+    InterruptGuard::reset();
+
+    std::vector<InputProblem> list_problems;
+    const std::vector<std::string> paths = all_input_paths(o, list_problems);
+    InputExpansion expansion = expand_inputs(paths, o.recursive);
+    expansion.problems.insert(expansion.problems.begin(), list_problems.begin(), list_problems.end());
+
+    int64_t pictures_total = 0;
+    bool any_video = false;
+    for (const auto &input : expansion.inputs) {
+        pictures_total += input.kind == InputKind::picture ? 1 : 0;
+        any_video = any_video || input.kind == InputKind::video;
+    }
+    ResultSink sink(o, pictures_total);
+    for (const auto &note : expansion.notes) {
+        sink.note(note);
+    }
+    for (const auto &p : expansion.problems) {
+        sink.skipped_input(p.reason);
+    }
+    const bool input_failed = !expansion.problems.empty();
+    if (InterruptGuard::requested()) {
+        return to_int(ExitCode::interrupted);
+    }
+    if (expansion.inputs.empty()) {
+        if (input_failed) {
+            return to_int(ExitCode::input);
+        }
+        throw input_error("no picture or video to work on in the inputs given");
+    }
+    if (!o.draw_dir.empty()) {
+        require_writable_folder(o.draw_dir);
+    }
+
+    // Parallelism comes from the worker threads; OpenCV's own threads in
+    // each of them would only compete for the same cores.
+    cv::setNumThreads(1);
+    int jobs = resolve_jobs(o.jobs);
+    if (!any_video && static_cast<int64_t>(jobs) > pictures_total) {
+        jobs = static_cast<int>(pictures_total);
+    }
+    DetectPool pool(jobs, static_cast<size_t>(2 * jobs + 2), [&o](int) {
+        auto worker = std::make_shared<DetectWorker>(o);
+        return [worker](DetectWork &work) { return (*worker)(work); };
+    });
+    WorkFeeder feeder(o, pool, sink);
+    feeder.feed(expansion.inputs);
+    const bool interrupted = InterruptGuard::requested();
+    if (interrupted) {
+        pool.cancel_pending();
+    }
+    pool.close();
+    feeder.drain(true);
+    sink.finish_all_videos();
+
+    if (o.summary || ::isatty(STDERR_FILENO) == 1) {
+        sink.summary(interrupted);
+    }
+    if (interrupted) {
+        sink.problem(strformat("interrupted by %s: %lld of %lld pictures done; every file written is complete",
+                               InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT",
+                               static_cast<long long>(sink.pictures_done()), static_cast<long long>(pictures_total)));
+        return to_int(ExitCode::interrupted);
+    }
+    if (sink.failed_outputs() > 0) {
+        return to_int(ExitCode::output);
+    }
+    if (input_failed || sink.failed_inputs() > 0) {
+        return to_int(ExitCode::input);
+    }
+    return to_int(ExitCode::ok);
+}
+
+}  // namespace ostrel_tool
