@@ -227,6 +227,26 @@ unwritable_draw)
   [ -z "$(ls -A drawn | grep '^\.')" ] || fail "temporary files left: $(ls -A drawn | grep '^\.')"
   ;;
 
+progress_and_summary)
+  # On a terminal (a pseudo-terminal made by script(1)): a progress line
+  # rewritten in place and a summary, both on standard error. Off a
+  # terminal: neither, unless --progress and --summary ask for them.
+  mkdir in && cp "${pictures[@]}" in/
+  script -q -e -c "'$ostrel' detect --model '$model' --jobs 2 in > out.txt" typescript.txt > /dev/null
+  expect_eq "exit code on a terminal" 0 $?
+  terminal=$(tr '\r\033' 'RE' < typescript.txt)
+  expect_match "progress line in place" 'R[0-9]+/8 pictures  [0-9.]+/s( +[0-9:]+ left)?E\[K' "$terminal"
+  expect_match "summary" 'ostrel: summary: 8 pictures, [0-9]+ detections, 0 failed, [0-9.]+ s, [0-9.]+ pictures/s' \
+    "$terminal"
+  expect_eq "results on standard output" 8 "$(cut -d' ' -f1 out.txt | sort -u | wc -l | tr -d ' ')"
+  "$ostrel" detect --model "$model" in > out.txt 2> err.txt
+  expect_eq "stderr off a terminal" "" "$(cat err.txt)"
+  "$ostrel" detect --model "$model" --progress --summary in > out.txt 2> err.txt
+  expect_match "progress off a terminal" '^ostrel: progress: [0-9]+/8 pictures  [0-9.]+/s' "$(head -n 1 err.txt)"
+  expect_match "summary off a terminal" 'ostrel: summary: 8 pictures, ' "$(tail -n 1 err.txt)"
+  [[ "$(cat err.txt)" != *$'\r'* ]] || fail "a carriage return off a terminal"
+  ;;
+
 train_two_pictures)
   # Samples accumulate: two pictures give more than one, and the model is valid.
   common=(--class RBC --median-size --seed 1)

@@ -8,7 +8,7 @@ target_include_directories(ostrel_make_test_video SYSTEM PRIVATE ${OpenCV_INCLUD
 target_link_libraries(ostrel_make_test_video PRIVATE opencv_core opencv_imgproc opencv_imgcodecs opencv_videoio)
 
 foreach(batch_case folder_with_unreadable_file list_from_stdin video jobs_identical interrupt many_other_files
-                   symlink_loops damaged_video unwritable_draw train_two_pictures)
+                   symlink_loops damaged_video unwritable_draw progress_and_summary train_two_pictures)
   add_test(NAME cli_batch_${batch_case}
     COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/batch_cli.sh ${batch_case} $<TARGET_FILE:ostrel> ${CLI_MODEL}
             ${CLI_DATA} ${CLI_OUT}/batch/${batch_case} $<TARGET_FILE:ostrel_make_test_video>)

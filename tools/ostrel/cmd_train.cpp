@@ -57,6 +57,12 @@ std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
             throw usage_error("--voc needs the object class: --class NAME");
         }
         VocTrainingSet set = training_pictures_from_voc(o.voc_dir, o.class_name, o.limit);
+        if (set.without_class > 0) {
+            warn(strformat("%d annotated picture%s in '%s' hold%s no object of class '%s' and %s passed over",
+                           set.without_class, set.without_class == 1 ? "" : "s", o.voc_dir.c_str(),
+                           set.without_class == 1 ? "s" : "", o.class_name.c_str(),
+                           set.without_class == 1 ? "is" : "are"));
+        }
         return std::move(set.pictures);
     }
     if (o.limit != 0) {
