@@ -204,9 +204,8 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         if (!has_picture || picture.empty()) {
             throw ApiError(http_status::bad_request, "name the picture: /api/detect?picture=NAME&sensitivity=N");
         }
-        const uint32_t sensitivity =
-            parse_sensitivity(query_value(request, "sensitivity", &has_sensitivity), has_sensitivity,
-                              kDefaultSensitivity);
+        const std::string sensitivity_text = query_value(request, "sensitivity", &has_sensitivity);
+        const uint32_t sensitivity = parse_sensitivity(sensitivity_text, has_sensitivity, kDefaultSensitivity);
         const DetectOutcome d = workspace_.detect(picture, sensitivity);
         nlohmann::ordered_json j;
         j["picture"] = picture;
