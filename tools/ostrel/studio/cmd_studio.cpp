@@ -91,6 +91,17 @@ int run_studio(const StudioOptions &o) {
         // needs a library that can be told to use it.
         throw usage_error("--profile " + o.profile + " is not available: this library offers the classic profile only");
     }
+    // Ctrl-C and SIGTERM are taken by one thread that stops the server. Every
+    // other thread must be started with them blocked: the server's, and the
+    // worker threads OpenCV starts inside the library on its first picture.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    // A browser that goes away mid-reply must not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+
     const std::string folder = o.folder.empty() ? std::string(OSTREL_DATA_DIR) + "/bccd/images" : o.folder;
     if (o.folder.empty() && !fs::is_directory(folder)) {
         throw usage_error("the shipped pictures are not at '" + folder + "': name a folder of pictures");
@@ -121,16 +132,6 @@ int run_studio(const StudioOptions &o) {
         }
     }
     studio::StudioApi api(store, workspace);
-
-    // Ctrl-C and SIGTERM are taken by one thread that stops the server; every
-    // other thread (the server's included) is started with them blocked.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    // A browser that goes away mid-reply must not end the process.
-    std::signal(SIGPIPE, SIG_IGN);
 
     studio::ServerOptions server_options;
     server_options.host = o.host;

@@ -53,6 +53,29 @@ struct ScratchFile {
 Workspace::Workspace(PictureStore &store, WorkspaceSettings settings)
     : store_(store), settings_(std::move(settings)) {
     engine_ = fresh_engine();
+    // Asked now rather than on the first Train, which a person waits for.
+    const auto pictures = store_.list();
+    if (!pictures.empty()) {
+        try {
+            learn_map_size(*store_.picture(pictures.front().name));
+        } catch (const ApiError &) {
+            // The first Train asks again.
+        }
+    }
+}
+
+void Workspace::learn_map_size(const Picture &picture) {
+    if (map_columns_ != 0) {
+        return;
+    }
+    // The feature map has the same size for every picture: ask once.
+    FeatureMap map;
+    if (!engine_->feature_map(picture, map) || map.columns == 0 || map.rows == 0) {
+        throw ApiError(http_status::internal_error, "the library could not compute features: " + engine_->last_line());
+    }
+    map_columns_ = map.columns;
+    map_rows_ = map.rows;
+    map_channels_ = map.channels;
 }
 
 Workspace::~Workspace() = default;
@@ -162,17 +185,7 @@ TrainOutcome Workspace::train(const std::string &name, const std::vector<Rect> &
     const auto picture = store_.picture(name);  // decoded before the engine is taken
 
     std::lock_guard<std::mutex> lock(mutex_);
-    if (map_columns_ == 0) {
-        // The feature map has the same size for every picture: ask once.
-        FeatureMap map;
-        if (!engine_->feature_map(*picture, map) || map.columns == 0 || map.rows == 0) {
-            throw ApiError(http_status::internal_error, "the library could not compute features: " +
-                                                            engine_->last_line());
-        }
-        map_columns_ = map.columns;
-        map_rows_ = map.rows;
-        map_channels_ = map.channels;
-    }
+    learn_map_size(*picture);
     check_boxes(entry, boxes, name);
 
     bool known = false;

@@ -110,6 +110,8 @@ public:
 
 private:
     std::unique_ptr<Engine> fresh_engine();
+    // The size of the library's feature map, which every window check needs.
+    void learn_map_size(const Picture &picture);
     void check_boxes(const PictureEntry &entry, const std::vector<Rect> &boxes, const std::string &replacing);
     bool train_list(Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
     void refresh_samples();

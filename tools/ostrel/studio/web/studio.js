@@ -192,9 +192,10 @@
       const width = text.length * font * 0.56 + font * 0.5;
       const above = b.y - font * 1.25 >= 0;
       const top = above ? b.y - font * 1.25 : b.y;
+      const left = Math.max(0, Math.min(b.x, p.width - width));  // the caption stays on the picture
       svg('rect', { class: kind === 'found' ? 'det-caption-bg' : 'det-caption-bg ' + kind,
-        x: b.x, y: top, width, height: font * 1.25 }, group);
-      const caption = svg('text', { class: 'det-caption', x: b.x + font * 0.25, y: top + font * 0.95,
+        x: left, y: top, width, height: font * 1.25 }, group);
+      const caption = svg('text', { class: 'det-caption', x: left + font * 0.25, y: top + font * 0.95,
         'font-size': font }, group);
       caption.textContent = text;
     }
@@ -401,11 +402,11 @@
   // ----------------------------------------------------------- training
   function stepText(step) {
     if (step.pass === 0) {
-      return `First training on ${step.picture}: ${step.samples} samples (your boxes, shifted copies and background)`;
+      return `First training on ${step.picture}: ${step.samples} samples`;
     }
     const wrong = step.false_positives === 1 ? '1 wrong find' : `${step.false_positives} wrong finds`;
     const weak = step.low_confidence === 1 ? '1 weak one' : `${step.low_confidence} weak ones`;
-    return `Pass ${step.pass}: learnt ${wrong} and ${weak} as background`;
+    return `Pass ${step.pass}: ${wrong} and ${weak} learnt as background`;
   }
   function renderSteps(steps, closing, failed) {
     ui.steps.replaceChildren();
