@@ -111,6 +111,16 @@ PictureHeader read_picture_header(const std::string &bytes) {
     return read_picture_header(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
 }
 
+bool reaches_picture_end(const std::string &bytes, PictureFormat format) {
+    switch (format) {
+    case PictureFormat::jpeg: return bytes.size() >= 4 && bytes.rfind("\xFF\xD9") != std::string::npos && bytes.rfind("\xFF\xD9") >= 2;
+    case PictureFormat::png: return bytes.find("IEND", 8) != std::string::npos;
+    case PictureFormat::bmp:
+        return bytes.size() >= 6 && le32(reinterpret_cast<const uint8_t *>(bytes.data()) + 2) <= bytes.size();
+    default: return false;
+    }
+}
+
 const char *media_type(PictureFormat format) {
     switch (format) {
     case PictureFormat::jpeg: return "image/jpeg";

@@ -25,6 +25,11 @@ struct PictureHeader {
 PictureHeader read_picture_header(const uint8_t *data, size_t size);
 PictureHeader read_picture_header(const std::string &bytes);
 
+// True when the bytes reach the picture's end: a JPEG's end-of-image
+// marker, a PNG's IEND chunk, a BMP's full file size. Decoders fill a cut
+// file with grey instead of failing, so uploads are checked with this.
+bool reaches_picture_end(const std::string &bytes, PictureFormat format);
+
 // "image/jpeg", "image/png", "image/bmp"; "application/octet-stream" for unknown.
 const char *media_type(PictureFormat format);
 // ".jpg", ".png", ".bmp"; "" for unknown.

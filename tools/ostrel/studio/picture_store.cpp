@@ -220,6 +220,9 @@ PictureEntry PictureStore::add_upload(const std::string &bytes, const std::strin
         throw ApiError(http_status::unsupported_media_type, "not a picture: the studio reads JPEG, PNG and BMP files");
     }
     check_size(header.width, header.height);
+    if (!reaches_picture_end(bytes, header.format)) {
+        throw ApiError(http_status::unsupported_media_type, "the picture is cut short: the file ends before it does");
+    }
     cv::Mat pixels = decode(bytes);
     if (pixels.empty() || pixels.type() != CV_8UC3 || pixels.cols != header.width || pixels.rows != header.height) {
         throw ApiError(http_status::unsupported_media_type, "the picture is damaged: it does not decode");
