@@ -309,6 +309,13 @@ def host_header(c):
     assert status == 200, status
 
 
+@case("a port another studio serves is not taken twice: exit 4 and the reason")
+def port_taken(c):
+    second = subprocess.run([OSTREL, "studio", DATA_IMAGES, "--port", str(c.port)], capture_output=True, text=True,
+                            timeout=60)
+    assert second.returncode == 4 and "taken" in second.stderr and second.stdout == "", second
+
+
 @case("random request bodies and paths never crash the server; every answer is JSON with a status")
 def random_requests(c):
     rng = random.Random(14)
@@ -351,7 +358,7 @@ def main():
     try:
         for test in (page_files, pictures, picture_bytes, path_safety, detect_untrained, train, samples, detect,
                      detect_matches_cli, model_refused, second_picture, remove_sample, bad_train, bad_detect,
-                     uploads, host_header, random_requests):
+                     uploads, host_header, port_taken, random_requests):
             test(client)
     finally:
         code, out, err, seconds = studio.stop()

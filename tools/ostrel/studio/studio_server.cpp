@@ -39,6 +39,13 @@ StudioServer::StudioServer(StudioApi &api, const WebAssets &assets, ServerOption
     // Small replies (a slider move's boxes) must not wait for the peer's
     // delayed acknowledgement.
     s.set_tcp_nodelay(true);
+    // httplib's own options add SO_REUSEPORT, with which a second studio
+    // could bind a port the first one serves; keep only SO_REUSEADDR (a
+    // restarted studio gets its port back at once).
+    s.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const void *>(&yes), sizeof(yes));
+    });
     s.set_payload_max_length(options_.max_body_bytes);
     s.set_default_headers({
         {"X-Content-Type-Options", "nosniff"},
