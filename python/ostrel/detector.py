@@ -5,6 +5,7 @@ import ctypes
 import os
 import tempfile
 import threading
+import warnings
 import weakref
 from typing import Any, Optional
 
@@ -17,6 +18,10 @@ from .errors import Error, ModelError, NotTrainedError
 from .results import Box, Sample, score_of
 
 DEFAULT_SENSITIVITY = 80
+
+# The weight vector lengths a model file accepts.
+MIN_WINDOW_VALUES = 201
+MAX_WINDOW_VALUES = 5999
 
 OPTION_PROFILE = 1
 PROFILES = {"classic": 0, "accurate": 1}
@@ -198,6 +203,7 @@ class Detector:
             if key is not None and key == self._training_key and pixels.shape != self._training_shape:
                 raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
                                  f"pixels: give this picture its own key, or none")
+            self._check_window(pixels, marked)
             chosen = _inputs.key(key, pixels.shape)
             records = (rec.BoxRecord * len(marked))()
             for record, (x, y, w, h) in zip(records, marked.tolist()):
@@ -208,6 +214,26 @@ class Detector:
             self._check(self._call(self._library.setDetector_ptr, handle, ctypes.byref(picture), records,
                                    len(marked)),
                         "training failed")
+
+    def _check_window(self, pixels: npt.NDArray[np.uint8], marked: npt.NDArray[np.int32]) -> None:
+        """Refuses a first box whose window a model cannot hold, before any
+        training: the library would train it and only refuse to save it."""
+        height, width = pixels.shape[0], pixels.shape[1]
+        box_width, box_height = int(marked[0, 2]), int(marked[0, 3])
+        if any(int(w) != box_width or int(h) != box_height for w, h in marked[:, 2:4].tolist()):
+            warnings.warn(f"the boxes differ in size; the detector learns one window, the first box's "
+                          f"{box_width} x {box_height} (give every box one size)", stacklevel=3)
+        channels, rows, columns = self.feature_map(pixels).shape
+        # The library maps sizes to cells with single-precision factors and truncates.
+        window_columns = int(np.float32(box_width) * (np.float32(columns) / np.float32(width)))
+        window_rows = int(np.float32(box_height) * (np.float32(rows) / np.float32(height)))
+        values = channels * window_columns * window_rows
+        if not MIN_WINDOW_VALUES <= values <= MAX_WINDOW_VALUES:
+            raise ValueError(
+                f"a {box_width} x {box_height} box on this {width} x {height} picture gives the detector a window "
+                f"of {window_columns} x {window_rows} feature cells ({values} values); a model holds "
+                f"{MIN_WINDOW_VALUES} to {MAX_WINDOW_VALUES} values: use a "
+                f"{'larger' if values < MIN_WINDOW_VALUES else 'smaller'} box")
 
     @property
     def samples(self) -> list[Sample]:
