@@ -160,7 +160,9 @@ def _run(model: bytes, given: list[Any], names: list[str], jobs: Optional[int], 
     in_flight = workers * _IN_FLIGHT_PER_WORKER
     originals = iter(given)
     if client is not None:
-        shared_model = client.scatter(model, broadcast=True)
+        # A key of its own (hash=False): two runs with the same model must not
+        # share one, or the end of the first would release the second's copy.
+        shared_model = client.scatter(model, broadcast=True, hash=False)
         results = _in_order(
             chunks,
             lambda chunk: client.submit(detect_chunk, shared_model, chunk, sensitivity, profile, pure=False),
