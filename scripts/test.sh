@@ -3,7 +3,8 @@
 #   1. the release build and all its tests (ctest),
 #   2. the unit and interface tests again under AddressSanitizer and
 #      UndefinedBehaviorSanitizer,
-#   3. the model-file fuzz target for a short run, when present.
+#   3. the Python package, installed into a fresh virtual environment, and its tests,
+#   4. the model-file fuzz target for a short run, when present.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,6 +23,8 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE=ON 
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -L 'unit|api'
+
+scripts/test-python.sh
 
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"
