@@ -3,8 +3,7 @@
 #   1. the release build and all its tests (ctest),
 #   2. the unit and interface tests again under AddressSanitizer and
 #      UndefinedBehaviorSanitizer,
-#   3. the Python package, installed into a fresh virtual environment, and its tests,
-#   4. the model-file fuzz target for a short run, when present.
+#   3. the model-file fuzz target for a short run, when present.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
