@@ -121,9 +121,17 @@ def integer(value: Any, name: str, low: int, high: int) -> int:
 
 # The library keeps the last picture's features per thread and reuses them
 # when the next picture has the same key. A key given again with a picture
-# of another size would make it work on features of the wrong size, so the
-# size that goes with the thread's last key is remembered and checked.
+# of another size would give boxes computed on the wrong picture (the
+# library clips its reads to what it holds, so it is a caller's mistake, not
+# a memory hazard): the size that goes with the thread's last key is
+# remembered and checked.
 _last_on_thread = threading.local()
+
+
+def fresh_key() -> int:
+    """A key no picture has had, for calls that do not touch the library's
+    per-thread cache (feature maps)."""
+    return next(_auto_keys)
 
 
 def key(value: Any, shape: tuple[int, ...]) -> int:
@@ -131,7 +139,7 @@ def key(value: Any, shape: tuple[int, ...]) -> int:
     caller's key (0 .. 2**62 - 1), refused when this thread last used it
     for a picture of another size."""
     if value is None:
-        chosen = next(_auto_keys)
+        chosen = fresh_key()
     else:
         chosen = integer(value, "key", 0, AUTO_KEY_BASE - 1)
         last = getattr(_last_on_thread, "entry", None)

@@ -301,7 +301,7 @@ class Detector:
         pixels = _inputs.picture(image)
         with self._lock:
             handle = self._live_handle()
-            picture = self._image_record(pixels, _inputs.key(None, pixels.shape))
+            picture = self._image_record(pixels, _inputs.fresh_key())
             data = ctypes.POINTER(ctypes.c_uint8)()
             channels, columns, rows = ctypes.c_uint32(0), ctypes.c_uint32(0), ctypes.c_uint32(0)
             self._check(self._call(self._library.getFeatureMap_ptr, handle, ctypes.byref(picture),

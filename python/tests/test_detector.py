@@ -263,3 +263,13 @@ def test_import_does_not_need_opencv():
     result = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True)
     assert result.returncode == 0, result.stderr
     assert result.stdout == "False\n"
+
+
+def test_feature_map_keeps_the_key_check(trained, test_pictures):
+    # A feature map does not replace the library's last picture, so it does
+    # not make the size check of the last key forget it.
+    picture = test_pictures["BloodImage_00004.jpg"]
+    trained.detect(picture, key=31)
+    trained.feature_map(picture)
+    with pytest.raises(ValueError, match="equal keys mean equal pixels"):
+        trained.detect(picture[:100, :100], key=31)
