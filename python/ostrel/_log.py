@@ -4,8 +4,10 @@ The package installs one process-wide log handler when it loads the
 library, so nothing the library says reaches standard output. Each message
 goes to the logger ``"ostrel"``:
 
-- failure lines (``[Alg.Fail]``, ``[Alg. FAIL!]``, ``[Alg.Exc!]``,
-  ``[exception]``) at WARNING,
+- failures at WARNING: messages whose bracketed tag says so
+  (``[Alg.Fail]``, ``[Alg. FAIL!]``, ``[Alg.Exc!]``, ``[exception]``,
+  ``[CRC values ERROR]``, ``[SVM model values wrong]``, ...) and reports of
+  invalid image data,
 - training progress (``[Alg. Scc]``) at INFO,
 - everything else (``[Debug]`` and the channel routines' lines) at DEBUG,
 
@@ -28,7 +30,8 @@ if TYPE_CHECKING:
 
 logger = logging.getLogger("ostrel")
 
-_FAILURE_PREFIXES = ("[Alg.Fail]", "[Alg. FAIL!]", "[Alg.Exc!]", "[exception]")
+# Words of the library's bracketed tags that mark a failure.
+_FAILURE_TAG_WORDS = ("fail", "wrong", "error", "exc")
 _PROGRESS_PREFIX = "[Alg. Scc]"
 
 _collected = threading.local()
@@ -37,7 +40,8 @@ _collected = threading.local()
 def level_of(message: str) -> int:
     """The logging level of one library message."""
     text = message.lstrip()
-    if text.startswith(_FAILURE_PREFIXES):
+    tag = text[:text.find("]") + 1].lower() if text.startswith("[") else ""
+    if any(word in tag for word in _FAILURE_TAG_WORDS) or "invalid image data" in text:
         return logging.WARNING
     if text.startswith(_PROGRESS_PREFIX):
         return logging.INFO

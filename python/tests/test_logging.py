@@ -45,7 +45,7 @@ def test_failure_lines_are_warnings_and_travel_with_the_error(capfd, caplog, tmp
     for line in error.log:
         assert line.rstrip("\n") in logged
     assert any(r.levelno == logging.WARNING for r in caplog.records
-               if r.name == "ostrel" and r.getMessage().startswith(("[Alg.Fail]", "[Alg. FAIL!]")))
+               if r.name == "ostrel" and r.getMessage().startswith("[CRC values ERROR]"))
 
 
 def test_error_log_holds_only_the_failing_calls_messages(tmp_path, model_file, training_picture, training_boxes):
@@ -65,6 +65,13 @@ def test_level_of_library_messages():
     assert _log.level_of("[Alg.Fail] ostrel_alg_runDetector (ostrel_alg_lib line:1)\n") == logging.WARNING
     assert _log.level_of("[Alg. FAIL!] ostrel_alg::runDetector (ostrel_alg line:2)\n") == logging.WARNING
     assert _log.level_of("[exception] x (y line:3): z\n") == logging.WARNING
+    assert _log.level_of("[Alg.Exc!] x (y line:3): z\n") == logging.WARNING
+    assert _log.level_of("[CRC values ERROR] read : 1, calc : 2\n") == logging.WARNING
+    assert _log.level_of("[svm model value is wrong!] ostrel_alg::exportModel\n") == logging.WARNING
+    assert _log.level_of("[file read FAIL!]\n") == logging.WARNING
+    assert _log.level_of("[ostrel_alg::checkImgValid] invalid image data: 0 x 0 @0)\n") == logging.WARNING
+    assert _log.level_of("[file size without CRC] read : 1, calc : 1\n") == logging.DEBUG
+    assert _log.level_of("PCA is not valid in getBestFPThreshold \n") == logging.DEBUG
     assert _log.level_of("[Alg. Scc] Training done...\n") == logging.INFO
     assert _log.level_of("[Debug] anything\n") == logging.DEBUG
 
