@@ -38,4 +38,6 @@ if [ -f fuzz/CMakeLists.txt ]; then
   scripts/fuzz.sh 60
 fi
 
+scripts/test-studio.sh build
+
 echo "== all tests passed"
