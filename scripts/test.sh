@@ -32,9 +32,13 @@ cmake --build build-tsan -j"$jobs" --target ostrel_api_tests
 TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/api/tsan.supp" build-tsan/tests/ostrel_api_tests
 scripts/test-batch.sh  # the batch tool (ordered pool, detect on two threads) under ThreadSanitizer
 
+scripts/test-python.sh
+
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"
   scripts/fuzz.sh 60
 fi
+
+scripts/test-studio.sh build
 
 echo "== all tests passed"
