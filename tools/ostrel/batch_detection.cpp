@@ -1,5 +1,6 @@
 #include "batch_detection.h"
 
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,12 +38,12 @@ namespace {
 
 // One piece of work, in input order.
 struct DetectWork {
-    enum class Kind { picture, frame, video_end, failure };
+    enum class Kind { picture, frame, video_start, video_end, failure };
     Kind kind = Kind::picture;
     std::string path;       // the picture or the video
     std::string draw_path;  // picture: the PNG to write, empty for none
     VideoFrame frame;       // frame: the decoded pixels, index and time
-    int video = -1;         // frame, video_end: which video
+    int video = -1;         // frame, video_start, video_end: which video
     bool draw_frame = false;
     std::string message;    // failure, video_end: a problem to report
 };
@@ -72,7 +73,8 @@ public:
         DetectResult r;
         r.kind = work.kind;
         r.video = work.video;
-        if (work.kind == DetectWork::Kind::failure || work.kind == DetectWork::Kind::video_end) {
+        if (work.kind == DetectWork::Kind::failure || work.kind == DetectWork::Kind::video_start ||
+            work.kind == DetectWork::Kind::video_end) {
             r.input_problem = work.message;
             return r;
         }
@@ -182,19 +184,30 @@ public:
         ++failed_inputs_;
     }
 
-    void start_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer, int64_t frames,
-                     double total_ms) {
+    // A video about to be handed out; its frames' results come after the
+    // results of everything handed out before it.
+    void add_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer, int64_t frames,
+                   double total_ms) {
         videos_[id] = std::move(writer);
+        VideoProgress &v = video_progress_[id];
+        v.name = file_name_of(path);
+        v.frames = frames;
+        v.total_ms = total_ms;
         ++video_count_;
-        state_.video = file_name_of(path);
-        state_.frames_done = 0;
-        state_.frames_total = frames;
-        state_.video_ms = 0;
-        state_.video_total_ms = total_ms;
     }
 
     void take(DetectResult &r) {
         using Kind = DetectWork::Kind;
+        if (r.kind == Kind::video_start) {
+            const VideoProgress &v = video_progress_[r.video];
+            state_.video = v.name;
+            state_.frames_done = 0;
+            state_.frames_total = v.frames;
+            state_.video_ms = 0;
+            state_.video_total_ms = v.total_ms;
+            video_progress_.erase(r.video);
+            return;
+        }
         if (r.kind == Kind::video_end) {
             finish_video(r.video);
             state_.video.clear();
@@ -258,6 +271,7 @@ public:
     }
 
     long long failed_inputs() const { return failed_inputs_; }
+    long long frames() const { return frames_; }
     long long failed_outputs() const { return failed_outputs_; }
     int64_t items_done() const { return state_.items_done; }
     int64_t pictures_done() const { return state_.pictures_done; }
@@ -297,8 +311,15 @@ private:
         videos_.erase(it);
     }
 
+    struct VideoProgress {
+        std::string name;
+        int64_t frames = 0;
+        double total_ms = 0.0;
+    };
+
     ProgressLine progress_;
     ProgressState state_;
+    std::map<int, VideoProgress> video_progress_;
     std::chrono::steady_clock::time_point start_;
     std::map<int, std::unique_ptr<AnnotatedVideo>> videos_;
     int video_count_ = 0;
@@ -369,14 +390,16 @@ private:
             writer = std::make_unique<AnnotatedVideo>(names_.name_for(path, annotated_video_extension()),
                                                       frames.fps() / o_.frames.every);
         }
-        // The sink learns of the video once the work before it is printed,
-        // so that the progress line names the video being worked on.
-        while (pool_.in_flight() > 0) {
-            drain(true);
-        }
         const int64_t declared = frames.declared_frames();
-        sink_.start_video(id, path, std::move(writer), frames.frames_to_take(),
-                          declared > 0 ? frames.time_of(declared) : 0.0);
+        sink_.add_video(id, path, std::move(writer), frames.frames_to_take(),
+                        declared > 0 ? frames.time_of(declared) : 0.0);
+        // A marker in the stream of results: the progress line names the
+        // video from the moment its first frame's result is printed.
+        DetectWork start;
+        start.kind = DetectWork::Kind::video_start;
+        start.path = path;
+        start.video = id;
+        submit(std::move(start));
         VideoFrame frame;
         while (!InterruptGuard::requested() && frames.next(frame)) {
             DetectWork work;
@@ -420,6 +443,15 @@ int resolve_jobs(int jobs) {
     if (jobs > 0) {
         return jobs;
     }
+#ifdef __linux__
+    // The cores this process may run on (taskset, container limits on the
+    // CPU set), which can be fewer than the machine has.
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (::sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0) {
+        return CPU_COUNT(&set);
+    }
+#endif
     const unsigned cores = std::thread::hardware_concurrency();
     return cores > 0 ? static_cast<int>(cores) : 1;
 }
@@ -486,9 +518,13 @@ int run_batch_detection(const BatchDetectOptions &o) {
         sink.summary(interrupted);
     }
     if (interrupted) {
-        sink.problem(strformat("interrupted by %s: %lld of %lld pictures done; every file written is complete",
-                               InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT",
-                               static_cast<long long>(sink.pictures_done()), static_cast<long long>(pictures_total)));
+        std::string done = strformat("%lld of %lld pictures", static_cast<long long>(sink.pictures_done()),
+                                     static_cast<long long>(pictures_total));
+        if (any_video) {
+            done += strformat(" and %lld video frames", sink.frames());
+        }
+        sink.problem(strformat("interrupted by %s: %s done; every file written is complete",
+                               InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT", done.c_str()));
         return to_int(ExitCode::interrupted);
     }
     if (sink.failed_outputs() > 0) {
