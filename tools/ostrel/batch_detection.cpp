@@ -4,14 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <thread>
 
@@ -20,6 +18,8 @@
 #include "annotated_video.h"
 #include "atomic_file.h"
 #include "batch_inputs.h"
+#include "batch_results.h"
+#include "batch_work.h"
 #include "command_support.h"
 #include "detection_report.h"
 #include "drawing.h"
@@ -28,7 +28,6 @@
 #include "interrupt.h"
 #include "ordered_pool.h"
 #include "picture.h"
-#include "progress_line.h"
 #include "tool_error.h"
 #include "tool_output.h"
 
@@ -36,40 +35,31 @@ namespace ostrel_tool {
 
 namespace {
 
-// One piece of work, in input order.
-struct DetectWork {
-    enum class Kind { picture, frame, video_start, video_end, failure };
-    Kind kind = Kind::picture;
-    std::string path;       // the picture or the video
-    std::string draw_path;  // picture: the PNG to write, empty for none
-    VideoFrame frame;       // frame: the decoded pixels, index and time
-    int video = -1;         // frame, video_start, video_end: which video
-    bool draw_frame = false;
-    std::string message;    // failure, video_end: a problem to report
-};
-
-struct DetectResult {
-    DetectWork::Kind kind = DetectWork::Kind::picture;
-    std::string text;            // the lines to print
-    int detections = 0;
-    std::string input_problem;   // the input could not be used
-    std::string output_problem;  // an output could not be written
-    cv::Mat drawn;               // frame: with its boxes, for the annotated video
-    int video = -1;
-    double time_ms = 0.0;
-};
-
 // The work of one thread: its own engine, the model loaded once.
 class DetectWorker {
 public:
-    DetectWorker(const BatchDetectOptions &o) : o_(o) {
+    explicit DetectWorker(const BatchDetectOptions &o) : o_(o) {
         load_model(engine_, o.model);
         if (!engine_.set_sensitivity(o.sensitivity)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
         }
     }
 
+    // Whatever goes wrong with one input is reported with it; the run goes on.
     DetectResult operator()(DetectWork &work) {
+        try {
+            return process(work);
+        } catch (const std::exception &e) {
+            DetectResult r;
+            r.kind = work.kind;
+            r.video = work.video;
+            r.input_problem = "unexpected failure on '" + work.path + "': " + e.what();
+            return r;
+        }
+    }
+
+private:
+    DetectResult process(DetectWork &work) {
         DetectResult r;
         r.kind = work.kind;
         r.video = work.video;
@@ -123,7 +113,6 @@ public:
         return r;
     }
 
-private:
     const BatchDetectOptions &o_;
     Engine engine_;
 };
@@ -161,174 +150,6 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
     return paths;
 }
 
-// Prints results in input order and keeps the counts, annotated videos and
-// progress line. Runs on the main thread only.
-class ResultSink {
-public:
-    ResultSink(const BatchDetectOptions &o, int64_t pictures_total)
-        : progress_(stderr, o.progress || ::isatty(STDERR_FILENO) == 1, ::isatty(STDERR_FILENO) == 1),
-          start_(std::chrono::steady_clock::now()) {
-        state_.pictures_total = pictures_total;
-    }
-
-    void problem(const std::string &message) {
-        progress_.clear();
-        std::fflush(tool_out());
-        std::fprintf(stderr, "ostrel: %s\n", message.c_str());
-        std::fflush(stderr);
-    }
-    void note(const std::string &message) { problem("warning: " + message); }
-    // An input found unusable before the run (missing, not a file).
-    void skipped_input(const std::string &message) {
-        problem(message);
-        ++failed_inputs_;
-    }
-
-    // A video about to be handed out; its frames' results come after the
-    // results of everything handed out before it.
-    void add_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer, int64_t frames,
-                   double total_ms) {
-        videos_[id] = std::move(writer);
-        VideoProgress &v = video_progress_[id];
-        v.name = file_name_of(path);
-        v.frames = frames;
-        v.total_ms = total_ms;
-        ++video_count_;
-    }
-
-    void take(DetectResult &r) {
-        using Kind = DetectWork::Kind;
-        if (r.kind == Kind::video_start) {
-            const VideoProgress &v = video_progress_[r.video];
-            state_.video = v.name;
-            state_.frames_done = 0;
-            state_.frames_total = v.frames;
-            state_.video_ms = 0;
-            state_.video_total_ms = v.total_ms;
-            video_progress_.erase(r.video);
-            return;
-        }
-        if (r.kind == Kind::video_end) {
-            finish_video(r.video);
-            state_.video.clear();
-            if (!r.input_problem.empty()) {
-                problem(r.input_problem);
-                ++failed_inputs_;
-            }
-            return;
-        }
-        ++state_.items_done;
-        if (r.kind == Kind::frame) {
-            ++state_.frames_done;
-            ++frames_;
-            state_.video_ms = r.time_ms;
-        } else {
-            ++state_.pictures_done;
-        }
-        if (!r.input_problem.empty()) {
-            problem(r.input_problem);
-            ++failed_inputs_;
-        } else {
-            if (r.kind != Kind::frame) {
-                ++pictures_;
-            }
-            detections_ += r.detections;
-            print(r.text);
-        }
-        if (!r.output_problem.empty()) {
-            problem(r.output_problem);
-            ++failed_outputs_;
-        }
-        if (r.kind == Kind::frame && !r.drawn.empty()) {
-            write_frame(r.video, r.drawn);
-        }
-        state_.seconds = seconds();
-        progress_.update(state_);
-    }
-
-    // Closes every annotated video still open (after an interrupt).
-    void finish_all_videos() {
-        while (!videos_.empty()) {
-            finish_video(videos_.begin()->first);
-        }
-    }
-
-    void summary(bool interrupted) {
-        progress_.finish();
-        std::fflush(tool_out());
-        const double s = seconds();
-        std::string text = strformat("summary: %lld picture%s", pictures_, pictures_ == 1 ? "" : "s");
-        if (video_count_ > 0) {
-            text += strformat(" and %lld frame%s of %d video%s", frames_, frames_ == 1 ? "" : "s", video_count_,
-                              video_count_ == 1 ? "" : "s");
-        }
-        text += strformat(", %lld detection%s, %lld failed, %.2f s, %.1f %s/s%s", detections_,
-                          detections_ == 1 ? "" : "s", failed_inputs_, s,
-                          s > 0 ? static_cast<double>(state_.items_done) / s : 0.0,
-                          video_count_ > 0 ? "pictures and frames" : "pictures", interrupted ? " (interrupted)" : "");
-        std::fprintf(stderr, "ostrel: %s\n", text.c_str());
-        std::fflush(stderr);
-    }
-
-    long long failed_inputs() const { return failed_inputs_; }
-    long long frames() const { return frames_; }
-    long long failed_outputs() const { return failed_outputs_; }
-    int64_t items_done() const { return state_.items_done; }
-    int64_t pictures_done() const { return state_.pictures_done; }
-
-private:
-    double seconds() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    }
-
-    void write_frame(int id, const cv::Mat &drawn) {
-        auto it = videos_.find(id);
-        if (it == videos_.end() || !it->second) {
-            return;
-        }
-        try {
-            it->second->write(drawn);
-        } catch (const ToolError &e) {
-            problem(e.what());
-            ++failed_outputs_;
-            it->second.reset();  // no more frames for this one: the message said why
-        }
-    }
-
-    void finish_video(int id) {
-        auto it = videos_.find(id);
-        if (it == videos_.end()) {
-            return;
-        }
-        if (it->second) {
-            try {
-                it->second->finish();
-            } catch (const ToolError &e) {
-                problem(e.what());
-                ++failed_outputs_;
-            }
-        }
-        videos_.erase(it);
-    }
-
-    struct VideoProgress {
-        std::string name;
-        int64_t frames = 0;
-        double total_ms = 0.0;
-    };
-
-    ProgressLine progress_;
-    ProgressState state_;
-    std::map<int, VideoProgress> video_progress_;
-    std::chrono::steady_clock::time_point start_;
-    std::map<int, std::unique_ptr<AnnotatedVideo>> videos_;
-    int video_count_ = 0;
-    long long pictures_ = 0;
-    long long frames_ = 0;
-    long long detections_ = 0;
-    long long failed_inputs_ = 0;
-    long long failed_outputs_ = 0;
-};
 
 using DetectPool = OrderedPool<DetectWork, DetectResult>;
 
@@ -336,8 +157,8 @@ using DetectPool = OrderedPool<DetectWork, DetectResult>;
 // the pool is full so that at most a window of items is in memory.
 class WorkFeeder {
 public:
-    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, ResultSink &sink)
-        : o_(o), pool_(pool), sink_(sink), names_(o.draw_dir) {}
+    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, BatchResults &results)
+        : o_(o), pool_(pool), results_(results), names_(o.draw_dir) {}
 
     void feed(const std::vector<BatchInput> &inputs) {
         for (const BatchInput &input : inputs) {
@@ -359,7 +180,7 @@ public:
 
     void drain(bool wait) {
         while (auto r = pool_.next(wait)) {
-            sink_.take(*r);
+            results_.take(*r);
         }
     }
 
@@ -367,7 +188,7 @@ private:
     void submit(DetectWork work) {
         while (pool_.full()) {
             if (auto r = pool_.next(true)) {
-                sink_.take(*r);
+                results_.take(*r);
             }
         }
         pool_.submit(std::move(work));
@@ -391,7 +212,7 @@ private:
                                                       frames.fps() / o_.frames.every);
         }
         const int64_t declared = frames.declared_frames();
-        sink_.add_video(id, path, std::move(writer), frames.frames_to_take(),
+        results_.add_video(id, path, std::move(writer), frames.frames_to_take(),
                         declared > 0 ? frames.time_of(declared) : 0.0);
         // A marker in the stream of results: the progress line names the
         // video from the moment its first frame's result is printed.
@@ -411,7 +232,7 @@ private:
             submit(std::move(work));
         }
         if (InterruptGuard::requested()) {
-            return;  // the sink closes the video with the frames done
+            return;  // the video is closed with the frames done (finish_all_videos)
         }
         DetectWork end;
         end.kind = DetectWork::Kind::video_end;
@@ -423,7 +244,7 @@ private:
 
     const BatchDetectOptions &o_;
     DetectPool &pool_;
-    ResultSink &sink_;
+    BatchResults &results_;
     OutputNames names_;
     int next_video_ = 0;
 };
@@ -472,12 +293,12 @@ int run_batch_detection(const BatchDetectOptions &o) {
         pictures_total += input.kind == InputKind::picture ? 1 : 0;
         any_video = any_video || input.kind == InputKind::video;
     }
-    ResultSink sink(o, pictures_total);
+    BatchResults results(o.progress, pictures_total);
     for (const auto &note : expansion.notes) {
-        sink.note(note);
+        results.note(note);
     }
     for (const auto &p : expansion.problems) {
-        sink.skipped_input(p.reason);
+        results.skipped_input(p.reason);
     }
     const bool input_failed = !expansion.problems.empty();
     if (InterruptGuard::requested()) {
@@ -504,7 +325,7 @@ int run_batch_detection(const BatchDetectOptions &o) {
         auto worker = std::make_shared<DetectWorker>(o);
         return [worker](DetectWork &work) { return (*worker)(work); };
     });
-    WorkFeeder feeder(o, pool, sink);
+    WorkFeeder feeder(o, pool, results);
     feeder.feed(expansion.inputs);
     const bool interrupted = InterruptGuard::requested();
     if (interrupted) {
@@ -512,25 +333,25 @@ int run_batch_detection(const BatchDetectOptions &o) {
     }
     pool.close();
     feeder.drain(true);
-    sink.finish_all_videos();
+    results.finish_all_videos();
 
     if (o.summary || ::isatty(STDERR_FILENO) == 1) {
-        sink.summary(interrupted);
+        results.summary(interrupted);
     }
     if (interrupted) {
-        std::string done = strformat("%lld of %lld pictures", static_cast<long long>(sink.pictures_done()),
+        std::string done = strformat("%lld of %lld pictures", static_cast<long long>(results.pictures_done()),
                                      static_cast<long long>(pictures_total));
         if (any_video) {
-            done += strformat(" and %lld video frames", sink.frames());
+            done += strformat(" and %lld video frames", results.frames());
         }
-        sink.problem(strformat("interrupted by %s: %s done; every file written is complete",
+        results.problem(strformat("interrupted by %s: %s done; every file written is complete",
                                InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT", done.c_str()));
         return to_int(ExitCode::interrupted);
     }
-    if (sink.failed_outputs() > 0) {
+    if (results.failed_outputs() > 0) {
         return to_int(ExitCode::output);
     }
-    if (input_failed || sink.failed_inputs() > 0) {
+    if (input_failed || results.failed_inputs() > 0) {
         return to_int(ExitCode::input);
     }
     return to_int(ExitCode::ok);
