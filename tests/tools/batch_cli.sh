@@ -98,6 +98,13 @@ video)
   # Text lines carry the frame and its time too.
   "$ostrel" detect --model "$model" --start 0:01.5 clip.mp4 > text.txt 2>> err.txt
   expect_match "text line" '^clip.mp4  frame 12  time_ms 1500  ' "$(head -n 1 text.txt)"
+  # Ranges that make no sense are command-line errors.
+  "$ostrel" detect --model "$model" --start 10 --end 5 clip.mp4 > /dev/null 2> usage.txt
+  expect_eq "exit code, end before start" 2 $?
+  expect_match "end before start" "--end 5 does not come after --start 10" "$(cat usage.txt)"
+  "$ostrel" detect --model "$model" --start 1.5 clip.mp4 > /dev/null 2> usage.txt
+  expect_eq "exit code, malformed start" 2 $?
+  expect_match "malformed start" "--start '1.5': expected a frame number \\(120\\), seconds \\(4.5s\\)" "$(cat usage.txt)"
   ;;
 
 jobs_identical)

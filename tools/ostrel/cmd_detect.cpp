@@ -36,6 +36,12 @@ int run_detect(DetectArguments &a) {
     if (!a.end.empty()) {
         a.batch.frames.end = parse_video_point(a.end, "--end");
     }
+    const auto &start = a.batch.frames.start;
+    const auto &end = a.batch.frames.end;
+    if (start && end && start->is_time == end->is_time &&
+        (start->is_time ? end->ms <= start->ms : end->frame <= start->frame)) {
+        throw usage_error("--end " + a.end + " does not come after --start " + a.start + ": no frame would be taken");
+    }
     return run_batch_detection(a.batch);
 }
 
