@@ -15,6 +15,7 @@
 #include <thread>
 
 #include <opencv2/core/utility.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "annotated_video.h"
 #include "atomic_file.h"
@@ -265,6 +266,17 @@ void keep_picture_buffers_on_the_heap() {
 #endif
 }
 
+// OpenCV (4.6) builds its BGR-to-Lab tables at the first conversion of a
+// process without a lock. Engines that convert their first pictures on two
+// threads at once build them twice: LeakSanitizer finds the first set lost,
+// and one thread may read a table while the other fills it. One conversion
+// here, before any worker starts, builds them once.
+void build_colour_tables_once() {
+    const cv::Mat pixel(1, 1, CV_8UC3, cv::Scalar::all(128));
+    cv::Mat lab;
+    cv::cvtColor(pixel, lab, cv::COLOR_BGR2Lab);
+}
+
 // Video decoding messages of FFmpeg would mix with the tool's; the tool
 // reports undecodable frames itself. --verbose (or the variable set by the
 // user) keeps them.
@@ -334,6 +346,7 @@ int run_batch_detection(const BatchDetectOptions &o) {
     // each of them would only compete for the same cores.
     cv::setNumThreads(1);
     keep_picture_buffers_on_the_heap();
+    build_colour_tables_once();
     int jobs = resolve_jobs(o.jobs);
     if (!any_video && static_cast<int64_t>(jobs) > pictures_total) {
         jobs = static_cast<int>(pictures_total);
