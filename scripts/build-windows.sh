@@ -127,3 +127,61 @@ else
   say "cross-building OpenCV $opencv_version for Windows into $deps (once per version)"
   build_deps
 fi
+
+# --- GoogleTest for Windows, from Debian's source in /usr/src/googletest ------
+gtest_version=$(source_version libgtest-dev)
+gtest=$cache/googletest-$gtest_version
+if [ ! -f "$gtest/.complete" ]; then
+  say "cross-building GoogleTest $gtest_version for Windows into $gtest"
+  started=$(date +%s)
+  rm -rf "$gtest" "$cache/work-gtest"
+  cmake -S /usr/src/googletest -B "$cache/work-gtest" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$gtest" -DBUILD_GMOCK=OFF -DBUILD_SHARED_LIBS=OFF \
+        >/dev/null
+  cmake --build "$cache/work-gtest" -j"$jobs" --target install >/dev/null
+  echo "$gtest_version" > "$gtest/.complete"
+  rm -rf "$cache/work-gtest"
+  say "GoogleTest for Windows built in $(seconds_since "$started") s"
+fi
+
+# --- Header-only libraries of the tool ------------------------------------------
+# CLI11 and nlohmann-json are headers only; their Debian packages install them
+# into /usr/include, which a cross build must not search. Stage a copy with
+# the packages' own CMake files (which find the headers relative to themselves).
+headers=$build/header-only
+rm -rf "$headers"
+mkdir -p "$headers/include" "$headers/share/cmake"
+cp -r /usr/include/CLI /usr/include/nlohmann "$headers/include/"
+cp -r /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json "$headers/share/cmake/"
+
+# --- The library, the tool and the Windows tests ---------------------------------
+say "building ostrel_alg.dll in $build"
+cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DOSTREL_WINDOWS_DEPS="$deps" \
+      -DCMAKE_BUILD_TYPE=Release -DOpenCV_DIR="$deps" -DOpenCV_STATIC=ON "${zlib_args[@]}" \
+      -DGTest_DIR="$gtest/lib/cmake/GTest" \
+      -DCLI11_DIR="$headers/share/cmake/CLI11" -Dnlohmann_json_DIR="$headers/share/cmake/nlohmann_json" \
+      -DCMAKE_RUNTIME_OUTPUT_DIRECTORY="$build/bin" \
+      -DCMAKE_CROSSCOMPILING_EMULATOR="$root/tests/windows/wine-run.sh" \
+      -DOSTREL_BUILD_TESTS=OFF -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_WINDOWS_TESTS=ON \
+      -DOSTREL_BUILD_TOOLS="${OSTREL_WINDOWS_TOOL:-ON}" >"$build/configure.log" ||
+  { cat "$build/configure.log"; die "configure failed"; }
+cmake --build "$build" -j"$jobs"
+
+# --- The folder a Windows host needs ------------------------------------------------
+dist=$build/dist
+rm -rf "$dist" "$build/ostrel_alg-windows-x64.zip"
+mkdir -p "$dist"
+cp "$build/bin/ostrel_alg.dll" "$build/libostrel_alg.dll.a" "$root/include/ostrel_alg.h" "$dist/"
+# The DLL's exports as a module-definition file: Visual C++ hosts make their
+# import library from it (lib /def:ostrel_alg.def /machine:x64).
+{
+  echo "LIBRARY ostrel_alg.dll"
+  echo "EXPORTS"
+  $triplet-objdump -p "$dist/ostrel_alg.dll" |
+    sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' | sed -n 's/^\s*\[ *[0-9]*\] \(ostrel_alg_[A-Za-z0-9_]*\)$/    \1/p'
+} > "$dist/ostrel_alg.def"
+if [ -f "$build/bin/ostrel.exe" ]; then
+  cp "$build/bin/ostrel.exe" "$dist/"
+fi
+(cd "$dist" && /usr/bin/python3 -m zipfile -c ../ostrel_alg-windows-x64.zip ./*)
+say "done: $dist ($(cd "$dist" && ls | tr '\n' ' '))"
