@@ -151,8 +151,9 @@ fi
 headers=$build/header-only
 rm -rf "$headers"
 mkdir -p "$headers/include" "$headers/share/cmake"
-cp -r /usr/include/CLI /usr/include/nlohmann "$headers/include/"
-cp -r /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json "$headers/share/cmake/"
+# (Timestamps kept, so that a rebuild does not recompile the tool.)
+cp -rp /usr/include/CLI /usr/include/nlohmann "$headers/include/"
+cp -rp /usr/share/cmake/CLI11 /usr/share/cmake/nlohmann_json "$headers/share/cmake/"
 
 # --- The library, the tool and the Windows tests ---------------------------------
 say "building ostrel_alg.dll in $build"
@@ -183,5 +184,7 @@ cp "$build/bin/ostrel_alg.dll" "$build/libostrel_alg.dll.a" "$root/include/ostre
 if [ -f "$build/bin/ostrel.exe" ]; then
   cp "$build/bin/ostrel.exe" "$dist/"
 fi
+# Symbols are of no use to a host; they are most of the size.
+$triplet-strip --strip-unneeded "$dist"/*.dll "$dist"/*.exe
 (cd "$dist" && /usr/bin/python3 -m zipfile -c ../ostrel_alg-windows-x64.zip ./*)
 say "done: $dist ($(cd "$dist" && ls | tr '\n' ' '))"

@@ -36,4 +36,5 @@ if [ -f fuzz/CMakeLists.txt ]; then
   scripts/fuzz.sh 60
 fi
 
+scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine
 echo "== all tests passed"

@@ -5,6 +5,7 @@
 #   - it imports only Windows' own DLLs: the C++ runtime, winpthread and zlib
 #     are linked in, so the DLL stands alone.
 # Usage: cmake -DOBJDUMP=... -DLIBRARY=ostrel_alg.dll -DHEADER=ostrel_alg.h -P check_dll_exports.cmake
+cmake_minimum_required(VERSION 3.16)
 file(READ ${HEADER} header_text)
 string(REGEX MATCHALL "OSTREL_ALG_API[ \t\n]+int32_t[ \t\n]+ostrel_alg_[A-Za-z0-9_]+" declared "${header_text}")
 set(declared_names "")

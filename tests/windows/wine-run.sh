@@ -5,6 +5,7 @@
 #   OSTREL_WINE_PREFIX   the prefix (default: ${OSTREL_WINDOWS_CACHE:-~/.cache/ostrel-windows}/wine-prefix)
 set -euo pipefail
 export WINEPREFIX=${OSTREL_WINE_PREFIX:-${OSTREL_WINDOWS_CACHE:-$HOME/.cache/ostrel-windows}/wine-prefix}
+export WINEARCH=win64
 export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
 exec /usr/lib/wine/wine64 "$@"
