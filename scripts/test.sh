@@ -39,6 +39,7 @@ if [ -f fuzz/CMakeLists.txt ]; then
   scripts/fuzz.sh 60
 fi
 
+scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine
 scripts/test-studio.sh build
 
 echo "== all tests passed"
