@@ -4,10 +4,12 @@
 #include <functional>
 
 #include <gtest/gtest.h>
-#include <opencv2/videoio.hpp>
 
 #include "tool_error.h"
 #include "video_frames.h"
+
+#if OSTREL_TOOL_VIDEO
+#include <opencv2/videoio.hpp>
 
 using namespace ostrel_tool;
 namespace fs = std::filesystem;
@@ -136,3 +138,4 @@ TEST(VideoFrames, NotAVideoIsAProblem) {
     VideoFrame frame;
     EXPECT_FALSE(frames.next(frame));
 }
+#endif  // OSTREL_TOOL_VIDEO

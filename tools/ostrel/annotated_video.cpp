@@ -20,15 +20,24 @@ AnnotatedVideo::AnnotatedVideo(std::string path, double fps) : path_(std::move(p
 }
 
 AnnotatedVideo::~AnnotatedVideo() {
+#if OSTREL_TOOL_VIDEO
     if (writer_.isOpened()) {
         writer_.release();
     }
+#endif
     if (!finished_ && !temporary_.empty()) {
         std::error_code ec;
         fs::remove(temporary_, ec);
     }
 }
 
+#if !OSTREL_TOOL_VIDEO
+void AnnotatedVideo::write(const cv::Mat &) {
+    throw output_error("cannot write video '" + path_ + "': this ostrel was built without video support");
+}
+
+void AnnotatedVideo::finish() {}
+#else
 void AnnotatedVideo::write(const cv::Mat &bgr) {
     if (!writer_.isOpened()) {
         size_ = bgr.size();
@@ -79,5 +88,7 @@ void AnnotatedVideo::finish() {
     commit_temporary(temporary_, path_);
     finished_ = true;
 }
+
+#endif
 
 }  // namespace ostrel_tool

@@ -9,7 +9,9 @@
 #include <string>
 
 #include <opencv2/core.hpp>
+#if OSTREL_TOOL_VIDEO
 #include <opencv2/videoio.hpp>
+#endif
 
 namespace ostrel_tool {
 
@@ -36,7 +38,9 @@ private:
     std::string path_;
     std::string temporary_;
     double fps_;
+#if OSTREL_TOOL_VIDEO
     cv::VideoWriter writer_;
+#endif
     cv::Size size_;
     int frames_ = 0;
     bool finished_ = false;

@@ -1,8 +1,9 @@
 #include "batch_detection.h"
 
 #include <malloc.h>
+#ifdef __linux__
 #include <sched.h>
-#include <unistd.h>
+#endif
 
 #include <cerrno>
 #include <csignal>
@@ -281,9 +282,11 @@ void build_colour_tables_once() {
 // reports undecodable frames itself. --verbose (or the variable set by the
 // user) keeps them.
 void quiet_video_decoder() {
+#if OSTREL_TOOL_VIDEO && !defined(_WIN32)
     if (!show_library_lines() && std::getenv("OPENCV_FFMPEG_LOGLEVEL") == nullptr) {
         ::setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);  // AV_LOG_QUIET
     }
+#endif
 }
 
 }  // namespace
@@ -365,7 +368,7 @@ int run_batch_detection(const BatchDetectOptions &o) {
     feeder.drain(true);
     results.finish_all_videos();
 
-    if (o.summary || ::isatty(STDERR_FILENO) == 1) {
+    if (o.summary || stderr_is_terminal()) {
         results.summary(interrupted);
     }
     if (interrupted) {

@@ -1,7 +1,5 @@
 #include "batch_results.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "picture.h"
@@ -11,7 +9,7 @@
 namespace ostrel_tool {
 
 BatchResults::BatchResults(bool progress, int64_t pictures_total)
-    : progress_(stderr, progress || ::isatty(STDERR_FILENO) == 1, ::isatty(STDERR_FILENO) == 1),
+    : progress_(stderr, progress || stderr_is_terminal(), stderr_is_terminal()),
       start_(std::chrono::steady_clock::now()) {
     state_.pictures_total = pictures_total;
 }

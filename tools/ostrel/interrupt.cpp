@@ -8,17 +8,32 @@ namespace {
 
 volatile std::sig_atomic_t g_signal = 0;
 
-struct sigaction g_previous_int;
-struct sigaction g_previous_term;
-bool g_installed_int = false;
-bool g_installed_term = false;
-
 extern "C" void on_interrupt(int signal) { g_signal = signal; }
+
+#ifdef _WIN32
+// The C runtime of Windows has signal() only; it puts the default action
+// back before it calls the handler, as SA_RESETHAND does below.
+using SavedAction = void (*)(int);
+
+bool install(int signal, SavedAction &previous) {
+    previous = std::signal(signal, on_interrupt);
+    if (previous == SIG_IGN || previous == SIG_ERR) {
+        if (previous == SIG_IGN) {
+            std::signal(signal, SIG_IGN);
+        }
+        return false;
+    }
+    return true;
+}
+
+void restore(int signal, const SavedAction &previous) { std::signal(signal, previous); }
+#else
+using SavedAction = struct sigaction;
 
 // Installs the handler unless the signal is ignored; SA_RESETHAND makes the
 // next signal take its default action. No SA_RESTART: a blocking read (a
 // list on standard input) returns, so the run notices the request.
-bool install(int signal, struct sigaction &previous) {
+bool install(int signal, SavedAction &previous) {
     if (::sigaction(signal, nullptr, &previous) != 0 || previous.sa_handler == SIG_IGN) {
         return false;
     }
@@ -29,6 +44,14 @@ bool install(int signal, struct sigaction &previous) {
     return ::sigaction(signal, &action, nullptr) == 0;
 }
 
+void restore(int signal, const SavedAction &previous) { ::sigaction(signal, &previous, nullptr); }
+#endif
+
+SavedAction g_previous_int;
+SavedAction g_previous_term;
+bool g_installed_int = false;
+bool g_installed_term = false;
+
 }  // namespace
 
 InterruptGuard::InterruptGuard() {
@@ -38,10 +61,10 @@ InterruptGuard::InterruptGuard() {
 
 InterruptGuard::~InterruptGuard() {
     if (g_installed_int) {
-        ::sigaction(SIGINT, &g_previous_int, nullptr);
+        restore(SIGINT, g_previous_int);
     }
     if (g_installed_term) {
-        ::sigaction(SIGTERM, &g_previous_term, nullptr);
+        restore(SIGTERM, g_previous_term);
     }
     g_installed_int = g_installed_term = false;
 }

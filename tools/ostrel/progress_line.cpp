@@ -1,6 +1,13 @@
 #include "progress_line.h"
 
 #include <cmath>
+#include <cstdio>
+
+#ifdef _WIN32
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
 
 #include "tool_output.h"
 
@@ -12,6 +19,14 @@ namespace {
 constexpr double kTerminalInterval = 0.2;
 constexpr double kLogInterval = 5.0;
 }  // namespace
+
+bool stderr_is_terminal() {
+#ifdef _WIN32
+    return ::_isatty(::_fileno(stderr)) != 0;
+#else
+    return ::isatty(STDERR_FILENO) == 1;
+#endif
+}
 
 std::string format_duration(double seconds, bool tenths) {
     if (!std::isfinite(seconds) || seconds < 0) {

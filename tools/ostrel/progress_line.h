@@ -34,6 +34,9 @@ std::string format_progress(const ProgressState &state);
 // "1:05", "1:02:03"; with tenths "0:08.0".
 std::string format_duration(double seconds, bool tenths = false);
 
+// True when standard error is a terminal (progress and summary go there).
+bool stderr_is_terminal();
+
 class ProgressLine {
 public:
     // in_place: rewrite one line (a terminal); otherwise print whole lines.

@@ -82,6 +82,11 @@ VideoFrames::VideoFrames(const std::string &path, const FrameChoice &choice) : p
     if (choice_.every < 1) {
         choice_.every = 1;
     }
+#if !OSTREL_TOOL_VIDEO
+    problem_ = "cannot read video '" + path + "': this ostrel was built without video support (OpenCV without "
+               "video I/O)";
+    finished_ = true;
+#else
     try {
         capture_.open(path, cv::CAP_FFMPEG);
     } catch (const cv::Exception &) {
@@ -119,6 +124,7 @@ VideoFrames::VideoFrames(const std::string &path, const FrameChoice &choice) : p
             }
         }
     }
+#endif
 }
 
 double VideoFrames::time_of(int64_t index) const {
@@ -168,6 +174,10 @@ void VideoFrames::note_early_end() {
 }
 
 bool VideoFrames::next(VideoFrame &frame) {
+#if !OSTREL_TOOL_VIDEO
+    (void)frame;
+    return false;
+#else
     while (!finished_) {
         bool grabbed = false;
         try {
@@ -220,6 +230,7 @@ bool VideoFrames::next(VideoFrame &frame) {
         return true;
     }
     return false;
+#endif
 }
 
 }  // namespace ostrel_tool

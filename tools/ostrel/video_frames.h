@@ -6,6 +6,9 @@
 // index / frames-per-second (in milliseconds), so it does not depend on the
 // frames chosen. When the file gives no usable frame rate, the reader's own
 // position in milliseconds is used instead.
+//
+// A build whose OpenCV has no video I/O (OSTREL_TOOL_VIDEO 0, the Windows
+// cross build) opens no video: problem() says so.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +16,9 @@
 #include <string>
 
 #include <opencv2/core.hpp>
+#if OSTREL_TOOL_VIDEO
 #include <opencv2/videoio.hpp>
+#endif
 
 namespace ostrel_tool {
 
@@ -71,7 +76,9 @@ private:
 
     std::string path_;
     FrameChoice choice_;
+#if OSTREL_TOOL_VIDEO
     cv::VideoCapture capture_;
+#endif
     std::string problem_;
     double fps_ = 0.0;
     bool fps_usable_ = false;
