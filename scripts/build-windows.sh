@@ -144,6 +144,20 @@ if [ ! -f "$gtest/.complete" ]; then
   say "GoogleTest for Windows built in $(seconds_since "$started") s"
 fi
 
+# --- pugixml for Windows (the tool's VOC reader), from Debian's source package --
+pugixml_version=$(source_version libpugixml-dev)
+pugixml=$cache/pugixml-$pugixml_version
+if [ ! -f "$pugixml/.complete" ]; then
+  say "cross-building pugixml $pugixml_version for Windows into $pugixml"
+  rm -rf "$pugixml" "$cache/work-pugixml"
+  src=$(fetch_source pugixml "$pugixml_version")
+  cmake -S "$src" -B "$cache/work-pugixml" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_INSTALL_PREFIX="$pugixml" -DBUILD_SHARED_LIBS=OFF -DPUGIXML_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$cache/work-pugixml" -j"$jobs" --target install >/dev/null
+  echo "$pugixml_version" > "$pugixml/.complete"
+  rm -rf "$cache/work-pugixml"
+fi
+
 # --- Header-only libraries of the tool ------------------------------------------
 # CLI11 and nlohmann-json are headers only; their Debian packages install them
 # into /usr/include, which a cross build must not search. Stage a copy with
@@ -161,6 +175,7 @@ cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DOSTREL_WINDOW
       -DCMAKE_BUILD_TYPE=Release -DOpenCV_DIR="$deps" -DOpenCV_STATIC=ON "${zlib_args[@]}" \
       -DGTest_DIR="$gtest/lib/cmake/GTest" \
       -DCLI11_DIR="$headers/share/cmake/CLI11" -Dnlohmann_json_DIR="$headers/share/cmake/nlohmann_json" \
+      -Dpugixml_DIR="$(dirname "$(find "$pugixml" -name pugixml-config.cmake -print -quit)")" \
       -DCMAKE_RUNTIME_OUTPUT_DIRECTORY="$build/bin" \
       -DCMAKE_CROSSCOMPILING_EMULATOR="$root/tests/windows/wine-run.sh" \
       -DOSTREL_BUILD_TESTS=OFF -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_WINDOWS_TESTS=ON \

@@ -12,6 +12,7 @@ packages=(
   libbenchmark-dev
   nlohmann-json3-dev       # JSON output of the command-line tool
   libcli11-dev             # argument parsing of the command-line tool
+  libpugixml-dev           # Pascal VOC annotation files of the command-line tool
   jq                       # a test pipes `ostrel detect --json` into it
   hyperfine                # bench/time_cli.sh: end-to-end timing of the tool
   clang libclang-rt-14-dev # libFuzzer target and its runtime

@@ -30,6 +30,7 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE_THR
       -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_TOOLS=OFF
 cmake --build build-tsan -j"$jobs" --target ostrel_api_tests
 TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/api/tsan.supp" build-tsan/tests/ostrel_api_tests
+scripts/test-batch.sh  # the batch tool (ordered pool, detect on two threads) under ThreadSanitizer
 
 scripts/test-python.sh
 

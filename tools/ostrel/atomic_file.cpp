@@ -35,8 +35,9 @@ void commit_temporary(const std::string &temporary, const std::string &path) {
     std::error_code ec;
     fs::rename(temporary, path, ec);
     if (ec) {
+        const std::string reason = ec.message();  // before remove() reuses ec
         fs::remove(temporary, ec);
-        throw output_error("cannot write '" + path + "': " + ec.message());
+        throw output_error("cannot write '" + path + "': " + reason);
     }
 }
 

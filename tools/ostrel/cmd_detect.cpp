@@ -1,119 +1,109 @@
-// ostrel detect: runs a model on pictures; prints boxes or JSON lines and
-// optionally writes annotated pictures.
-#include <filesystem>
-#include <map>
+// ostrel detect: runs a model on pictures, folders, videos and lists of
+// them, on every core; prints boxes or JSON lines in input order and
+// optionally writes annotated pictures and videos. The batch work itself
+// lives in batch_detection (inputs, pool, ordered output, progress,
+// interrupt); this unit holds the command line.
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include "atomic_file.h"
-#include "box_io.h"
-#include "color_names.h"
+#include "batch_detection.h"
 #include "command_support.h"
 #include "commands.h"
-#include "drawing.h"
 #include "exit_codes.h"
-#include "picture.h"
 #include "tool_error.h"
-#include "tool_output.h"
+#include "video_frames.h"
 
 namespace ostrel_tool {
 
 namespace {
 
-struct DetectOptions {
-    std::string model;
-    std::vector<std::string> images;
-    uint32_t sensitivity = kDefaultSensitivity;
-    bool json = false;
-    std::string draw_dir;
+struct DetectArguments {
+    BatchDetectOptions batch;
+    std::string start;
+    std::string end;
 };
 
-std::string box_line(const std::string &file, const ostrel_alg_box &b) {
-    return strformat("%s  %d,%d,%d,%d  score %.2f  label %d  colours %s, %s", file.c_str(), b.x, b.y, b.width,
-                     b.height, rounded_score(b.score), b.label, color_name(b.color_main).c_str(),
-                     color_name(b.color_second).c_str());
-}
-
-// DIR/<stem>.png; a stem used before in this run gets "-2", "-3", ...
-std::string drawing_path(const std::string &dir, const std::string &image, std::map<std::string, int> &used) {
-    const std::string stem = stem_of(image);
-    const int n = ++used[stem];
-    const std::string name = n == 1 ? stem + ".png" : stem + "-" + std::to_string(n) + ".png";
-    return (std::filesystem::path(dir) / name).string();
-}
-
-int run_detect(const DetectOptions &o) {
-    for (const auto &image : o.images) {
-        require_file(image, "picture");
+int run_detect(DetectArguments &a) {
+    if (a.batch.inputs.empty() && a.batch.lists.empty()) {
+        throw usage_error("give the pictures, folders or videos to search (INPUT ...) or --list FILE");
     }
-    Engine engine;
-    load_model(engine, o.model);
-    if (!engine.set_sensitivity(o.sensitivity)) {
-        throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
+    if (!a.start.empty()) {
+        a.batch.frames.start = parse_video_point(a.start, "--start");
     }
-    if (!o.draw_dir.empty()) {
-        make_output_folder(o.draw_dir);
+    if (!a.end.empty()) {
+        a.batch.frames.end = parse_video_point(a.end, "--end");
     }
-    std::map<std::string, int> used_names;
-    for (const auto &image : o.images) {
-        const Picture picture = load_picture(image);
-        std::vector<ostrel_alg_box> boxes;
-        if (!engine.detect(picture, boxes)) {
-            const std::string reason = engine.last_line();
-            throw ToolError(ExitCode::failed,
-                            "detection failed on '" + image + "'" + (reason.empty() ? "" : ": " + reason));
-        }
-        if (o.json) {
-            nlohmann::ordered_json line;
-            line["file"] = image;
-            line["width"] = picture.width();
-            line["height"] = picture.height();
-            line["boxes"] = boxes_to_json(boxes);
-            println(line.dump());
-        } else if (boxes.empty()) {
-            println(image + "  no detections");
-        } else {
-            for (const auto &b : boxes) {
-                println(box_line(image, b));
-            }
-        }
-        if (!o.draw_dir.empty()) {
-            cv::Mat canvas = picture.pixels.clone();
-            draw_detections(canvas, boxes);
-            write_png_atomically(drawing_path(o.draw_dir, image, used_names), canvas);
-        }
+    const auto &start = a.batch.frames.start;
+    const auto &end = a.batch.frames.end;
+    if (start && end && start->is_time == end->is_time &&
+        (start->is_time ? end->ms <= start->ms : end->frame <= start->frame)) {
+        throw usage_error("--end " + a.end + " does not come after --start " + a.start + ": no frame would be taken");
     }
-    return to_int(ExitCode::ok);
+    return run_batch_detection(a.batch);
 }
 
 }  // namespace
 
 void add_detect_command(CLI::App &app, CommandAction &action) {
-    auto o = std::make_shared<DetectOptions>();
-    CLI::App *sub = app.add_subcommand("detect", "Find the trained object in pictures");
-    sub->add_option("--model", o->model, "the model file (checked, CRC included, before use)")
+    auto a = std::make_shared<DetectArguments>();
+    BatchDetectOptions &o = a->batch;
+    CLI::App *sub = app.add_subcommand("detect", "Find the trained object in pictures, folders and videos");
+    sub->add_option("--model", o.model, "the model file (checked, CRC included, before use)")
         ->type_name("M")
         ->required();
-    sub->add_option("IMAGE", o->images, "pictures to search (any format OpenCV reads)")->required();
-    sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
+    sub->add_option("INPUT", o.inputs,
+                    "pictures (any format OpenCV reads), folders of pictures and videos, videos (.mp4, .avi, "
+                    ".mkv, .mov, .webm, ...)");
+    sub->add_option("--list", o.lists, "a file with one input path a line (- for standard input); repeatable")
+        ->type_name("FILE")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    sub->add_flag("-r,--recursive", o.recursive, "search folders in their sub-folders too");
+    sub->add_option("--sensitivity", o.sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
-    sub->add_flag("--json", o->json,
-                  "print one JSON line per picture: {\"file\",\"width\",\"height\",\"boxes\":[{x,y,w,h,score,label,"
-                  "color_main,color_second,color_main_name,color_second_name}]}");
-    sub->add_option("--draw", o->draw_dir, "write each picture with its boxes drawn to DIR/<name>.png")
+    sub->add_flag("--json", o.json,
+                  "print one JSON line per picture or frame: {\"file\",[\"frame\",\"time_ms\",]\"width\",\"height\","
+                  "\"boxes\":[{x,y,w,h,score,label,color_main,color_second,color_main_name,color_second_name}]}");
+    sub->add_option("--draw", o.draw_dir,
+                    "write each picture with its boxes drawn to DIR/<name>.png, each video to DIR/<name>.mp4")
         ->type_name("DIR");
+    sub->add_option("-j,--jobs", o.jobs, "threads, each with its own engine (default: one per core)")
+        ->check(CLI::Range(1, 256))
+        ->type_name("N");
+    sub->add_option("--every", o.frames.every, "videos: take every Nth frame (default 1: every frame)")
+        ->check(CLI::Range(1, 1000000))
+        ->type_name("N");
+    sub->add_option("--start", a->start, "videos: start at this frame (120), second (4.5s) or time (1:30)")
+        ->type_name("AT");
+    sub->add_option("--end", a->end, "videos: stop before this frame, second or time")->type_name("AT");
+    sub->add_flag("--summary", o.summary,
+                  "print pictures, detections, failures, time and pictures per second at the end (standard "
+                  "error; always on a terminal)");
+    sub->add_flag("--progress", o.progress,
+                  "show the progress line on standard error also when it is not a terminal (a line every 5 s)");
     sub->footer(
-        "Each line is: file  x,y,w,h  score  label  colours main, second. Label 1 is a detection; label -1\n"
-        "a box below the confidence threshold. Colour classes: dark, grey, light, red, orange, yellow,\n"
-        "green, blue, purple; the second colour is none when the box has no clear second colour.\n"
-        "The library's own log lines never reach standard output (see --verbose), so --json output can\n"
-        "be piped into jq.\n\n" +
+        "Each line is: file  x,y,w,h  score  label  colours main, second (a video frame adds \"frame N\n"
+        "time_ms T\" after the file). Label 1 is a detection; label -1 a box below the confidence threshold.\n"
+        "Colour classes: dark, grey, light, red, orange, yellow, green, blue, purple; the second colour is\n"
+        "none when the box has no clear second colour. The library's own log lines never reach standard\n"
+        "output (see --verbose), so --json output can be piped into jq.\n\n"
+        "Inputs are taken in order: the INPUT arguments, then the lines of each --list. A folder gives its\n"
+        "pictures and videos sorted by name (names starting with '.' left out; other files passed over with\n"
+        "one warning). A file with a video extension is read frame by frame; a frame's time is its index\n"
+        "divided by the frame rate. Results come in input order, the same with any --jobs. An input that\n"
+        "cannot be read is reported on standard error and skipped; the others are done and the exit code\n"
+        "is then 3. Ctrl-C stops handing out work, lets the running pictures finish and exits with 130;\n"
+        "a second Ctrl-C ends at once.\n\n"
+        "Examples:\n"
+        "  ostrel detect --model rbc.model --json --summary data/bccd/images > cells.jsonl\n"
+        "  find /data -name '*.jpg' | ostrel detect --model rbc.model --list - --draw out\n"
+        "  ostrel detect --model car.model --every 5 --start 1:00 --end 2:00 --json --draw out street.mp4\n\n" +
         std::string(exit_code_help()));
-    sub->callback([o, &action] { action = [o] { return run_detect(*o); }; });
+    sub->callback([a, &action] { action = [a] { return run_detect(*a); }; });
 }
 
 }  // namespace ostrel_tool

@@ -1,4 +1,4 @@
-// ostrel train: trains a detector on one picture and writes the model file.
+// ostrel train: trains a detector on one or more pictures and writes the model file.
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -14,16 +14,19 @@
 #include "tool_error.h"
 #include "tool_output.h"
 #include "training_progress.h"
+#include "training_set.h"
 
 namespace ostrel_tool {
 
 namespace {
 
 struct TrainOptions {
-    std::string image;
+    std::vector<std::string> images;
     std::vector<std::string> box_arguments;
-    std::string box_file;
+    std::vector<std::string> box_files;
     std::string class_name;
+    std::string voc_dir;
+    int limit = 0;
     std::string model;
     uint32_t sensitivity = kDefaultSensitivity;
     uint32_t seed = kDefaultSeed;
@@ -32,28 +35,60 @@ struct TrainOptions {
     bool median_size = false;
 };
 
-std::vector<Rect> boxes_from_options(const TrainOptions &o) {
-    if (o.box_arguments.empty() == o.box_file.empty()) {
-        throw usage_error("give the marked boxes either with --box x,y,w,h (repeatable) or with --boxes FILE");
-    }
+void check_sizing_options(const TrainOptions &o) {
     if ((o.width > 0) != (o.height > 0)) {
         throw usage_error("--width and --height go together");
     }
     if (o.width > 0 && o.median_size) {
         throw usage_error("--median-size and --width/--height exclude each other");
     }
-    std::vector<Rect> boxes;
-    if (!o.box_file.empty()) {
-        boxes = read_box_file(o.box_file, o.class_name);
-        if (boxes.empty()) {
-            throw input_error("box file '" + o.box_file + "' holds no box");
+}
+
+// The pictures and their boxes, from IMAGE [--box ...|--boxes FILE] pairs or
+// from a VOC folder. Reads every box file; no picture is read yet.
+std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
+    check_sizing_options(o);
+    if (!o.voc_dir.empty()) {
+        if (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
+            throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
+                              "--boxes with it");
         }
-    } else {
-        for (const auto &argument : o.box_arguments) {
-            boxes.push_back(parse_box_argument(argument));
+        if (o.class_name.empty()) {
+            throw usage_error("--voc needs the object class: --class NAME");
         }
+        VocTrainingSet set = training_pictures_from_voc(o.voc_dir, o.class_name, o.limit);
+        if (set.without_class > 0) {
+            warn(strformat("%d annotated picture%s in '%s' hold%s no object of class '%s' and %s passed over",
+                           set.without_class, set.without_class == 1 ? "" : "s", o.voc_dir.c_str(),
+                           set.without_class == 1 ? "s" : "", o.class_name.c_str(),
+                           set.without_class == 1 ? "is" : "are"));
+        }
+        return std::move(set.pictures);
     }
-    return boxes;
+    if (o.limit != 0) {
+        throw usage_error("--limit goes with --voc");
+    }
+    if (o.images.empty()) {
+        throw usage_error("give the training picture IMAGE with its boxes, or --voc DIR --class NAME");
+    }
+    if (o.images.size() > 1) {
+        if (!o.box_arguments.empty()) {
+            throw usage_error("--box marks boxes on a single picture; with several pictures give --boxes FILE "
+                              "after each picture");
+        }
+        return pair_pictures_with_box_files(o.images, o.box_files, o.class_name);
+    }
+    if (o.box_arguments.empty() == o.box_files.empty()) {
+        throw usage_error("give the marked boxes either with --box x,y,w,h (repeatable) or with --boxes FILE");
+    }
+    if (!o.box_files.empty()) {
+        return pair_pictures_with_box_files(o.images, o.box_files, o.class_name);
+    }
+    TrainingPicture single{o.images.front(), "--box", {}};
+    for (const auto &argument : o.box_arguments) {
+        single.boxes.push_back(parse_box_argument(argument));
+    }
+    return {single};
 }
 
 // Fails before any work when the model could not be written anyway.
@@ -65,69 +100,131 @@ void require_output_folder_of(const std::string &path) {
     }
 }
 
-int run_train(const TrainOptions &o) {
-    std::vector<Rect> boxes = boxes_from_options(o);
-    const Picture picture = load_picture(o.image);
-    require_output_folder_of(o.model);
-
-    if (o.width > 0 || o.median_size) {
-        const Size size = o.median_size ? median_size(boxes) : Size{o.width, o.height};
-        for (auto &b : boxes) {
-            b = placed_on(b, size, picture.width(), picture.height());
-        }
-    }
+void require_inside(const std::vector<Rect> &boxes, const Picture &picture) {
     for (size_t i = 0; i < boxes.size(); ++i) {
         if (!touches_picture(boxes[i], picture.width(), picture.height())) {
             throw input_error(strformat("box %zu (%s) lies outside the %dx%d picture '%s'", i + 1,
                                         to_string(boxes[i]).c_str(), picture.width(), picture.height(),
-                                        o.image.c_str()));
+                                        picture.path.c_str()));
         }
     }
-    const Size learnt{boxes.front().w, boxes.front().h};
-    for (const auto &b : boxes) {
-        if (b.w != learnt.w || b.h != learnt.h) {
-            warn(strformat("the boxes differ in size; the detector learns one window, the first box's %dx%d "
-                           "(--median-size or --width/--height give every box one size)",
-                           learnt.w, learnt.h));
-            break;
-        }
-    }
+}
 
-    Engine engine;
-    FeatureMap map;
-    if (engine.feature_map(picture, map) && map.columns > 0 && map.rows > 0) {
-        const WindowCells cells =
-            window_cells(learnt, picture.width(), picture.height(), map.columns, map.rows, map.channels);
-        if (cells.values < kMinWindowValues || cells.values > kMaxWindowValues) {
-            throw input_error(strformat(
-                "a %dx%d box on this %dx%d picture gives the detector a window of %dx%d feature cells "
-                "(%d values); a model holds %d to %d values: use a %s box",
-                learnt.w, learnt.h, picture.width(), picture.height(), cells.columns, cells.rows, cells.values,
-                kMinWindowValues, kMaxWindowValues, cells.values < kMinWindowValues ? "larger" : "smaller"));
-        }
+// Refuses a window the model could not hold; map is the first picture's.
+void require_learnable(Size window, const Picture &picture, const FeatureMap &map) {
+    if (map.columns == 0 || map.rows == 0) {
+        return;
     }
-    if (!engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(o.seed)) {
-        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
+    const WindowCells cells = window_cells(window, picture.width(), picture.height(), map.columns, map.rows,
+                                           map.channels);
+    if (cells.values < kMinWindowValues || cells.values > kMaxWindowValues) {
+        throw input_error(strformat(
+            "a %dx%d box on this %dx%d picture gives the detector a window of %dx%d feature cells "
+            "(%d values); a model holds %d to %d values: use a %s box",
+            window.w, window.h, picture.width(), picture.height(), cells.columns, cells.rows, cells.values,
+            kMinWindowValues, kMaxWindowValues, cells.values < kMinWindowValues ? "larger" : "smaller"));
     }
+}
 
-    println(strformat("training on %s (%dx%d): %zu marked box%s of %dx%d px, sensitivity %u, seed %u",
-                      o.image.c_str(), picture.width(), picture.height(), boxes.size(), boxes.size() == 1 ? "" : "es",
-                      learnt.w, learnt.h,
-                      o.sensitivity, o.seed));
+// Trains on one picture; its samples are added to those the engine holds.
+// Returns the samples the engine holds afterwards (as the library counts them).
+int train_on(Engine &engine, const Picture &picture, const std::vector<Rect> &boxes, int samples_before) {
     std::vector<ostrel_alg_box> marked;
     for (const auto &b : boxes) {
         marked.push_back(marked_box(b));
     }
-    TrainingProgress progress(tool_out(), static_cast<int>(boxes.size()));
+    TrainingProgress progress(tool_out(), static_cast<int>(boxes.size()), "  ", samples_before);
     engine.set_line_handler([&](const std::string &line) { progress.on_library_line(line); });
     const bool trained = engine.train(picture, marked);
     engine.set_line_handler(nullptr);
     if (!trained) {
         const std::string reason = engine.last_line();
-        throw ToolError(ExitCode::failed, "training failed" + (reason.empty() ? "" : ": " + reason));
+        throw ToolError(ExitCode::failed, "training failed on '" + picture.path + "'" +
+                                              (reason.empty() ? "" : ": " + reason));
     }
     progress.finish();
+    return progress.samples();
+}
 
+int run_train(const TrainOptions &o) {
+    const std::vector<TrainingPicture> set = training_set_from_options(o);
+    const bool several = set.size() > 1;
+    const bool one_size_asked = o.width > 0 || o.median_size;
+
+    Engine engine;
+    Size window{}, first_size{};
+    FeatureMap map;
+    int samples = 0, changed = 0, boxes_in_all = 0;
+    for (size_t k = 0; k < set.size(); ++k) {
+        const Picture picture = load_picture(set[k].picture_path);
+        if (k == 0) {
+            require_output_folder_of(o.model);
+        }
+        std::vector<Rect> boxes = set[k].boxes;
+        boxes_in_all += static_cast<int>(boxes.size());
+        Size here;
+        if (k == 0) {
+            window = o.median_size ? median_size(boxes) : o.width > 0 ? Size{o.width, o.height}
+                                                                      : Size{boxes.front().w, boxes.front().h};
+            first_size = {picture.width(), picture.height()};
+            if (!engine.feature_map(picture, map)) {
+                map = FeatureMap{};
+            }
+            here = window;
+        } else {
+            here = scaled_window(window, first_size, {picture.width(), picture.height()}, map.columns, map.rows);
+        }
+        if (one_size_asked) {
+            for (auto &b : boxes) {
+                b = placed_on(b, here, picture.width(), picture.height());
+            }
+        } else if (several) {
+            changed += fit_boxes_to(boxes, here, picture.width(), picture.height());
+        }
+        require_inside(boxes, picture);
+        if (k == 0) {
+            if (!several) {
+                for (const auto &b : boxes) {
+                    if (b.w != window.w || b.h != window.h) {
+                        warn(strformat("the boxes differ in size; the detector learns one window, the first box's "
+                                       "%dx%d (--median-size or --width/--height give every box one size)",
+                                       window.w, window.h));
+                        break;
+                    }
+                }
+            }
+            require_learnable(window, picture, map);
+            if (!engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(o.seed)) {
+                throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
+            }
+            if (several) {
+                println(strformat("training on %zu pictures: a window of %dx%d px from the first one, sensitivity "
+                                  "%u, seed %u",
+                                  set.size(), window.w, window.h, o.sensitivity, o.seed));
+            }
+        }
+        if (several) {
+            println(strformat("picture %zu/%zu %s (%dx%d): %zu marked box%s of %dx%d px", k + 1, set.size(),
+                              picture.path.c_str(), picture.width(), picture.height(), boxes.size(),
+                              boxes.size() == 1 ? "" : "es", here.w, here.h));
+        } else {
+            println(strformat("training on %s (%dx%d): %zu marked box%s of %dx%d px, sensitivity %u, seed %u",
+                              picture.path.c_str(), picture.width(), picture.height(), boxes.size(),
+                              boxes.size() == 1 ? "" : "es", window.w, window.h, o.sensitivity, o.seed));
+        }
+        samples = train_on(engine, picture, boxes, samples);
+    }
+    if (changed > 0) {
+        warn(strformat("%d of %d boxes had another size than the %dx%d window of the first picture and were made "
+                       "that size, centred on each box (as --median-size places them)",
+                       changed, boxes_in_all, window.w, window.h));
+    }
+    uint32_t positives = 0, negatives = 0;
+    if (engine.sample_counts(positives, negatives)) {
+        println(strformat("samples: %u of the object and %u of background (shifted copies included), from %zu "
+                          "picture%s",
+                          positives, negatives, set.size(), several ? "s" : ""));
+    }
     export_model_atomically(engine, o.model);
     println("model written to " + o.model);
     return to_int(ExitCode::ok);
@@ -137,17 +234,29 @@ int run_train(const TrainOptions &o) {
 
 void add_train_command(CLI::App &app, CommandAction &action) {
     auto o = std::make_shared<TrainOptions>();
-    CLI::App *sub = app.add_subcommand("train", "Train a detector on one picture and write the model file");
-    sub->add_option("IMAGE", o->image, "the training picture (any format OpenCV reads)")->required();
-    sub->add_option("--box", o->box_arguments, "a marked box in picture pixels (repeat for more boxes)")
+    CLI::App *sub = app.add_subcommand(
+        "train", "Train a detector on one or more pictures (or a Pascal VOC folder) and write the model file");
+    sub->add_option("IMAGE", o->images,
+                    "a training picture (any format OpenCV reads); several pictures each take a --boxes FILE, "
+                    "in the same order");
+    sub->add_option("--box", o->box_arguments, "a marked box in picture pixels (repeat for more boxes; one picture only)")
         ->type_name("x,y,w,h")
         ->allow_extra_args(false)  // one box per --box, so that IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    sub->add_option("--boxes", o->box_file,
-                    "a box file: JSON ([{\"x\":..,\"y\":..,\"w\":..,\"h\":..}], [[x,y,w,h]] or a `detect --json` "
-                    "line) or a Pascal VOC annotation (with --class)")
-        ->type_name("FILE");
-    sub->add_option("--class", o->class_name, "the object class to take from a Pascal VOC file")->type_name("NAME");
+    sub->add_option("--boxes", o->box_files,
+                    "the boxes of a picture: JSON ([{\"x\":..,\"y\":..,\"w\":..,\"h\":..}], [[x,y,w,h]] or a "
+                    "`detect --json` line) or a Pascal VOC annotation (with --class); once per IMAGE")
+        ->type_name("FILE")
+        ->allow_extra_args(false)  // one file per --boxes, so that the next IMAGE may follow it
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    sub->add_option("--class", o->class_name, "the object class to take from Pascal VOC files")->type_name("NAME");
+    sub->add_option("--voc", o->voc_dir,
+                    "train on every picture of a Pascal VOC folder that holds objects of --class (annotations in "
+                    "Annotations/, annotations/ or the folder; pictures in JPEGImages/, images/ or next to them)")
+        ->type_name("DIR");
+    sub->add_option("--limit", o->limit, "with --voc: the first N such pictures only (by annotation name)")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
     sub->add_option("--model", o->model, "where to write the model file")->type_name("OUT")->required();
     sub->add_option("--sensitivity", o->sensitivity,
                     "0..100, how readily the detector reports a box (default 80); used by auto-training")
@@ -160,11 +269,22 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--height", o->height, "give every box this height (placed like --width)")
         ->check(CLI::PositiveNumber)
         ->type_name("H");
-    sub->add_flag("--median-size", o->median_size, "give every box the median width and height of the boxes (placed like --width)");
+    sub->add_flag("--median-size", o->median_size,
+                  "give every box the median width and height of the (first picture's) boxes (placed like --width)");
     sub->footer(
-        "The detector learns one window size: that of the first box. Boxes of other sizes are used as\n"
-        "they are and a warning is printed. Everything not marked may become a background sample, so mark\n"
-        "every object on the picture.\n\n" +
+        "The detector learns one window size: that of the first box. On one picture, boxes of other sizes\n"
+        "are used as they are and a warning is printed. Everything not marked may become a background\n"
+        "sample, so mark every object on the picture.\n\n"
+        "Several pictures (IMAGE --boxes FILE IMAGE --boxes FILE ..., or --voc DIR --class NAME) go to the\n"
+        "library one after the other, each adding its samples to the same detector. The window comes from\n"
+        "the first picture's boxes (with --median-size: their median; or --width/--height); every box of\n"
+        "another size is made that size, centred on it, and one warning says how many were changed. On a\n"
+        "picture of another size the window is scaled with the picture, so it covers the same feature cells.\n"
+        "Only the first picture gets random background samples; every picture gets its auto-training passes.\n\n"
+        "Examples:\n"
+        "  ostrel train a.jpg --boxes a.xml --class RBC --median-size --model rbc.model\n"
+        "  ostrel train a.jpg --boxes a.json b.jpg --boxes b.json --model cells.model\n"
+        "  ostrel train --voc data/bccd --class RBC --limit 3 --median-size --model rbc3.model\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_train(*o); }; });
 }

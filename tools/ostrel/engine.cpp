@@ -117,6 +117,10 @@ bool Engine::trained() {
     return call([&] { return ostrel_alg_istraied(handle_, &flag); }) == 0 && flag == 1;
 }
 
+bool Engine::sample_counts(uint32_t &positives, uint32_t &negatives) {
+    return call([&] { return ostrel_alg_temp_getNumofSamples(handle_, &positives, &negatives); }) == 0;
+}
+
 bool Engine::detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes) {
     const ostrel_alg_image image = picture.record();
     ostrel_alg_box *found = nullptr;

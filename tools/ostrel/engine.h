@@ -56,6 +56,8 @@ public:
     // Trains on one picture and its marked boxes (label 1 each).
     bool train(const Picture &picture, const std::vector<ostrel_alg_box> &boxes);
     bool trained();
+    // The training samples the engine holds (shifted copies included), by label.
+    bool sample_counts(uint32_t &positives, uint32_t &negatives);
     // Detects; boxes receives the engine's result list (copied).
     bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes);
     bool feature_map(const Picture &picture, FeatureMap &map);

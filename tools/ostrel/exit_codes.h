@@ -10,8 +10,10 @@ enum class ExitCode : int {
                   // for `check`: the model file is not valid
     usage = 2,    // bad command line: unknown option, missing or malformed argument
     input = 3,    // an input cannot be used: missing file, unreadable picture,
-                  // malformed box or annotation file, unusable model file
+                  // malformed box or annotation file, unusable model file;
+                  // detect: one or more inputs were skipped, all others done
     output = 4,   // an output file or folder cannot be written
+    interrupted = 130,  // detect: stopped by SIGINT or SIGTERM; what was done is written completely
 };
 
 inline int to_int(ExitCode code) { return static_cast<int>(code); }
@@ -24,8 +26,12 @@ inline const char *exit_code_help() {
            "     (check: the model file is not valid)\n"
            "  2  bad command line: unknown option, missing or malformed argument or box\n"
            "  3  unusable input: missing file, unreadable picture, malformed box or\n"
-           "     annotation file, model file that cannot be read\n"
-           "  4  an output file or folder cannot be written\n"
+           "     annotation file, model file that cannot be read (detect: every such input\n"
+           "     is reported and skipped, all the others are done)\n"
+           "  4  an output file or folder cannot be written (detect: the results are\n"
+           "     still printed)\n"
+           "  130  detect was interrupted (SIGINT, SIGTERM): the results of the pictures\n"
+           "     done are printed and written completely, the rest is not started\n"
            "Errors are reported as one line on standard error. Outputs are written to a\n"
            "temporary name and renamed when complete, so a failure leaves no half file.";
 }

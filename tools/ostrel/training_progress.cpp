@@ -22,8 +22,8 @@ double seconds_between(std::chrono::steady_clock::time_point a, std::chrono::ste
 }
 }  // namespace
 
-TrainingProgress::TrainingProgress(std::FILE *out, int marked_boxes, std::string indent)
-    : out_(out), marked_boxes_(marked_boxes), indent_(std::move(indent)) {
+TrainingProgress::TrainingProgress(std::FILE *out, int marked_boxes, std::string indent, int samples_before)
+    : out_(out), marked_boxes_(marked_boxes), samples_before_(samples_before), indent_(std::move(indent)) {
     start_ = last_ = std::chrono::steady_clock::now();
 }
 
@@ -60,12 +60,14 @@ void TrainingProgress::on_library_line(const std::string &line) {
 
 void TrainingProgress::report_first_training() {
     const int used = marked_boxes_ - skipped_boxes_;
-    const int background = samples_ - used;
+    const int background = samples_ - samples_before_ - used;
     std::string text = strformat("training 1: %d marked boxes (each with shifted copies)", used);
     if (skipped_boxes_ > 0) {
         text += strformat(", %d more reaching past the picture's edge left out", skipped_boxes_);
     }
-    text += strformat(", %d random background samples", background > 0 ? background : 0);
+    if (samples_before_ == 0 || background > 0) {
+        text += strformat(", %d random background samples", background > 0 ? background : 0);
+    }
     print_step(text);
 }
 

@@ -22,8 +22,11 @@ namespace ostrel_tool {
 class TrainingProgress {
 public:
     // marked_boxes: how many boxes the user marked (to tell them apart from
-    // the random background samples of the first training).
-    TrainingProgress(std::FILE *out, int marked_boxes, std::string indent = "  ");
+    // the random background samples of the first training). samples_before:
+    // the samples the engine held before this picture (a further training
+    // picture adds to them; the library draws random background only for
+    // the first picture an engine sees).
+    TrainingProgress(std::FILE *out, int marked_boxes, std::string indent = "  ", int samples_before = 0);
 
     // Feed every library line (thread-safe).
     void on_library_line(const std::string &line);
@@ -46,6 +49,7 @@ private:
 
     std::FILE *out_;
     int marked_boxes_;
+    int samples_before_;
     std::string indent_;
     std::mutex mutex_;
     std::chrono::steady_clock::time_point start_;

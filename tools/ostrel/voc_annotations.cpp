@@ -8,6 +8,8 @@
 #include <optional>
 #include <sstream>
 
+#include <pugixml.hpp>
+
 #include "tool_error.h"
 
 namespace ostrel_tool {
@@ -16,86 +18,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string without_comments(const std::string &xml) {
-    std::string out;
-    size_t pos = 0;
-    for (;;) {
-        const size_t start = xml.find("<!--", pos);
-        if (start == std::string::npos) {
-            out.append(xml, pos, std::string::npos);
-            return out;
-        }
-        out.append(xml, pos, start - pos);
-        const size_t end = xml.find("-->", start + 4);
-        if (end == std::string::npos) {
-            return out;
-        }
-        pos = end + 3;
-    }
-}
-
-// Finds the next element <tag ...>inner</tag> (or <tag/>) at or after pos.
-// Nested elements of the same tag are not expected in VOC files.
-struct Element {
-    std::string inner;
-    size_t end = 0;  // position after the closing tag
-};
-
-std::optional<Element> next_element(const std::string &xml, const std::string &tag, size_t pos) {
-    const std::string open = "<" + tag;
-    for (;;) {
-        const size_t start = xml.find(open, pos);
-        if (start == std::string::npos) {
-            return std::nullopt;
-        }
-        const size_t after = start + open.size();
-        if (after >= xml.size()) {
-            return std::nullopt;
-        }
-        const char c = xml[after];
-        if (c != '>' && c != '/' && c != ' ' && c != '\t' && c != '\n' && c != '\r') {
-            pos = after;  // a longer tag name that starts with tag
-            continue;
-        }
-        const size_t head_end = xml.find('>', after);
-        if (head_end == std::string::npos) {
-            return std::nullopt;
-        }
-        if (xml[head_end - 1] == '/') {
-            return Element{"", head_end + 1};
-        }
-        const std::string close = "</" + tag + ">";
-        const size_t close_pos = xml.find(close, head_end + 1);
-        if (close_pos == std::string::npos) {
-            return std::nullopt;
-        }
-        return Element{xml.substr(head_end + 1, close_pos - head_end - 1), close_pos + close.size()};
-    }
-}
-
-std::string decode_entities(const std::string &text) {
-    static const std::pair<const char *, char> entities[] = {
-        {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}, {"&amp;", '&'}};
-    std::string out;
-    for (size_t i = 0; i < text.size();) {
-        bool replaced = false;
-        if (text[i] == '&') {
-            for (const auto &e : entities) {
-                const size_t n = std::char_traits<char>::length(e.first);
-                if (text.compare(i, n, e.first) == 0) {
-                    out.push_back(e.second);
-                    i += n;
-                    replaced = true;
-                    break;
-                }
-            }
-        }
-        if (!replaced) {
-            out.push_back(text[i++]);
-        }
-    }
-    return out;
-}
+// Annotation files are read with pugixml (Debian's libpugixml): it handles
+// what labelling tools write and a tag scanner gets wrong - attributes on
+// elements, entities and character references, CDATA sections, comments,
+// byte-order marks and UTF-16, and Latin-1 files that say so in their
+// declaration - and it reports malformed XML with an offset.
 
 std::string trimmed(const std::string &text) {
     const size_t first = text.find_first_not_of(" \t\r\n");
@@ -106,12 +33,22 @@ std::string trimmed(const std::string &text) {
     return text.substr(first, last - first + 1);
 }
 
-std::optional<std::string> child_text(const std::string &xml, const std::string &tag) {
-    auto element = next_element(xml, tag, 0);
-    if (!element) {
+// The text of a direct child element (all its text and CDATA pieces), trimmed;
+// nothing when the child is absent. Only direct children count, so that a
+// tool's <attributes><attribute><name>...</name>... block inside an <object>
+// is never taken for the object's own <name>.
+std::optional<std::string> child_text(const pugi::xml_node &parent, const char *tag) {
+    const pugi::xml_node child = parent.child(tag);
+    if (!child) {
         return std::nullopt;
     }
-    return trimmed(decode_entities(element->inner));
+    std::string text;
+    for (const pugi::xml_node &piece : child.children()) {
+        if (piece.type() == pugi::node_pcdata || piece.type() == pugi::node_cdata) {
+            text += piece.value();
+        }
+    }
+    return trimmed(text);
 }
 
 std::optional<double> parse_number(const std::string &text) {
@@ -128,51 +65,92 @@ std::optional<double> parse_number(const std::string &text) {
 
 int rounded(double v) { return static_cast<int>(std::lround(v)); }
 
+// <difficult> and <truncated> hold 0/1 in VOC itself; some tools write
+// true/false instead.
+bool flag_value(const std::optional<std::string> &text) {
+    if (!text) {
+        return false;
+    }
+    std::string v = *text;
+    std::transform(v.begin(), v.end(), v.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (v == "true" || v == "yes") {
+        return true;
+    }
+    const auto number = parse_number(v);
+    return number && *number != 0.0;
+}
+
+// pugixml recognises byte-order marks and UTF-16/32 by their first bytes;
+// an 8-bit encoding other than UTF-8 is known only from the declaration.
+pugi::xml_encoding declared_encoding(const std::string &xml) {
+    if (xml.rfind("<?xml", 0) != 0) {
+        return pugi::encoding_auto;
+    }
+    const size_t end = xml.find("?>");
+    std::string declaration = xml.substr(0, end == std::string::npos ? std::min<size_t>(xml.size(), 200) : end);
+    std::transform(declaration.begin(), declaration.end(), declaration.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (const char *latin1 : {"iso-8859-1", "latin1", "latin-1", "iso8859-1"}) {
+        if (declaration.find(std::string("\"") + latin1 + "\"") != std::string::npos ||
+            declaration.find(std::string("'") + latin1 + "'") != std::string::npos) {
+            return pugi::encoding_latin1;
+        }
+    }
+    return pugi::encoding_auto;
+}
+
 }  // namespace
 
 bool looks_like_xml(const std::string &text) {
+    // UTF-16 files start with a byte-order mark and '<' as two bytes.
+    if (text.rfind("\xFF\xFE<", 0) == 0 || text.rfind(std::string("\xFE\xFF\0<", 4), 0) == 0) {
+        return true;
+    }
     const size_t first = text.find_first_not_of(" \t\r\n\xEF\xBB\xBF");
     return first != std::string::npos && text[first] == '<';
 }
 
-VocAnnotation parse_voc_annotation(const std::string &raw, const std::string &source) {
-    const std::string xml = without_comments(raw);
-    auto root = next_element(xml, "annotation", 0);
+VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &source) {
+    pugi::xml_document document;
+    const pugi::xml_parse_result parsed = document.load_buffer(
+        xml.data(), xml.size(), pugi::parse_default, declared_encoding(xml));
+    if (!parsed) {
+        throw input_error("'" + source + "' is not well-formed XML: " + parsed.description() + " at byte " +
+                          std::to_string(parsed.offset));
+    }
+    const pugi::xml_node root = document.child("annotation");
     if (!root) {
         throw input_error("'" + source + "' is not a Pascal VOC annotation: no <annotation> element");
     }
     VocAnnotation annotation;
-    const std::string &body = root->inner;
-    if (auto filename = child_text(body, "filename")) {
+    if (auto filename = child_text(root, "filename")) {
         annotation.filename = *filename;
     }
-    if (auto size = next_element(body, "size", 0)) {
-        auto w = parse_number(child_text(size->inner, "width").value_or(""));
-        auto h = parse_number(child_text(size->inner, "height").value_or(""));
+    if (const pugi::xml_node size = root.child("size")) {
+        auto w = parse_number(child_text(size, "width").value_or(""));
+        auto h = parse_number(child_text(size, "height").value_or(""));
         annotation.width = w ? rounded(*w) : 0;
         annotation.height = h ? rounded(*h) : 0;
     }
-    size_t pos = 0;
     int index = 0;
-    while (auto object = next_element(body, "object", pos)) {
-        pos = object->end;
+    for (const pugi::xml_node &object : root.children("object")) {
         ++index;
         const std::string where = "'" + source + "', object " + std::to_string(index);
         VocObject obj;
-        obj.name = child_text(object->inner, "name").value_or("");
+        obj.name = child_text(object, "name").value_or("");
         if (obj.name.empty()) {
             throw input_error(where + ": no <name>");
         }
-        obj.difficult = child_text(object->inner, "difficult").value_or("0") == "1";
-        obj.truncated = child_text(object->inner, "truncated").value_or("0") == "1";
-        auto bndbox = next_element(object->inner, "bndbox", 0);
+        obj.difficult = flag_value(child_text(object, "difficult"));
+        obj.truncated = flag_value(child_text(object, "truncated"));
+        const pugi::xml_node bndbox = object.child("bndbox");
         if (!bndbox) {
             throw input_error(where + ": no <bndbox>");
         }
         double v[4];
         const char *names[4] = {"xmin", "ymin", "xmax", "ymax"};
         for (int i = 0; i < 4; ++i) {
-            auto text = child_text(bndbox->inner, names[i]);
+            auto text = child_text(bndbox, names[i]);
             auto number = text ? parse_number(*text) : std::nullopt;
             if (!number) {
                 throw input_error(where + ": <" + names[i] + "> is missing or not a number");

@@ -4,7 +4,11 @@
 // <name>, <difficult>, <truncated> and <bndbox>. VOC coordinates are 1-based
 // and inclusive (xmin 1 and xmax 640 span a 640-pixel-wide picture), so the
 // box is x = xmin - 1, w = xmax - xmin + 1; files that count from 0 only
-// shift by one pixel. Fractional coordinates are rounded.
+// shift by one pixel. Fractional coordinates are rounded. The XML is read
+// with pugixml, so entities, CDATA, comments, attributes, byte-order marks,
+// UTF-16 and declared Latin-1 files are all understood; only direct children
+// of <annotation>, <object> and <bndbox> are read, so extra blocks that
+// labelling tools add (<attributes>, <part>, ...) do not disturb the reading.
 #pragma once
 
 #include <string>
