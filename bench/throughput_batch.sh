@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Throughput of `ostrel detect` over many pictures: the 8 shipped blood
-# pictures repeated to COUNT (default 240) in a --list, pictures per second
+# pictures repeated to COUNT (default 960) in a --list, pictures per second
 # with --jobs 1 and --jobs 2, decoding, detection and JSON output included,
 # and the ratio of the two. Runs alternate (1, 2, 1, 2, ...) RUNS times each
 # (default 5); the median and the best run are reported, with the load
@@ -16,7 +16,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 ostrel=${OSTREL:-build/tools/ostrel}
-count=${COUNT:-240}
+count=${COUNT:-960}
 runs=${RUNS:-5}
 python=/usr/bin/python3
 if [ ! -x "$ostrel" ]; then
