@@ -89,6 +89,18 @@ typedef struct ostrel_alg ostrel_alg;
 #define OSTREL_ALG_FORMAT_PLANAR 3
 
 /*
+ * Limits of one call, both far above any real use. A call beyond them
+ * returns 1 with a log line before the library reads the pixels or boxes or
+ * allocates anything for them.
+ *   OSTREL_ALG_MAX_PICTURE_PIXELS  width * height of a picture given to
+ *     set-up, detection or ostrel_alg_getFeatureMap_ptr: 2^28 pixels (for
+ *     instance 16384 x 16384), so width * height * 3 stays below 2^31.
+ *   OSTREL_ALG_MAX_MARKED_BOXES    boxes in one set-up call.
+ */
+#define OSTREL_ALG_MAX_PICTURE_PIXELS 268435456
+#define OSTREL_ALG_MAX_MARKED_BOXES 10000
+
+/*
  * Image record (40 bytes). Passed by pointer; owned by the host.
  *   width      picture width in pixels, at least 1.
  *   height     picture height in pixels, at least 1.
