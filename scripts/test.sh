@@ -5,7 +5,8 @@
 #      UndefinedBehaviorSanitizer,
 #   3. the interface tests (engines on many threads, the log handler) under
 #      ThreadSanitizer,
-#   4. the model-file fuzz target for a short run, when present.
+#   4. the fuzz targets (model files; image records and box lists) for a
+#      short run each, when present.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,6 +35,7 @@ TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/api/tsan.supp" build-tsan/
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"
   scripts/fuzz.sh 60
+  scripts/fuzz.sh 45 image_records  # image records and box lists of the C interface
 fi
 
 echo "== all tests passed"
