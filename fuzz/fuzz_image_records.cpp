@@ -101,14 +101,17 @@ ostrel_alg *trained_detector() {
     return engine;
 }
 
+// Choices come first as small selectors; an input that has run out gives
+// 0 everywhere, which picks the plausible case, so that short inputs
+// already reach training.
 int32_t fuzzed_side(FuzzedDataProvider &in) {
     switch (in.ConsumeIntegralInRange<int>(0, 7)) {
-    case 0: return in.ConsumeIntegralInRange<int32_t>(-3, 3);
-    case 1: return in.ConsumeIntegral<int32_t>();
-    case 2: return in.ConsumeIntegralInRange<int32_t>(16380, 16390);  // around the pixel limit's square
-    case 3: return in.ConsumeIntegralInRange<int32_t>(268435450, 268435460);
-    case 4: return in.ConsumeIntegralInRange<int32_t>(1, 5000);
-    default: return in.ConsumeIntegralInRange<int32_t>(1, 160);
+    case 0: case 1: case 2: case 3: return in.ConsumeIntegralInRange<int32_t>(24, 160);
+    case 4: return in.ConsumeIntegralInRange<int32_t>(-3, 23);
+    case 5: return in.ConsumeIntegral<int32_t>();
+    case 6: return in.ConsumeIntegralInRange<int32_t>(16380, 16390);  // around the pixel limit's square
+    default: return in.ConsumeBool() ? in.ConsumeIntegralInRange<int32_t>(268435450, 268435460)
+                                     : in.ConsumeIntegralInRange<int32_t>(1, 5000);
     }
 }
 
@@ -120,14 +123,36 @@ int32_t fuzzed_coordinate(FuzzedDataProvider &in) {
     }
 }
 
-ostrel_alg_box fuzzed_box(FuzzedDataProvider &in) {
+// A box as a host marks it (inside the picture, of a size a window can
+// have) or with any fields at all.
+ostrel_alg_box fuzzed_box(FuzzedDataProvider &in, int32_t picture_width, int32_t picture_height,
+                          const ostrel_alg_box *first) {
     ostrel_alg_box b{};
-    b.x = fuzzed_coordinate(in);
-    b.y = fuzzed_coordinate(in);
-    b.width = fuzzed_coordinate(in);
-    b.height = fuzzed_coordinate(in);
+    const int mode = in.ConsumeIntegralInRange<int>(0, 5);
+    if (mode <= 3 && picture_width > 0 && picture_height > 0) {
+        if (mode <= 1 && first != nullptr && first->width >= 1 && first->width <= picture_width &&
+            first->height >= 1 && first->height <= picture_height) {
+            b.width = first->width;  // most hosts mark every box at one size
+            b.height = first->height;
+        } else {
+            b.width = in.ConsumeIntegralInRange<int32_t>(picture_width / 8 + 1, picture_width / 2 + 1);
+            b.height = in.ConsumeIntegralInRange<int32_t>(picture_height / 8 + 1, picture_height / 2 + 1);
+        }
+        if (mode == 3) {  // anywhere, across the edges too
+            b.x = in.ConsumeIntegralInRange<int32_t>(-b.width / 2, picture_width);
+            b.y = in.ConsumeIntegralInRange<int32_t>(-b.height / 2, picture_height);
+        } else {
+            b.x = in.ConsumeIntegralInRange<int32_t>(0, picture_width > b.width ? picture_width - b.width : 0);
+            b.y = in.ConsumeIntegralInRange<int32_t>(0, picture_height > b.height ? picture_height - b.height : 0);
+        }
+    } else {
+        b.x = fuzzed_coordinate(in);
+        b.y = fuzzed_coordinate(in);
+        b.width = fuzzed_coordinate(in);
+        b.height = fuzzed_coordinate(in);
+    }
     b.score = in.ConsumeFloatingPoint<float>();
-    b.label = in.ConsumeBool() ? 1 : in.ConsumeIntegralInRange<int32_t>(-2, 2);
+    b.label = in.ConsumeIntegralInRange<int>(0, 3) != 3 ? 1 : in.ConsumeIntegralInRange<int32_t>(-2, 2);
     return b;
 }
 
@@ -147,12 +172,12 @@ fuzzed_picture make_picture(FuzzedDataProvider &in) {
     ostrel_alg_image &image = p.image;
     image.width = fuzzed_side(in);
     image.height = fuzzed_side(in);
-    image.channels = in.ConsumeIntegralInRange<int>(0, 9) == 0 ? in.ConsumeIntegral<int32_t>() : 3;
+    image.channels = in.ConsumeIntegralInRange<int>(0, 9) == 9 ? in.ConsumeIntegral<int32_t>() : 3;
     image.format = in.ConsumeBool() ? OSTREL_ALG_FORMAT_PLANAR : in.ConsumeIntegral<int32_t>();
-    image.image_key = in.ConsumeIntegralInRange<int>(0, 7) == 0 ? in.ConsumeIntegral<int64_t>()
+    image.image_key = in.ConsumeIntegralInRange<int>(0, 7) == 7 ? in.ConsumeIntegral<int64_t>()
                                                                 : 1000 + in.ConsumeIntegralInRange<int64_t>(0, 3);
     image.aux = in.ConsumeIntegral<int32_t>();
-    const bool with_data = in.ConsumeIntegralInRange<int>(0, 15) != 0;
+    const bool with_data = in.ConsumeIntegralInRange<int>(0, 15) != 15;
     const uint8_t shade = in.ConsumeIntegral<uint8_t>();
 
     // A record the library may take gets exactly its pixels; one it must
@@ -189,7 +214,9 @@ void check_detections(const ostrel_alg_box *boxes, uint32_t count) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    ostrel_alg_setLogHandler(discard_message, nullptr);
+    // The library's lines are noise here; OSTREL_FUZZ_LOG=1 keeps them, to
+    // see what the library said about an input.
+    if (std::getenv("OSTREL_FUZZ_LOG") == nullptr) ostrel_alg_setLogHandler(discard_message, nullptr);
     trained_detector();
     return 0;
 }
@@ -203,14 +230,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // boxes; beyond the limit, 4.
     int32_t count = 0;
     switch (in.ConsumeIntegralInRange<int>(0, 9)) {
-    case 0: count = in.ConsumeIntegral<int32_t>(); break;
-    case 1: count = OSTREL_ALG_MAX_MARKED_BOXES + in.ConsumeIntegralInRange<int32_t>(-1, 1); break;
-    default: count = in.ConsumeIntegralInRange<int32_t>(-1, 40); break;
+    case 8: count = in.ConsumeIntegral<int32_t>(); break;
+    case 9: count = OSTREL_ALG_MAX_MARKED_BOXES + in.ConsumeIntegralInRange<int32_t>(-1, 1); break;
+    default: count = in.ConsumeIntegralInRange<int32_t>(1, 24); break;
     }
     const bool count_refused = count < 0 || count > OSTREL_ALG_MAX_MARKED_BOXES;
     std::vector<ostrel_alg_box> boxes(count_refused ? 4 : static_cast<size_t>(count));
-    for (ostrel_alg_box &b : boxes) b = fuzzed_box(in);
-    const ostrel_alg_box *box_list = in.ConsumeIntegralInRange<int>(0, 31) == 0 ? nullptr : boxes.data();
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        boxes[i] = fuzzed_box(in, image.width, image.height, i > 0 ? &boxes[0] : nullptr);
+    }
+    const ostrel_alg_box *box_list = in.ConsumeIntegralInRange<int>(0, 31) == 31 ? nullptr : boxes.data();
 
     // The feature map.
     {
