@@ -293,3 +293,34 @@ TEST_F(SetupRefusals, InitKeepsTheModelAndSameKeyStillRetrains) {
         << "the boxes of a retraining on the same key are not read\n" << log;
     EXPECT_EQ(ostrel_alg_destroy(engine), 0);
 }
+
+// init and import keep the false-positive filter with the model, but a
+// set-up that trains a window of another size cannot use a filter made for
+// the old one: the model it leaves still detects.
+TEST_F(SetupRefusals, AfterInitAModelOfAnotherWindowStillDetects) {
+    ostrel_alg *engine = new_engine();
+    const ostrel_alg_box &learnt = picture_.boxes.front();
+    ASSERT_EQ(set_up(engine, picture_.record(kKeys + 1), picture_.boxes), 0);
+    ASSERT_EQ(set_up(engine, other_.record(kKeys + 2), at_size(other_.boxes, learnt.width, learnt.height)), 0);
+    const std::string with_filter = path("with_filter.model");
+    capture_stdout([&] { ASSERT_EQ(ostrel_alg_exportModel_ptr(engine, with_filter.c_str()), 0); });
+    const file_bytes model = read_bytes(with_filter);
+    const int32_t n = i32_at(model, kWeightCountAt);
+    ASSERT_EQ(model[kWeightsAt + 4 * static_cast<size_t>(n) + 4], 1) << "the two pictures built a filter";
+
+    // Its own median size gives the second picture another window.
+    ASSERT_EQ(ostrel_alg_init(engine), 0);
+    std::string log;
+    ASSERT_EQ(set_up(engine, other_.record(kKeys + 2), other_.boxes, &log), 0) << log;
+    detection found = detect(engine, picture_.record(kKeys + 1));
+    EXPECT_EQ(found.status, 0) << found.log;
+    EXPECT_EQ(ostrel_alg_destroy(engine), 0);
+
+    // The same after importing the model with the filter.
+    engine = new_engine();
+    capture_stdout([&] { ASSERT_EQ(ostrel_alg_importModel_ptr(engine, with_filter.c_str()), 0); });
+    ASSERT_EQ(set_up(engine, other_.record(kKeys + 2), other_.boxes, &log), 0) << log;
+    found = detect(engine, picture_.record(kKeys + 1));
+    EXPECT_EQ(found.status, 0) << found.log;
+    EXPECT_EQ(ostrel_alg_destroy(engine), 0);
+}
