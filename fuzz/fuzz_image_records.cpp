@@ -123,6 +123,19 @@ int32_t fuzzed_coordinate(FuzzedDataProvider &in) {
     }
 }
 
+// A width or height of a box with fields a host should never send: absurd,
+// zero or negative, or small. Boxes between a quarter of the picture and
+// the picture's size are left out on purpose: they are valid, and their
+// large windows with their many shifted copies make a set-up take much
+// memory and time, which would only slow the search down.
+int32_t fuzzed_extent(FuzzedDataProvider &in, int32_t picture_side) {
+    switch (in.ConsumeIntegralInRange<int>(0, 2)) {
+    case 0: return in.ConsumeIntegral<int32_t>();
+    case 1: return in.ConsumeIntegralInRange<int32_t>(-200, 0);
+    default: return in.ConsumeIntegralInRange<int32_t>(0, picture_side > 4 ? picture_side / 4 : 1);
+    }
+}
+
 // A box as a host marks it (inside the picture, of a size a window can
 // have) or with any fields at all.
 ostrel_alg_box fuzzed_box(FuzzedDataProvider &in, int32_t picture_width, int32_t picture_height,
@@ -130,13 +143,13 @@ ostrel_alg_box fuzzed_box(FuzzedDataProvider &in, int32_t picture_width, int32_t
     ostrel_alg_box b{};
     const int mode = in.ConsumeIntegralInRange<int>(0, 5);
     if (mode <= 3 && picture_width > 0 && picture_height > 0) {
-        if (mode <= 1 && first != nullptr && first->width >= 1 && first->width <= picture_width &&
-            first->height >= 1 && first->height <= picture_height) {
+        if (mode <= 1 && first != nullptr && first->width >= 1 && first->width <= picture_width / 4 + 1 &&
+            first->height >= 1 && first->height <= picture_height / 4 + 1) {
             b.width = first->width;  // most hosts mark every box at one size
             b.height = first->height;
         } else {
-            b.width = in.ConsumeIntegralInRange<int32_t>(picture_width / 8 + 1, picture_width / 2 + 1);
-            b.height = in.ConsumeIntegralInRange<int32_t>(picture_height / 8 + 1, picture_height / 2 + 1);
+            b.width = in.ConsumeIntegralInRange<int32_t>(picture_width / 12 + 1, picture_width / 4 + 1);
+            b.height = in.ConsumeIntegralInRange<int32_t>(picture_height / 12 + 1, picture_height / 4 + 1);
         }
         if (mode == 3) {  // anywhere, across the edges too
             b.x = in.ConsumeIntegralInRange<int32_t>(-b.width / 2, picture_width);
@@ -148,8 +161,8 @@ ostrel_alg_box fuzzed_box(FuzzedDataProvider &in, int32_t picture_width, int32_t
     } else {
         b.x = fuzzed_coordinate(in);
         b.y = fuzzed_coordinate(in);
-        b.width = fuzzed_coordinate(in);
-        b.height = fuzzed_coordinate(in);
+        b.width = fuzzed_extent(in, picture_width);
+        b.height = fuzzed_extent(in, picture_height);
     }
     b.score = in.ConsumeFloatingPoint<float>();
     b.label = in.ConsumeIntegralInRange<int>(0, 3) != 3 ? 1 : in.ConsumeIntegralInRange<int32_t>(-2, 2);

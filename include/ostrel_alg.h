@@ -106,10 +106,13 @@ typedef struct ostrel_alg ostrel_alg;
  *   OSTREL_ALG_MAX_PICTURE_PIXELS  width * height of a picture given to
  *     set-up, detection or ostrel_alg_getFeatureMap_ptr: 2^28 pixels (for
  *     instance 16384 x 16384), so width * height * 3 stays below 2^31.
- *   OSTREL_ALG_MAX_MARKED_BOXES    boxes in one set-up call.
+ *   OSTREL_ALG_MAX_MARKED_BOXES    boxes in one set-up call. The feature map
+ *     of a picture holds fewer than 400 disjoint windows of the smallest
+ *     size a model file takes; each box costs about 250 kB of training
+ *     samples at a usual window size.
  */
 #define OSTREL_ALG_MAX_PICTURE_PIXELS 268435456
-#define OSTREL_ALG_MAX_MARKED_BOXES 10000
+#define OSTREL_ALG_MAX_MARKED_BOXES 1000
 
 /*
  * Image record (40 bytes). Passed by pointer; owned by the host.

@@ -81,7 +81,7 @@ TEST_F(InputLimits, TooManyBoxesThroughThePointerForm) {
         });
         EXPECT_EQ(status, 1);
         EXPECT_EQ(log, "[Alg.Fail] ostrel_alg_setDetector_ptr: box count " + std::to_string(count) +
-                           " is above the limit of 10000\n");
+                           " is above the limit of " + std::to_string(OSTREL_ALG_MAX_MARKED_BOXES) + "\n");
     }
     EXPECT_EQ(trained(), 0);
 }
@@ -97,7 +97,8 @@ TEST_F(InputLimits, TooManyBoxesThroughTheVectorForm) {
     const std::string log = capture_stdout([&] { status = ostrel_alg_setDetector(engine_, &image, boxes); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(log, engine_refusal("setDetectorWithAutoTrain", 4101,
-                                  "10001 marked boxes, more than the 10000 one picture may have"));
+                                  std::to_string(OSTREL_ALG_MAX_MARKED_BOXES + 1) + " marked boxes, more than the " +
+                                      std::to_string(OSTREL_ALG_MAX_MARKED_BOXES) + " one picture may have"));
     EXPECT_EQ(trained(), 0);
 }
 

@@ -27,8 +27,8 @@ TEST(PixelLimit, BoundaryInEveryShape) {
 }
 
 TEST(BoxCountLimit, Boundary) {
-    EXPECT_TRUE(ostrel::marked_box_count_within_limit(10000));
-    EXPECT_FALSE(ostrel::marked_box_count_within_limit(10001));
+    EXPECT_TRUE(ostrel::marked_box_count_within_limit(1000));
+    EXPECT_FALSE(ostrel::marked_box_count_within_limit(1001));
     EXPECT_FALSE(ostrel::marked_box_count_within_limit(INT64_MAX));
 }
 
@@ -57,8 +57,8 @@ TEST(InputRefusals, LinesOfEachRefusal) {
     });
     EXPECT_EQ(log, "[Debug] ostrel_alg::op: a picture of 20000 x 20000 pixels is larger than the limit of "
                    "268435456 pixels\n[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4999)\n");
-    log = capture_stdout([] { EXPECT_FALSE(ostrel::accept_marked_box_count(10001, "ostrel_alg::op", 4998)); });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: 10001 marked boxes, more than the 10000 one picture may have\n"
+    log = capture_stdout([] { EXPECT_FALSE(ostrel::accept_marked_box_count(1001, "ostrel_alg::op", 4998)); });
+    EXPECT_EQ(log, "[Debug] ostrel_alg::op: 1001 marked boxes, more than the 1000 one picture may have\n"
                    "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4998)\n");
     log = capture_stdout([] {
         const ostrel_alg_image image{640, 4, 3, nullptr, 0, 0, 0};
@@ -70,7 +70,7 @@ TEST(InputRefusals, LinesOfEachRefusal) {
     log = capture_stdout([] {
         const ostrel_alg_image image{640, 5, 3, nullptr, 0, 0, 0};
         EXPECT_TRUE(ostrel::accept_trained_box_on_picture(image, 96, 99, 640, 480, "ostrel_alg::op", 4997));
-        EXPECT_TRUE(ostrel::accept_marked_box_count(10000, "ostrel_alg::op", 4998));
+        EXPECT_TRUE(ostrel::accept_marked_box_count(1000, "ostrel_alg::op", 4998));
     });
     EXPECT_EQ(log, "");
 }
