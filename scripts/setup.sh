@@ -15,6 +15,10 @@ packages=(
   jq                       # a test pipes `ostrel detect --json` into it
   hyperfine                # bench/time_cli.sh: end-to-end timing of the tool
   clang libclang-rt-14-dev # libFuzzer target and its runtime
+  libcpp-httplib-dev       # the HTTP server of `ostrel studio`
+  chromium chromium-driver python3-selenium  # the studio's real-browser test
+  python3-numpy python3-pytest python3-opencv python3-distributed  # the Python package, its tests, detect_files
+  python3-venv python3-pip python3-setuptools python3-wheel         # its offline install into a venv
 )
 
 missing=()
