@@ -35,7 +35,7 @@ protected:
         for (const std::string &p : created_) std::remove(p.c_str());
     }
     std::string path(const std::string &name) {
-        created_.push_back(testing::TempDir() + "failed_import_" + name);
+        created_.push_back(temp_path(name));
         return created_.back();
     }
     // An engine trained on two pictures, so that it holds a filter as well.

@@ -37,7 +37,7 @@ protected:
         for (const std::string &p : created_) std::remove(p.c_str());
     }
     std::string path(const std::string &name) {
-        created_.push_back(testing::TempDir() + "score_range_" + name);
+        created_.push_back(temp_path(name));
         return created_.back();
     }
     // Imports `model` into a new engine at `sensitivity` and detects on

@@ -52,7 +52,7 @@ protected:
         for (const std::string &p : created_) std::remove(p.c_str());
     }
     std::string path(const std::string &name) {
-        created_.push_back(testing::TempDir() + "setup_refusals_" + name);
+        created_.push_back(temp_path(name));
         return created_.back();
     }
     static ostrel_alg *new_engine() {

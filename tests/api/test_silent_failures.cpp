@@ -32,7 +32,7 @@ protected:
         for (const std::string &p : created_) std::remove(p.c_str());
     }
     std::string path(const std::string &name) {
-        created_.push_back(testing::TempDir() + "silent_failures_" + name);
+        created_.push_back(temp_path(name));
         return created_.back();
     }
     template <typename Call>

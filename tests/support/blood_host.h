@@ -14,6 +14,12 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#if defined(_WIN32)
+#include <process.h>
+#else
+#include <unistd.h>
+#endif
+
 #include "ostrel_alg.h"
 #include "support/stdout_capture.h"
 #include "support/test_data.h"
@@ -50,6 +56,20 @@ inline std::vector<ostrel_alg_box> at_size(std::vector<ostrel_alg_box> boxes, in
         b.height = height;
     }
     return boxes;
+}
+
+// A file name in the temporary folder of this test alone: tests of one
+// program may run at the same time in several processes (ctest -j), and so
+// may other checkouts' test programs.
+inline std::string temp_path(const std::string &name) {
+    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+#if defined(_WIN32)
+    const long pid = static_cast<long>(_getpid());
+#else
+    const long pid = static_cast<long>(getpid());
+#endif
+    return testing::TempDir() + "ostrel_" + std::to_string(pid) + "_" + (test ? test->test_suite_name() : "") + "_" +
+           (test ? test->name() : "") + "_" + name;
 }
 
 // Set-up through the pointer form; the log lines go to *log.
