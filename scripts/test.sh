@@ -40,6 +40,7 @@ if [ -f fuzz/CMakeLists.txt ]; then
   scripts/fuzz.sh 45 image_records  # image records and box lists of the C interface
 fi
 
+scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine
 scripts/test-studio.sh build
 
 echo "== all tests passed"
