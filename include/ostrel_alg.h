@@ -12,8 +12,15 @@
  *
  * Statuses
  *   Every function returns int32_t: 0 for success, 1 for failure. No other
- *   value is ever returned. Failures are also reported by one log line (see
- *   "Log lines" below).
+ *   value is ever returned. Every failure is also reported by log lines (see
+ *   "Log lines" below), except these, which return 1 without a line:
+ *     - ostrel_alg_exportModel* before any training or import, or with an
+ *       empty path;
+ *     - ostrel_alg_importModel* with an empty path;
+ *     - ostrel_alg_removeSample before training, or with an index at or
+ *       above the sample count;
+ *     - ostrel_alg_setModelId with a negative id, and ostrel_alg_getModelId
+ *       while no id is set.
  *
  * Ownership
  *   - The host owns the engine handle from ostrel_alg_create() until it
@@ -46,7 +53,11 @@
  *     [Alg.Fail] <function> (ostrel_alg_lib line:<n>)
  *   and failures inside the engine like
  *     [Alg. FAIL!] ostrel_alg::<operation> (ostrel_alg line:<n>)
- *   The line numbers are fixed parts of the messages.
+ *   The line numbers are fixed parts of the messages. Input the engine
+ *   refuses before doing anything (a picture above the pixel limit, too many
+ *   boxes, boxes whose window cannot be learnt, a picture too small for the
+ *   trained box) is reported by a "[Debug] ostrel_alg::<operation>: ..."
+ *   line that says what was wrong, followed by the failure line.
  */
 #ifndef OSTREL_ALG_H
 #define OSTREL_ALG_H
@@ -89,9 +100,25 @@ typedef struct ostrel_alg ostrel_alg;
 #define OSTREL_ALG_FORMAT_PLANAR 3
 
 /*
+ * Limits of one call, both far above any real use. A call beyond them
+ * returns 1 with a log line before the library reads the pixels or boxes or
+ * allocates anything for them.
+ *   OSTREL_ALG_MAX_PICTURE_PIXELS  width * height of a picture given to
+ *     set-up, detection or ostrel_alg_getFeatureMap_ptr: 2^28 pixels (for
+ *     instance 16384 x 16384), so width * height * 3 stays below 2^31.
+ *   OSTREL_ALG_MAX_MARKED_BOXES    boxes in one set-up call. The feature map
+ *     of a picture holds fewer than 400 disjoint windows of the smallest
+ *     size a model file takes; each box costs about 250 kB of training
+ *     samples at a usual window size.
+ */
+#define OSTREL_ALG_MAX_PICTURE_PIXELS 268435456
+#define OSTREL_ALG_MAX_MARKED_BOXES 1000
+
+/*
  * Image record (40 bytes). Passed by pointer; owned by the host.
  *   width      picture width in pixels, at least 1.
- *   height     picture height in pixels, at least 1.
+ *   height     picture height in pixels, at least 1; width * height at most
+ *              OSTREL_ALG_MAX_PICTURE_PIXELS.
  *   channels   bytes per pixel; must be exactly 3 (8-bit BGR).
  *   data       the pixels, owned by the host, never null. Interleaved:
  *              rows packed one after another, width * height * 3 bytes,
@@ -228,7 +255,10 @@ OSTREL_ALG_API int32_t ostrel_alg_destroy(ostrel_alg *handle);
 /*
  * Re-initialises the engine: discards training samples, thumbnails, the
  * feature extractor and the result buffer, and unsets the model id. A
- * trained model, its false-positive filter and threshold are kept.
+ * trained model, its false-positive filter and threshold are kept: the
+ * engine still detects. What counted the discarded samples goes with them,
+ * so the next set-up trains as on a new engine (with random background
+ * samples, and taking a picture key it saw before as a new picture).
  */
 OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
 
@@ -276,8 +306,22 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
  * marked may be taken as background. The detector then tests itself on the
  * picture up to five times and learns from its mistakes.
  * Calling again with the same image_key ignores the boxes and retrains on
- * what the engine already holds. The host keeps ownership of image and
- * boxes.
+ * what the engine already holds (an engine that holds no samples, after
+ * init or an import, takes the picture as new). The host keeps ownership of
+ * image and boxes.
+ *
+ * The detector learns the window the first box covers on the picture's
+ * feature map of 121 x 68 cells (width * 121 / picture width by height * 68
+ * / picture height cells, truncated). Set-up refuses, with status 1 and
+ * before anything changes: more than OSTREL_ALG_MAX_MARKED_BOXES boxes; a
+ * picture above OSTREL_ALG_MAX_PICTURE_PIXELS; and, for a new picture, a
+ * first box smaller than 1 x 1 pixel, whose window covers no whole cell
+ * either way or is larger than the map, or whose window differs from that
+ * of the samples it would be trained with (the samples the engine holds
+ * from earlier pictures, or else those of the first box of this picture
+ * that lies inside it). So every picture of one engine is marked at a size
+ * that gives one window, and a set-up that returns 0 always leaves a model
+ * that detects.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                   const ostrel_alg_box *boxes, int32_t count);
@@ -302,8 +346,10 @@ OSTREL_ALG_API int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_
 
 /*
  * Removes sample number index (its thumbnail and training samples) and
- * retrains. An index at or above the sample count returns 1 and changes
- * nothing.
+ * retrains. An index at or above the sample count (any index before
+ * training) returns 1 silently and changes nothing. When the retraining
+ * fails, 1 is returned with a log line and the sample stays removed; the
+ * model of the last successful training stays in use.
  */
 OSTREL_ALG_API int32_t ostrel_alg_removeSample(ostrel_alg *handle, uint32_t index);
 
@@ -326,7 +372,14 @@ OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *hand
  * engine, at most 256: detections by falling score (label 1, at most 32),
  * then boxes below the threshold (label -1), then boxes the user marked on
  * this same picture that nothing detected (label 1). They stay valid until
- * the next detection, init or destroy. Fails before any training or import.
+ * the next detection, init or destroy. Every detection is at least 1 x 1
+ * pixel and scores 0..1.
+ * Fails before any training or import; on a picture above
+ * OSTREL_ALG_MAX_PICTURE_PIXELS; on a picture on which the trained box
+ * (rescaled with the picture's width and height) would be less than one
+ * pixel wide or high; and with a model whose parts do not agree (weights
+ * that do not fit the window, a false-positive filter that cannot measure
+ * it), which only a hand-made model file can hold.
  */
 OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                   ostrel_alg_box **boxes, uint32_t *count);
@@ -339,6 +392,7 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
  * column). Channels 0..2 are L, a, b; 3 is gradient magnitude; 4..9 are
  * oriented-gradient histograms. The buffer is owned by the engine and
  * stays valid until the next call of this function, init or destroy.
+ * Refuses a picture above OSTREL_ALG_MAX_PICTURE_PIXELS.
  */
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                     const uint8_t **data, uint32_t *channels,
@@ -389,9 +443,18 @@ OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, 
  * 1 with one log line.
  * ---------------------------------------------------------------------- */
 
-/* Writes the trained model to path (overwriting). Fails before training. */
+/* Writes the trained model to path (overwriting). Fails (silently) before
+ * training. */
 OSTREL_ALG_API int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path);
-/* Loads a model file into the engine; the engine's samples are discarded. */
+/*
+ * Loads a model file into the engine; the engine's samples, thumbnails and
+ * result buffer are discarded, and the next set-up trains as on a new
+ * engine. The file is read and checked before the engine changes: an import
+ * that fails (the file cannot be opened or read, or holds values the checks
+ * refuse) leaves the engine exactly as it was - its model, filter and
+ * threshold, samples, thumbnails and results - and none of the file's
+ * values becomes active. Import does not check the CRC: validate first.
+ */
 OSTREL_ALG_API int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path);
 /* Checks a model file (records and CRC-32) without loading it: 0 = valid. */
 OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path);

@@ -273,6 +273,12 @@ int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *i
         ostrel::log("[Alg.Fail] %s: box count %d is negative\n", __func__, count);
         return 1;
     }
+    // Refused before the boxes are copied: the copy is the first allocation.
+    if (count > OSTREL_ALG_MAX_MARKED_BOXES) {
+        ostrel::log("[Alg.Fail] %s: box count %d is above the limit of %d\n", __func__, count,
+                    OSTREL_ALG_MAX_MARKED_BOXES);
+        return 1;
+    }
     if (count > 0 && !argument_ok(boxes, __func__, "boxes")) {
         return 1;
     }

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "acf/ostrel_acf.h"
+#include "acf/box_window.h"
 #include "common/box_geometry.h"
 #include "common/log.h"
 
@@ -43,20 +44,7 @@ bool map_is_consistent(const feature_map &map) {
 
 // The window covers at least one cell and lies wholly inside the map.
 bool window_inside_map(const feature_map &map, const window_rect &w) {
-    if (w.width < 1 || w.height < 1 || w.x < 0 || w.y < 0) return false;
-    return static_cast<int64_t>(w.x) + w.width <= map.columns && static_cast<int64_t>(w.y) + w.height <= map.rows;
-}
-
-// trunc(value * scale) in single precision; false when the product is not a
-// number or does not fit an int32 (such a window cannot lie in any map).
-bool scale_to_cells(int32_t value, float scale, int32_t *cells) {
-    const float product = static_cast<float>(value) * scale;
-    if (!std::isfinite(product)) return false;
-    const float truncated = std::trunc(product);
-    // 2^31 is exact in float; the int32 range is [-2^31, 2^31).
-    if (truncated < -2147483648.0f || truncated >= 2147483648.0f) return false;
-    *cells = static_cast<int32_t>(truncated);
-    return true;
+    return window_inside_cells(w, map.columns, map.rows);
 }
 
 // The part of the window inside the map (width or height 0 when none).
@@ -219,9 +207,7 @@ void ostrel_acf::collectTrainingSamples(std::vector<training_sample> &out, const
     for (size_t b = 0; b < boxes.size(); ++b) {
         const ostrel_alg_box &box = boxes[b];
         window_rect window;
-        const bool scaled = scale_to_cells(box.x, sx, &window.x) && scale_to_cells(box.y, sy, &window.y) &&
-                            scale_to_cells(box.width, sx, &window.width) &&
-                            scale_to_cells(box.height, sy, &window.height);
+        const bool scaled = box_to_window(box, sx, sy, &window);
         // A box that reaches past the picture (or one too small to cover a
         // cell) has no window of the map to cut: cropping it would read
         // outside the map. Skipping it keeps every sample the same size

@@ -101,6 +101,11 @@ void clamp_into_picture(ostrel_alg_box &box, int32_t image_width, int32_t image_
 
 }  // namespace
 
+int32_t rescale_trained_side(int32_t picture_side, int32_t trained_side, int32_t input_side) {
+    return truncate_to_int32(static_cast<float>(picture_side) * static_cast<float>(trained_side) /
+                             static_cast<float>(input_side));
+}
+
 scan_geometry update_window_size(window_size_state &state, const feature_map &map, int32_t image_width,
                                  int32_t image_height) {
     const float map_columns = static_cast<float>(map.columns);
@@ -118,8 +123,8 @@ scan_geometry update_window_size(window_size_state &state, const feature_map &ma
         const float train_height = static_cast<float>(state.train_height);
         state.scaled_width = truncate_to_int32(map_columns / input_width * train_width);
         state.scaled_height = truncate_to_int32(map_rows / input_height * train_height);
-        state.train_width = truncate_to_int32(width * train_width / input_width);
-        state.train_height = truncate_to_int32(height * train_height / input_height);
+        state.train_width = rescale_trained_side(image_width, state.train_width, state.input_width);
+        state.train_height = rescale_trained_side(image_height, state.train_height, state.input_height);
         state.input_width = image_width;
         state.input_height = image_height;
     }
@@ -180,18 +185,32 @@ int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t
     return static_cast<int32_t>(sum);
 }
 
-int32_t window_confidence(int32_t dot_product, int32_t bias) {
-    // The margin is an int difference and wraps around in 32 bits like the
-    // dot product it comes from (the classifier's fixed-point values never
-    // get near the limit; only garbage does).
-    const int32_t margin = wrap_sub(dot_product, bias);
-    const float v = static_cast<float>(margin) / -100000.0f * 1.442695f;
-    // Fast 2^v: the integer part goes straight into the exponent bits of a
-    // quadratic approximation of 2^f on [0, 1). The shift and add are done
-    // on the unsigned bit pattern, so negative and huge exponents wrap
-    // instead of being undefined.
+namespace {
+
+// Integer parts of the exponent for which the fast 2^v below is a float of
+// the same sign and magnitude: the quadratic lies in [1, 2), its biased
+// exponent is 127, and adding i keeps it a normal number for i in
+// [-126, 127].
+constexpr int32_t kLowestFastExponent = -126;
+constexpr int32_t kHighestFastExponent = 127;
+
+// Fast 2^v: the integer part goes straight into the exponent bits of a
+// quadratic approximation of 2^f on [0, 1). Outside the exponents above,
+// the bit pattern would wrap into the sign and exponent fields (a negative
+// or NaN "power", and a score outside 0..100); there the power is what it
+// tends to, 0 below and infinity above, which is also what the logistic
+// gives at the ends of the range the bits do cover. The margins of a
+// trained model stay far inside it (|v| < 127 means a classifier margin
+// below 88).
+float fast_exp2(float v) {
     const float floor_v = std::floor(v);
     const int32_t i = truncate_to_int32(floor_v);
+    if (i < kLowestFastExponent) {
+        return 0.0f;
+    }
+    if (i > kHighestFastExponent) {
+        return std::numeric_limits<float>::infinity();
+    }
     const float f = v - floor_v;
     const float p = (0.33718944f * f + 0.6576363f) * f + 1.0017247f;
     uint32_t bits = 0;
@@ -199,6 +218,18 @@ int32_t window_confidence(int32_t dot_product, int32_t bias) {
     bits += static_cast<uint32_t>(i) << 23;
     float e = 0.0f;
     std::memcpy(&e, &bits, sizeof e);
+    return e;
+}
+
+}  // namespace
+
+int32_t window_confidence(int32_t dot_product, int32_t bias) {
+    // The margin is an int difference and wraps around in 32 bits like the
+    // dot product it comes from (the classifier's fixed-point values never
+    // get near the limit; only garbage does).
+    const int32_t margin = wrap_sub(dot_product, bias);
+    const float v = static_cast<float>(margin) / -100000.0f * 1.442695f;
+    const float e = fast_exp2(v);
     // The logistic in double, rounded to float, then multiplied by the double
     // 100.0: the product is a double, and it is exact (24 by 7 significant
     // bits), so the score is the float probability truncated to the percent

@@ -30,6 +30,11 @@ struct scan_geometry {
     float sy = 0.0f;             // map rows per picture row
 };
 
+// A trained side (trained_side pixels of a picture side of input_side
+// pixels) rescaled to a picture side of picture_side pixels, in single
+// precision and truncated, as the window size update does it.
+int32_t rescale_trained_side(int32_t picture_side, int32_t trained_side, int32_t input_side);
+
 // Brings the window size in step with a picture of image_width x
 // image_height (rescaling and storing the sizes when the picture size
 // changed), and derives stride, scale factors and the window in cells.

@@ -13,6 +13,7 @@
 #include "detect/candidate_filter.h"
 #include "detect/color_labels.h"
 #include "detect/window_scan.h"
+#include "engine/input_limits.h"
 #include "engine/ostrel_alg.h"
 #include "engine/picture_cache.h"
 #include "fpfilter/pca_fp_filter.h"
@@ -33,6 +34,24 @@ void log_run_failure() {
 constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
 constexpr int kGetFeatureMapLine = 1190;
 
+// Refusals of pictures detection cannot work on, and a filter that cannot
+// measure the windows; each after a [Debug] line that says what was wrong.
+constexpr int kDetectionPictureTooLargeLine = 4111;
+constexpr int kBoxBelowOnePixelLine = 4112;
+constexpr int kFilterDoesNotFitLine = 4113;
+constexpr int kFeatureMapPictureTooLargeLine = 4121;
+
+// The filter stage fails only when the false-positive filter cannot
+// measure a window: its matrices do not fit the window or one another.
+void log_filter_failure(const ostrel::pca_fp_filter &filter, int64_t window_features) {
+    ostrel::log("[Debug] %s: the false-positive filter cannot measure a window of %lld features (mean %d x %d, "
+                "eigenvectors %d x %d, reduce_mean %d x %d, reduce_inv_covar %d x %d)\n",
+                kRunDetectorName, static_cast<long long>(window_features), filter.mean.rows, filter.mean.cols,
+                filter.eigenvectors.rows, filter.eigenvectors.cols, filter.reduce_mean.rows, filter.reduce_mean.cols,
+                filter.reduce_inv_covar.rows, filter.reduce_inv_covar.cols);
+    ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kFilterDoesNotFitLine);
+}
+
 }  // namespace
 
 bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
@@ -51,6 +70,12 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
     }
     if (!checkImgValid(image)) {
         log_run_failure();
+        return 1;
+    }
+    if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine) ||
+        !ostrel::accept_trained_box_on_picture(*image, svm_model.trained_width, svm_model.trained_height,
+                                               svm_model.input_width, svm_model.input_height, kRunDetectorName,
+                                               kBoxBelowOnePixelLine)) {
         return 1;
     }
 
@@ -119,6 +144,7 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
     std::vector<ostrel_alg_box> candidates;
     const int32_t filter_status = ostrel::filterCandidates(windows.accepted, windows.below, filter, distance, candidates);
     if (filter_status != 0) {
+        log_filter_failure(pca_filter, window_features);
         return filter_status;
     }
 
@@ -195,6 +221,9 @@ int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t *
     exported_feature_map = ostrel::feature_map{};
     if (image == nullptr || !checkImgValid(image) || !feat_extractor) {
         ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
+        return 1;
+    }
+    if (!ostrel::accept_picture_pixels(*image, kGetFeatureMapName, kFeatureMapPictureTooLargeLine)) {
         return 1;
     }
     // Computed afresh: the detection cache is neither read nor changed.

@@ -55,6 +55,44 @@ int64_t file_length(const std::string &path) {
     return static_cast<int64_t>(in.tellg());
 }
 
+// The model record's values without its weights: what the SVM block reader
+// reads in place (it replaces the weights whatever they were).
+ostrel::svm_model copy_of_record(const ostrel::svm_model &model) {
+    ostrel::svm_model copy;
+    copy.class_idx = model.class_idx;
+    copy.trained_width = model.trained_width;
+    copy.trained_height = model.trained_height;
+    copy.input_width = model.input_width;
+    copy.input_height = model.input_height;
+    copy.trained_acf_scale_idx = model.trained_acf_scale_idx;
+    copy.support_vector_size = model.support_vector_size;
+    copy.bias = model.bias;
+    return copy;
+}
+
+// The filter's fields a model file carries, and their transfer back. The
+// matrices are shared headers: the reader replaces a matrix, it never
+// writes into one.
+ostrel::pca_fp_filter filter_file_fields(const ostrel::pca_fp_filter &filter) {
+    ostrel::pca_fp_filter fields;
+    fields.fp_threshold = filter.fp_threshold;
+    fields.pca_filter_ready = filter.pca_filter_ready;
+    fields.mean = filter.mean;
+    fields.eigenvectors = filter.eigenvectors;
+    fields.reduce_mean = filter.reduce_mean;
+    fields.reduce_inv_covar = filter.reduce_inv_covar;
+    return fields;
+}
+
+void take_filter_file_fields(ostrel::pca_fp_filter &filter, const ostrel::pca_fp_filter &fields) {
+    filter.fp_threshold = fields.fp_threshold;
+    filter.pca_filter_ready = fields.pca_filter_ready;
+    filter.mean = fields.mean;
+    filter.eigenvectors = fields.eigenvectors;
+    filter.reduce_mean = fields.reduce_mean;
+    filter.reduce_inv_covar = fields.reduce_inv_covar;
+}
+
 }  // namespace
 
 int32_t ostrel_alg::exportModel(const std::string &path) {
@@ -115,33 +153,45 @@ int32_t ostrel_alg::importModel(const std::string &path) {
     if (path.empty()) {
         return 1;
     }
-    if (initFeatExtractor() == 1) {
-        return 1;
-    }
-    // The model is read straight into the engine, with no rollback: after a
-    // failure the engine holds what was read up to that point.
+    // The file is read into a copy of the engine's model record and filter
+    // and checked there; only a file that passes replaces them. So a failed
+    // import leaves the engine exactly as it was: its model, filter,
+    // threshold, samples, thumbnails and results. The copies start from the
+    // engine's own values because the readers read in place: a value the
+    // file does not reach keeps the one before it, as it always has.
     try {
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
             ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
             return 1;
         }
-        if (ostrel::read_svm_block(in, svm_model) != 0) {
+        ostrel::svm_model read_model = copy_of_record(svm_model);
+        if (ostrel::read_svm_block(in, read_model) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
             return 1;
         }
-        if (ostrel::checkSvmModel(svm_model)) {
+        if (ostrel::checkSvmModel(read_model)) {
             ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
             return 1;
         }
-        if (ostrel::read_filter_block(in, pca_filter) != 0) {
+        ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
+        if (ostrel::read_filter_block(in, read_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
             return 1;
         }
-        if (ostrel::checkPcaFilter(pca_filter)) {
+        if (ostrel::checkPcaFilter(read_filter)) {
             ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
             return 1;
         }
+        in.close();
+
+        // The model is good: now the engine lets its samples, thumbnails and
+        // results go and takes the file's records.
+        if (initFeatExtractor() == 1) {
+            return 1;
+        }
+        svm_model = std::move(read_model);
+        take_filter_file_fields(pca_filter, read_filter);
 
         pca_filter.fp_filter_enabled = pca_filter.pca_filter_ready == 1 ? 1 : 0;
         // The record's sizes are checked positive above.
@@ -156,7 +206,6 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         acf_scale_idx = svm_model.trained_acf_scale_idx;
         feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
                                           svm_model.input_height);
-        in.close();
         return 0;
     } catch (const std::exception &e) {
         ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());

@@ -8,6 +8,8 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/auto_train_lists.h"
+#include "engine/input_limits.h"
+#include "engine/learnable_window.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
@@ -19,6 +21,12 @@ constexpr int kFirstTrainingFailedLine = 910;
 constexpr int kFalsePositivesFailedLine = 971;
 constexpr int kLowConfidenceFailedLine = 986;
 constexpr int kRetrainingFailedLine = 994;
+// Refusals of input the set-up cannot learn from, each after a [Debug] line
+// that says what was wrong.
+constexpr int kTooManyBoxesLine = 4101;
+constexpr int kPictureTooLargeLine = 4102;
+constexpr int kUnlearnableWindowLine = 4103;
+constexpr int kOtherWindowLine = 4104;
 constexpr const char *kAddSampleThumbsName = "ostrel_alg::addSampleThumbs";
 constexpr int kAddSampleThumbsLine = 734;
 constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
@@ -34,17 +42,46 @@ int32_t fail(const char *operation, int line) {
     return 1;
 }
 
+// The first box of a new picture gives a window the detector can learn and
+// that the samples it joins share; otherwise logs why and refuses.
+bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &image,
+                             const std::vector<ostrel_alg_box> &boxes) {
+    if (!engine.feat_extractor) {
+        return true;
+    }
+    const ostrel::map_extent map = ostrel::scale0_map_extent(*engine.feat_extractor);
+    const size_t held = engine.training_samples.empty() ? 0 : engine.training_samples.front().features.size();
+    const ostrel::window_check check = ostrel::check_learnable_window(boxes, image.width, image.height, map, held);
+    if (check.verdict == ostrel::window_verdict::learnable) {
+        return true;
+    }
+    ostrel::log_window_check(check, boxes.front(), image.width, image.height, map, kSetDetectorName);
+    fail(kSetDetectorName,
+         check.verdict == ostrel::window_verdict::other_sample_length ? kOtherWindowLine : kUnlearnableWindowLine);
+    return false;
+}
+
 }  // namespace
 
 int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
     if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
         return fail(kSetDetectorName, kRefusedInputLine);
     }
-    detector_set = 1;
-
+    if (!ostrel::accept_marked_box_count(boxes.size(), kSetDetectorName, kTooManyBoxesLine) ||
+        !ostrel::accept_picture_pixels(*image, kSetDetectorName, kPictureTooLargeLine)) {
+        return 1;
+    }
     // A new picture brings new marked boxes and samples. The same key again
     // means "retrain on what you have": the boxes passed now are not read.
-    if (image->image_key != cached_image_key) {
+    // An engine that holds no samples (after init or an import discarded
+    // them) has nothing to retrain on, so it takes the picture as new.
+    const bool new_picture = image->image_key != cached_image_key || training_samples.empty();
+    if (new_picture && !accept_learnable_window(*this, *image, boxes)) {
+        return 1;
+    }
+    detector_set = 1;
+
+    if (new_picture) {
         if (cached_image.rows != image->height || cached_image.cols != image->width ||
             cached_image.type() != CV_8UC3) {
             cached_image.create(image->height, image->width, CV_8UC3);
@@ -152,6 +189,8 @@ void ostrel_alg::getSamples_ptr(ostrel_alg_sample **samples, uint32_t *count) {
 int32_t ostrel_alg::removeSample(uint32_t index) {
     // An index equal to the count is refused as well: there is no such
     // sample. Thumbnails and sample groups are kept in step, but guard both.
+    // Refusals here are silent, and a failed retraining below does not put
+    // the sample back: both are documented behaviour.
     if (index >= sample_thumbs.size() || index >= training_samples.size()) {
         return 1;
     }

@@ -154,6 +154,16 @@ int32_t ostrel_alg::trainClassifier() {
     }
     svm_model = std::move(trained_model);
     ostrel::publishPcaFilter(pca_filter);
+    // init and import keep the filter with the model; once a training has
+    // made a model whose windows that filter cannot measure (another window
+    // size, or an imported filter whose analysis this engine never made),
+    // it is no filter for this model: detection would fail on every window.
+    // It stops being ready (and frozen), so the next new positives build
+    // one that fits.
+    if (pca_filter.pca_filter_ready != 0 && !ostrel::filter_fits_window(pca_filter, svm_model.support_vector_size)) {
+        pca_filter.pca_filter_ready = 0;
+        pca_filter.pca_filter_frozen = 0;
+    }
     ostrel::log("[Alg. Scc] Training done...\n");
     return 0;
 }

@@ -80,6 +80,12 @@ void ostrel_alg::release() {
         group.variants.clear();
     }
     training_samples.clear();
+    // What counts the samples goes with them, so that the next training on
+    // this engine draws its random background and builds its filter counts
+    // exactly as a new engine's first training does.
+    random_negatives_added = 0;
+    positive_sample_count = 0;
+    new_positive_count = 0;
     freeSampleThumbs();
     result_boxes.reset();
     result_box_count = 0;

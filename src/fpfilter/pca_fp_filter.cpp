@@ -192,4 +192,13 @@ std::optional<float> fp_distance(const pca_fp_filter &filter, const cv::Mat &sam
     return static_cast<float>(cv::Mahalanobis(projected, filter.reduce_mean, filter.reduce_inv_covar));
 }
 
+bool filter_fits_window(const pca_fp_filter &filter, int32_t features) {
+    const int k = filter.eigenvectors.rows;
+    return features >= 1 && k >= 1 && filter.mean.rows == 1 && filter.mean.cols == features &&
+           filter.eigenvectors.cols == features && filter.reduce_mean.rows == 1 && filter.reduce_mean.cols == k &&
+           filter.reduce_inv_covar.rows == k && filter.reduce_inv_covar.cols == k && filter.mean.type() == CV_32F &&
+           filter.eigenvectors.type() == CV_32F && filter.reduce_mean.type() == CV_32F &&
+           filter.reduce_inv_covar.type() == CV_32F;
+}
+
 }  // namespace ostrel

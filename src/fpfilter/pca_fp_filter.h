@@ -59,4 +59,9 @@ void publishPcaFilter(pca_fp_filter &filter);
 // reduce_inv_covar do not fit it (a filter read from a corrupt file).
 std::optional<float> fp_distance(const pca_fp_filter &filter, const cv::Mat &sample);
 
+// The published filter can measure windows of `features` values: a 1 x D
+// mean and K x D eigenvectors with D = features and K >= 1, a 1 x K
+// projected mean and a K x K inverse covariance, all single precision.
+bool filter_fits_window(const pca_fp_filter &filter, int32_t features);
+
 }  // namespace ostrel

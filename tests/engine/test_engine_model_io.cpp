@@ -603,7 +603,7 @@ TEST_F(ModelIo, MissingFile) {
 }
 
 // Hostile weight counts (huge, negative) fail as read failures, with no
-// allocation of that size and no crash; the engine is left untrained.
+// allocation of that size and no crash; the engine keeps the model it had.
 TEST_F(ModelIo, HostileWeightCountsFailCleanly) {
     auto source = trained_engine(false);
     const bytes original = exported(*source, "hostile_base.bin");
@@ -617,7 +617,8 @@ TEST_F(ModelIo, HostileWeightCountsFailCleanly) {
         std::string out = capture_stdout([&] { status = engine->importModel(p); });
         EXPECT_EQ(status, 1) << count;
         EXPECT_EQ(out, engine_line("[file read FAIL!]", "importModel", 3553)) << count;
-        EXPECT_FALSE(engine->isTrained());
+        EXPECT_TRUE(engine->isTrained());
+        EXPECT_EQ(engine->svm_model.support_vector_size, kWeights);
         out = capture_stdout([&] { status = engine->checkModelValidation(p); });
         EXPECT_EQ(status, 1);
         EXPECT_EQ(out, engine_line("[file read FAIL!]", "checkModelValidation", 3314)) << count;
@@ -657,8 +658,8 @@ TEST_F(ModelIo, HostileMatrixSizesFailCleanly) {
 }
 
 // A file whose SVM record fails its check: the values line and the record
-// line; with no rollback, the engine holds what the file gave (trained).
-TEST_F(ModelIo, ImportOfAWrongSvmRecordKeepsWhatWasRead) {
+// line; the engine keeps the model, filter and samples it had.
+TEST_F(ModelIo, ImportOfAWrongSvmRecordKeepsTheOldModel) {
     bytes content;
     for (int32_t v : {0, 40, 32, 640, 480, 1, 200, 55}) put_u32(content, static_cast<uint32_t>(v));
     for (int i = 0; i < 200; ++i) put_u32(content, static_cast<uint32_t>(i));
@@ -677,12 +678,12 @@ TEST_F(ModelIo, ImportOfAWrongSvmRecordKeepsWhatWasRead) {
               "input_height : 480, trained_acf_scale_idx : 1, support_vector_size : 200\n" +
                   engine_line("[svm model value is wrong!]", "importModel", 3561));
     EXPECT_TRUE(engine->isTrained());
-    EXPECT_EQ(engine->svm_model.support_vector_size, 200);
-    EXPECT_EQ(engine->svm_model.vector[199], 199);
-    EXPECT_EQ(engine->svm_model.bias, 55);
-    EXPECT_TRUE(engine->training_samples.empty());
-    EXPECT_EQ(engine->pca_filter.pca_filter_ready, 1);  // the filter block was not reached
-    EXPECT_EQ(engine->acf_scale_idx, 0);                // nor the sizes step
+    EXPECT_EQ(engine->svm_model.support_vector_size, kWeights);
+    EXPECT_EQ(engine->svm_model.vector[199], 199 * 37 - 5000);
+    EXPECT_EQ(engine->svm_model.bias, -12345);
+    EXPECT_EQ(engine->training_samples.size(), 3u);
+    EXPECT_EQ(engine->pca_filter.pca_filter_ready, 1);
+    EXPECT_EQ(engine->acf_scale_idx, 0);
 
     // Validation reads both blocks before checking.
     out = capture_stdout([&] { status = engine->checkModelValidation(p); });
@@ -723,7 +724,8 @@ TEST_F(ModelIo, ImportOfAWrongFilterRecord) {
     std::string out = capture_stdout([&] { status = engine->importModel(p); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(out, sizes + engine_line("[pca fp filtering value is wrong!]", "importModel", 3578));
-    EXPECT_EQ(engine->pca_filter.eigenvectors.rows, 15);  // as read
+    EXPECT_TRUE(engine->pca_filter.eigenvectors.empty());  // the refused filter never becomes the engine's
+    EXPECT_FALSE(engine->isTrained());
     EXPECT_EQ(engine->pca_filter.fp_filter_enabled, 0);
     out = capture_stdout([&] { status = engine->checkModelValidation(p); });
     EXPECT_EQ(status, 1);
@@ -731,7 +733,7 @@ TEST_F(ModelIo, ImportOfAWrongFilterRecord) {
 }
 
 // A file cut short: status 1 and no crash; cut inside the weights it is a
-// read failure that leaves the engine untrained.
+// read failure that leaves the engine's model as it was.
 TEST_F(ModelIo, TruncatedFileFailsToImport) {
     auto source = trained_engine(false);
     bytes b = exported(*source, "cut.bin");
@@ -751,5 +753,6 @@ TEST_F(ModelIo, TruncatedFileFailsToImport) {
     auto engine = trained_engine(false);
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(engine->importModel(p), 1); }),
               engine_line("[file read FAIL!]", "importModel", 3553));
-    EXPECT_FALSE(engine->isTrained());
+    EXPECT_TRUE(engine->isTrained());
+    EXPECT_EQ(engine->svm_model.bias, -12345);
 }
