@@ -255,6 +255,54 @@ OSTREL_ALG_API int32_t ostrel_alg_setModelId(ostrel_alg *handle, int32_t model_i
 OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model_id);
 
 /* ------------------------------------------------------------------------
+ * Options
+ *
+ * Settings of one engine, chosen by number. They belong to the engine:
+ * ostrel_alg_init keeps them, and a model file does not record them, so a
+ * host sets the same options before importing a model that was trained
+ * with them. Every option has a range and a default, listed below.
+ * ---------------------------------------------------------------------- */
+
+/*
+ * OSTREL_ALG_OPTION_PROFILE: how the detector learns and searches.
+ * Range 0..1, default OSTREL_ALG_PROFILE_CLASSIC.
+ *   OSTREL_ALG_PROFILE_CLASSIC   the library's original behaviour: every
+ *                                picture worked on at 242 x 136 pixels, one
+ *                                window size, random and self-detected
+ *                                background samples.
+ *   OSTREL_ALG_PROFILE_ACCURATE  built to find the object more reliably,
+ *                                at a somewhat higher cost: a working scale
+ *                                chosen from the object's size, the same
+ *                                for both axes; background learnt from
+ *                                every window of the training picture;
+ *                                mirrored copies of the marked boxes; a
+ *                                search over a few sizes around the marked
+ *                                one, with a finer step.
+ * A model trained (or imported) under one profile is only used under that
+ * profile: after a change of profile, detection fails with a log line until
+ * the profile is set back or a model is trained or imported again. Import
+ * under the accurate profile refuses a file whose window does not fit it.
+ */
+#define OSTREL_ALG_OPTION_PROFILE 1
+#define OSTREL_ALG_PROFILE_CLASSIC 0
+#define OSTREL_ALG_PROFILE_ACCURATE 1
+
+/*
+ * Sets option number `option` to `value`. Returns 1, with one log line and
+ * nothing changed, for a null handle, an unknown option or a value outside
+ * the option's range. Safe on the engine's own thread only, like every
+ * call on an engine.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value);
+
+/*
+ * Writes the value of option number `option` to *value (the default until
+ * it is set). Returns 1, with one log line and *value untouched, for a
+ * null handle, a null value or an unknown option.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value);
+
+/* ------------------------------------------------------------------------
  * Training
  * ---------------------------------------------------------------------- */
 

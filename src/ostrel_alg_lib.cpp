@@ -7,6 +7,7 @@
 #include "ostrel_alg.h"
 #include "common/log.h"
 #include "common/utf16_path.h"
+#include "engine/engine_options.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
@@ -45,6 +46,8 @@ enum LibLine : int {
     // Functions added after the original set.
     kSetRandomSeedLine = 483,
     kGetFeatureMapLine = 499,
+    kSetOptionLine = 515,
+    kGetOptionLine = 531,
 };
 
 bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
@@ -351,6 +354,36 @@ int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image 
     }
     return guarded(__func__, kGetFeatureMapLine,
                    [&] { return handle->getFeatureMap(image, data, channels, columns, rows); });
+}
+
+int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {
+    if (!handle_ok(handle, __func__, kSetOptionLine)) {
+        return 1;
+    }
+    const ostrel::option_spec *spec = ostrel::find_option(option);
+    if (spec == nullptr) {
+        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
+        return 1;
+    }
+    if (value < spec->minimum || value > spec->maximum) {
+        ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, spec->name, value, spec->minimum,
+                    spec->maximum);
+        return 1;
+    }
+    handle->options.set(option, value);
+    return 0;
+}
+
+int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value) {
+    if (!handle_ok(handle, __func__, kGetOptionLine) || !argument_ok(value, __func__, "value")) {
+        return 1;
+    }
+    if (ostrel::find_option(option) == nullptr) {
+        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
+        return 1;
+    }
+    *value = handle->options.get(option);
+    return 0;
 }
 
 }  // extern "C"

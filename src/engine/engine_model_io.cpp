@@ -82,8 +82,11 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return 1;
         }
         // The threshold is chosen from the current samples just before it
-        // is written, so the file always matches the filter it carries.
-        ostrel::getBestFPThreshold(pca_filter, training_samples);
+        // is written, so the file always matches the filter it carries (the
+        // accurate profile has no filter and no such samples).
+        if (model_profile != ostrel::kProfileAccurate) {
+            ostrel::getBestFPThreshold(pca_filter, training_samples);
+        }
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
             out.close();
@@ -157,6 +160,18 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
                                           svm_model.input_height);
         in.close();
+        model_profile = options.profile;
+        if (options.is_accurate()) {
+            // Read under the accurate profile: the window must fit it, or the
+            // weights would be read as another window's.
+            if (!acceptAccurateModel()) {
+                ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+                svm_model = ostrel::svm_model{};
+                model_profile = -1;
+                return 1;
+            }
+            model_settings = accurateSettings();
+        }
         return 0;
     } catch (const std::exception &e) {
         ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());

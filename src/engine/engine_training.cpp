@@ -153,6 +153,7 @@ int32_t ostrel_alg::trainClassifier() {
         return 1;
     }
     svm_model = std::move(trained_model);
+    model_profile = ostrel::kProfileClassic;
     ostrel::publishPcaFilter(pca_filter);
     ostrel::log("[Alg. Scc] Training done...\n");
     return 0;

@@ -1,0 +1,76 @@
+#include "accurate/accurate_geometry.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace ostrel {
+
+namespace {
+
+int32_t round_to_int(double v) { return static_cast<int32_t>(std::floor(v + 0.5)); }
+
+// An even number of pixels near `side * scale`, at least 2.
+int32_t working_side(int32_t side, double scale) {
+    return std::max(2, 2 * round_to_int(side * scale / 2.0));
+}
+
+}  // namespace
+
+geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_height, int32_t picture_width,
+                                         int32_t picture_height, const accurate_settings &settings,
+                                         accurate_geometry *out) {
+    *out = accurate_geometry{};
+    if (object_width < 1 || object_height < 1 || picture_width < 1 || picture_height < 1 ||
+        object_width > 1000000 || object_height > 1000000 || picture_width > 1000000 || picture_height > 1000000) {
+        return geometry_status::bad_size;
+    }
+    // The scale that gives the object about object_cells cells, limited by
+    // the largest enlargement and by the working picture's pixel budget.
+    const double object_area = static_cast<double>(object_width) * object_height;
+    double scale = kAccurateShrink * std::sqrt(static_cast<double>(settings.object_cells) / object_area);
+    scale = std::min(scale, settings.max_upscale_percent / 100.0);
+    const double picture_area = static_cast<double>(picture_width) * picture_height;
+    scale = std::min(scale, std::sqrt(static_cast<double>(settings.max_working_pixels) / picture_area));
+
+    out->working_width = working_side(picture_width, scale);
+    out->working_height = working_side(picture_height, scale);
+    out->scale_x = static_cast<float>(out->working_width) / static_cast<float>(picture_width);
+    out->scale_y = static_cast<float>(out->working_height) / static_cast<float>(picture_height);
+    out->object_columns = round_to_int(object_width * static_cast<double>(out->scale_x) / kAccurateShrink);
+    out->object_rows = round_to_int(object_height * static_cast<double>(out->scale_y) / kAccurateShrink);
+    if (out->object_columns < settings.min_object_side_cells || out->object_rows < settings.min_object_side_cells) {
+        return geometry_status::object_too_small;
+    }
+    out->context = settings.context_cells;
+    out->window_columns = out->object_columns + 2 * out->context;
+    out->window_rows = out->object_rows + 2 * out->context;
+    if (out->window_features() > kMaxModelWeights) {
+        return geometry_status::window_too_large;
+    }
+    if (out->window_features() < kMinModelWeights) {
+        return geometry_status::object_too_small;
+    }
+    if (out->working_width / kAccurateShrink < out->window_columns ||
+        out->working_height / kAccurateShrink < out->window_rows) {
+        return geometry_status::picture_too_small;
+    }
+    return geometry_status::ok;
+}
+
+const char *geometry_status_text(geometry_status status) {
+    switch (status) {
+        case geometry_status::ok:
+            return "fits";
+        case geometry_status::bad_size:
+            return "a size is not positive";
+        case geometry_status::object_too_small:
+            return "the object is too small for a window";
+        case geometry_status::window_too_large:
+            return "the window would need more than 5999 weights";
+        case geometry_status::picture_too_small:
+            return "the picture is smaller than a window";
+    }
+    return "unknown";
+}
+
+}  // namespace ostrel
