@@ -42,6 +42,7 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
         return geometry_status::object_too_small;
     }
     out->context = settings.context_cells;
+    out->channels = settings.norm_mode == 2 ? kAccurateChannels + 7 : kAccurateChannels;
     out->window_columns = out->object_columns + 2 * out->context;
     out->window_rows = out->object_rows + 2 * out->context;
     if (out->window_features() > kMaxModelWeights) {

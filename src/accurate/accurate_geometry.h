@@ -32,7 +32,9 @@ struct accurate_geometry {
     int32_t window_columns = 0;
     int32_t window_rows = 0;
 
-    int32_t window_features() const { return window_columns * window_rows * kAccurateChannels; }
+    int32_t channels = kAccurateChannels;
+
+    int32_t window_features() const { return window_columns * window_rows * channels; }
 };
 
 enum class geometry_status {

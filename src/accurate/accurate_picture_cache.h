@@ -21,10 +21,15 @@ struct accurate_picture_key {
     int32_t base_columns = 0;
     int32_t base_rows = 0;
     std::vector<double> size_factors;
+    int32_t pad_columns = 0;
+    int32_t pad_rows = 0;
+    int32_t norm_radius = 0, norm_floor = 0, norm_gain = 0;
 
     bool operator==(const accurate_picture_key &o) const {
         return image_key == o.image_key && picture_columns == o.picture_columns && picture_rows == o.picture_rows &&
-               base_columns == o.base_columns && base_rows == o.base_rows && size_factors == o.size_factors;
+               base_columns == o.base_columns && base_rows == o.base_rows && size_factors == o.size_factors &&
+               pad_columns == o.pad_columns && pad_rows == o.pad_rows &&
+               norm_radius == o.norm_radius && norm_floor == o.norm_floor && norm_gain == o.norm_gain;
     }
 };
 

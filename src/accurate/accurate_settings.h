@@ -17,8 +17,23 @@ struct accurate_settings {
     int32_t max_upscale_percent = 200;
     // Working pictures hold at most this many pixels (bounds the scan).
     int32_t max_working_pixels = 160000;
+    // How far a window may reach past the picture's edge, in per cent of
+    // the object's size.
+    int32_t edge_reach_percent = 50;
+    // Reported boxes are cut to the picture.
+    int32_t clip_boxes = 1;
     // An object smaller than this many cells (each side) is refused.
     int32_t min_object_side_cells = 3;
+
+    // Contrast normalisation of the gradient planes: radius in cells (-1:
+    // none), floor and gain.
+    int32_t norm_radius = -1;
+    // 1: the normalised planes replace the raw ones; 2: they follow them.
+    int32_t norm_mode = 1;
+    int32_t norm_planes = 0;
+    int32_t channel_set = 0;
+    int32_t norm_floor = 8;
+    int32_t norm_gain = 64;
 
     // --- search --------------------------------------------------------
     // Object sizes searched: `scales` sizes, `scale_step_percent` apart
@@ -36,6 +51,9 @@ struct accurate_settings {
     // A window overlapping a marked box by less than this (IoU, per cent) may
     // be a negative.
     int32_t negative_overlap_percent = 30;
+    // During mining, a window scoring above this margin (per mille) is taken
+    // for an unmarked object and not learnt as background.
+    int32_t suspect_margin_permille = 1000000;
     // Hard-negative mining rounds after the first training, at most.
     int32_t mining_rounds = 6;
     // Negatives the first training takes (spread over the windows).
@@ -49,6 +67,9 @@ struct accurate_settings {
     int32_t jitter_cells = 0;
 
     // --- scores ----------------------------------------------------------
+    // Choose the 50% confidence margin by cross-validation on the training
+    // pictures.
+    int32_t calibrate = 1;
     // The margin (per mille of one SVM margin unit) that maps to a confidence
     // of 50%.
     int32_t calibration_offset_permille = 0;

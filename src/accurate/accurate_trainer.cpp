@@ -66,21 +66,22 @@ void box_window_cell(const ostrel_alg_box &box, const pyramid_level &level, cons
                      int32_t *x, int32_t *y) {
     const double cx = (box.x + box.width / 2.0) * level.scale_x / kAccurateShrink;
     const double cy = (box.y + box.height / 2.0) * level.scale_y / kAccurateShrink;
-    *x = static_cast<int32_t>(std::floor(cx - geometry.object_columns / 2.0 + 0.5)) - geometry.context;
-    *y = static_cast<int32_t>(std::floor(cy - geometry.object_rows / 2.0 + 0.5)) - geometry.context;
+    *x = static_cast<int32_t>(std::floor(cx - geometry.object_columns / 2.0 + 0.5)) - geometry.context +
+         level.pad_columns;
+    *y = static_cast<int32_t>(std::floor(cy - geometry.object_rows / 2.0 + 0.5)) - geometry.context + level.pad_rows;
 }
 
 void window_object_box(int32_t x, int32_t y, const pyramid_level &level, const accurate_geometry &geometry,
                        double *left, double *top, double *width, double *height) {
-    *left = (x + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_x;
-    *top = (y + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_y;
+    *left = (x - level.pad_columns + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_x;
+    *top = (y - level.pad_rows + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_y;
     *width = geometry.object_columns * static_cast<double>(kAccurateShrink) / level.scale_x;
     *height = geometry.object_rows * static_cast<double>(kAccurateShrink) / level.scale_y;
 }
 
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
                                         const accurate_geometry &geometry, const accurate_settings &settings,
-                                        uint32_t seed) {
+                                        uint32_t seed, const std::vector<picture_band> *bands) {
     accurate_training_result result;
     const int32_t dimension = geometry.window_features();
     linear_svm svm(dimension);
@@ -91,6 +92,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
     for (size_t p = 0; p < pictures.size(); ++p) {
         const accurate_training_picture &picture = pictures[p];
         const accurate_pyramid &pyramid = picture.pyramid;
+        const picture_band band = bands != nullptr && p < bands->size() ? (*bands)[p] : picture_band{};
         for (int32_t mirrored = 0; mirrored <= (settings.mirror ? 1 : 0); ++mirrored) {
             std::vector<ostrel_alg_box> boxes = picture.boxes;
             if (mirrored) {
@@ -98,6 +100,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             }
             // Positives (label 1) and marked background (other labels).
             for (const ostrel_alg_box &box : boxes) {
+                if (!band.holds(box.y + box.height / 2.0)) continue;
                 const pyramid_level &level = pyramid.levels[static_cast<size_t>(nearest_level(box, picture))];
                 const feature_map &map = mirrored ? level.mirrored : level.map;
                 int32_t x0 = 0, y0 = 0;
@@ -127,6 +130,10 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                     for (int32_t y = 0; y < tm.rows; ++y) {
                         double l, t, w, h;
                         window_object_box(x, y, level, geometry, &l, &t, &w, &h);
+                        if (!band.holds(t + h / 2.0)) {
+                            tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
+                            continue;
+                        }
                         for (const ostrel_alg_box &box : boxes) {
                             if (box.label != 1) continue;
                             if (overlap(l, t, w, h, box.x, box.y, box.width, box.height) >= limit) {
@@ -177,6 +184,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         }
     }
 
+    svm.centre_on_samples();
     linear_svm_settings svm_settings;
     svm_settings.cost_positive = settings.cost_positive_permille / 1000.0;
     svm_settings.cost_negative = settings.cost_negative_permille / 1000.0;
@@ -193,6 +201,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
     for (int32_t round = 1; round <= settings.mining_rounds; ++round) {
         const std::vector<float> weights = svm.byte_weights();
         const float bias = static_cast<float>(svm.bias());
+        const float suspect = settings.suspect_margin_permille / 1000.0f;
         std::vector<hard_window> hard;
         for (size_t m = 0; m < maps.size(); ++m) {
             const training_map &tm = maps[m];
@@ -201,7 +210,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             for (int32_t x = 0; x < grid.columns; ++x) {
                 for (int32_t y = 0; y < grid.rows; ++y) {
                     const float margin = grid.at(x, y);
-                    if (margin <= -1.0f || !tm.allowed[static_cast<size_t>(x) * tm.rows + y]) continue;
+                    if (margin <= -1.0f || margin > suspect || !tm.allowed[static_cast<size_t>(x) * tm.rows + y]) continue;
                     const uint64_t id = window_id(m, x, y);
                     if (taken.count(id)) continue;
                     hard.push_back({margin, id});

@@ -27,6 +27,16 @@ struct accurate_training_picture {
     int32_t marked_height = 0;
 };
 
+// A band of a training picture, picture rows top..bottom - 1: a training
+// limited to bands learns only from the objects and windows whose centre
+// lies inside them (the calibration trains on one half of a picture and
+// tests on the other).
+struct picture_band {
+    double top = 0.0;
+    double bottom = 1e300;
+    bool holds(double y) const { return y >= top && y < bottom; }
+};
+
 struct accurate_training_result {
     bool trained = false;
     std::vector<float> weights;  // per window byte, window feature order
@@ -37,9 +47,10 @@ struct accurate_training_result {
 };
 
 // Trains on every picture. seed fixes the solver's coordinate order.
+// `bands`, when not null, holds one band per picture.
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
                                         const accurate_geometry &geometry, const accurate_settings &settings,
-                                        uint32_t seed);
+                                        uint32_t seed, const std::vector<picture_band> *bands = nullptr);
 
 // The window (top-left cell) of a box at a level: the object cells centred
 // on the box's centre.

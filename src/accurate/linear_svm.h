@@ -22,11 +22,17 @@ struct linear_svm_settings {
     uint32_t seed = 1;           // of the coordinate order
 };
 
-// The samples: rows of `dimension` bytes, each read as byte / 255, plus a
-// constant bias feature of 1.
+// The samples: rows of `dimension` bytes, each read as byte / 255 less the
+// centre of that feature, plus a constant bias feature of 1. Centring keeps
+// the features from pointing all one way, which would slow the solver down
+// badly (every pair of samples would look alike to it).
 class linear_svm {
 public:
     explicit linear_svm(int32_t dimension);
+
+    // Sets the centre of each feature to its mean over the samples held now
+    // (call once, before the first training).
+    void centre_on_samples();
 
     int32_t dimension() const { return dimension_; }
     size_t size() const { return labels_.size(); }
@@ -42,7 +48,7 @@ public:
     // Weights per byte of a window (dimension values, already divided by
     // 255) and the bias: the margin of a window x is sum(w * x) + bias.
     std::vector<float> byte_weights() const;
-    double bias() const { return weights_.empty() ? 0.0 : weights_.back(); }
+    double bias() const;
     // Margin of a row of bytes under the current weights.
     double margin(const uint8_t *features) const;
 
@@ -51,8 +57,11 @@ private:
     std::vector<uint8_t> features_;
     std::vector<int32_t> labels_;
     std::vector<double> alpha_;
-    std::vector<double> weights_;  // dimension + 1 (bias last), in byte / 255 units
-    std::vector<double> norms_;    // squared norm of each sample, bias feature included
+    std::vector<float> weights_;  // dimension + 1 (bias last), on centred byte / 255 units
+    std::vector<float> centre_;   // per feature, in byte / 255 units
+    std::vector<double> norms_;   // squared norm of each centred sample, bias feature included
+
+    double centred_norm(const uint8_t *features) const;
 };
 
 }  // namespace ostrel

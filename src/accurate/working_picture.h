@@ -40,4 +40,17 @@ chn_image8 mirror_columns(const chn_image8 &lab);
 // terms (feature_map.h). Empty for an empty record.
 feature_map lab_channel_map(const chn_image8 &lab);
 
+// Divides the gradient planes (3..9) of every cell by the mean gradient
+// magnitude (plane 3) around it, radius `radius` cells, plus `floor`: edges
+// then count by their shape, not by their contrast.
+// append: the normalised planes are added after the ten planes instead of
+// replacing planes 3..9.
+void normalise_gradients(feature_map &map, int32_t radius, int32_t floor, int32_t gain, bool append = false);
+
+// The map with pad_columns cells added left and right and pad_rows above and
+// below: the first `replicated_planes` planes repeat their nearest edge
+// cell, the others are 0 there (no edge runs outside the picture). Lets a
+// window reach past the picture's edge, where objects are cut off.
+feature_map pad_map(const feature_map &map, int32_t pad_columns, int32_t pad_rows, int32_t replicated_planes);
+
 }  // namespace ostrel

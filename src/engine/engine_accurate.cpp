@@ -7,6 +7,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "accurate/accurate_calibration.h"
 #include "accurate/accurate_detect.h"
 #include "accurate/accurate_picture_cache.h"
 #include "accurate/accurate_pyramid.h"
@@ -18,6 +19,10 @@
 #include "common/log_lines.h"
 #include "detect/color_labels.h"
 #include "engine/ostrel_alg.h"
+
+namespace ostrel {
+extern int32_t g_norm_planes;
+}
 
 namespace {
 
@@ -39,6 +44,36 @@ int32_t fail(const char *operation, int line) {
     return 1;
 }
 
+// Cells of padding on each side: enough for a window whose object reaches
+// edge_reach_percent of its size past the edge.
+int32_t edge_pad(int32_t object_cells, int32_t context, const ostrel::accurate_settings &settings) {
+    return static_cast<int32_t>(std::floor(object_cells * std::max(settings.edge_reach_percent, 0) / 100.0 + 0.5)) +
+           context;
+}
+
+ostrel::gradient_normalisation normalisation(const ostrel::accurate_settings &settings) {
+    ostrel::g_norm_planes = settings.norm_planes;
+    ostrel::gradient_normalisation n;
+    n.radius = settings.norm_radius;
+    n.floor = settings.norm_floor;
+    n.gain = settings.norm_gain;
+    n.append = settings.norm_mode == 2;
+    n.channel_set = settings.channel_set;
+    return n;
+}
+
+// Cuts a box to the picture, keeping at least one pixel.
+void clip_to_picture(ostrel_alg_box &box, int32_t width, int32_t height) {
+    const int32_t left = std::max(box.x, 0);
+    const int32_t top = std::max(box.y, 0);
+    const int32_t right = std::min(box.x + box.width, width);
+    const int32_t bottom = std::min(box.y + box.height, height);
+    box.x = std::min(left, width - 1);
+    box.y = std::min(top, height - 1);
+    box.width = std::max(right - box.x, 1);
+    box.height = std::max(bottom - box.y, 1);
+}
+
 int32_t to_fixed(double value) {
     const double scaled = std::trunc(value * kWeightScale);
     return static_cast<int32_t>(std::max(-2147483647.0, std::min(2147483647.0, scaled)));
@@ -49,7 +84,9 @@ int32_t to_fixed(double value) {
 bool same_window_settings(const ostrel::accurate_settings &a, const ostrel::accurate_settings &b) {
     return a.object_cells == b.object_cells && a.context_cells == b.context_cells &&
            a.max_upscale_percent == b.max_upscale_percent && a.max_working_pixels == b.max_working_pixels &&
-           a.min_object_side_cells == b.min_object_side_cells;
+           a.min_object_side_cells == b.min_object_side_cells && a.norm_mode == b.norm_mode &&
+           a.norm_radius == b.norm_radius && a.norm_floor == b.norm_floor && a.norm_gain == b.norm_gain &&
+           a.channel_set == b.channel_set;
 }
 
 }  // namespace
@@ -100,9 +137,11 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
 
         ostrel::accurate_training_picture picture;
         const ostrel::split_picture split = ostrel::split_bgr(cached_image);
-        picture.pyramid = ostrel::build_accurate_pyramid(split, base_columns, base_rows, ostrel::search_scales(settings),
-                                                         ostrel::marked_scale_index(settings), settings.mirror != 0,
-                                                         feat_extractor->resample_scratch);
+        picture.pyramid = ostrel::build_accurate_pyramid(
+            split, base_columns, base_rows, ostrel::search_scales(settings), ostrel::marked_scale_index(settings),
+            settings.mirror != 0, edge_pad(geometry.object_columns, geometry.context, settings),
+            edge_pad(geometry.object_rows, geometry.context, settings), normalisation(settings),
+            feat_extractor->resample_scratch);
         if (picture.pyramid.empty()) {
             ostrel::log("[Alg.Fail] %s: the picture of %d x %d is too small for the accurate profile\n",
                         kSetDetectorName, image->width, image->height);
@@ -153,8 +192,15 @@ int32_t ostrel_alg::trainAccurate() {
     model.support_vector_size = static_cast<int32_t>(trained.weights.size());
     model.vector = std::make_unique<int32_t[]>(trained.weights.size());
     for (size_t i = 0; i < trained.weights.size(); ++i) model.vector[i] = to_fixed(trained.weights[i]);
-    // The margin is dot - bias, as in the classic record.
-    model.bias = to_fixed(-trained.bias);
+    // The margin is dot - bias, as in the classic record; the calibrated
+    // margin is moved to 0, where the confidence is 50%.
+    double shift = 0.0;
+    if (settings.calibrate) {
+        const ostrel::calibration_result calibration =
+            ostrel::calibrate_accurate(accurate_pictures, accurate_geometry, settings, seed);
+        shift = calibration.margin;
+    }
+    model.bias = to_fixed(-(trained.bias - shift));
     svm_model = std::move(model);
     accurate_positive_count = trained.positives;
     accurate_negative_count = trained.negatives;
@@ -225,12 +271,18 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     key.base_columns = geometry.working_width;
     key.base_rows = geometry.working_height;
     key.size_factors = ostrel::search_scales(settings);
+    key.pad_columns = edge_pad(geometry.object_columns, geometry.context, settings);
+    key.pad_rows = edge_pad(geometry.object_rows, geometry.context, settings);
+    key.norm_radius = settings.norm_radius;
+    key.norm_floor = settings.norm_floor;
+    key.norm_gain = settings.norm_gain * 4 + settings.norm_mode + 1000 * settings.channel_set;
     ostrel::accurate_last_picture &last = ostrel::thread_accurate_last_picture();
     if (!last.holds(key)) {
         last.forget();
         const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
         last.pyramid = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), key.base_columns, key.base_rows,
                                                       key.size_factors, ostrel::marked_scale_index(settings), false,
+                                                      key.pad_columns, key.pad_rows, normalisation(settings),
                                                       feat_extractor->resample_scratch);
         if (last.pyramid.empty()) {
             return fail(kRunDetectorName, kRunDetectorLine);
@@ -251,12 +303,15 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     const float offset = settings.calibration_offset_permille / 1000.0f;
     std::vector<ostrel::margin_box> found = ostrel::search_pyramid(pyramid, geometry, search, floor_margin);
     const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
-    found = ostrel::suppress_by_margin(std::move(found), settings.suppression_overlap_percent / 100.0f, 100000);
+    found = ostrel::suppress_by_margin(std::move(found), settings.suppression_overlap_percent / 100.0f, keep);
 
     std::vector<ostrel_alg_box> detections;
     std::vector<ostrel_alg_box> below;
     for (const ostrel::margin_box &m : found) {
         ostrel_alg_box box = m.box;
+        if (settings.clip_boxes) {
+            clip_to_picture(box, image->width, image->height);
+        }
         box.score = ostrel::margin_confidence(m.margin, offset);
         if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
             if (detections.size() < kMaxReportedDetections) {

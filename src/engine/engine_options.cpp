@@ -31,6 +31,16 @@ constexpr knob kKnobs[] = {
     {116, &accurate_settings::calibration_offset_permille},
     {117, &accurate_settings::max_below_boxes},
     {118, &accurate_settings::floor_margin_permille},
+    {119, &accurate_settings::edge_reach_percent},
+    {120, &accurate_settings::clip_boxes},
+    {121, &accurate_settings::suspect_margin_permille},
+    {122, &accurate_settings::calibrate},
+    {123, &accurate_settings::norm_radius},
+    {124, &accurate_settings::norm_floor},
+    {125, &accurate_settings::norm_gain},
+    {126, &accurate_settings::norm_mode},
+    {127, &accurate_settings::norm_planes},
+    {128, &accurate_settings::channel_set},
 };
 
 constexpr option_spec kSpecs[] = {
@@ -54,6 +64,16 @@ constexpr option_spec kSpecs[] = {
     {116, "knob", -100000000, 100000000, 0},
     {117, "knob", -100000000, 100000000, 0},
     {118, "knob", -100000000, 100000000, 0},
+    {119, "knob", -100000000, 100000000, 0},
+    {120, "knob", -100000000, 100000000, 0},
+    {121, "knob", -100000000, 100000000, 0},
+    {122, "knob", -100000000, 100000000, 0},
+    {123, "knob", -100000000, 100000000, 0},
+    {124, "knob", -100000000, 100000000, 0},
+    {125, "knob", -100000000, 100000000, 0},
+    {126, "knob", -100000000, 100000000, 0},
+    {127, "knob", -100000000, 100000000, 0},
+    {128, "knob", -100000000, 100000000, 0},
 };
 
 }  // namespace
