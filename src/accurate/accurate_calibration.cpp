@@ -75,9 +75,12 @@ calibration_result calibrate_accurate(const std::vector<accurate_training_pictur
         ++folds;
         for (size_t p = 0; p < pictures.size(); ++p) {
             const accurate_training_picture &picture = pictures[p];
+            const std::vector<double> wide(trained.weights.begin(), trained.weights.end());
+            const quantised_weights weights =
+                quantise_weights(wide.data(), geometry.channels, geometry.window_columns, geometry.window_rows);
             accurate_search search;
-            search.weights = trained.weights.data();
-            search.bias = static_cast<float>(trained.bias);
+            search.weights = &weights;
+            search.bias = trained.bias;
             search.box_width = picture.marked_width;
             search.box_height = picture.marked_height;
             std::vector<margin_box> found = search_pyramid(picture.pyramid, geometry, search,

@@ -21,34 +21,42 @@ constexpr int64_t kNormalisedUnit = 64;
 
 uint8_t to_byte(int64_t v) { return static_cast<uint8_t>(std::min<int64_t>(std::max<int64_t>(v, 0), 255)); }
 
-// Magnitude divided by (local mean + floor), in record terms.
+// Magnitude divided by (local mean + floor), in record terms. The mean is
+// taken from an integral image; the quotient in double precision, which is
+// exact to well below the truncation (numerator and divisor are integers
+// below 2^53) and the same on every machine.
 void normalise(chn_image32 &magnitude, int32_t radius, int32_t floor) {
     const int32_t W = magnitude.width;
     const int32_t H = magnitude.height;
-    std::vector<int64_t> integral(static_cast<size_t>(W + 1) * (H + 1), 0);
+    const size_t stride = static_cast<size_t>(W) + 1;
+    std::vector<int64_t> integral(stride * (static_cast<size_t>(H) + 1), 0);
     for (int32_t y = 0; y < H; ++y) {
         int64_t row = 0;
+        const int32_t *in = magnitude.data.data() + static_cast<size_t>(y) * W;
+        const int64_t *above = integral.data() + static_cast<size_t>(y) * stride;
+        int64_t *here = integral.data() + static_cast<size_t>(y + 1) * stride;
         for (int32_t x = 0; x < W; ++x) {
-            row += magnitude.at(0, y, x);
-            integral[static_cast<size_t>(y + 1) * (W + 1) + x + 1] = integral[static_cast<size_t>(y) * (W + 1) + x + 1] + row;
+            row += in[x];
+            here[x + 1] = above[x + 1] + row;
         }
     }
     const int64_t floor_scaled = static_cast<int64_t>(floor) * kMagnitudeScale;
-    std::vector<int32_t> out(magnitude.data.size());
+    const double unit = static_cast<double>(kNormalisedUnit * kMagnitudeScale);
     for (int32_t y = 0; y < H; ++y) {
         const int32_t y0 = std::max(0, y - radius), y1 = std::min(H, y + radius + 1);
+        const int64_t *top = integral.data() + static_cast<size_t>(y0) * stride;
+        const int64_t *bottom = integral.data() + static_cast<size_t>(y1) * stride;
+        int32_t *row = magnitude.data.data() + static_cast<size_t>(y) * W;
         for (int32_t x = 0; x < W; ++x) {
             const int32_t x0 = std::max(0, x - radius), x1 = std::min(W, x + radius + 1);
-            const int64_t sum = integral[static_cast<size_t>(y1) * (W + 1) + x1] - integral[static_cast<size_t>(y0) * (W + 1) + x1] -
-                                integral[static_cast<size_t>(y1) * (W + 1) + x0] + integral[static_cast<size_t>(y0) * (W + 1) + x0];
+            const int64_t sum = bottom[x1] - top[x1] - bottom[x0] + top[x0];
             const int64_t count = static_cast<int64_t>(x1 - x0) * (y1 - y0);
-            const int64_t v = magnitude.at(0, y, x);
             // v / (sum / count + floor), in units of kNormalisedUnit * kMagnitudeScale.
-            out[static_cast<size_t>(y) * W + x] =
-                static_cast<int32_t>(v * count * kNormalisedUnit * kMagnitudeScale / (sum + floor_scaled * count));
+            const double quotient = static_cast<double>(row[x]) * static_cast<double>(count) * unit /
+                                    static_cast<double>(sum + floor_scaled * count);
+            row[x] = static_cast<int32_t>(quotient);
         }
     }
-    magnitude.data.swap(out);
 }
 
 }  // namespace
@@ -97,9 +105,10 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     acf_helper::gradient_mag_orient(cropped, squared, orient);
     chn_image32 magnitude(1, width, height);
     for (size_t i = 0; i < squared.data.size(); ++i) {
-        // Exact for every square the kernel can produce (below 2^21): the
-        // rounded square root of an integer is the same on every machine.
-        magnitude.data[i] = static_cast<int32_t>(std::lround(std::sqrt(static_cast<double>(squared.data[i])) * kMagnitudeScale));
+        // Squares below 2^24 are exact in single precision, whose square
+        // root is correctly rounded: the same value on every machine.
+        magnitude.data[i] = static_cast<int32_t>(std::sqrt(static_cast<float>(squared.data[i])) *
+                                                     static_cast<float>(kMagnitudeScale) + 0.5f);
     }
     if (recipe.norm_radius >= 0) {
         normalise(magnitude, recipe.norm_radius, std::max(recipe.norm_floor, 1));

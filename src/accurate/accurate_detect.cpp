@@ -4,7 +4,6 @@
 #include <cmath>
 
 #include "accurate/accurate_trainer.h"
-#include "accurate/window_margins.h"
 #include "common/box_geometry.h"
 
 namespace ostrel {
@@ -12,14 +11,14 @@ namespace ostrel {
 std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const accurate_geometry &geometry,
                                        const accurate_search &search, float floor_margin) {
     std::vector<margin_box> out;
+    const double scale = search.weights->scale * search.sum_scale;
     for (const pyramid_level &level : pyramid.levels) {
-        const margin_grid grid =
-            window_margins(level.map, geometry.window_columns, geometry.window_rows, search.weights, search.bias);
+        const window_sum_grid grid = window_sums(pair_cells(level.map), *search.weights);
         const double width = search.box_width * level.size_factor;
         const double height = search.box_height * level.size_factor;
         for (int32_t x = 0; x < grid.columns; ++x) {
             for (int32_t y = 0; y < grid.rows; ++y) {
-                const float margin = grid.at(x, y);
+                const float margin = static_cast<float>(grid.at(x, y) * scale + search.bias);
                 if (margin < floor_margin) continue;
                 double l, t, w, h;
                 window_object_box(x, y, level, geometry, &l, &t, &w, &h);

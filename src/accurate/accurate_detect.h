@@ -10,6 +10,7 @@
 #include "accurate/accurate_geometry.h"
 #include "accurate/accurate_pyramid.h"
 #include "accurate/accurate_settings.h"
+#include "accurate/window_sums.h"
 
 namespace ostrel {
 
@@ -20,8 +21,10 @@ struct margin_box {
 };
 
 struct accurate_search {
-    const float *weights = nullptr;  // window feature order
-    float bias = 0.0f;
+    const quantised_weights *weights = nullptr;
+    // margin = window sum * weights->scale * sum_scale + bias
+    double sum_scale = 1.0;
+    double bias = 0.0;
     // Reported box size at the marked size, in pixels of this picture.
     double box_width = 0.0;
     double box_height = 0.0;

@@ -6,6 +6,7 @@
 
 #include "accurate/linear_svm.h"
 #include "accurate/window_margins.h"
+#include "accurate/window_sums.h"
 #include "common/log.h"
 
 namespace ostrel {
@@ -199,17 +200,19 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         uint64_t id;
     };
     for (int32_t round = 1; round <= settings.mining_rounds; ++round) {
-        const std::vector<float> weights = svm.byte_weights();
-        const float bias = static_cast<float>(svm.bias());
+        const std::vector<float> byte_weights = svm.byte_weights();
+        const std::vector<double> wide(byte_weights.begin(), byte_weights.end());
+        const quantised_weights weights =
+            quantise_weights(wide.data(), geometry.channels, geometry.window_columns, geometry.window_rows);
+        const double bias = svm.bias();
         const float suspect = settings.suspect_margin_permille / 1000.0f;
         std::vector<hard_window> hard;
         for (size_t m = 0; m < maps.size(); ++m) {
             const training_map &tm = maps[m];
-            const margin_grid grid = window_margins(*tm.map, geometry.window_columns, geometry.window_rows,
-                                                    weights.data(), bias);
+            const window_sum_grid grid = window_sums(pair_cells(*tm.map), weights);
             for (int32_t x = 0; x < grid.columns; ++x) {
                 for (int32_t y = 0; y < grid.rows; ++y) {
-                    const float margin = grid.at(x, y);
+                    const float margin = static_cast<float>(grid.at(x, y) * weights.scale + bias);
                     if (margin <= -1.0f || margin > suspect || !tm.allowed[static_cast<size_t>(x) * tm.rows + y]) continue;
                     const uint64_t id = window_id(m, x, y);
                     if (taken.count(id)) continue;

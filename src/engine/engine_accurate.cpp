@@ -292,11 +292,13 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     }
     const ostrel::accurate_pyramid &pyramid = last.pyramid;
 
-    std::vector<float> weights(static_cast<size_t>(svm_model.support_vector_size));
-    for (size_t i = 0; i < weights.size(); ++i) weights[i] = static_cast<float>(svm_model.vector[i] / kWeightScale);
+    const std::vector<double> wide(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
+    const ostrel::quantised_weights weights =
+        ostrel::quantise_weights(wide.data(), geometry.channels, geometry.window_columns, geometry.window_rows);
     ostrel::accurate_search search;
-    search.weights = weights.data();
-    search.bias = static_cast<float>(-svm_model.bias / kWeightScale);
+    search.weights = &weights;
+    search.sum_scale = 1.0 / kWeightScale;
+    search.bias = -svm_model.bias / kWeightScale;
     search.box_width = static_cast<double>(svm_model.trained_width) * image->width / svm_model.input_width;
     search.box_height = static_cast<double>(svm_model.trained_height) * image->height / svm_model.input_height;
     const float floor_margin = settings.floor_margin_permille / 1000.0f;
