@@ -12,8 +12,8 @@
  *
  * Statuses
  *   Every function returns int32_t: 0 for success, 1 for failure. No other
- *   value is ever returned. Failures are also reported by one line on
- *   standard output (see "Log lines" below).
+ *   value is ever returned. Failures are also reported by one log line (see
+ *   "Log lines" below).
  *
  * Ownership
  *   - The host owns the engine handle from ostrel_alg_create() until it
@@ -25,14 +25,24 @@
  *     never free them; each function below says how long they stay valid.
  *
  * Threads
- *   The library takes no locks. One engine must not be used by two threads
- *   at once. Detection keeps the last picture's colour planes and feature
- *   map in storage shared by all engines of the process, so calls on
- *   different engines must not overlap either.
+ *   Engines are independent: several engines, each used by one thread at a
+ *   time, may run every operation (set-up, training, detection, model
+ *   files, samples) at the same time on different threads. One engine must
+ *   not be used by two threads at once; the engine takes no lock, and a
+ *   host that breaks this rule may corrupt that engine (never another one).
+ *   An engine may move from one thread to another between calls.
+ *   Detection keeps the last picture's colour planes and feature map per
+ *   thread, shared by the engines used on that thread: a second detection
+ *   on the same thread with the same image_key, by the same or another
+ *   engine, reuses them. The random draws of training belong to the engine
+ *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
+ *   any thread at any time. There is no other process-wide state.
  *
  * Log lines
- *   The library writes its messages to standard output through one
- *   printf-style function. Interface failures look like
+ *   The library reports through one printf-style function, one message per
+ *   call, to standard output or, once the host has installed one, to its
+ *   log handler (ostrel_alg_setLogHandler), which then receives every
+ *   message instead. Interface failures look like
  *     [Alg.Fail] <function> (ostrel_alg_lib line:<n>)
  *   and failures inside the engine like
  *     [Alg. FAIL!] ostrel_alg::<operation> (ostrel_alg line:<n>)
@@ -322,9 +332,11 @@ OSTREL_ALG_API int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostr
 
 /*
  * Makes the random background samples of this engine reproducible: from
- * now on they are drawn from the C library's rand() seeded with seed
- * instead of with the current time. Without this call every training draws
- * different background samples.
+ * now on they are drawn from the engine's own generator seeded with seed
+ * instead of with the current time. The generator gives the draws of the
+ * GNU C library's srand(seed)/rand(), on every platform, so a seeded
+ * training gives the same model everywhere and on any thread. Without this
+ * call every training draws different background samples.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setRandomSeed(ostrel_alg *handle, uint32_t seed);
 
@@ -379,6 +391,39 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                     const uint8_t **data, uint32_t *channels,
                                                     uint32_t *columns, uint32_t *rows);
+
+/* ------------------------------------------------------------------------
+ * Log handler
+ * ---------------------------------------------------------------------- */
+
+/*
+ * Receives one message of the library: a null-terminated string, exactly as
+ * it would have been printed to standard output (with its line end, or
+ * without one where the message has none). message is owned by the library
+ * and valid only during the call; user is the pointer given to
+ * ostrel_alg_setLogHandler.
+ */
+typedef void (*ostrel_alg_log_handler)(const char *message, void *user);
+
+/*
+ * Sends every message of the library, from every engine and thread, to
+ * handler instead of standard output; a null handler sends them to standard
+ * output again. The setting is process-wide, like standard output itself.
+ * Returns 0.
+ *
+ * The handler is called on whichever thread is inside a library call and
+ * logs, so it must be thread-safe: calls on several threads may run at the
+ * same time. Each call delivers one whole message (never a part, never two
+ * messages mixed). The handler must return normally (no exception, no
+ * longjmp) and must not call the library; ostrel_alg_setLogHandler called
+ * from inside a handler changes nothing and returns 1.
+ *
+ * Changing the handler waits until the messages being delivered to the old
+ * one have been delivered: once this function has returned, the old handler
+ * is never called again and its user data may be freed. May be called at
+ * any time from any thread, also while other threads are inside the library.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user);
 
 /* ------------------------------------------------------------------------
  * Model files

@@ -3,7 +3,9 @@
 #   1. the release build and all its tests (ctest),
 #   2. the unit and interface tests again under AddressSanitizer and
 #      UndefinedBehaviorSanitizer,
-#   3. the model-file fuzz target for a short run, when present.
+#   3. the interface tests (engines on many threads, the log handler) under
+#      ThreadSanitizer,
+#   4. the model-file fuzz target for a short run, when present.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,6 +24,12 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE=ON 
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -L 'unit|api'
+
+echo "== thread sanitizer build and interface tests"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE_THREAD=ON \
+      -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_TOOLS=OFF
+cmake --build build-tsan -j"$jobs" --target ostrel_api_tests
+TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/api/tsan.supp" build-tsan/tests/ostrel_api_tests
 
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"

@@ -17,6 +17,7 @@ constexpr const char *kLibFailFormat = "[Alg.Fail] %s (%s line:%d)\n";
 constexpr const char *kLibExceptionFormat = "[Alg.Exc!] %s (%s line:%d): %s\n";
 constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\n";
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
+constexpr const char *kInsideHandlerFormat = "[Alg.Fail] %s: cannot be called from inside a log handler\n";
 
 // Line numbers of each function's failure line; they are part of the
 // messages that hosts already match on.
@@ -354,6 +355,14 @@ int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image 
     }
     return guarded(__func__, kGetFeatureMapLine,
                    [&] { return handle->getFeatureMap(image, data, channels, columns, rows); });
+}
+
+int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
+    if (!ostrel::set_log_handler(handler, user)) {
+        ostrel::log(kInsideHandlerFormat, __func__);
+        return 1;
+    }
+    return 0;
 }
 
 int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {

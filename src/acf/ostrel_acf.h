@@ -13,6 +13,7 @@
 #include <opencv2/core.hpp>
 
 #include "ostrel_alg.h"
+#include "common/additive_random.h"
 #include "acf/extractor_blocks.h"
 #include "acf/feature_map.h"
 #include "acf/picture_resample.h"
@@ -82,7 +83,8 @@ public:
     // that overlap no positive window by more than 0.3.
     void addRandomNegative(const feature_map *map, const std::vector<window_rect> &positives);
 
-    // Draw random negatives from rand() seeded with `seed` instead of the time.
+    // Draw random negatives from the extractor's generator seeded with
+    // `seed` instead of the time.
     void setRandomSeed(uint32_t seed) {
         random_seed_ = seed;
         random_seed_set_ = true;
@@ -119,6 +121,7 @@ public:
     picture_resample_scratch resample_scratch;
 
 private:
+    additive_random random_;  // this engine's own draws: engines on other threads never share it
     uint32_t random_seed_ = 0;
     bool random_seed_set_ = false;
 };

@@ -140,9 +140,9 @@ void ostrel_acf::addRandomNegative(const feature_map *map, const std::vector<win
     // One seeding per call: from the clock so that the draws differ between
     // runs, or from the chosen seed so that a training can be repeated.
     if (random_seed_set_) {
-        std::srand(random_seed_);
+        random_.seed(random_seed_);
     } else {
-        std::srand(static_cast<unsigned>(std::time(nullptr)));
+        random_.seed(static_cast<uint32_t>(std::time(nullptr)));
     }
 
     const int32_t W = map->columns;
@@ -158,8 +158,8 @@ void ostrel_acf::addRandomNegative(const feature_map *map, const std::vector<win
                 rejected, found, kRandomNegativeCount);
             return;
         }
-        const int32_t cx = std::rand() % W;
-        const int32_t cy = std::rand() % H;
+        const int32_t cx = random_.next() % W;
+        const int32_t cy = random_.next() % H;
         const window_rect candidate{cx - w / 2, cy - h / 2, w, h};
         // Touching the right or bottom edge is allowed here.
         if (candidate.x < 0 || candidate.y < 0 || static_cast<int64_t>(candidate.x) + w > W ||

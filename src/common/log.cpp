@@ -2,15 +2,95 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
 
 namespace ostrel {
 
+namespace {
+
+// The handler and its user pointer change together, under the writer side
+// of the lock; every delivery holds the reader side, so deliveries on many
+// threads run at the same time and a change waits for them to end.
+struct log_destination {
+    std::shared_mutex lock;
+    ostrel_alg_log_handler handler = nullptr;
+    void *user = nullptr;
+};
+
+// Never destroyed: a thread may still log while the process exits.
+log_destination &destination() {
+    static log_destination *const the_destination = new log_destination;
+    return *the_destination;
+}
+
+// True while this thread is inside a handler. A message logged from there
+// (a handler that calls the library, against the rules) goes to the same
+// handler without taking the lock again, which would be undefined.
+thread_local bool inside_handler = false;
+
+void deliver(const char *text, size_t length, ostrel_alg_log_handler handler, void *user) {
+    if (handler != nullptr) {
+        struct handler_scope {
+            bool was_inside = inside_handler;
+            handler_scope() { inside_handler = true; }
+            ~handler_scope() { inside_handler = was_inside; }
+        } scope;
+        handler(text, user);
+    } else {
+        std::fwrite(text, 1, length, stdout);
+        std::fflush(stdout);
+    }
+}
+
+}  // namespace
+
 void log(const char *format, ...) {
+    // Most messages are one short line; a longer one is formatted again
+    // into a buffer of its exact size.
+    char short_text[512];
+    std::string long_text;
+    const char *text = short_text;
+
     va_list args;
     va_start(args, format);
-    std::vfprintf(stdout, format, args);
+    va_list again;
+    va_copy(again, args);
+    const int length = std::vsnprintf(short_text, sizeof short_text, format, args);
     va_end(args);
+    if (length < 0) {
+        va_end(again);
+        return;
+    }
+    if (static_cast<size_t>(length) >= sizeof short_text) {
+        long_text.resize(static_cast<size_t>(length) + 1);
+        std::vsnprintf(&long_text[0], long_text.size(), format, again);
+        text = long_text.c_str();
+    }
+    va_end(again);
+
+    log_destination &to = destination();
+    if (inside_handler) {
+        deliver(text, static_cast<size_t>(length), to.handler, to.user);
+        return;
+    }
+    std::shared_lock<std::shared_mutex> reading(to.lock);
+    deliver(text, static_cast<size_t>(length), to.handler, to.user);
+}
+
+bool set_log_handler(ostrel_alg_log_handler handler, void *user) {
+    if (inside_handler) {
+        return false;
+    }
+    log_destination &to = destination();
+    std::unique_lock<std::shared_mutex> writing(to.lock);
+    // Whatever the old handler was given has been delivered: flush what the
+    // standard output path may still hold before the handler takes over.
     std::fflush(stdout);
+    to.handler = handler;
+    to.user = handler != nullptr ? user : nullptr;
+    return true;
 }
 
 }  // namespace ostrel

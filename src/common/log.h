@@ -1,7 +1,11 @@
 // The library's one logging function. Every message of the library goes
-// through it to standard output, one printf-style call per line; the exact
-// texts live next to the code that emits them.
+// through it, one printf-style call per message; the exact texts live next
+// to the code that emits them. By default messages go to standard output; a
+// host may install a handler (ostrel_alg_setLogHandler) that receives them
+// instead.
 #pragma once
+
+#include "ostrel_alg.h"
 
 #if defined(__GNUC__)
 #define OSTREL_PRINTF_LIKE(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
@@ -11,8 +15,18 @@
 
 namespace ostrel {
 
-// Writes the formatted text to standard output and flushes it, so that a
-// host (or a test) reading the stream sees each line as soon as it is made.
+// Formats the whole message first, then hands it over in one piece: to the
+// host's handler when one is set, otherwise to standard output in a single
+// write followed by a flush, so that a host (or a test) reading the stream
+// sees each message as soon as it is made and never a message cut in two by
+// another thread's.
 void log(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
+
+// Installs (or, with a null handler, removes) the process-wide handler.
+// Waits until every message that is being delivered to the old handler has
+// been delivered, so that after it returns the old handler is never called
+// again. Returns false, changing nothing, when called from inside a handler
+// (the wait would never end).
+bool set_log_handler(ostrel_alg_log_handler handler, void *user);
 
 }  // namespace ostrel

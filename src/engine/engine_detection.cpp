@@ -63,7 +63,7 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
         return 1;
     }
 
-    // Features of the picture, computed once per picture key for the whole process.
+    // Features of the picture, computed once per picture key on this thread.
     ostrel::last_picture &picture = ostrel::shared_last_picture();
     if (!picture.holds(image->image_key)) {
         picture.valid = true;

@@ -3,7 +3,7 @@
 namespace ostrel {
 
 last_picture &shared_last_picture() {
-    static last_picture picture;
+    thread_local last_picture picture;
     return picture;
 }
 

@@ -1,11 +1,12 @@
 // The last picture that detection computed features for.
 //
-// PROCESS-WIDE: every engine of the process shares this one record. Two
-// engines detecting on pictures with the same key share one feature
-// computation, and detection calls on different engines must not overlap.
-// Keeping the last picture here lets a host re-run detection on the same
-// picture (a new sensitivity, the auto-training passes) without computing
-// its features again.
+// PER THREAD: every engine used on one thread shares that thread's record;
+// engines on other threads have their own. Keeping the last picture here
+// lets a host re-run detection on the same picture (a new sensitivity, the
+// auto-training passes) without computing its features again, also with a
+// second engine on the same thread; keeping it per thread lets engines on
+// different threads detect at the same time without touching each other's
+// features.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +27,8 @@ struct last_picture {
     }
 };
 
-// The one shared record.
+// The calling thread's record, shared by the engines used on that thread.
+// It lives until the thread ends.
 last_picture &shared_last_picture();
 
 }  // namespace ostrel

@@ -1,35 +1,74 @@
 #include "engine.h"
 
 #include <cstdio>
+#include <mutex>
 
-#include "library_output.h"
 #include "tool_error.h"
 #include "tool_output.h"
 
 namespace ostrel_tool {
 
 namespace {
+
 bool g_show_library_lines = false;
+
+// The engine whose call runs on this thread, if any.
+thread_local Engine *t_calling_engine = nullptr;
+
+// The library's messages go to Engine::dispatch_library_message for the
+// whole process; installed before the first engine is made.
+void install_log_handler_once(ostrel_alg_log_handler handler) {
+    static std::once_flag installed;
+    std::call_once(installed, [handler] { ostrel_alg_setLogHandler(handler, nullptr); });
 }
+
+}  // namespace
 
 void set_show_library_lines(bool show) { g_show_library_lines = show; }
 bool show_library_lines() { return g_show_library_lines; }
 
+void Engine::dispatch_library_message(const char *message, void *) {
+    if (t_calling_engine != nullptr) {
+        t_calling_engine->on_library_message(message);
+    } else if (g_show_library_lines) {
+        // Not inside a call of ours (no such call exists today): show it.
+        std::fputs(message, stderr);
+    }
+}
+
+void Engine::on_library_message(const char *message) {
+    pending_ += message;
+    size_t start = 0;
+    for (size_t end; (end = pending_.find('\n', start)) != std::string::npos; start = end + 1) {
+        on_library_line(pending_.substr(start, end - start));
+    }
+    pending_.erase(0, start);
+}
+
+void Engine::on_library_line(const std::string &line) {
+    last_lines_.push_back(line);
+    if (g_show_library_lines) {
+        std::fprintf(stderr, "%s\n", line.c_str());
+    }
+    if (handler_) {
+        handler_(line);
+    }
+}
+
 template <typename Call>
 int32_t Engine::call(Call &&c) {
+    install_log_handler_once(&Engine::dispatch_library_message);
     last_lines_.clear();
-    int32_t status = 1;
-    {
-        LibraryOutputCapture capture([this](const std::string &line) {
-            last_lines_.push_back(line);
-            if (g_show_library_lines) {
-                std::fprintf(stderr, "%s\n", line.c_str());
-            }
-            if (handler_) {
-                handler_(line);
-            }
-        });
-        status = c();
+    pending_.clear();
+    Engine *const outer = t_calling_engine;
+    t_calling_engine = this;
+    const int32_t status = c();
+    t_calling_engine = outer;
+    // Some library messages have no line end; what is left is a line.
+    if (!pending_.empty()) {
+        const std::string rest = std::move(pending_);
+        pending_.clear();
+        on_library_line(rest);
     }
     std::fflush(stderr);
     return status;

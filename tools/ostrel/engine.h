@@ -1,10 +1,12 @@
 // A detector engine of the library, owned by the tool.
 //
-// Only the public C interface is used. Every call runs inside a
-// LibraryOutputCapture: the library's log lines go to the engine's line
-// handler (by default: to standard error with --verbose, otherwise nowhere)
-// and the last ones are kept so that an error message can say what the
-// library reported.
+// Only the public C interface is used. The tool installs one library log
+// handler for the whole process; it hands each message to the Engine whose
+// call is running on the same thread. So every call's log lines go to that
+// engine's line handler (and to standard error with --verbose, otherwise
+// nowhere), never to standard output, also when several engines work on
+// several threads; the last ones are kept so that an error message can say
+// what the library reported.
 #pragma once
 
 #include <cstdint>
@@ -39,7 +41,8 @@ public:
     Engine &operator=(const Engine &) = delete;
 
     // Extra handler for the library's lines during the following calls
-    // (called on the capture thread, see library_output.h). Empty to remove.
+    // (called on the thread that makes the call, while the library runs, so
+    // it must not call the library). Empty to remove.
     void set_line_handler(LineHandler handler) { handler_ = std::move(handler); }
 
     bool set_sensitivity(uint32_t sensitivity);
@@ -63,10 +66,16 @@ public:
 private:
     template <typename Call>
     int32_t call(Call &&c);
+    // Receives one message of the library during call().
+    void on_library_message(const char *message);
+    // Hands one complete line to the kept lines and the handlers.
+    void on_library_line(const std::string &line);
+    static void dispatch_library_message(const char *message, void *user);
 
     ostrel_alg *handle_ = nullptr;
     LineHandler handler_;
     std::vector<std::string> last_lines_;
+    std::string pending_;  // a message part without its line end yet
 };
 
 }  // namespace ostrel_tool

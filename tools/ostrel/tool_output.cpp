@@ -1,41 +1,15 @@
 #include "tool_output.h"
 
-#include <unistd.h>
-
 #include <cstdarg>
 #include <vector>
 
 namespace ostrel_tool {
 
-namespace {
-std::FILE *g_tool_out = nullptr;
-}
+void init_tool_out() { std::setvbuf(stdout, nullptr, _IOLBF, 0); }
 
-void init_tool_out() {
-    if (g_tool_out != nullptr) {
-        return;
-    }
-    std::fflush(stdout);
-    const int fd = ::dup(STDOUT_FILENO);
-    if (fd < 0) {
-        return;  // keep writing to stdout; only the separation is lost
-    }
-    g_tool_out = ::fdopen(fd, "w");
-    if (g_tool_out == nullptr) {
-        ::close(fd);
-        return;
-    }
-    std::setvbuf(g_tool_out, nullptr, _IOLBF, 0);
-}
+void close_tool_out() { std::fflush(stdout); }
 
-void close_tool_out() {
-    if (g_tool_out != nullptr) {
-        std::fclose(g_tool_out);
-        g_tool_out = nullptr;
-    }
-}
-
-std::FILE *tool_out() { return g_tool_out != nullptr ? g_tool_out : stdout; }
+std::FILE *tool_out() { return stdout; }
 
 std::string strformat(const char *format, ...) {
     va_list args;

@@ -1,10 +1,9 @@
 // The tool's own standard output.
 //
-// The library prints its log lines to standard output (file descriptor 1).
-// Around every library call the tool points descriptor 1 at a pipe (see
-// library_output.h) so that those lines never mix with results. The tool
-// itself therefore writes through tool_out(), a stream on a duplicate of the
-// original descriptor 1 that the redirection does not touch.
+// The library's log lines never reach standard output: every engine of the
+// tool routes them to the library's log handler (see engine.h). The tool
+// writes its results through tool_out(), which is standard output, line
+// buffered, so that results and progress lines appear as they are made.
 #pragma once
 
 #include <cstdio>
@@ -12,10 +11,10 @@
 
 namespace ostrel_tool {
 
-// Makes tool_out() a line-buffered stream on a duplicate of descriptor 1.
-// Called once by run_cli(); before that (in unit tests) tool_out() is stdout.
+// Makes standard output line buffered. Called once by run_cli() before
+// anything is written.
 void init_tool_out();
-// Flushes and closes the duplicate; tool_out() is stdout again afterwards.
+// Flushes what the tool wrote.
 void close_tool_out();
 
 std::FILE *tool_out();
