@@ -18,6 +18,9 @@ constexpr int32_t kMagnitudeScale = 16;
 // A normalised magnitude of 64 * kMagnitudeScale means "as strong as the
 // edges around it".
 constexpr int64_t kNormalisedUnit = 64;
+// Byte gain (per 16) of the magnitude and histogram planes: an edge as
+// strong as those around it gives 64.
+constexpr int64_t kByteGain = 16;
 
 uint8_t to_byte(int64_t v) { return static_cast<uint8_t>(std::min<int64_t>(std::max<int64_t>(v, 0), 255)); }
 
@@ -120,7 +123,7 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
         const int32_t *r1 = r0 + width;
         for (int32_t cx = 0; cx < cells_w; ++cx) {
             const int64_t sum = static_cast<int64_t>(r0[2 * cx]) + r0[2 * cx + 1] + r1[2 * cx] + r1[2 * cx + 1];
-            cell(3, cy, cx) = to_byte(sum * recipe.magnitude_gain / (4 * 16 * kMagnitudeScale));
+            cell(3, cy, cx) = to_byte(sum * kByteGain / (4 * 16 * kMagnitudeScale));
         }
     }
     // Orientation histograms over the cells (cell means of the magnitude).
@@ -129,7 +132,7 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
         for (int32_t b = 0; b < kOrientations; ++b) {
             for (int32_t cy = 0; cy < cells_h; ++cy) {
                 for (int32_t cx = 0; cx < cells_w; ++cx) {
-                    cell(4 + b, cy, cx) = to_byte(static_cast<int64_t>(hist.at(b, cy, cx)) * recipe.histogram_gain / (16 * kMagnitudeScale));
+                    cell(4 + b, cy, cx) = to_byte(static_cast<int64_t>(hist.at(b, cy, cx)) * kByteGain / (16 * kMagnitudeScale));
                 }
             }
         }

@@ -21,12 +21,10 @@ namespace ostrel {
 struct channel_recipe {
     // Radius (working pixels) of the mean the magnitude is divided by; -1:
     // no division.
-    int32_t norm_radius = -1;
-    // Added to that mean (magnitude units), so flat areas are not blown up.
-    int32_t norm_floor = 8;
-    // Byte gains (per 16) of the magnitude and histogram planes.
-    int32_t magnitude_gain = 16;
-    int32_t histogram_gain = 16;
+    int32_t norm_radius = 6;
+    // Added to that mean (in units of the difference of neighbouring
+    // pixels), so that flat areas are not blown up.
+    int32_t norm_floor = 2;
 };
 
 // The planes of a Lab record (record terms, width = picture rows) as a map

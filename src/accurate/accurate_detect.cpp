@@ -5,6 +5,7 @@
 
 #include "accurate/accurate_trainer.h"
 #include "common/box_geometry.h"
+#include "detect/color_labels.h"
 
 namespace ostrel {
 
@@ -53,8 +54,50 @@ std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float 
     return kept;
 }
 
-float margin_confidence(float margin, float offset) {
-    return static_cast<float>(1.0 / (1.0 + std::exp(-static_cast<double>(margin - offset))));
+float margin_confidence(float margin) {
+    return static_cast<float>(1.0 / (1.0 + std::exp(-static_cast<double>(margin))));
+}
+
+ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t height) {
+    ostrel_alg_box out = box;
+    const int64_t left = std::max<int64_t>(box.x, 0);
+    const int64_t top = std::max<int64_t>(box.y, 0);
+    const int64_t right = std::min<int64_t>(static_cast<int64_t>(box.x) + box.width, width);
+    const int64_t bottom = std::min<int64_t>(static_cast<int64_t>(box.y) + box.height, height);
+    out.x = static_cast<int32_t>(std::min<int64_t>(left, width - 1));
+    out.y = static_cast<int32_t>(std::min<int64_t>(top, height - 1));
+    out.width = static_cast<int32_t>(std::max<int64_t>(right - out.x, 1));
+    out.height = static_cast<int32_t>(std::max<int64_t>(bottom - out.y, 1));
+    return out;
+}
+
+void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes) {
+    if (pyramid.lab.empty() || pyramid.levels.empty()) return;
+    const pyramid_level &level = pyramid.levels[static_cast<size_t>(pyramid.marked_level)];
+    // The Lab record is the transposed working picture (its rows are the
+    // picture's columns), so each box is scaled and transposed to match it.
+    std::vector<ostrel_alg_box> transposed = boxes;
+    for (ostrel_alg_box &b : transposed) {
+        const int32_t x = static_cast<int32_t>(b.x * level.scale_x);
+        const int32_t y = static_cast<int32_t>(b.y * level.scale_y);
+        const int32_t w = std::max(1, static_cast<int32_t>(b.width * level.scale_x));
+        const int32_t h = std::max(1, static_cast<int32_t>(b.height * level.scale_y));
+        b.x = y;
+        b.y = x;
+        b.width = h;
+        b.height = w;
+    }
+    lab_planes_view lab;
+    lab.width = pyramid.lab.width;
+    lab.height = pyramid.lab.height;
+    lab.L = pyramid.lab.plane(0);
+    lab.a = pyramid.lab.plane(1);
+    lab.b = pyramid.lab.plane(2);
+    labelColors(lab, lab.width, lab.height, transposed);
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        boxes[i].color_main = transposed[i].color_main;
+        boxes[i].color_second = transposed[i].color_second;
+    }
 }
 
 }  // namespace ostrel

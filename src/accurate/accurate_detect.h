@@ -40,7 +40,15 @@ std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const ac
 // most `limit` boxes.
 std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit);
 
-// Confidence of a margin: the logistic function of margin - offset, 0..1.
-float margin_confidence(float margin, float offset);
+// Confidence of a margin: the logistic function, 0..1 (0.5 at margin 0).
+float margin_confidence(float margin);
+
+// The box cut to the picture (at least one pixel of it kept): an object cut
+// off by the picture's edge is reported as its visible part.
+ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t height);
+
+// Sets the colour classes of every box from the pyramid's Lab planes at the
+// marked size (see color_labels.h).
+void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes);
 
 }  // namespace ostrel

@@ -7,12 +7,13 @@ namespace ostrel {
 
 namespace {
 
+// Sizes beyond this are refused outright (no picture is that large).
+constexpr int32_t kLargestSide = 1 << 20;
+
 int32_t round_to_int(double v) { return static_cast<int32_t>(std::floor(v + 0.5)); }
 
-// An even number of pixels near `side * scale`, at least 2.
-int32_t working_side(int32_t side, double scale) {
-    return std::max(2, 2 * round_to_int(side * scale / 2.0));
-}
+// An even number of pixels near side * scale, at least 2.
+int32_t working_side(int32_t side, double scale) { return std::max(2, 2 * round_to_int(side * scale / 2.0)); }
 
 }  // namespace
 
@@ -21,11 +22,10 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
                                          accurate_geometry *out) {
     *out = accurate_geometry{};
     if (object_width < 1 || object_height < 1 || picture_width < 1 || picture_height < 1 ||
-        object_width > 1000000 || object_height > 1000000 || picture_width > 1000000 || picture_height > 1000000) {
+        object_width > kLargestSide || object_height > kLargestSide || picture_width > kLargestSide ||
+        picture_height > kLargestSide || settings.object_cells < 1) {
         return geometry_status::bad_size;
     }
-    // The scale that gives the object about object_cells cells, limited by
-    // the largest enlargement and by the working picture's pixel budget.
     const double object_area = static_cast<double>(object_width) * object_height;
     double scale = kAccurateShrink * std::sqrt(static_cast<double>(settings.object_cells) / object_area);
     scale = std::min(scale, settings.max_upscale_percent / 100.0);
@@ -36,20 +36,14 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
     out->working_height = working_side(picture_height, scale);
     out->scale_x = static_cast<float>(out->working_width) / static_cast<float>(picture_width);
     out->scale_y = static_cast<float>(out->working_height) / static_cast<float>(picture_height);
-    out->object_columns = round_to_int(object_width * static_cast<double>(out->scale_x) / kAccurateShrink);
-    out->object_rows = round_to_int(object_height * static_cast<double>(out->scale_y) / kAccurateShrink);
-    if (out->object_columns < settings.min_object_side_cells || out->object_rows < settings.min_object_side_cells) {
+    out->window_columns = round_to_int(object_width * static_cast<double>(out->scale_x) / kAccurateShrink);
+    out->window_rows = round_to_int(object_height * static_cast<double>(out->scale_y) / kAccurateShrink);
+    if (out->window_columns < settings.min_object_side_cells || out->window_rows < settings.min_object_side_cells ||
+        out->window_features() < kMinModelWeights) {
         return geometry_status::object_too_small;
     }
-    out->context = settings.context_cells;
-    out->channels = settings.norm_mode == 2 ? kAccurateChannels + 7 : kAccurateChannels;
-    out->window_columns = out->object_columns + 2 * out->context;
-    out->window_rows = out->object_rows + 2 * out->context;
     if (out->window_features() > kMaxModelWeights) {
         return geometry_status::window_too_large;
-    }
-    if (out->window_features() < kMinModelWeights) {
-        return geometry_status::object_too_small;
     }
     if (out->working_width / kAccurateShrink < out->window_columns ||
         out->working_height / kAccurateShrink < out->window_rows) {
@@ -61,13 +55,13 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
 const char *geometry_status_text(geometry_status status) {
     switch (status) {
         case geometry_status::ok:
-            return "fits";
+            return "it fits";
         case geometry_status::bad_size:
-            return "a size is not positive";
+            return "a size is not positive or too large";
         case geometry_status::object_too_small:
-            return "the object is too small for a window";
+            return "the object is too small for a window (fewer than 3 cells a side or 201 weights)";
         case geometry_status::window_too_large:
-            return "the window would need more than 5999 weights";
+            return "its window would need more than 5999 weights";
         case geometry_status::picture_too_small:
             return "the picture is smaller than a window";
     }

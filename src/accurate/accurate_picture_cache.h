@@ -18,18 +18,16 @@ struct accurate_picture_key {
     int64_t image_key = -1;
     int32_t picture_columns = 0;
     int32_t picture_rows = 0;
-    int32_t base_columns = 0;
-    int32_t base_rows = 0;
-    std::vector<double> size_factors;
-    int32_t pad_columns = 0;
-    int32_t pad_rows = 0;
-    int32_t norm_radius = 0, norm_floor = 0, norm_gain = 0;
+    pyramid_request request;  // working size, searched sizes, padding, channel recipe
 
     bool operator==(const accurate_picture_key &o) const {
+        const pyramid_request &a = request;
+        const pyramid_request &b = o.request;
         return image_key == o.image_key && picture_columns == o.picture_columns && picture_rows == o.picture_rows &&
-               base_columns == o.base_columns && base_rows == o.base_rows && size_factors == o.size_factors &&
-               pad_columns == o.pad_columns && pad_rows == o.pad_rows &&
-               norm_radius == o.norm_radius && norm_floor == o.norm_floor && norm_gain == o.norm_gain;
+               a.base_columns == b.base_columns && a.base_rows == b.base_rows && a.size_factors == b.size_factors &&
+               a.marked_index == b.marked_index && a.with_mirror == b.with_mirror &&
+               a.pad_columns == b.pad_columns && a.pad_rows == b.pad_rows &&
+               a.recipe.norm_radius == b.recipe.norm_radius && a.recipe.norm_floor == b.recipe.norm_floor;
     }
 };
 

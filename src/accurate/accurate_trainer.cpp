@@ -5,7 +5,6 @@
 #include <unordered_set>
 
 #include "accurate/linear_svm.h"
-#include "accurate/window_margins.h"
 #include "accurate/window_sums.h"
 #include "common/log.h"
 
@@ -13,13 +12,14 @@ namespace ostrel {
 
 namespace {
 
+// A window on the wrong side of this margin still pulls on the classifier.
+constexpr float kHingeMargin = -1.0f;
+
 // One map of the training set: a level of a picture, or its mirror image.
 struct training_map {
     const feature_map *map = nullptr;
-    const pyramid_level *level = nullptr;
-    bool mirrored = false;
-    int32_t picture = 0;
-    // Windows that may be negatives: position (x, y) at x * rows + y.
+    paired_map paired;
+    // Windows that may be background: position (x, y) at x * rows + y.
     int32_t columns = 0;
     int32_t rows = 0;
     std::vector<uint8_t> allowed;
@@ -41,17 +41,17 @@ ostrel_alg_box mirror_box(const ostrel_alg_box &box, int32_t picture_columns) {
 
 // The level whose object size is nearest (in area, on a log scale) to the
 // box's size, for a picture whose marked size is marked_width x
-// marked_height.
-int32_t nearest_level(const ostrel_alg_box &box, const accurate_training_picture &picture) {
+// marked_height. Ties keep the smaller size.
+size_t nearest_level(const ostrel_alg_box &box, const accurate_training_picture &picture) {
     const double ratio = std::sqrt(static_cast<double>(box.width) * box.height /
                                    (static_cast<double>(picture.marked_width) * picture.marked_height));
-    int32_t best = picture.pyramid.marked_level;
+    size_t best = static_cast<size_t>(picture.pyramid.marked_level);
     double best_distance = 1e300;
     for (size_t k = 0; k < picture.pyramid.levels.size(); ++k) {
         const double d = std::fabs(std::log(ratio / picture.pyramid.levels[k].size_factor));
         if (d < best_distance - 1e-12) {
             best_distance = d;
-            best = static_cast<int32_t>(k);
+            best = k;
         }
     }
     return best;
@@ -61,89 +61,84 @@ bool window_inside(const feature_map &map, int32_t x, int32_t y, const accurate_
     return x >= 0 && y >= 0 && x + g.window_columns <= map.columns && y + g.window_rows <= map.rows;
 }
 
+// Marks the windows of a map that may be background: those whose object
+// box overlaps no marked object (label 1) by `limit` or more.
+void mark_background(training_map &tm, const pyramid_level &level, const accurate_geometry &geometry,
+                     const std::vector<ostrel_alg_box> &boxes, double limit) {
+    tm.columns = tm.map->columns - geometry.window_columns + 1;
+    tm.rows = tm.map->rows - geometry.window_rows + 1;
+    tm.allowed.assign(static_cast<size_t>(tm.columns) * tm.rows, 1);
+    for (int32_t x = 0; x < tm.columns; ++x) {
+        for (int32_t y = 0; y < tm.rows; ++y) {
+            double l, t, w, h;
+            window_object_box(x, y, level, geometry, &l, &t, &w, &h);
+            for (const ostrel_alg_box &box : boxes) {
+                if (box.label == 1 && overlap(l, t, w, h, box.x, box.y, box.width, box.height) >= limit) {
+                    tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
+                    break;
+                }
+            }
+        }
+    }
+}
+
+uint64_t window_id(size_t map_index, int32_t x, int32_t y) {
+    return (static_cast<uint64_t>(map_index) << 40) | (static_cast<uint64_t>(x) << 20) | static_cast<uint64_t>(y);
+}
+
 }  // namespace
 
 void box_window_cell(const ostrel_alg_box &box, const pyramid_level &level, const accurate_geometry &geometry,
                      int32_t *x, int32_t *y) {
     const double cx = (box.x + box.width / 2.0) * level.scale_x / kAccurateShrink;
     const double cy = (box.y + box.height / 2.0) * level.scale_y / kAccurateShrink;
-    *x = static_cast<int32_t>(std::floor(cx - geometry.object_columns / 2.0 + 0.5)) - geometry.context +
-         level.pad_columns;
-    *y = static_cast<int32_t>(std::floor(cy - geometry.object_rows / 2.0 + 0.5)) - geometry.context + level.pad_rows;
+    *x = static_cast<int32_t>(std::floor(cx - geometry.window_columns / 2.0 + 0.5)) + level.pad_columns;
+    *y = static_cast<int32_t>(std::floor(cy - geometry.window_rows / 2.0 + 0.5)) + level.pad_rows;
 }
 
 void window_object_box(int32_t x, int32_t y, const pyramid_level &level, const accurate_geometry &geometry,
                        double *left, double *top, double *width, double *height) {
-    *left = (x - level.pad_columns + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_x;
-    *top = (y - level.pad_rows + geometry.context) * static_cast<double>(kAccurateShrink) / level.scale_y;
-    *width = geometry.object_columns * static_cast<double>(kAccurateShrink) / level.scale_x;
-    *height = geometry.object_rows * static_cast<double>(kAccurateShrink) / level.scale_y;
+    *left = (x - level.pad_columns) * static_cast<double>(kAccurateShrink) / level.scale_x;
+    *top = (y - level.pad_rows) * static_cast<double>(kAccurateShrink) / level.scale_y;
+    *width = geometry.window_columns * static_cast<double>(kAccurateShrink) / level.scale_x;
+    *height = geometry.window_rows * static_cast<double>(kAccurateShrink) / level.scale_y;
 }
 
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
                                         const accurate_geometry &geometry, const accurate_settings &settings,
-                                        uint32_t seed, const std::vector<picture_band> *bands) {
+                                        uint32_t seed) {
     accurate_training_result result;
     const int32_t dimension = geometry.window_features();
     linear_svm svm(dimension);
     std::vector<uint8_t> bytes(static_cast<size_t>(dimension));
 
-    // --- positives, and the maps with the windows that may be negatives ----
+    // --- marked windows, and the maps with the windows that may be background
     std::vector<training_map> maps;
-    for (size_t p = 0; p < pictures.size(); ++p) {
-        const accurate_training_picture &picture = pictures[p];
+    for (const accurate_training_picture &picture : pictures) {
         const accurate_pyramid &pyramid = picture.pyramid;
-        const picture_band band = bands != nullptr && p < bands->size() ? (*bands)[p] : picture_band{};
-        for (int32_t mirrored = 0; mirrored <= (settings.mirror ? 1 : 0); ++mirrored) {
+        for (int32_t mirrored = 0; mirrored <= 1; ++mirrored) {
             std::vector<ostrel_alg_box> boxes = picture.boxes;
             if (mirrored) {
                 for (ostrel_alg_box &b : boxes) b = mirror_box(b, pyramid.picture_columns);
             }
-            // Positives (label 1) and marked background (other labels).
+            // Objects (label 1) and boxes marked as background (other labels).
             for (const ostrel_alg_box &box : boxes) {
-                if (!band.holds(box.y + box.height / 2.0)) continue;
-                const pyramid_level &level = pyramid.levels[static_cast<size_t>(nearest_level(box, picture))];
+                if (box.width < 1 || box.height < 1) continue;
+                const pyramid_level &level = pyramid.levels[nearest_level(box, picture)];
                 const feature_map &map = mirrored ? level.mirrored : level.map;
-                int32_t x0 = 0, y0 = 0;
-                box_window_cell(box, level, geometry, &x0, &y0);
-                const int32_t reach = box.label == 1 ? std::max(settings.jitter_cells, 0) : 0;
-                for (int32_t dx = -reach; dx <= reach; ++dx) {
-                    for (int32_t dy = -reach; dy <= reach; ++dy) {
-                        if (!window_inside(map, x0 + dx, y0 + dy, geometry)) continue;
-                        window_bytes(map, x0 + dx, y0 + dy, geometry.window_columns, geometry.window_rows, bytes.data());
-                        svm.add(bytes.data(), box.label == 1 ? 1 : -1);
-                        (box.label == 1 ? result.positives : result.negatives) += 1;
-                    }
-                }
+                int32_t x = 0, y = 0;
+                box_window_cell(box, level, geometry, &x, &y);
+                if (!window_inside(map, x, y, geometry)) continue;
+                window_bytes(map, x, y, geometry.window_columns, geometry.window_rows, bytes.data());
+                svm.add(bytes.data(), box.label == 1 ? 1 : -1);
+                (box.label == 1 ? result.positives : result.negatives) += 1;
             }
             for (const pyramid_level &level : pyramid.levels) {
                 training_map tm;
                 tm.map = mirrored ? &level.mirrored : &level.map;
-                tm.level = &level;
-                tm.mirrored = mirrored != 0;
-                tm.picture = static_cast<int32_t>(p);
                 if (tm.map->columns < geometry.window_columns || tm.map->rows < geometry.window_rows) continue;
-                tm.columns = tm.map->columns - geometry.window_columns + 1;
-                tm.rows = tm.map->rows - geometry.window_rows + 1;
-                tm.allowed.assign(static_cast<size_t>(tm.columns) * tm.rows, 1);
-                const double limit = settings.negative_overlap_percent / 100.0;
-                for (int32_t x = 0; x < tm.columns; ++x) {
-                    for (int32_t y = 0; y < tm.rows; ++y) {
-                        double l, t, w, h;
-                        window_object_box(x, y, level, geometry, &l, &t, &w, &h);
-                        if (!band.holds(t + h / 2.0)) {
-                            tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
-                            continue;
-                        }
-                        for (const ostrel_alg_box &box : boxes) {
-                            if (box.label != 1) continue;
-                            if (overlap(l, t, w, h, box.x, box.y, box.width, box.height) >= limit) {
-                                tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
-                                break;
-                            }
-                        }
-                    }
-                }
+                mark_background(tm, level, geometry, boxes, settings.negative_overlap_percent / 100.0);
+                tm.paired = pair_cells(*tm.map);
                 maps.push_back(std::move(tm));
             }
         }
@@ -153,13 +148,12 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         return result;
     }
 
-    // --- first negatives: an even spread over all allowed windows ----------
+    // --- first background: an even spread over all allowed windows ---------
     std::unordered_set<uint64_t> taken;
-    auto window_id = [](size_t map_index, int32_t x, int32_t y) {
-        return (static_cast<uint64_t>(map_index) << 40) | (static_cast<uint64_t>(x) << 20) | static_cast<uint64_t>(y);
-    };
     size_t allowed_total = 0;
-    for (const training_map &tm : maps) allowed_total += static_cast<size_t>(std::count(tm.allowed.begin(), tm.allowed.end(), 1));
+    for (const training_map &tm : maps) {
+        allowed_total += static_cast<size_t>(std::count(tm.allowed.begin(), tm.allowed.end(), 1));
+    }
     if (allowed_total == 0) {
         log("[Debug] accurate training: every window overlaps a marked object, no background to learn from\n");
         return result;
@@ -187,12 +181,11 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
 
     svm.centre_on_samples();
     linear_svm_settings svm_settings;
-    svm_settings.cost_positive = settings.cost_positive_permille / 1000.0;
-    svm_settings.cost_negative = settings.cost_negative_permille / 1000.0;
+    svm_settings.cost = settings.cost_permille / 1000.0;
     svm_settings.seed = seed;
     int32_t epochs = svm.train(svm_settings);
-    log("[Alg. Scc] Accurate training: %u positives, %u negatives, %d epochs\n", result.positives, result.negatives,
-        epochs);
+    log("[Alg. Scc] Accurate training: %u objects, %u background windows, %d passes of the solver\n",
+        result.positives, result.negatives, epochs);
 
     // --- mining rounds ------------------------------------------------------
     struct hard_window {
@@ -200,35 +193,32 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         uint64_t id;
     };
     for (int32_t round = 1; round <= settings.mining_rounds; ++round) {
+        if (result.negatives >= static_cast<uint32_t>(std::max(settings.max_negatives, 0))) break;
         const std::vector<float> byte_weights = svm.byte_weights();
         const std::vector<double> wide(byte_weights.begin(), byte_weights.end());
         const quantised_weights weights =
-            quantise_weights(wide.data(), geometry.channels, geometry.window_columns, geometry.window_rows);
+            quantise_weights(wide.data(), kAccurateChannels, geometry.window_columns, geometry.window_rows);
         const double bias = svm.bias();
-        const float suspect = settings.suspect_margin_permille / 1000.0f;
         std::vector<hard_window> hard;
         for (size_t m = 0; m < maps.size(); ++m) {
             const training_map &tm = maps[m];
-            const window_sum_grid grid = window_sums(pair_cells(*tm.map), weights);
+            const window_sum_grid grid = window_sums(tm.paired, weights);
             for (int32_t x = 0; x < grid.columns; ++x) {
                 for (int32_t y = 0; y < grid.rows; ++y) {
                     const float margin = static_cast<float>(grid.at(x, y) * weights.scale + bias);
-                    if (margin <= -1.0f || margin > suspect || !tm.allowed[static_cast<size_t>(x) * tm.rows + y]) continue;
+                    if (margin <= kHingeMargin || !tm.allowed[static_cast<size_t>(x) * tm.rows + y]) continue;
                     const uint64_t id = window_id(m, x, y);
                     if (taken.count(id)) continue;
                     hard.push_back({margin, id});
                 }
             }
         }
-        if (hard.empty() || result.negatives >= static_cast<uint32_t>(settings.max_negatives)) {
-            result.rounds = round - 1;
-            break;
-        }
+        if (hard.empty()) break;
         std::sort(hard.begin(), hard.end(), [](const hard_window &a, const hard_window &b) {
             return a.margin != b.margin ? a.margin > b.margin : a.id < b.id;
         });
         const size_t room = static_cast<size_t>(settings.max_negatives) - result.negatives;
-        const size_t take = std::min({hard.size(), static_cast<size_t>(settings.negatives_per_round), room});
+        const size_t take = std::min({hard.size(), static_cast<size_t>(std::max(settings.negatives_per_round, 0)), room});
         for (size_t i = 0; i < take; ++i) {
             const uint64_t id = hard[i].id;
             const size_t m = static_cast<size_t>(id >> 40);
@@ -241,8 +231,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         }
         epochs = svm.train(svm_settings);
         result.rounds = round;
-        log("[Alg. Scc] Accurate mining round %d: %zu hard negatives of %zu added, %d epochs\n", round, take,
-            hard.size(), epochs);
+        log("[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
+            round, take, hard.size(), epochs);
     }
 
     result.weights = svm.byte_weights();

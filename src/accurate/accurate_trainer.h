@@ -1,13 +1,18 @@
 // accurate_trainer: trains the accurate profile's linear classifier from
 // marked pictures.
 //
-// Positives are the windows of the marked boxes, each taken at the searched
-// size nearest to the box's own size, and their mirror images. Negatives
-// come from every window of every searched size of the training pictures
-// (and of their mirror images) that overlaps no marked box: a first
-// training takes an even spread of them, then each mining round scores all
-// windows with the classifier so far and adds the ones it gets wrong or
-// nearly wrong, until none is left or the round limit is reached.
+// Positives are the windows of the marked objects, each taken at the
+// searched size nearest to the box's own size, and their mirror images.
+// Background comes from every window of every searched size of the
+// training pictures and of their mirror images that overlaps no marked
+// object by 0.3 or more: a first training takes an even spread of them,
+// then each mining round scores all of them with the classifier so far and
+// adds those it gets wrong or nearly wrong (margin above -1), strongest
+// first, until none is left or a limit is reached:
+//   - at most settings.mining_rounds rounds,
+//   - at most settings.negatives_per_round added per round,
+//   - at most settings.max_negatives background windows in all.
+// Each SVM training is bounded too (linear_svm.h).
 #pragma once
 
 #include <cstdint>
@@ -23,18 +28,8 @@ namespace ostrel {
 struct accurate_training_picture {
     accurate_pyramid pyramid;           // levels with mirror images
     std::vector<ostrel_alg_box> boxes;  // as marked: label 1 objects, others background
-    int32_t marked_width = 0;           // the box size the picture's scale was chosen for
+    int32_t marked_width = 0;           // the box size the picture's working size was chosen for
     int32_t marked_height = 0;
-};
-
-// A band of a training picture, picture rows top..bottom - 1: a training
-// limited to bands learns only from the objects and windows whose centre
-// lies inside them (the calibration trains on one half of a picture and
-// tests on the other).
-struct picture_band {
-    double top = 0.0;
-    double bottom = 1e300;
-    bool holds(double y) const { return y >= top && y < bottom; }
 };
 
 struct accurate_training_result {
@@ -47,13 +42,12 @@ struct accurate_training_result {
 };
 
 // Trains on every picture. seed fixes the solver's coordinate order.
-// `bands`, when not null, holds one band per picture.
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
                                         const accurate_geometry &geometry, const accurate_settings &settings,
-                                        uint32_t seed, const std::vector<picture_band> *bands = nullptr);
+                                        uint32_t seed);
 
-// The window (top-left cell) of a box at a level: the object cells centred
-// on the box's centre.
+// The window (top-left cell of the padded map) of a level whose object
+// cells are centred on the box's centre.
 void box_window_cell(const ostrel_alg_box &box, const pyramid_level &level, const accurate_geometry &geometry,
                      int32_t *x, int32_t *y);
 

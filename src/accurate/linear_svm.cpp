@@ -110,7 +110,7 @@ int32_t linear_svm::train(const linear_svm_settings &settings) {
         for (size_t s = 0; s < active; ++s) {
             const uint32_t i = index[s];
             const int32_t y = labels_[i];
-            const double cost = y > 0 ? settings.cost_positive : settings.cost_negative;
+            const double cost = settings.cost;
             const uint8_t *x = sample(i);
             const double g =
                 y * (static_cast<double>(centred_dot(w, x, centre_.data(), dimension_)) + weights_.back()) - 1.0;

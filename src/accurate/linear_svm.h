@@ -15,11 +15,10 @@
 namespace ostrel {
 
 struct linear_svm_settings {
-    double cost_positive = 1.0;  // C of the samples labelled +1
-    double cost_negative = 1.0;  // C of the samples labelled -1
-    double tolerance = 0.05;     // stop when the projected gradients span less
-    int32_t max_epochs = 400;    // passes over the samples, at most
-    uint32_t seed = 1;           // of the coordinate order
+    double cost = 1.0;          // C, the price of a sample on the wrong side of its margin
+    double tolerance = 0.05;    // stop when the projected gradients span less
+    int32_t max_epochs = 400;   // passes over the samples, at most (the bound of a training)
+    uint32_t seed = 1;          // of the coordinate order
 };
 
 // The samples: rows of `dimension` bytes, each read as byte / 255 less the

@@ -1,10 +1,9 @@
-// scale_set: the object sizes the accurate profile searches, and the
-// working picture of each.
+// scale_set: the object sizes the accurate profile searches.
 //
-// Size k of n is step^(k - (n - 1) / 2) times the marked size: the middle
-// one is the marked size itself (n odd), the others spread geometrically
-// around it. A picture is searched for objects s times the marked size by
-// resampling it s times smaller than the working size.
+// With n steps there are 2n + 1 sizes, step^k times the marked size for k
+// = -n .. n: the middle one is the marked size itself. A picture is
+// searched for objects f times the marked size by resampling it f times
+// smaller than its working size.
 #pragma once
 
 #include <cstdint>
@@ -14,17 +13,16 @@
 
 namespace ostrel {
 
-// At most this many sizes are searched.
-inline constexpr int32_t kMaxSearchScales = 9;
+// At most this many steps on each side of the marked size.
+inline constexpr int32_t kMaxSizeSteps = 4;
 
-// The size factors, smallest first (settings.scales of them, 1 to 9).
+// The size factors, smallest first.
 std::vector<double> search_scales(const accurate_settings &settings);
 
 // Index of the marked size (the factor 1) among search_scales().
 int32_t marked_scale_index(const accurate_settings &settings);
 
-// An even working side for a picture side at `scale` working pixels per
-// picture pixel, divided by the size factor; at least 2.
-int32_t scaled_working_side(int32_t side, double scale, double size_factor);
+// An even working side, at least 2: side / size_factor, rounded.
+int32_t scaled_working_side(int32_t side, double size_factor);
 
 }  // namespace ostrel

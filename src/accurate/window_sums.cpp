@@ -65,6 +65,16 @@ quantised_weights quantise_weights(const double *weights, int32_t channels, int3
     return q;
 }
 
+void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                  uint8_t *out) {
+    for (int32_t c = 0; c < map.channels; ++c) {
+        for (int32_t r = 0; r < window_columns; ++r) {
+            std::memcpy(out, map.data.data() + map.index(c, x + r, y), static_cast<size_t>(window_rows));
+            out += window_rows;
+        }
+    }
+}
+
 paired_map pair_cells(const feature_map &map) {
     paired_map out;
     out.channels = map.channels;

@@ -54,6 +54,11 @@ struct window_sum_grid {
 // AVX2 where the processor has it, else SSE2 (every x86-64 processor).
 enum class sums_path { fastest, sse2, portable };
 
+// The bytes of the window with top-left cell (x, y), in window feature
+// order (the layout of the weights). The window must lie inside the map.
+void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                  uint8_t *out);
+
 // Sum of byte times 16-bit weight over every window position, one cell
 // apart. Empty when no window fits.
 window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights,

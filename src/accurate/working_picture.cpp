@@ -5,7 +5,6 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "acf/integral_channel_feature.h"
 
 namespace ostrel {
 
@@ -61,67 +60,6 @@ chn_image8 mirror_columns(const chn_image8 &lab) {
         }
     }
     return out;
-}
-
-feature_map lab_channel_map(const chn_image8 &lab) {
-    feature_map map;
-    if (lab.empty()) {
-        return map;
-    }
-    chn_image8 image = lab;  // compute_channels may crop its input
-    integral_channel_feature channels;
-    channels.compute_channels(image, chn_config{});
-    map.channels = channels.feature.channels;
-    map.rows = channels.feature.width;
-    map.columns = channels.feature.height;
-    map.data = std::move(channels.feature.data);
-    return map;
-}
-
-int32_t g_norm_planes = 0;  // research: 0 all, 1 magnitude only, 2 histograms only
-
-void normalise_gradients(feature_map &map, int32_t radius, int32_t floor, int32_t gain, bool append) {
-    if (map.empty() || map.channels < 10 || radius < 0) return;
-    const int32_t W = map.columns;
-    const int32_t H = map.rows;
-    // Integral image of the magnitude plane.
-    std::vector<int64_t> integral(static_cast<size_t>(W + 1) * (H + 1), 0);
-    for (int32_t x = 0; x < W; ++x) {
-        int64_t column = 0;
-        for (int32_t y = 0; y < H; ++y) {
-            column += map.at(3, x, y);
-            integral[static_cast<size_t>(x + 1) * (H + 1) + y + 1] = integral[static_cast<size_t>(x) * (H + 1) + y + 1] + column;
-        }
-    }
-    std::vector<int32_t> scale(static_cast<size_t>(W) * H);
-    for (int32_t x = 0; x < W; ++x) {
-        const int32_t x0 = std::max(0, x - radius), x1 = std::min(W, x + radius + 1);
-        for (int32_t y = 0; y < H; ++y) {
-            const int32_t y0 = std::max(0, y - radius), y1 = std::min(H, y + radius + 1);
-            const int64_t sum = integral[static_cast<size_t>(x1) * (H + 1) + y1] - integral[static_cast<size_t>(x0) * (H + 1) + y1] -
-                                integral[static_cast<size_t>(x1) * (H + 1) + y0] + integral[static_cast<size_t>(x0) * (H + 1) + y0];
-            const int64_t count = static_cast<int64_t>(x1 - x0) * (y1 - y0);
-            // Fixed point: gain * 256 / (mean + floor).
-            scale[static_cast<size_t>(x) * H + y] = static_cast<int32_t>(gain * 256 * count / (sum + floor * count));
-        }
-    }
-    const int32_t first = append ? map.channels : 3;
-    if (append) {
-        map.data.resize(static_cast<size_t>(map.channels + 7) * map.plane_size());
-        std::memcpy(map.data.data() + static_cast<size_t>(first) * map.plane_size(),
-                    map.data.data() + 3 * map.plane_size(), 7 * map.plane_size());
-        map.channels += 7;
-    }
-    for (int32_t c = first; c < first + 7; ++c) {
-        if (g_norm_planes == 1 && c != first) continue;
-        if (g_norm_planes == 2 && c == first) continue;
-        for (int32_t x = 0; x < W; ++x) {
-            for (int32_t y = 0; y < H; ++y) {
-                uint8_t &v = map.data[map.index(c, x, y)];
-                v = static_cast<uint8_t>(std::min<int64_t>(255, (static_cast<int64_t>(v) * scale[static_cast<size_t>(x) * H + y]) >> 8));
-            }
-        }
-    }
 }
 
 feature_map pad_map(const feature_map &map, int32_t pad_columns, int32_t pad_rows, int32_t replicated_planes) {

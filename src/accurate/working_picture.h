@@ -5,7 +5,7 @@
 // resampler, plane by plane) and converted to Lab at the working size,
 // which costs far less than converting the full picture. Planes are kept
 // column by column (record terms, see chn_image.h) because the channel
-// routines take them so; the feature map comes out in picture terms.
+// routines take them so.
 #pragma once
 
 #include <cstdint>
@@ -35,17 +35,6 @@ chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t ro
 
 // The same record mirrored left to right (picture columns reversed).
 chn_image8 mirror_columns(const chn_image8 &lab);
-
-// The ten channel planes of a Lab record at half its size, in picture
-// terms (feature_map.h). Empty for an empty record.
-feature_map lab_channel_map(const chn_image8 &lab);
-
-// Divides the gradient planes (3..9) of every cell by the mean gradient
-// magnitude (plane 3) around it, radius `radius` cells, plus `floor`: edges
-// then count by their shape, not by their contrast.
-// append: the normalised planes are added after the ten planes instead of
-// replacing planes 3..9.
-void normalise_gradients(feature_map &map, int32_t radius, int32_t floor, int32_t gain, bool append = false);
 
 // The map with pad_columns cells added left and right and pad_rows above and
 // below: the first `replicated_planes` planes repeat their nearest edge

@@ -12,13 +12,15 @@
 
 namespace ostrel {
 
-// Option numbers and profile values, as the public header names them.
+// Option numbers and values, as the public header names them.
 inline constexpr int32_t kOptionProfile = 1;
+inline constexpr int32_t kOptionAccurateCells = 2;
+inline constexpr int32_t kOptionAccurateSizeSteps = 3;
+inline constexpr int32_t kOptionAccurateOverlap = 4;
 inline constexpr int32_t kProfileClassic = 0;
 inline constexpr int32_t kProfileAccurate = 1;
 
-// The description of one option: its number, name (for log lines), range
-// (inclusive) and default.
+// One option: its number, name (for log lines), range (inclusive) and default.
 struct option_spec {
     int32_t id;
     const char *name;
@@ -27,21 +29,22 @@ struct option_spec {
     int32_t default_value;
 };
 
-// Every option the engine knows, in number order.
+// Every option the engine knows, in number order; *count receives their number.
 const option_spec *option_specs(int32_t *count);
 // The spec of option `id`, or null when there is none.
 const option_spec *find_option(int32_t id);
 
 struct engine_options {
     int32_t profile = kProfileClassic;
-    // The accurate profile's numbers (some of them options).
+    // The accurate profile's numbers; three of them are options.
     accurate_settings accurate;
 
     bool is_accurate() const { return profile == kProfileAccurate; }
 
-    // The value of a known option (the caller has looked it up).
+    // The value of a known option (0 for an unknown one: callers look the
+    // option up first).
     int32_t get(int32_t id) const;
-    // Stores a value already checked against the option's range.
+    // Stores a value the caller has checked against the option's range.
     void set(int32_t id, int32_t value);
 };
 
