@@ -27,6 +27,7 @@ struct DetectOptions {
     std::string model;
     std::vector<std::string> images;
     uint32_t sensitivity = kDefaultSensitivity;
+    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
     bool json = false;
     std::string draw_dir;
 };
@@ -50,6 +51,7 @@ int run_detect(const DetectOptions &o) {
         require_file(image, "picture");
     }
     Engine engine;
+    if (!engine.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
     load_model(engine, o.model);
     if (!engine.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
@@ -98,6 +100,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         ->type_name("M")
         ->required();
     sub->add_option("IMAGE", o->images, "pictures to search (any format OpenCV reads)")->required();
+    add_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
