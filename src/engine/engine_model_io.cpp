@@ -164,8 +164,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         if (options.is_accurate()) {
             // Read under the accurate profile: the window must fit it, or the
             // weights would be read as another window's.
-            if (!acceptAccurateModel()) {
-                ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+            if (!acceptAccurateModel()) {  // which says why, in one line
                 svm_model = ostrel::svm_model{};
                 model_profile = -1;
                 return 1;
