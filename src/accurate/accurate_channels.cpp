@@ -6,6 +6,11 @@
 
 #include "acf/acf_helper.h"
 
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define OSTREL_CHANNELS_SSE2 1
+#endif
+
 namespace ostrel {
 
 namespace {
@@ -24,40 +29,58 @@ constexpr int64_t kByteGain = 16;
 
 uint8_t to_byte(int64_t v) { return static_cast<uint8_t>(std::min<int64_t>(std::max<int64_t>(v, 0), 255)); }
 
-// Magnitude divided by (local mean + floor), in record terms. The mean is
-// taken from an integral image; the quotient in double precision, which is
-// exact to well below the truncation (numerator and divisor are integers
-// below 2^53) and the same on every machine.
+// Magnitude divided by (local mean + floor), in record terms. The box sums
+// are running sums, first along the record's rows, then down its columns,
+// in 32-bit integers (at most (2r + 1)^2 magnitudes of 16 * 721); the
+// quotient is taken in single precision, whose every step is correctly
+// rounded, so the planes are the same on every machine (and the loop
+// vectorises).
 void normalise(chn_image32 &magnitude, int32_t radius, int32_t floor) {
     const int32_t W = magnitude.width;
     const int32_t H = magnitude.height;
-    const size_t stride = static_cast<size_t>(W) + 1;
-    std::vector<int64_t> integral(stride * (static_cast<size_t>(H) + 1), 0);
+    const size_t w = static_cast<size_t>(W);
+    std::vector<int32_t> across(magnitude.data.size());
     for (int32_t y = 0; y < H; ++y) {
-        int64_t row = 0;
-        const int32_t *in = magnitude.data.data() + static_cast<size_t>(y) * W;
-        const int64_t *above = integral.data() + static_cast<size_t>(y) * stride;
-        int64_t *here = integral.data() + static_cast<size_t>(y + 1) * stride;
+        const int32_t *in = magnitude.data.data() + static_cast<size_t>(y) * w;
+        int32_t *out = across.data() + static_cast<size_t>(y) * w;
+        int32_t sum = 0;
+        for (int32_t x = 0; x <= std::min(radius, W - 1); ++x) sum += in[x];
         for (int32_t x = 0; x < W; ++x) {
-            row += in[x];
-            here[x + 1] = above[x + 1] + row;
+            out[x] = sum;
+            if (x + radius + 1 < W) sum += in[x + radius + 1];
+            if (x - radius >= 0) sum -= in[x - radius];
         }
     }
-    const int64_t floor_scaled = static_cast<int64_t>(floor) * kMagnitudeScale;
-    const double unit = static_cast<double>(kNormalisedUnit * kMagnitudeScale);
+    std::vector<int32_t> box(magnitude.data.size(), 0);
+    for (int32_t y = 0; y <= std::min(radius, H - 1); ++y) {
+        const int32_t *row = across.data() + static_cast<size_t>(y) * w;
+        for (size_t x = 0; x < w; ++x) box[x] += row[x];
+    }
+    for (int32_t y = 1; y < H; ++y) {
+        int32_t *out = box.data() + static_cast<size_t>(y) * w;
+        const int32_t *previous = out - w;
+        const int32_t *entering = y + radius < H ? across.data() + static_cast<size_t>(y + radius) * w : nullptr;
+        const int32_t *leaving = y - radius - 1 >= 0 ? across.data() + static_cast<size_t>(y - radius - 1) * w : nullptr;
+        for (size_t x = 0; x < w; ++x) {
+            out[x] = previous[x] + (entering ? entering[x] : 0) - (leaving ? leaving[x] : 0);
+        }
+    }
+    // Cells of the box along each axis (fewer at the borders).
+    std::vector<float> count_x(w);
+    for (int32_t x = 0; x < W; ++x) {
+        count_x[static_cast<size_t>(x)] = static_cast<float>(std::min(x + radius, W - 1) - std::max(x - radius, 0) + 1);
+    }
+    const float unit = static_cast<float>(kNormalisedUnit * kMagnitudeScale);
+    const float floor_scaled = static_cast<float>(floor * kMagnitudeScale);
     for (int32_t y = 0; y < H; ++y) {
-        const int32_t y0 = std::max(0, y - radius), y1 = std::min(H, y + radius + 1);
-        const int64_t *top = integral.data() + static_cast<size_t>(y0) * stride;
-        const int64_t *bottom = integral.data() + static_cast<size_t>(y1) * stride;
-        int32_t *row = magnitude.data.data() + static_cast<size_t>(y) * W;
-        for (int32_t x = 0; x < W; ++x) {
-            const int32_t x0 = std::max(0, x - radius), x1 = std::min(W, x + radius + 1);
-            const int64_t sum = bottom[x1] - top[x1] - bottom[x0] + top[x0];
-            const int64_t count = static_cast<int64_t>(x1 - x0) * (y1 - y0);
+        const float count_y = static_cast<float>(std::min(y + radius, H - 1) - std::max(y - radius, 0) + 1);
+        int32_t *row = magnitude.data.data() + static_cast<size_t>(y) * w;
+        const int32_t *sums = box.data() + static_cast<size_t>(y) * w;
+        for (size_t x = 0; x < w; ++x) {
+            const float count = count_x[x] * count_y;
             // v / (sum / count + floor), in units of kNormalisedUnit * kMagnitudeScale.
-            const double quotient = static_cast<double>(row[x]) * static_cast<double>(count) * unit /
-                                    static_cast<double>(sum + floor_scaled * count);
-            row[x] = static_cast<int32_t>(quotient);
+            row[x] = static_cast<int32_t>(static_cast<float>(row[x]) * (count * unit) /
+                                          (static_cast<float>(sums[x]) + floor_scaled * count));
         }
     }
 }
@@ -107,9 +130,20 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     chn_image32 orient(1, width, height);
     acf_helper::gradient_mag_orient(cropped, squared, orient);
     chn_image32 magnitude(1, width, height);
-    for (size_t i = 0; i < squared.data.size(); ++i) {
-        // Squares below 2^24 are exact in single precision, whose square
-        // root is correctly rounded: the same value on every machine.
+    // Squares below 2^24 are exact in single precision, whose square root is
+    // correctly rounded: the same value on every machine, four at a time or
+    // one by one.
+    size_t i = 0;
+#if defined(OSTREL_CHANNELS_SSE2)
+    const __m128 scale = _mm_set1_ps(static_cast<float>(kMagnitudeScale));
+    const __m128 half = _mm_set1_ps(0.5f);
+    for (; i + 4 <= squared.data.size(); i += 4) {
+        const __m128 v = _mm_cvtepi32_ps(_mm_loadu_si128(reinterpret_cast<const __m128i *>(squared.data.data() + i)));
+        const __m128 m = _mm_add_ps(_mm_mul_ps(_mm_sqrt_ps(v), scale), half);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(magnitude.data.data() + i), _mm_cvttps_epi32(m));
+    }
+#endif
+    for (; i < squared.data.size(); ++i) {
         magnitude.data[i] = static_cast<int32_t>(std::sqrt(static_cast<float>(squared.data[i])) *
                                                      static_cast<float>(kMagnitudeScale) + 0.5f);
     }
