@@ -34,7 +34,10 @@
  *   Detection keeps the last picture's colour planes and feature map per
  *   thread, shared by the engines used on that thread: a second detection
  *   on the same thread with the same image_key, by the same or another
- *   engine, reuses them. The random draws of training belong to the engine
+ *   engine, reuses them (the accurate profile keeps its own such record per
+ *   thread, reused only by engines with the same feature configuration:
+ *   engines of the two profiles never share features). The random draws
+ *   of training belong to the engine
  *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
  *   any thread at any time. There is no other process-wide state.
  *
@@ -118,7 +121,8 @@ typedef struct ostrel_alg_image {
 /*
  * Box record (32 bytes), the unit of every box list, in both directions.
  *   x, y, width, height  the box in picture pixels (left, top, size).
- *   score         detections: confidence 0..1 in steps of 0.01; a box that
+ *   score         detections: confidence 0..1 in steps of 0.01 (under the
+ *                 accurate profile not rounded); a box that
  *                 overlap suppression removed carries -1.0. Marked boxes
  *                 passed in: not read.
  *   label         1 = positive (a box the user marked as the object, or a
@@ -292,10 +296,43 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
  * profile: after a change of profile, detection fails with a log line until
  * the profile is set back or a model is trained or imported again. Import
  * under the accurate profile refuses a file whose window does not fit it.
+ * Under the accurate profile set-up does not auto-train: it learns from
+ * every window of the picture (and of its mirror image) at once, mining
+ * hard background in at most 6 rounds; the marked boxes must be one size;
+ * a box giving fewer than 3 cells a side or 201 weights, or a picture
+ * smaller than a window at the working scale, is refused with a log line.
+ * Accurate models store the weights and the bias x 10^7 (classic: x 10^5)
+ * and carry no false-positive filter. Detection resamples every picture to
+ * the training picture's working size (objects are taken to scale with the
+ * picture, as in the classic profile) and reports at most 32 detections
+ * and 64 boxes below the threshold.
  */
 #define OSTREL_ALG_OPTION_PROFILE 1
 #define OSTREL_ALG_PROFILE_CLASSIC 0
 #define OSTREL_ALG_PROFILE_ACCURATE 1
+
+/*
+ * The accurate profile's own options; the classic profile ignores them.
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_CELLS: feature cells (of 2 x 2 working
+ * pixels) that a marked object should cover; the working scale follows
+ * from it. Range 36..400, default 100. More cells see more detail and cost
+ * more time. It shapes the window: a model is used only with the value it
+ * was trained or imported with (detection is refused with a log line
+ * otherwise, and an import under another value is refused).
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS: object sizes searched on each side
+ * of the marked size, 15% apart. Range 0..4, default 1 (three sizes: 0.87,
+ * 1 and 1.15 times the marked size). Training learns the background at
+ * these sizes too; detection may use another value than training.
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_OVERLAP: of two detections whose boxes
+ * overlap by this much or more (intersection over union, per cent), the
+ * weaker is dropped. Range 10..90, default 30. Detection only.
+ */
+#define OSTREL_ALG_OPTION_ACCURATE_CELLS 2
+#define OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS 3
+#define OSTREL_ALG_OPTION_ACCURATE_OVERLAP 4
 
 /*
  * Sets option number `option` to `value`. Returns 1, with one log line and

@@ -10,6 +10,13 @@
 #include "engine/engine_options.h"
 #include "engine/ostrel_alg.h"
 
+static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE && ostrel::kProfileClassic == OSTREL_ALG_PROFILE_CLASSIC &&
+                  ostrel::kProfileAccurate == OSTREL_ALG_PROFILE_ACCURATE &&
+                  ostrel::kOptionAccurateCells == OSTREL_ALG_OPTION_ACCURATE_CELLS &&
+                  ostrel::kOptionAccurateSizeSteps == OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS &&
+                  ostrel::kOptionAccurateOverlap == OSTREL_ALG_OPTION_ACCURATE_OVERLAP,
+              "the engine's option numbers are the header's");
+
 namespace {
 
 constexpr const char *kLibSource = "ostrel_alg_lib";

@@ -314,7 +314,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
                 box.label = 1;
                 detections.push_back(box);
             }
-        } else if (detector_set) {
+        } else if (detector_set && below.size() < static_cast<size_t>(std::max(settings.max_below_boxes, 0))) {
             box.label = -1;
             below.push_back(box);
         }

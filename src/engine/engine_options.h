@@ -13,6 +13,7 @@
 namespace ostrel {
 
 // Option numbers and values, as the public header names them.
+// (src/ostrel_alg_lib.cpp checks them against the header.)
 inline constexpr int32_t kOptionProfile = 1;
 inline constexpr int32_t kOptionAccurateCells = 2;
 inline constexpr int32_t kOptionAccurateSizeSteps = 3;

@@ -180,7 +180,7 @@ TEST(AccurateProfile, ItsModelFileIsValidAndImportsOnlyUnderTheAccurateProfile) 
     ostrel_alg *other = nullptr;
     ASSERT_EQ(ostrel_alg_create(&other), 0);
     ASSERT_EQ(ostrel_alg_setOption(other, OSTREL_ALG_OPTION_PROFILE, OSTREL_ALG_PROFILE_ACCURATE), 0);
-    ASSERT_EQ(ostrel_alg_setOption(other, 2, 200), 0);
+    ASSERT_EQ(ostrel_alg_setOption(other, OSTREL_ALG_OPTION_ACCURATE_CELLS, 200), 0);
     int32_t status = 0;
     const std::string printed =
         ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(other, path.c_str()); });

@@ -18,9 +18,9 @@
 
 namespace {
 
-constexpr int32_t kCellsOption = 2;
-constexpr int32_t kSizeStepsOption = 3;
-constexpr int32_t kOverlapOption = 4;
+constexpr int32_t kCellsOption = OSTREL_ALG_OPTION_ACCURATE_CELLS;
+constexpr int32_t kSizeStepsOption = OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS;
+constexpr int32_t kOverlapOption = OSTREL_ALG_OPTION_ACCURATE_OVERLAP;
 
 struct option_case {
     int32_t option;
@@ -28,12 +28,12 @@ struct option_case {
     int32_t maximum;
     int32_t default_value;
 };
-// The documented ranges and defaults.
+// The documented numbers, ranges and defaults.
 const option_case kOptions[] = {
-    {OSTREL_ALG_OPTION_PROFILE, 0, 1, OSTREL_ALG_PROFILE_CLASSIC},
-    {kCellsOption, 36, 400, 100},
-    {kSizeStepsOption, 0, 4, 1},
-    {kOverlapOption, 10, 90, 30},
+    {1, 0, 1, 0},
+    {2, 36, 400, 100},
+    {3, 0, 4, 1},
+    {4, 10, 90, 30},
 };
 
 int count_lines(const std::string &text) {
