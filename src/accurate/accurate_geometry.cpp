@@ -30,7 +30,16 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
     double scale = kAccurateShrink * std::sqrt(static_cast<double>(settings.object_cells) / object_area);
     scale = std::min(scale, settings.max_upscale_percent / 100.0);
     const double picture_area = static_cast<double>(picture_width) * picture_height;
-    scale = std::min(scale, std::sqrt(static_cast<double>(settings.max_working_pixels) / picture_area));
+    const double budget = std::sqrt(static_cast<double>(settings.max_working_pixels) / picture_area);
+    if (scale > budget) {
+        // Within the budget when that keeps min_budget_cells cells, else as
+        // few cells as that and a larger picture, up to the hard limit.
+        const double keeping =
+            kAccurateShrink * std::sqrt(static_cast<double>(std::min(settings.min_budget_cells, settings.object_cells)) /
+                                        object_area);
+        const double hard = std::sqrt(static_cast<double>(settings.hard_working_pixels) / picture_area);
+        scale = std::min(scale, std::min(std::max(budget, keeping), hard));
+    }
 
     out->working_width = working_side(picture_width, scale);
     out->working_height = working_side(picture_height, scale);

@@ -47,8 +47,10 @@ enum class geometry_status {
 //
 // The scale s (working pixels per picture pixel) gives the object about
 // settings.object_cells cells: s = 2 * sqrt(object_cells / object area),
-// but at most max_upscale_percent / 100 and at most what keeps the working
-// picture within max_working_pixels. The working sides are even, the
+// but at most max_upscale_percent / 100, and at most what keeps the working
+// picture within max_working_pixels - unless the object would then get
+// fewer than min_budget_cells cells, when the working picture grows to give
+// it that many, up to hard_working_pixels. The working sides are even, the
 // window is the object's size in cells, rounded.
 geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_height, int32_t picture_width,
                                          int32_t picture_height, const accurate_settings &settings,

@@ -15,8 +15,14 @@ struct accurate_settings {
     int32_t object_cells = 100;
     // The working scale never enlarges a picture more than this (per cent).
     int32_t max_upscale_percent = 200;
-    // Working pictures hold at most this many pixels: bounds the search.
+    // Working pictures hold at most this many pixels (this bounds the
+    // search)...
     int32_t max_working_pixels = 120000;
+    // ...unless the object would then cover fewer cells than this: small
+    // objects on large pictures get a larger working picture, up to
+    // hard_working_pixels, rather than being refused.
+    int32_t min_budget_cells = 49;
+    int32_t hard_working_pixels = 1000000;
     // An object narrower or lower than this many cells is refused.
     int32_t min_object_side_cells = 3;
     // How far a window may reach past the picture's edge, in per cent of

@@ -54,7 +54,8 @@ int32_t to_fixed(double value) {
 // was trained or imported.
 bool same_window_settings(const ostrel::accurate_settings &a, const ostrel::accurate_settings &b) {
     return a.object_cells == b.object_cells && a.max_upscale_percent == b.max_upscale_percent &&
-           a.max_working_pixels == b.max_working_pixels && a.min_object_side_cells == b.min_object_side_cells;
+           a.max_working_pixels == b.max_working_pixels && a.min_budget_cells == b.min_budget_cells &&
+           a.hard_working_pixels == b.hard_working_pixels && a.min_object_side_cells == b.min_object_side_cells;
 }
 
 // Cells of padding on each side of a map: a window whose object reaches
@@ -128,7 +129,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         const int64_t base_rows = std::llround(image->height * geometry.scale_y * relative_y / 2.0) * 2;
         if (base_columns / ostrel::kAccurateShrink < geometry.window_columns ||
             base_rows / ostrel::kAccurateShrink < geometry.window_rows ||
-            base_columns * base_rows > static_cast<int64_t>(settings.max_working_pixels) * 4) {
+            base_columns * base_rows > static_cast<int64_t>(settings.hard_working_pixels)) {
             ostrel::log("[Alg.Fail] %s: at the size that gives its objects the window's size, the picture of %d x %d "
                         "would be %lld x %lld pixels: smaller than a window or too large to search\n",
                         kSetDetectorName, image->width, image->height, static_cast<long long>(base_columns),

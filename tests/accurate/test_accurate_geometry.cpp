@@ -55,6 +55,19 @@ TEST(AccurateGeometry, TheWorkingPictureStaysWithinItsPixelBudget) {
     EXPECT_LT(g.window_columns * g.window_rows, settings.object_cells);
 }
 
+TEST(AccurateGeometry, ASmallObjectOnALargePictureGetsALargerWorkingPictureRatherThanARefusal) {
+    // A 40 x 20 vehicle on a 1920 x 1080 frame: within the budget it would
+    // get 3 x 1 cells; the working picture grows until it has about 49.
+    accurate_geometry g;
+    const accurate_settings settings;
+    ASSERT_EQ(derive_accurate_geometry(40, 20, 1920, 1080, settings, &g), geometry_status::ok);
+    EXPECT_GT(g.working_width * g.working_height, settings.max_working_pixels);
+    EXPECT_LE(g.working_width * g.working_height, settings.hard_working_pixels);
+    EXPECT_NEAR(g.window_columns * g.window_rows, settings.min_budget_cells, 8);
+    // Past the hard limit: refused, not searched at any cost.
+    EXPECT_EQ(derive_accurate_geometry(8, 8, 20000, 20000, settings, &g), geometry_status::object_too_small);
+}
+
 TEST(AccurateGeometry, PicturesAreEnlargedAtMostTwice) {
     accurate_geometry g;
     ASSERT_EQ(derive_accurate_geometry(10, 10, 100, 100, accurate_settings{}, &g), geometry_status::ok);
