@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -227,6 +228,67 @@ TEST(AccurateProfile, TheSameSeedGivesTheSameModelFile) {
     ostrel_alg_destroy(b);
     std::remove(pa.c_str());
     std::remove(pb.c_str());
+}
+
+std::vector<ostrel_alg_box> detect(ostrel_alg *engine, const ostrel_alg_image &image) {
+    ostrel_alg_box *boxes = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count), 0);
+    return std::vector<ostrel_alg_box>(boxes, boxes + count);
+}
+
+void expect_same_boxes(const std::vector<ostrel_alg_box> &a, const std::vector<ostrel_alg_box> &b) {
+    ASSERT_EQ(a.size(), b.size());
+    for (size_t i = 0; i < a.size(); ++i) {
+        EXPECT_EQ(a[i].x, b[i].x);
+        EXPECT_EQ(a[i].y, b[i].y);
+        EXPECT_EQ(a[i].width, b[i].width);
+        EXPECT_EQ(a[i].score, b[i].score);
+        EXPECT_EQ(a[i].label, b[i].label);
+    }
+}
+
+TEST(AccurateProfile, ClassicAndAccurateEnginesOnOneThreadNeverShareFeatures) {
+    ostrel_alg *classic = trained_engine(OSTREL_ALG_PROFILE_CLASSIC);
+    ostrel_alg *accurate = trained_engine(OSTREL_ALG_PROFILE_ACCURATE);
+    const picture p = load_bccd("BloodImage_00005");
+    // Alone, each on a key of its own.
+    const std::vector<ostrel_alg_box> classic_alone = detect(classic, image_record(p.pixels, fresh_key()));
+    const std::vector<ostrel_alg_box> accurate_alone = detect(accurate, image_record(p.pixels, fresh_key()));
+    // Alternating on one key, on this thread.
+    const ostrel_alg_image shared = image_record(p.pixels, fresh_key());
+    for (int round = 0; round < 2; ++round) {
+        expect_same_boxes(detect(classic, shared), classic_alone);
+        expect_same_boxes(detect(accurate, shared), accurate_alone);
+    }
+    ostrel_alg_destroy(classic);
+    ostrel_alg_destroy(accurate);
+}
+
+TEST(AccurateProfile, EnginesOnTwoThreadsDetectAsTheyDoOneAfterTheOther) {
+    ostrel_alg *engines[2] = {trained_engine(OSTREL_ALG_PROFILE_ACCURATE), trained_engine(OSTREL_ALG_PROFILE_ACCURATE)};
+    std::vector<picture> pictures;
+    for (const char *stem : kTestPictures) pictures.push_back(load_bccd(stem));
+    std::vector<std::vector<ostrel_alg_box>> serial;
+    for (const picture &p : pictures) serial.push_back(detect(engines[0], image_record(p.pixels, fresh_key())));
+    std::vector<std::vector<ostrel_alg_box>> found[2];
+    std::vector<int64_t> keys;
+    for (size_t i = 0; i < 2 * pictures.size(); ++i) keys.push_back(fresh_key());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&, t] {
+            for (size_t i = 0; i < pictures.size(); ++i) {
+                found[t].push_back(detect(engines[t], image_record(pictures[i].pixels, keys[t * pictures.size() + i])));
+            }
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    for (int t = 0; t < 2; ++t) {
+        ASSERT_EQ(found[t].size(), serial.size());
+        for (size_t i = 0; i < serial.size(); ++i) expect_same_boxes(found[t][i], serial[i]);
+    }
+    ostrel_alg_destroy(engines[0]);
+    ostrel_alg_destroy(engines[1]);
 }
 
 class AccurateBadInput : public testing::Test {
