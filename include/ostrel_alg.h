@@ -424,6 +424,7 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
  * column). Channels 0..2 are L, a, b; 3 is gradient magnitude; 4..9 are
  * oriented-gradient histograms. The buffer is owned by the engine and
  * stays valid until the next call of this function, init or destroy.
+ * This is the classic profile's map, whatever the profile.
  */
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                     const uint8_t **data, uint32_t *channels,

@@ -101,7 +101,9 @@ int32_t linear_svm::train(const linear_svm_settings &settings) {
     double pg_max_old = std::numeric_limits<double>::infinity();
     double pg_min_old = -std::numeric_limits<double>::infinity();
     int32_t epoch = 0;
-    for (; epoch < settings.max_epochs; ++epoch) {
+    int64_t visits = 0;
+    for (; epoch < settings.max_epochs && visits < settings.max_visits; ++epoch) {
+        visits += static_cast<int64_t>(active);
         double pg_max = -std::numeric_limits<double>::infinity();
         double pg_min = std::numeric_limits<double>::infinity();
         for (size_t s = 0; s < active; ++s) {

@@ -17,7 +17,10 @@ namespace ostrel {
 struct linear_svm_settings {
     double cost = 1.0;          // C, the price of a sample on the wrong side of its margin
     double tolerance = 0.05;    // stop when the projected gradients span less
-    int32_t max_epochs = 400;   // passes over the samples, at most (the bound of a training)
+    int32_t max_epochs = 400;   // passes over the samples, at most
+    // Samples visited in all, at most: with max_epochs the bound of a
+    // training's work (about 100 000 on the development sets).
+    int64_t max_visits = 2000000;
     uint32_t seed = 1;          // of the coordinate order
 };
 

@@ -72,6 +72,17 @@ TEST(LinearSvm, TheSameSeedGivesTheSameWeights) {
     }
 }
 
+TEST(LinearSvm, ATrainingStopsAtItsVisitBound) {
+    ostrel::linear_svm svm(8);
+    const std::vector<uint8_t> x(8, 100);
+    for (int i = 0; i < 20; ++i) svm.add(x.data(), i % 2 ? 1 : -1);
+    svm.centre_on_samples();
+    ostrel::linear_svm_settings settings;
+    settings.tolerance = 0.0;
+    settings.max_visits = 100;  // five passes over 20 samples
+    EXPECT_LE(svm.train(settings), 5);
+}
+
 TEST(LinearSvm, ATrainingStopsAtItsEpochBound) {
     // Samples that cannot be told apart (the same bytes, both labels) keep
     // the solver busy; the bound ends it.
