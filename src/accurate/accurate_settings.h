@@ -17,7 +17,7 @@ struct accurate_settings {
     int32_t max_upscale_percent = 200;
     // Working pictures hold at most this many pixels (this bounds the
     // search)...
-    int32_t max_working_pixels = 120000;
+    int32_t max_working_pixels = 100000;
     // ...unless the object would then cover fewer cells than this: small
     // objects on large pictures get a larger working picture, up to
     // hard_working_pixels, rather than being refused.

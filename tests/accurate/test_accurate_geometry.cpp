@@ -50,7 +50,7 @@ TEST(AccurateGeometry, TheWorkingPictureStaysWithinItsPixelBudget) {
     // picture; the budget wins and the object gets fewer cells.
     accurate_geometry g;
     const accurate_settings settings;
-    ASSERT_EQ(derive_accurate_geometry(150, 150, 4000, 3000, settings, &g), geometry_status::ok);
+    ASSERT_EQ(derive_accurate_geometry(200, 200, 4000, 3000, settings, &g), geometry_status::ok);
     EXPECT_LE(g.working_width * g.working_height, settings.max_working_pixels + 2 * (g.working_width + g.working_height));
     EXPECT_LT(g.window_columns * g.window_rows, settings.object_cells);
 }
