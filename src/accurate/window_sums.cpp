@@ -41,9 +41,10 @@ quantised_weights quantise_weights(const double *weights, int32_t channels, int3
     // possible sum (bytes up to 255) within 32; rounding adds at most half
     // a unit per weight, so a unit of margin is left for it.
     int32_t exponent = 0;
-    if (largest > 0.0) {
-        const double limit = std::min(32767.0 / largest, (kMaxSumMagnitude / 255.0 - static_cast<double>(n)) / total);
-        exponent = static_cast<int32_t>(std::floor(std::log2(limit)));
+    const double room = kMaxSumMagnitude / 255.0 - static_cast<double>(n);  // positive for any window a model holds
+    if (largest > 0.0 && std::isfinite(total) && room > 0.0) {
+        const double limit = std::min(32767.0 / largest, room / total);
+        exponent = std::max(-1000, std::min(1000, static_cast<int32_t>(std::floor(std::log2(limit)))));
         while (std::ldexp(largest, exponent) > 32767.0 ||
                (std::ldexp(total, exponent) + static_cast<double>(n)) * 255.0 > kMaxSumMagnitude) {
             --exponent;
