@@ -465,9 +465,14 @@ OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, 
 
 /* ------------------------------------------------------------------------
  * Model files
- * Paths are null-terminated. _ptr forms take UTF-8; _bstr forms take
- * UTF-16 (wchar_t on Windows, char16_t elsewhere). A path that cannot be
- * converted returns 1.
+ * Paths are null-terminated. _ptr forms take the platform's narrow file
+ * names: UTF-8 on Linux, the ANSI code page on Windows (what fopen takes).
+ * _bstr forms take UTF-16 (wchar_t on Windows, char16_t elsewhere; C++
+ * hosts on Windows may pass char16_t strings too) and convert it: on
+ * Windows to the calling thread's ANSI code page (WideCharToMultiByte,
+ * CP_THREAD_ACP), elsewhere to UTF-8. A null path, a path of more than
+ * 32767 UTF-16 units, an unpaired surrogate or a failed conversion returns
+ * 1 with one log line.
  * ---------------------------------------------------------------------- */
 
 /* Writes the trained model to path (overwriting). Fails before training. */
@@ -493,9 +498,32 @@ OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle,
 #ifdef __cplusplus
 } /* extern "C" */
 
+#if defined(_WIN32)
+/* C++ on Windows: char16_t strings (u"...") are UTF-16 as well, so portable
+ * C++ hosts can write one call for every platform. Inline, nothing is
+ * exported; templates, so that a null pointer still picks the wchar_t form. */
+#include <type_traits>
+
+template <typename Char, typename = typename std::enable_if<std::is_same<Char, char16_t>::value>::type>
+inline int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const Char *path) {
+    return ostrel_alg_exportModel_bstr(handle, reinterpret_cast<const wchar_t *>(path));
+}
+template <typename Char, typename = typename std::enable_if<std::is_same<Char, char16_t>::value>::type>
+inline int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const Char *path) {
+    return ostrel_alg_importModel_bstr(handle, reinterpret_cast<const wchar_t *>(path));
+}
+template <typename Char, typename = typename std::enable_if<std::is_same<Char, char16_t>::value>::type>
+inline int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle, const Char *path) {
+    return ostrel_alg_checkModelValidation_bstr(handle, reinterpret_cast<const wchar_t *>(path));
+}
+#endif
+
 /* ------------------------------------------------------------------------
  * C++ convenience forms. Unmangled like the rest; usable only when the host
- * and the library share one C++ runtime. Each has a pointer form above.
+ * and the library share one C++ runtime: on Linux any host built with
+ * libstdc++; on Windows only hosts built with the same MinGW-w64 g++ as the
+ * DLL (a Visual C++ host uses the pointer forms). Each has a pointer form
+ * above.
  * ---------------------------------------------------------------------- */
 #include <string>
 #include <vector>

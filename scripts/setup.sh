@@ -15,6 +15,11 @@ packages=(
   jq                       # a test pipes `ostrel detect --json` into it
   hyperfine                # bench/time_cli.sh: end-to-end timing of the tool
   clang libclang-rt-14-dev # libFuzzer target and its runtime
+  g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 dpkg-dev  # the Windows DLL and its tests under Wine
+  libcpp-httplib-dev       # the HTTP server of `ostrel studio`
+  chromium chromium-driver python3-selenium  # the studio's real-browser test
+  python3-numpy python3-pytest python3-opencv python3-distributed  # the Python package, its tests, detect_files
+  python3-venv python3-pip python3-setuptools python3-wheel         # its offline install into a venv
 )
 
 missing=()
@@ -37,7 +42,7 @@ fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 # Try with the package lists as they are first; refresh them only when that fails.
-if ! apt-get install -y --no-install-recommends "${missing[@]}"; then
+if ! apt-get -o DPkg::Lock::Timeout=1800 install -y --no-install-recommends "${missing[@]}"; then
   apt-get update
-  apt-get install -y --no-install-recommends "${missing[@]}"
+  apt-get -o DPkg::Lock::Timeout=1800 install -y --no-install-recommends "${missing[@]}"
 fi

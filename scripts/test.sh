@@ -31,9 +31,14 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE_THR
 cmake --build build-tsan -j"$jobs" --target ostrel_api_tests
 TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/api/tsan.supp" build-tsan/tests/ostrel_api_tests
 
+scripts/test-python.sh
+
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"
   scripts/fuzz.sh 60
 fi
+
+scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine
+scripts/test-studio.sh build
 
 echo "== all tests passed"

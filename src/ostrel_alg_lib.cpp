@@ -24,6 +24,8 @@ constexpr const char *kLibFailFormat = "[Alg.Fail] %s (%s line:%d)\n";
 constexpr const char *kLibExceptionFormat = "[Alg.Exc!] %s (%s line:%d): %s\n";
 constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\n";
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
+constexpr const char *kLongPathFormat = "[Alg.Fail] %s: the path is longer than %u UTF-16 units\n";
+constexpr const char *kUnconvertedPathFormat = "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
 constexpr const char *kInsideHandlerFormat = "[Alg.Fail] %s: cannot be called from inside a log handler\n";
 
 // Line numbers of each function's failure line; they are part of the
@@ -91,11 +93,21 @@ int32_t guarded(const char *function, int line, Operation &&operation) {
 int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, const char *function,
                             int32_t (*plain)(ostrel_alg *, std::string)) {
     std::string narrow;
-    if (!ostrel::utf16_path_to_narrow(path, &narrow)) {
-        ostrel::log(kBadPathFormat, function);
+    switch (ostrel::utf16_path_to_narrow(path, &narrow)) {
+    case ostrel::Utf16PathResult::converted:
+        return plain(handle, std::move(narrow));
+    case ostrel::Utf16PathResult::too_long:
+        ostrel::log(kLongPathFormat, function, static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
         return 1;
+    case ostrel::Utf16PathResult::conversion_failed:
+        ostrel::log(kUnconvertedPathFormat, function);
+        return 1;
+    case ostrel::Utf16PathResult::null_path:
+    case ostrel::Utf16PathResult::invalid_utf16:
+        break;
     }
-    return plain(handle, std::move(narrow));
+    ostrel::log(kBadPathFormat, function);
+    return 1;
 }
 
 }  // namespace

@@ -62,6 +62,7 @@ int run_cli(int argc, const char *const *argv) {
     add_info_command(app, action);
     add_eval_command(app, action);
     add_channels_command(app, action);
+    add_studio_command(app, action);
 
     int code = 0;
     // CLI11 would only say that a command is required; name the unknown word.

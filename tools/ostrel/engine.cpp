@@ -166,4 +166,27 @@ bool Engine::check_model(const std::string &path) {
     return call([&] { return ostrel_alg_checkModelValidation_ptr(handle_, path.c_str()); }) == 0;
 }
 
+bool Engine::samples(std::vector<SampleThumbnail> &out) {
+    ostrel_alg_sample *records = nullptr;
+    uint32_t count = 0;
+    out.clear();
+    if (call([&] { return ostrel_alg_getSamples_ptr(handle_, &records, &count); }) != 0) {
+        return false;
+    }
+    for (uint32_t i = 0; i < count && records != nullptr; ++i) {
+        const ostrel_alg_thumb_image &image = records[i].image;
+        SampleThumbnail thumb;
+        thumb.label = records[i].label;
+        if (image.width > 0 && image.height > 0 && image.channels == 3 && image.data != nullptr) {
+            thumb.bgr = cv::Mat(image.height, image.width, CV_8UC3, image.data).clone();
+        }
+        out.push_back(std::move(thumb));
+    }
+    return true;
+}
+
+bool Engine::remove_sample(uint32_t index) {
+    return call([&] { return ostrel_alg_removeSample(handle_, index); }) == 0;
+}
+
 }  // namespace ostrel_tool

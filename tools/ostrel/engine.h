@@ -23,6 +23,12 @@ namespace ostrel_tool {
 void set_show_library_lines(bool show);
 bool show_library_lines();
 
+// A sample thumbnail of the engine, copied out of the library's buffers.
+struct SampleThumbnail {
+    int32_t label = 0;
+    cv::Mat bgr;  // 8-bit BGR; empty for a box that lay outside its picture
+};
+
 struct FeatureMap {
     std::vector<uint8_t> bytes;  // the library's storage order: channel, column, row
     uint32_t channels = 0;
@@ -58,6 +64,10 @@ public:
     bool export_model(const std::string &path);
     bool import_model(const std::string &path);
     bool check_model(const std::string &path);
+    // The sample thumbnails (copied), in the library's order.
+    bool samples(std::vector<SampleThumbnail> &out);
+    // Removes sample index and retrains.
+    bool remove_sample(uint32_t index);
 
     // The library's lines of the last call, and the last non-empty one.
     const std::vector<std::string> &last_lines() const { return last_lines_; }

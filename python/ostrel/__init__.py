@@ -1,0 +1,41 @@
+"""ostrel: teach a detector one kind of object from a few marked boxes, then
+find it in new pictures.
+
+A thin layer over the ``ostrel_alg`` shared library's C interface (ctypes).
+Pictures are numpy arrays, H x W x 3 uint8 in BGR order (as OpenCV reads
+them). ``import ostrel`` needs only numpy; :func:`detect_files` reads
+pictures with OpenCV (``cv2``) and runs on threads or on a Dask cluster.
+
+The library's own messages go to the logger ``"ostrel"``, never to standard
+output; a failing call raises :class:`Error` with those messages in ``.log``.
+"""
+from __future__ import annotations
+
+from .batch import detect_files
+from .detector import Detector, check_model
+from .errors import Error, ModelError, NotTrainedError, PictureError
+from .results import COLOR_NAMES, Box, Sample, color_name
+
+__all__ = [
+    "Box",
+    "COLOR_NAMES",
+    "Detector",
+    "Error",
+    "ModelError",
+    "NotTrainedError",
+    "PictureError",
+    "Sample",
+    "check_model",
+    "color_name",
+    "detect_files",
+    "library_path",
+]
+
+__version__ = "0.1.0"
+
+
+def library_path() -> str:
+    """The path of the ostrel_alg library in use (loading it if need be)."""
+    from . import _library
+
+    return _library.get().path

@@ -1,0 +1,181 @@
+"""Detection over many picture files: on threads, or on a Dask cluster.
+
+Pictures are read with OpenCV (``cv2.imread``, 8-bit BGR, the same decoder
+the ``ostrel`` command uses), so this module needs ``cv2``; the rest of the
+package does not. The paths are cut into chunks; each chunk is one task
+that loads the model once into its own detector and searches its pictures
+one after another. Results come back in input order, with at most a few
+chunks per worker in flight, so a list of a million paths does not pile up
+results in memory.
+"""
+from __future__ import annotations
+
+import collections
+import itertools
+import math
+import os
+import tempfile
+from typing import Any, Callable, Iterable, Iterator, Optional, Sequence, Union
+
+from . import _inputs
+from .detector import DEFAULT_SENSITIVITY, Detector
+from .errors import Error, PictureError
+from .results import Box
+
+DetectionResult = Union[list[Box], PictureError]
+
+# Chunks per worker: enough for an even spread when pictures take unequal
+# time, few enough that loading the model stays a small share of a chunk.
+_CHUNKS_PER_WORKER = 4
+_MAX_CHUNK = 64
+# Chunks waiting or running per worker at any time.
+_IN_FLIGHT_PER_WORKER = 2
+
+
+def _cv2() -> Any:
+    try:
+        import cv2
+    except ImportError as error:
+        raise ImportError("ostrel.detect_files reads pictures with OpenCV's Python module (cv2), which is not "
+                          "installed; on Debian: apt-get install python3-opencv") from error
+    return cv2
+
+
+def read_picture(path: str) -> Any:
+    """A picture file as an H x W x 3 uint8 BGR array; raises PictureError
+    saying why when it cannot be read."""
+    if not os.path.exists(path):
+        raise PictureError(f"cannot open picture '{path}': no such file", path)
+    if os.path.isdir(path):
+        raise PictureError(f"cannot read picture '{path}': it is a folder", path)
+    cv2 = _cv2()
+    try:
+        pixels = cv2.imread(path, cv2.IMREAD_COLOR)
+    except cv2.error:
+        pixels = None
+    if pixels is None or pixels.size == 0:
+        raise PictureError(f"cannot read picture '{path}': not a picture format OpenCV can decode", path)
+    return pixels
+
+
+def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int, profile: str) -> Iterator[DetectionResult]:
+    """Loads the model once and searches each picture; a picture that fails
+    gives a PictureError in its place."""
+    with tempfile.TemporaryDirectory(prefix="ostrel-") as folder:
+        model_path = os.path.join(folder, "model")
+        with open(model_path, "wb") as file:
+            file.write(model)
+        detector = Detector.load(model_path, sensitivity=sensitivity, profile=profile)
+    with detector:
+        for path in paths:
+            try:
+                yield detector.detect(read_picture(path))
+            except PictureError as error:
+                yield error
+            except (Error, ValueError) as error:
+                log = error.log if isinstance(error, Error) else []
+                yield PictureError(f"detection failed on '{path}': {error}", path, log)
+
+
+def detect_chunk(model: bytes, paths: Sequence[str], sensitivity: int, profile: str) -> list[DetectionResult]:
+    """One task of :func:`detect_files`: the results of a chunk of paths.
+    Runs on a worker thread or a Dask worker."""
+    return list(_detect_paths(model, paths, sensitivity, profile))
+
+
+def _in_order(chunks: Iterator[list[str]], submit: Callable[[list[str]], Any], in_flight: int,
+              cancel: Callable[[Any], None]) -> Iterator[list[DetectionResult]]:
+    """Results of each chunk in submission order, keeping in_flight chunks
+    submitted ahead of the one waited for."""
+    pending: collections.deque[Any] = collections.deque()
+    try:
+        for chunk in itertools.islice(chunks, in_flight):
+            pending.append(submit(chunk))
+        while pending:
+            results = pending.popleft().result()
+            for chunk in itertools.islice(chunks, 1):
+                pending.append(submit(chunk))
+            yield results
+    finally:
+        for future in pending:
+            cancel(future)
+
+
+def _chunks(paths: list[str], size: int) -> Iterator[list[str]]:
+    return (paths[i:i + size] for i in range(0, len(paths), size))
+
+
+def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], jobs: Optional[int] = None,
+                 client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY,
+                 profile: str = "classic") -> Iterator[tuple[Any, DetectionResult]]:
+    """Searches picture files with a model; yields ``(path, boxes)`` in input order.
+
+    ``boxes`` is the list :meth:`Detector.detect` returns, or, for a picture
+    that cannot be read or searched, an :class:`ostrel.PictureError` saying
+    why (yielded, not raised: one bad file never stops the run).
+
+    ``jobs``: threads on this machine, each with its own detector (default:
+    one per CPU; 1 searches in the calling thread). ``client``: a
+    ``dask.distributed.Client``; chunks of paths then run on the cluster's
+    workers, each chunk loading the model once. The model file is read here
+    and sent to the workers, so only the pictures must be reachable there
+    under the same paths. ``jobs`` and ``client`` exclude each other.
+
+    The model is validated and the arguments are checked before this
+    function returns (ModelError, FileNotFoundError, ValueError, ...); the
+    pictures are searched as the results are consumed.
+    """
+    if jobs is not None and client is not None:
+        raise ValueError("give jobs (threads on this machine) or client (a Dask cluster), not both")
+    if jobs is not None:
+        jobs = _inputs.integer(jobs, "jobs", 1, 4096)
+    if client is not None and not (hasattr(client, "submit") and hasattr(client, "scatter")):
+        raise TypeError(f"client must be a dask.distributed.Client, not {type(client).__name__}")
+    if isinstance(paths, (str, bytes, os.PathLike)):
+        raise TypeError("paths must be a list of paths, not a single path: wrap it in a list")
+    given = list(paths)
+    names = [os.fsdecode(_inputs.path(p, "picture path")) for p in given]
+    source = _inputs.existing_file(model, "model file")
+    # Loading it here checks the file, the sensitivity and the profile once,
+    # before any work is handed out.
+    Detector.load(source, sensitivity=sensitivity, profile=profile).close()
+    with open(source, "rb") as file:
+        model_bytes = file.read()
+    if client is None:
+        _cv2()  # on a cluster, the workers read the pictures
+    return _run(model_bytes, given, names, jobs, client, sensitivity, profile)
+
+
+def _run(model: bytes, given: list[Any], names: list[str], jobs: Optional[int], client: Any, sensitivity: int,
+         profile: str) -> Iterator[tuple[Any, DetectionResult]]:
+    if client is None and (jobs or os.cpu_count() or 1) == 1:
+        yield from zip(given, _detect_paths(model, names, sensitivity, profile))
+        return
+    if client is not None:
+        workers = max(1, sum(client.nthreads().values()))
+    else:
+        workers = jobs or os.cpu_count() or 1
+    size = max(1, min(_MAX_CHUNK, math.ceil(len(names) / (workers * _CHUNKS_PER_WORKER))))
+    chunks = _chunks(names, size)
+    in_flight = workers * _IN_FLIGHT_PER_WORKER
+    originals = iter(given)
+    if client is not None:
+        # A key of its own (hash=False): two runs with the same model must not
+        # share one, or the end of the first would release the second's copy.
+        shared_model = client.scatter(model, broadcast=True, hash=False)
+        results = _in_order(
+            chunks,
+            lambda chunk: client.submit(detect_chunk, shared_model, chunk, sensitivity, profile, pure=False),
+            in_flight, lambda future: future.cancel())
+        for chunk_results in results:
+            for result in chunk_results:
+                yield next(originals), result
+        return
+    from concurrent.futures import ThreadPoolExecutor
+
+    with ThreadPoolExecutor(max_workers=workers, thread_name_prefix="ostrel-detect") as pool:
+        results = _in_order(chunks, lambda chunk: pool.submit(detect_chunk, model, chunk, sensitivity, profile),
+                            in_flight, lambda future: future.cancel())
+        for chunk_results in results:
+            for result in chunk_results:
+                yield next(originals), result

@@ -1,0 +1,373 @@
+"""The detector: one engine of the library, owned by a Python object."""
+from __future__ import annotations
+
+import ctypes
+import os
+import tempfile
+import threading
+import warnings
+import weakref
+from typing import Any, Optional
+
+import numpy as np
+import numpy.typing as npt
+
+from . import _inputs, _library, _log
+from . import _records as rec
+from .errors import Error, ModelError, NotTrainedError
+from .results import Box, Sample, score_of
+
+DEFAULT_SENSITIVITY = 80
+
+# The weight vector lengths a model file accepts.
+MIN_WINDOW_VALUES = 201
+MAX_WINDOW_VALUES = 5999
+
+OPTION_PROFILE = 1
+PROFILES = {"classic": 0, "accurate": 1}
+
+
+def _failure(what: str, log: list[str], error: type = Error) -> Error:
+    """An exception whose text ends with the library's last message."""
+    last = next((line.strip() for line in reversed(log) if line.strip()), "")
+    return error(what + (f" (the library says: {last})" if last else ""), log)
+
+
+def _destroy(library: _library.Library, handle: ctypes.c_void_p) -> None:
+    _log.call(library.destroy, handle)
+
+
+class Detector:
+    """One detector engine: train it on marked boxes or load a model, then detect.
+
+    ``sensitivity`` (0..100, default 80) sets the confidence a box needs:
+    90% at 0, 50% at 80, 30% at 100. ``seed`` makes the random background
+    samples of training reproducible (None: drawn from the clock).
+    ``profile`` is ``"classic"`` or ``"accurate"`` (the latter needs a
+    library that has the option interface).
+
+    Free it with :meth:`close` or a ``with`` block; the garbage collector
+    frees it too. A detector may be used from any thread, by one thread at a
+    time (calls from several threads on one detector wait for each other);
+    give every thread its own detector to run in parallel (ctypes releases
+    the GIL during each library call).
+    """
+
+    def __init__(self, sensitivity: int = DEFAULT_SENSITIVITY, seed: Optional[int] = None,
+                 profile: str = "classic") -> None:
+        self._handle: Optional[ctypes.c_void_p] = None
+        sensitivity = _inputs.integer(sensitivity, "sensitivity", 0, 100)
+        if seed is not None:
+            seed = _inputs.integer(seed, "seed", 0, _inputs.UINT32_MAX)
+        if not isinstance(profile, str) or profile not in PROFILES:
+            raise ValueError(f"profile must be one of {', '.join(map(repr, PROFILES))}, not {profile!r}")
+        library = _library.get()
+        if profile != "classic" and not library.has("ostrel_alg_setOption"):
+            raise Error(f"the {profile} profile needs a library with ostrel_alg_setOption; the library at "
+                        f"{library.path} does not have it (rebuild it from a newer source checkout)")
+        self._library = library
+        self._lock = threading.RLock()
+        self._sensitivity = sensitivity
+        self._seed = seed
+        self._profile = profile
+        self._training_key: Optional[int] = None
+        self._training_shape: Optional[tuple[int, ...]] = None
+
+        handle = ctypes.c_void_p()
+        status, log = _log.call(library.create, ctypes.byref(handle))
+        if status != 0 or not handle.value:
+            if handle.value:
+                _destroy(library, handle)
+            raise _failure("the library could not create an engine", log)
+        self._handle = handle
+        self._finalizer = weakref.finalize(self, _destroy, library, handle)
+        try:
+            self._check(self._call(library.setSensitivity, handle, sensitivity), "the library refused the sensitivity")
+            if seed is not None:
+                self._check(self._call(library.setRandomSeed, handle, seed), "the library refused the seed")
+            if library.has("ostrel_alg_setOption"):
+                self._check(self._call(library.setOption, handle, OPTION_PROFILE, PROFILES[profile]),
+                            f"the library refused the {profile} profile")
+        except BaseException:
+            self.close()
+            raise
+
+    # -- life cycle ----------------------------------------------------------
+
+    def close(self) -> None:
+        """Frees the engine now. Further calls raise :class:`ostrel.Error`;
+        closing twice is harmless."""
+        lock = getattr(self, "_lock", None)
+        if lock is None:
+            return
+        with lock:
+            if self._handle is not None:
+                self._handle = None
+                self._finalizer()
+
+    @property
+    def closed(self) -> bool:
+        """True once :meth:`close` has run."""
+        return self._handle is None
+
+    def __enter__(self) -> "Detector":
+        return self
+
+    def __exit__(self, *exc_info: Any) -> None:
+        self.close()
+
+    def __getstate__(self) -> None:
+        raise TypeError("a Detector cannot be pickled: save() it to a file and Detector.load() the file "
+                        "where it is needed")
+
+    def __repr__(self) -> str:
+        state = "closed" if self.closed else ("trained" if self.is_trained else "untrained")
+        return f"<ostrel.Detector {state}, sensitivity {self._sensitivity}, profile {self._profile}>"
+
+    @property
+    def sensitivity(self) -> int:
+        """The sensitivity given when the detector was made (0..100)."""
+        return self._sensitivity
+
+    @property
+    def profile(self) -> str:
+        """``"classic"`` or ``"accurate"``."""
+        return self._profile
+
+    @property
+    def seed(self) -> Optional[int]:
+        """The seed of the random background samples, or None (the clock)."""
+        return self._seed
+
+    # -- calls into the library ------------------------------------------------
+
+    def _live_handle(self) -> ctypes.c_void_p:
+        if self._handle is None:
+            raise Error("this Detector is closed; make a new one")
+        return self._handle
+
+    @staticmethod
+    def _call(function: Any, *arguments: Any) -> tuple[int, list[str]]:
+        return _log.call(function, *arguments)
+
+    @staticmethod
+    def _check(result: tuple[int, list[str]], what: str, error: type = Error) -> list[str]:
+        """Raises ``error(what + the library's last message)`` unless the call succeeded."""
+        status, log = result
+        if status != 0:
+            raise _failure(what, log, error)
+        return log
+
+    @property
+    def is_trained(self) -> bool:
+        """True when the detector holds a trained or loaded model."""
+        with self._lock:
+            flag = ctypes.c_uint8(0)
+            self._check(self._call(self._library.istraied, self._live_handle(), ctypes.byref(flag)),
+                        "the library could not say whether the detector is trained")
+            return flag.value == 1
+
+    def _require_trained(self, what: str) -> None:
+        if not self.is_trained:
+            raise NotTrainedError(f"cannot {what}: the detector is not trained; call train() with marked "
+                                  f"boxes, or use Detector.load() with a model file, first")
+
+    @staticmethod
+    def _image_record(pixels: npt.NDArray[np.uint8], key: int) -> rec.ImageRecord:
+        height, width = pixels.shape[0], pixels.shape[1]
+        return rec.ImageRecord(width=width, height=height, channels=3,
+                               data=pixels.ctypes.data_as(ctypes.POINTER(ctypes.c_uint8)),
+                               image_key=key, aux=0, format=rec.FORMAT_INTERLEAVED)
+
+    # -- training --------------------------------------------------------------
+
+    def train(self, image: npt.NDArray[np.uint8], boxes: _inputs.BoxesLike, key: Optional[int] = None) -> None:
+        """Trains on one picture and the boxes marked on it.
+
+        ``image``: H x W x 3 uint8 BGR (H x W grey and H x W x 4 BGRA are
+        converted; non-contiguous arrays are copied). ``boxes``: a sequence
+        of ``(x, y, width, height)`` (or of :class:`Box`), or an N x 4
+        integer array; each box must overlap the picture. Mark every object
+        on the picture: whatever is not marked may be learnt as background.
+        The detector learns the first box's size as its window.
+
+        Calling it again with another picture adds that picture's samples.
+        ``key`` identifies the picture (0 .. 2**62 - 1); the same key again
+        retrains on what the detector already holds and ignores the boxes.
+        Without a key every call is a new picture.
+        """
+        pixels = _inputs.picture(image)
+        marked = _inputs.boxes(boxes, pixels.shape[1], pixels.shape[0])
+        with self._lock:
+            handle = self._live_handle()
+            if key is not None and key == self._training_key and pixels.shape != self._training_shape:
+                raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
+                                 f"pixels: give this picture its own key, or none")
+            self._check_window(pixels, marked)
+            chosen = _inputs.key(key, pixels.shape)
+            records = (rec.BoxRecord * len(marked))()
+            for record, (x, y, w, h) in zip(records, marked.tolist()):
+                record.x, record.y, record.width, record.height = x, y, w, h
+                record.label = 1
+            picture = self._image_record(pixels, chosen)
+            self._training_key, self._training_shape = chosen, pixels.shape
+            self._check(self._call(self._library.setDetector_ptr, handle, ctypes.byref(picture), records,
+                                   len(marked)),
+                        "training failed")
+
+    def _check_window(self, pixels: npt.NDArray[np.uint8], marked: npt.NDArray[np.int32]) -> None:
+        """Refuses a first box whose window a model cannot hold, before any
+        training: the library would train it and only refuse to save it."""
+        height, width = pixels.shape[0], pixels.shape[1]
+        box_width, box_height = int(marked[0, 2]), int(marked[0, 3])
+        if any(int(w) != box_width or int(h) != box_height for w, h in marked[:, 2:4].tolist()):
+            warnings.warn(f"the boxes differ in size; the detector learns one window, the first box's "
+                          f"{box_width} x {box_height} (give every box one size)", stacklevel=3)
+        channels, rows, columns = self.feature_map(pixels).shape
+        # The library maps sizes to cells with single-precision factors and truncates.
+        window_columns = int(np.float32(box_width) * (np.float32(columns) / np.float32(width)))
+        window_rows = int(np.float32(box_height) * (np.float32(rows) / np.float32(height)))
+        values = channels * window_columns * window_rows
+        if not MIN_WINDOW_VALUES <= values <= MAX_WINDOW_VALUES:
+            raise ValueError(
+                f"a {box_width} x {box_height} box on this {width} x {height} picture gives the detector a window "
+                f"of {window_columns} x {window_rows} feature cells ({values} values); a model holds "
+                f"{MIN_WINDOW_VALUES} to {MAX_WINDOW_VALUES} values: use a "
+                f"{'larger' if values < MIN_WINDOW_VALUES else 'smaller'} box")
+
+    @property
+    def samples(self) -> list[Sample]:
+        """The sample thumbnails, one per marked box, in training order (copies)."""
+        with self._lock:
+            pointer = ctypes.POINTER(rec.SampleRecord)()
+            count = ctypes.c_uint32(0)
+            self._check(self._call(self._library.getSamples_ptr, self._live_handle(), ctypes.byref(pointer),
+                                   ctypes.byref(count)), "the library could not hand out the samples")
+            result = []
+            for i in range(count.value):
+                record = pointer[i]
+                thumb = record.image
+                width, height = max(thumb.width, 0), max(thumb.height, 0)
+                size = width * height * 3
+                if size and (thumb.channels != 3 or not thumb.data):
+                    raise Error(f"the library handed out sample {i} without its pixels")
+                pixels = (np.ctypeslib.as_array(thumb.data, shape=(size,)).copy() if size
+                          else np.zeros(0, dtype=np.uint8))
+                result.append(Sample(label=record.label, thumbnail=pixels.reshape(height, width, 3)))
+            return result
+
+    def remove_sample(self, index: int) -> None:
+        """Removes sample ``index`` (its thumbnail and training samples) and retrains."""
+        with self._lock:
+            if isinstance(index, bool) or not isinstance(index, (int, np.integer)):
+                raise TypeError(f"index must be an integer, not {type(index).__name__}")
+            handle = self._live_handle()
+            count = len(self.samples)
+            if not 0 <= index < count:
+                raise IndexError(f"sample {index} does not exist; the detector holds {count} samples"
+                                 + (f" (0 to {count - 1})" if count else ""))
+            self._check(self._call(self._library.removeSample, handle, int(index)), f"removing sample {index} failed")
+
+    # -- detection -------------------------------------------------------------
+
+    def detect(self, image: npt.NDArray[np.uint8], key: Optional[int] = None) -> list[Box]:
+        """Finds the object in a picture.
+
+        Returns the library's whole list, in its order: detections by
+        falling score (label 1, at most 32), then boxes below the confidence
+        threshold (label -1), then boxes marked on this same picture that
+        nothing detected (label 1). ``key``: see :meth:`train`; without it
+        the picture's features are always computed afresh.
+        """
+        pixels = _inputs.picture(image)
+        with self._lock:
+            handle = self._live_handle()
+            self._require_trained("detect")
+            picture = self._image_record(pixels, _inputs.key(key, pixels.shape))
+            found = ctypes.POINTER(rec.BoxRecord)()
+            count = ctypes.c_uint32(0)
+            self._check(self._call(self._library.runDetector_ptr, handle, ctypes.byref(picture),
+                                   ctypes.byref(found), ctypes.byref(count)), "detection failed")
+            if count.value and not found:
+                raise Error("the library reported boxes without handing them out")
+            return [Box(x=b.x, y=b.y, width=b.width, height=b.height, score=score_of(b.score), label=b.label,
+                        color_main=b.color_main, color_second=b.color_second)
+                    for b in (found[i] for i in range(count.value))]
+
+    def feature_map(self, image: npt.NDArray[np.uint8]) -> npt.NDArray[np.uint8]:
+        """The channel feature map the detector reads for a picture, as a
+        (channels, rows, columns) uint8 array: channels 0..2 are L, a, b;
+        3 is gradient magnitude; 4..9 are oriented-gradient histograms."""
+        pixels = _inputs.picture(image)
+        with self._lock:
+            handle = self._live_handle()
+            picture = self._image_record(pixels, _inputs.fresh_key())
+            data = ctypes.POINTER(ctypes.c_uint8)()
+            channels, columns, rows = ctypes.c_uint32(0), ctypes.c_uint32(0), ctypes.c_uint32(0)
+            self._check(self._call(self._library.getFeatureMap_ptr, handle, ctypes.byref(picture),
+                                   ctypes.byref(data), ctypes.byref(channels), ctypes.byref(columns),
+                                   ctypes.byref(rows)), "computing the feature map failed")
+            size = channels.value * columns.value * rows.value
+            if size and not data:
+                raise Error("the library reported a feature map without handing it out")
+            flat = np.ctypeslib.as_array(data, shape=(size,)).copy() if size else np.zeros(0, np.uint8)
+        # The library stores each channel column by column.
+        stored = flat.reshape(channels.value, columns.value, rows.value)
+        return np.ascontiguousarray(stored.transpose(0, 2, 1))
+
+    # -- model files -----------------------------------------------------------
+
+    def save(self, path: _inputs.PathLike) -> None:
+        """Writes the model to ``path`` (replacing a file there). The file is
+        written under a temporary name and renamed when complete, so a
+        failure leaves no half-written file."""
+        target = _inputs.writable_file(path, "model path")
+        with self._lock:
+            handle = self._live_handle()
+            self._require_trained("save")
+            folder = os.path.dirname(target) or b"."
+            descriptor, temporary = tempfile.mkstemp(prefix=b".ostrel-", suffix=b".model.tmp", dir=folder)
+            os.close(descriptor)
+            try:
+                self._check(self._call(self._library.exportModel_ptr, handle, temporary),
+                            f"writing the model to '{os.fsdecode(target)}' failed")
+                os.replace(temporary, target)
+            except BaseException:
+                if os.path.exists(temporary):
+                    os.unlink(temporary)
+                raise
+
+    @classmethod
+    def load(cls, path: _inputs.PathLike, sensitivity: int = DEFAULT_SENSITIVITY,
+             profile: str = "classic") -> "Detector":
+        """A detector with the model of a file, validated (records and CRC-32)
+        before it is loaded. The file does not record the sensitivity or the
+        profile: give those it was trained with.
+
+        Raises FileNotFoundError/IsADirectoryError for a path that is not a
+        file and :class:`ostrel.ModelError` for a file the library refuses.
+        """
+        source = _inputs.existing_file(path, "model file")
+        detector = cls(sensitivity=sensitivity, profile=profile)
+        try:
+            handle = detector._live_handle()
+            name = os.fsdecode(source)
+            detector._check(detector._call(detector._library.checkModelValidation_ptr, handle, source),
+                            f"model file '{name}' is damaged or not a model of this library",
+                            ModelError)
+            detector._check(detector._call(detector._library.importModel_ptr, handle, source),
+                            f"the library could not load model file '{name}'", ModelError)
+        except BaseException:
+            detector.close()
+            raise
+        return detector
+
+
+def check_model(path: _inputs.PathLike) -> bool:
+    """True when ``path`` is a model file the library accepts (records and
+    CRC-32), False when it is damaged or not a model. A path that is missing
+    or a folder raises FileNotFoundError/IsADirectoryError."""
+    source = _inputs.existing_file(path, "model file")
+    with Detector() as detector:
+        status, _ = _log.call(detector._library.checkModelValidation_ptr, detector._live_handle(), source)
+        return status == 0

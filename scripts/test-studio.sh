@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Tests of `ostrel studio` against a built tool (default: build/):
+#   1. the JSON interface through real HTTP on a free loopback port,
+#   2. a person's session in headless Chromium (chromedriver, python3-selenium),
+#      which prints the speed a person feels and saves a screenshot,
+#   3. the same browser test against a page with its detection drawing taken
+#      out, which must fail: the browser test can tell a broken page.
+# The unit tests of the studio's parts run with the tool's other tests (ctest).
+# --update-screenshot copies the screenshot to docs/studio.png for the README.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=build
+update_screenshot=0
+for arg in "$@"; do
+  case "$arg" in
+    --update-screenshot) update_screenshot=1 ;;
+    *) build="$arg" ;;
+  esac
+done
+ostrel="$build/tools/ostrel"
+out="$build/studio-test"
+python=/usr/bin/python3  # Debian's, which sees python3-selenium
+[ -x "$ostrel" ] || { echo "test-studio: $ostrel is not built" >&2; exit 1; }
+mkdir -p "$out"
+
+echo "== studio: JSON interface over HTTP"
+"$python" tests/studio/test_studio_api.py "$ostrel" data
+
+echo "== studio: a session in a real browser"
+"$python" tests/studio/test_studio_browser.py "$ostrel" data "$out"
+
+echo "== studio: the browser test fails on a broken page"
+broken="$out/broken-web"
+rm -rf "$broken"
+cp -r tools/ostrel/studio/web "$broken"
+# The page still loads and trains, but never draws a detection.
+sed -i 's/^        renderDetections();$/        void 0;/' "$broken/studio.js"
+if cmp -s "$broken/studio.js" tools/ostrel/studio/web/studio.js; then
+  echo "test-studio: could not break the page copy" >&2
+  exit 1
+fi
+if OSTREL_STUDIO_WEB="$broken" "$python" tests/studio/test_studio_browser.py "$ostrel" data "$out/broken" \
+     --timeout 8 > "$out/broken.log" 2>&1; then
+  cat "$out/broken.log"
+  echo "test-studio: the browser test passed on a broken page" >&2
+  exit 1
+fi
+grep -E "FAILED" "$out/broken.log" | head -1
+echo "  ok: it failed, as it must"
+rm -rf "$broken"
+
+if [ "$update_screenshot" = 1 ]; then
+  cp "$out/studio.png" docs/studio.png
+  echo "docs/studio.png updated"
+fi
+echo "studio tests: 3 passed, 0 failed"

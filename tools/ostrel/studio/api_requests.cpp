@@ -1,0 +1,120 @@
+#include "api_requests.h"
+
+#include <limits>
+
+#include <nlohmann/json.hpp>
+
+#include "api_error.h"
+#include "tool_output.h"
+
+namespace ostrel_tool {
+namespace studio {
+
+namespace {
+
+const char *kTrainShape = "expected {\"picture\": NAME, \"boxes\": [[x, y, w, h], ...]}";
+
+int whole_number(const nlohmann::json &value, const std::string &where) {
+    if (value.is_number_integer()) {
+        if (value.is_number_unsigned()) {
+            const auto v = value.get<uint64_t>();
+            if (v <= static_cast<uint64_t>(std::numeric_limits<int32_t>::max())) {
+                return static_cast<int>(v);
+            }
+        } else {
+            const auto v = value.get<int64_t>();
+            if (v >= std::numeric_limits<int32_t>::min() && v <= std::numeric_limits<int32_t>::max()) {
+                return static_cast<int>(v);
+            }
+        }
+        throw ApiError(http_status::bad_request, where + " does not fit in 32 bits");
+    }
+    if (value.is_number_float()) {
+        throw ApiError(http_status::bad_request, where + " must be a whole number of pixels");
+    }
+    throw ApiError(http_status::bad_request, where + " must be a number, not " + std::string(value.type_name()));
+}
+
+Rect box_of(const nlohmann::json &item, size_t i) {
+    const std::string where = strformat("box %zu", i + 1);
+    if (item.is_array()) {
+        if (item.size() != 4) {
+            throw ApiError(http_status::bad_request, where + ": expected [x, y, w, h], four numbers");
+        }
+        return {whole_number(item[0], where + " x"), whole_number(item[1], where + " y"),
+                whole_number(item[2], where + " w"), whole_number(item[3], where + " h")};
+    }
+    if (item.is_object()) {
+        Rect r;
+        int *fields[] = {&r.x, &r.y, &r.w, &r.h};
+        const char *names[] = {"x", "y", "w", "h"};
+        for (int f = 0; f < 4; ++f) {
+            const auto it = item.find(names[f]);
+            if (it == item.end()) {
+                throw ApiError(http_status::bad_request, where + ": no \"" + names[f] + "\"");
+            }
+            *fields[f] = whole_number(*it, where + " " + names[f]);
+        }
+        return r;
+    }
+    throw ApiError(http_status::bad_request, where + ": expected [x, y, w, h], not " + std::string(item.type_name()));
+}
+
+}  // namespace
+
+TrainRequest parse_train_request(const std::string &body) {
+    nlohmann::json doc;
+    try {
+        doc = nlohmann::json::parse(body);
+    } catch (const nlohmann::json::parse_error &e) {
+        throw ApiError(http_status::bad_request,
+                       strformat("the request is not valid JSON (at byte %zu); %s", e.byte, kTrainShape));
+    }
+    if (!doc.is_object()) {
+        throw ApiError(http_status::bad_request, std::string("the request is a JSON ") + doc.type_name() + "; " +
+                                                     kTrainShape);
+    }
+    TrainRequest request;
+    const auto picture = doc.find("picture");
+    if (picture == doc.end() || !picture->is_string()) {
+        throw ApiError(http_status::bad_request, std::string("\"picture\" must be a picture name; ") + kTrainShape);
+    }
+    request.picture = picture->get<std::string>();
+    const auto boxes = doc.find("boxes");
+    if (boxes == doc.end() || !boxes->is_array()) {
+        throw ApiError(http_status::bad_request, std::string("\"boxes\" must be a list of boxes; ") + kTrainShape);
+    }
+    for (size_t i = 0; i < boxes->size(); ++i) {
+        request.boxes.push_back(box_of((*boxes)[i], i));
+    }
+    return request;
+}
+
+uint32_t parse_sensitivity(const std::string &text, bool present, uint32_t fallback) {
+    if (!present) {
+        return fallback;
+    }
+    bool digits = !text.empty() && text.size() <= 3;
+    for (const char c : text) {
+        digits = digits && c >= '0' && c <= '9';
+    }
+    const int value = digits ? std::stoi(text) : -1;
+    if (value < 0 || value > 100) {
+        throw ApiError(http_status::bad_request, "sensitivity must be a whole number from 0 to 100, not '" + text + "'");
+    }
+    return static_cast<uint32_t>(value);
+}
+
+size_t parse_sample_index(const std::string &text) {
+    bool digits = !text.empty() && text.size() <= 9;
+    for (const char c : text) {
+        digits = digits && c >= '0' && c <= '9';
+    }
+    if (!digits) {
+        throw ApiError(http_status::not_found, "no sample '" + text + "': samples are numbered from 0");
+    }
+    return static_cast<size_t>(std::stoul(text));
+}
+
+}  // namespace studio
+}  // namespace ostrel_tool

@@ -1,0 +1,195 @@
+// ostrel studio: a local web application in which a person marks boxes on
+// pictures, trains, and sees detections. See studio_server.h for the HTTP
+// side, studio_api.h for the JSON interface and workspace.h for the engine.
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <pthread.h>
+
+#include <CLI/CLI.hpp>
+
+#include "api_error.h"
+#include "command_support.h"
+#include "commands.h"
+#include "exit_codes.h"
+#include "picture_store.h"
+#include "studio_api.h"
+#include "studio_server.h"
+#include "tool_error.h"
+#include "tool_output.h"
+#include "web_assets.h"
+#include "workspace.h"
+
+#ifndef OSTREL_DATA_DIR
+#define OSTREL_DATA_DIR "data"
+#endif
+
+namespace ostrel_tool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct StudioOptions {
+    std::string folder;
+    int port = 8080;
+    bool port_given = false;
+    std::string host = "127.0.0.1";
+    std::string model;
+    std::string profile = "classic";
+};
+
+// A private folder for the session's uploads and model files, removed with
+// everything in it when the studio stops.
+class SessionFolder {
+public:
+    SessionFolder() {
+        std::error_code ec;
+        std::string pattern = (fs::temp_directory_path(ec) / "ostrel-studio-XXXXXX").string();
+        if (ec || ::mkdtemp(&pattern[0]) == nullptr) {
+            throw output_error("cannot create a temporary folder for the session");
+        }
+        path_ = pattern;
+        fs::create_directory(fs::path(path_) / "uploads", ec);
+        fs::create_directory(fs::path(path_) / "scratch", ec);
+    }
+    ~SessionFolder() {
+        std::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    SessionFolder(const SessionFolder &) = delete;
+    SessionFolder &operator=(const SessionFolder &) = delete;
+    std::string uploads() const { return (fs::path(path_) / "uploads").string(); }
+    std::string scratch() const { return (fs::path(path_) / "scratch").string(); }
+
+private:
+    std::string path_;
+};
+
+std::string read_model_file(const std::string &path) {
+    require_file(path, "model");
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    if (!in) {
+        throw input_error("cannot read model '" + path + "'");
+    }
+    return content.str();
+}
+
+int run_studio(const StudioOptions &o) {
+    // Ctrl-C and SIGTERM are taken by one thread that stops the server. Every
+    // other thread must be started with them blocked: the server's, and the
+    // worker threads OpenCV starts inside the library on its first picture.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    // A browser that goes away mid-reply must not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    const std::string folder = o.folder.empty() ? std::string(OSTREL_DATA_DIR) + "/bccd/images" : o.folder;
+    if (o.folder.empty() && !fs::is_directory(folder)) {
+        throw usage_error("the shipped pictures are not at '" + folder + "': name a folder of pictures");
+    }
+    const std::string web = studio::find_web_folder();
+    if (web.empty()) {
+        throw input_error("the studio's page files are missing (looked next to the tool and in the source tree)");
+    }
+    const studio::WebAssets assets(web);
+
+    SessionFolder session;
+    studio::PictureStore store(folder, session.uploads());
+    for (const std::string &skipped : store.skipped()) {
+        warn("studio: left out " + skipped);
+    }
+
+    studio::WorkspaceSettings settings;
+    settings.seed = kDefaultSeed;
+    settings.train_sensitivity = kDefaultSensitivity;
+    settings.profile = o.profile;
+    settings.scratch_folder = session.scratch();
+    studio::Workspace workspace(store, settings);
+    if (!o.model.empty()) {
+        try {
+            workspace.load_model(read_model_file(o.model), fs::path(o.model).filename().string());
+        } catch (const studio::ApiError &e) {
+            throw input_error("model '" + o.model + "': " + e.what());
+        }
+    }
+    studio::StudioApi api(store, workspace);
+
+    studio::ServerOptions server_options;
+    server_options.host = o.host;
+    server_options.port = o.port;
+    server_options.try_next = !o.port_given;
+    studio::StudioServer server(api, assets, server_options);
+    server.bind();
+    if (!studio::StudioServer::is_loopback(o.host)) {
+        warn("studio: listening on " + o.host +
+             ", not on loopback: anyone who can reach this machine can use the studio and its pictures");
+    }
+
+    std::atomic<bool> finished{false};
+    std::thread stopper([&] {
+        const timespec wait{0, 200 * 1000 * 1000};
+        bool signalled = false;
+        while (!finished) {
+            if (!signalled) {
+                signalled = sigtimedwait(&stop_signals, nullptr, &wait) > 0;
+            } else {
+                // Asked until the server notices: stop() before it runs does nothing.
+                server.stop();
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            }
+        }
+    });
+
+    println("ostrel studio: " + server.url());
+    std::fflush(tool_out());
+    const bool served = server.run();
+    finished = true;
+    stopper.join();
+    pthread_sigmask(SIG_UNBLOCK, &stop_signals, nullptr);
+    if (!served) {
+        throw output_error("the server stopped unexpectedly on " + server.url());
+    }
+    std::fprintf(stderr, "ostrel studio: stopped\n");
+    return to_int(ExitCode::ok);
+}
+
+}  // namespace
+
+void add_studio_command(CLI::App &app, CommandAction &action) {
+    auto o = std::make_shared<StudioOptions>();
+    CLI::App *sub = app.add_subcommand("studio", "Mark boxes, train and see detections in the web browser");
+    sub->add_option("FOLDER", o->folder, "the folder of pictures to work on (default: the shipped blood pictures)");
+    sub->add_option("--port", o->port, "the port to listen on (default 8080 or the next free one; 0: any free port)")
+        ->check(CLI::Range(0, 65535))
+        ->type_name("N")
+        ->each([o](const std::string &) { o->port_given = true; });
+    sub->add_option("--host", o->host, "the address to listen on (default 127.0.0.1, this machine only)")
+        ->type_name("ADDR");
+    sub->add_option("--model", o->model, "a model file to start with (checked, CRC included, before use)")
+        ->type_name("M");
+    sub->add_option("--profile", o->profile, "the detector's profile: classic (default) or accurate")
+        ->check(CLI::IsMember({"classic", "accurate"}))
+        ->type_name("NAME");
+    sub->footer(
+        "Prints `ostrel studio: http://HOST:PORT/` once it is ready; open that address in a web browser.\n"
+        "Ctrl-C stops it. Pictures added in the browser are kept in a temporary folder for the session.\n"
+        "The JSON interface under /api/ is described in the README.\n\n" +
+        std::string(exit_code_help()));
+    sub->callback([o, &action] { action = [o] { return run_studio(*o); }; });
+}
+
+}  // namespace ostrel_tool

@@ -1,0 +1,39 @@
+// What kind of picture a file holds and how large it is, read from the
+// first bytes alone. Uploads are sized up this way before anything decodes
+// them, so a small file that would unpack into a huge picture is refused
+// without allocating it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace ostrel_tool {
+namespace studio {
+
+enum class PictureFormat { unknown, jpeg, png, bmp };
+
+struct PictureHeader {
+    PictureFormat format = PictureFormat::unknown;
+    int64_t width = 0;   // 0 when the header gives no size
+    int64_t height = 0;
+};
+
+// Recognises JPEG, PNG and BMP by their signatures and reads the picture's
+// size from the header (JPEG: the first start-of-frame segment). format is
+// unknown for anything else or for a header cut short.
+PictureHeader read_picture_header(const uint8_t *data, size_t size);
+PictureHeader read_picture_header(const std::string &bytes);
+
+// True when the bytes reach the picture's end: a JPEG's end-of-image
+// marker, a PNG's IEND chunk, a BMP's full file size. Decoders fill a cut
+// file with grey instead of failing, so uploads are checked with this.
+bool reaches_picture_end(const std::string &bytes, PictureFormat format);
+
+// "image/jpeg", "image/png", "image/bmp"; "application/octet-stream" for unknown.
+const char *media_type(PictureFormat format);
+// ".jpg", ".png", ".bmp"; "" for unknown.
+const char *file_extension(PictureFormat format);
+
+}  // namespace studio
+}  // namespace ostrel_tool

@@ -1,0 +1,55 @@
+// The studio's JSON interface under /api/, apart from HTTP itself: a request
+// (method, decoded path, query values, headers that matter, body) goes in,
+// a response (status, media type, body) comes out. The server hands every
+// /api/ request here; tests and the random-request test call it directly.
+//
+// Every failure becomes a 4xx (or, when the library itself fails, 500)
+// response with {"error": "..."}; handle() never throws.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "picture_store.h"
+#include "workspace.h"
+
+namespace ostrel_tool {
+namespace studio {
+
+struct ApiRequest {
+    std::string method;  // "GET", "POST", "DELETE", ...
+    std::string path;    // decoded, starting with "/api/"
+    std::map<std::string, std::string> query;  // decoded; the first value of each name
+    std::string content_type;                  // the Content-Type header, "" when absent
+    std::string body;
+};
+
+struct ApiResponse {
+    int status = 200;
+    std::string content_type = "application/json";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;
+};
+
+class StudioApi {
+public:
+    StudioApi(PictureStore &store, Workspace &workspace) : store_(store), workspace_(workspace) {}
+
+    ApiResponse handle(const ApiRequest &request);
+
+private:
+    ApiResponse route(const ApiRequest &request);
+
+    PictureStore &store_;
+    Workspace &workspace_;
+};
+
+// {"error": message} with the status.
+ApiResponse error_response(int status, const std::string &message);
+// Serialises JSON; bytes that are not UTF-8 (from a file name, say) are
+// replaced rather than failing.
+std::string json_text(const nlohmann::ordered_json &value);
+
+}  // namespace studio
+}  // namespace ostrel_tool

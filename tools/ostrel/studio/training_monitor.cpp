@@ -1,0 +1,134 @@
+#include "training_monitor.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cmath>
+#include <cstring>
+
+namespace ostrel_tool {
+namespace studio {
+
+namespace {
+constexpr const char *kSamplesLine = "[Debug] Total size of Acfs: ";
+constexpr const char *kTrainedLine = "[Alg. Scc] Training done...";
+constexpr const char *kSkippedBoxLine = "[Debug] box ";
+constexpr const char *kSkippedBoxEnd = ": skipped";
+constexpr const char *kPassLineFormat =
+    "[Alg. Scc] Auto-training pass %d: %d false positives and %d low-confidence negatives added";
+
+bool starts_with(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
+}  // namespace
+
+int TrainingMonitor::begin(const std::string &what) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++run_;
+    running_ = true;
+    ok_ = false;
+    what_ = what;
+    picture_.clear();
+    first_done_ = false;
+    samples_ = 0;
+    skipped_ = 0;
+    end_ms_ = 0;
+    steps_.clear();
+    start_ = std::chrono::steady_clock::now();
+    return run_;
+}
+
+void TrainingMonitor::picture(const std::string &name) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    picture_ = name;
+    first_done_ = false;
+}
+
+double TrainingMonitor::elapsed_ms() const {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_).count();
+}
+
+void TrainingMonitor::on_library_line(const std::string &line) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!running_) {
+        return;
+    }
+    if (starts_with(line, kSamplesLine)) {
+        samples_ = std::atoi(line.c_str() + std::strlen(kSamplesLine));
+        return;
+    }
+    if (starts_with(line, kSkippedBoxLine) && line.find(kSkippedBoxEnd) != std::string::npos) {
+        ++skipped_;
+        return;
+    }
+    if (starts_with(line, kTrainedLine)) {
+        // Only the first training of a picture is a step of its own; the
+        // trainings of the passes are reported by their pass lines.
+        if (!first_done_) {
+            first_done_ = true;
+            steps_.push_back({picture_, 0, 0, 0, samples_, elapsed_ms()});
+        }
+        return;
+    }
+    TrainingStep step;
+    if (std::sscanf(line.c_str(), kPassLineFormat, &step.pass, &step.false_positives, &step.low_confidence) == 3) {
+        step.picture = picture_;
+        step.samples = samples_;
+        step.ms = elapsed_ms();
+        steps_.push_back(step);
+    }
+}
+
+void TrainingMonitor::end(bool ok) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+    ok_ = ok;
+    end_ms_ = elapsed_ms();
+}
+
+std::vector<TrainingStep> TrainingMonitor::steps() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return steps_;
+}
+
+int TrainingMonitor::passes_of_last_picture() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    int passes = 0;
+    for (const TrainingStep &s : steps_) {
+        passes = s.pass == 0 ? 0 : s.pass;
+    }
+    return passes;
+}
+
+int TrainingMonitor::skipped_boxes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return skipped_;
+}
+
+nlohmann::ordered_json TrainingMonitor::step_json(const TrainingStep &s) {
+    nlohmann::ordered_json j;
+    j["picture"] = s.picture;
+    j["pass"] = s.pass;
+    j["false_positives"] = s.false_positives;
+    j["low_confidence"] = s.low_confidence;
+    j["samples"] = s.samples;
+    j["ms"] = std::round(s.ms * 10.0) / 10.0;
+    return j;
+}
+
+nlohmann::ordered_json TrainingMonitor::to_json() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    nlohmann::ordered_json j;
+    j["run"] = run_;
+    j["running"] = running_;
+    j["what"] = what_;
+    j["ok"] = ok_;
+    const double ms = running_ ? elapsed_ms() : end_ms_;
+    j["ms"] = std::round(ms * 10.0) / 10.0;
+    nlohmann::ordered_json steps = nlohmann::ordered_json::array();
+    for (const TrainingStep &s : steps_) {
+        steps.push_back(step_json(s));
+    }
+    j["steps"] = steps;
+    return j;
+}
+
+}  // namespace studio
+}  // namespace ostrel_tool
