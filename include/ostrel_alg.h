@@ -41,7 +41,10 @@
  *   Detection keeps the last picture's colour planes and feature map per
  *   thread, shared by the engines used on that thread: a second detection
  *   on the same thread with the same image_key, by the same or another
- *   engine, reuses them. The random draws of training belong to the engine
+ *   engine, reuses them (the accurate profile keeps its own such record per
+ *   thread, reused only by engines with the same feature configuration:
+ *   engines of the two profiles never share features). The random draws
+ *   of training belong to the engine
  *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
  *   any thread at any time. There is no other process-wide state.
  *
@@ -145,7 +148,8 @@ typedef struct ostrel_alg_image {
 /*
  * Box record (32 bytes), the unit of every box list, in both directions.
  *   x, y, width, height  the box in picture pixels (left, top, size).
- *   score         detections: confidence 0..1 in steps of 0.01; a box that
+ *   score         detections: confidence 0..1 in steps of 0.01 (under the
+ *                 accurate profile not rounded); a box that
  *                 overlap suppression removed carries -1.0. Marked boxes
  *                 passed in: not read.
  *   label         1 = positive (a box the user marked as the object, or a
@@ -295,6 +299,87 @@ OSTREL_ALG_API int32_t ostrel_alg_setModelId(ostrel_alg *handle, int32_t model_i
 OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model_id);
 
 /* ------------------------------------------------------------------------
+ * Options
+ *
+ * Settings of one engine, chosen by number. They belong to the engine:
+ * ostrel_alg_init keeps them, and a model file does not record them, so a
+ * host sets the same options before importing a model that was trained
+ * with them. Every option has a range and a default, listed below.
+ * ---------------------------------------------------------------------- */
+
+/*
+ * OSTREL_ALG_OPTION_PROFILE: how the detector learns and searches.
+ * Range 0..1, default OSTREL_ALG_PROFILE_CLASSIC.
+ *   OSTREL_ALG_PROFILE_CLASSIC   the library's original behaviour: every
+ *                                picture worked on at 242 x 136 pixels, one
+ *                                window size, random and self-detected
+ *                                background samples.
+ *   OSTREL_ALG_PROFILE_ACCURATE  built to find the object more reliably,
+ *                                at a somewhat higher cost: a working scale
+ *                                chosen from the object's size, the same
+ *                                for both axes; background learnt from
+ *                                every window of the training picture;
+ *                                mirrored copies of the marked boxes; a
+ *                                search over a few sizes around the marked
+ *                                one, with a finer step.
+ * A model trained (or imported) under one profile is only used under that
+ * profile: after a change of profile, detection fails with a log line until
+ * the profile is set back or a model is trained or imported again. Import
+ * under the accurate profile refuses a file whose window does not fit it.
+ * Under the accurate profile set-up does not auto-train: it learns from
+ * every window of the picture (and of its mirror image) at once, mining
+ * hard background in at most 6 rounds; the marked boxes must be one size;
+ * a box giving fewer than 3 cells a side or 201 weights, or a picture
+ * smaller than a window at the working scale, is refused with a log line.
+ * Accurate models store the weights and the bias x 10^7 (classic: x 10^5)
+ * and carry no false-positive filter. Detection resamples every picture to
+ * the training picture's working size (objects are taken to scale with the
+ * picture, as in the classic profile) and reports at most 32 detections
+ * and 64 boxes below the threshold.
+ */
+#define OSTREL_ALG_OPTION_PROFILE 1
+#define OSTREL_ALG_PROFILE_CLASSIC 0
+#define OSTREL_ALG_PROFILE_ACCURATE 1
+
+/*
+ * The accurate profile's own options; the classic profile ignores them.
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_CELLS: feature cells (of 2 x 2 working
+ * pixels) that a marked object should cover; the working scale follows
+ * from it. Range 36..400, default 100. More cells see more detail and cost
+ * more time. It shapes the window: a model is used only with the value it
+ * was trained or imported with (detection is refused with a log line
+ * otherwise, and an import under another value is refused).
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS: object sizes searched on each side
+ * of the marked size, 15% apart. Range 0..4, default 1 (three sizes: 0.87,
+ * 1 and 1.15 times the marked size). Training learns the background at
+ * these sizes too; detection may use another value than training.
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_OVERLAP: of two detections whose boxes
+ * overlap by this much or more (intersection over union, per cent), the
+ * weaker is dropped. Range 10..90, default 30. Detection only.
+ */
+#define OSTREL_ALG_OPTION_ACCURATE_CELLS 2
+#define OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS 3
+#define OSTREL_ALG_OPTION_ACCURATE_OVERLAP 4
+
+/*
+ * Sets option number `option` to `value`. Returns 1, with one log line and
+ * nothing changed, for a null handle, an unknown option or a value outside
+ * the option's range. Safe on the engine's own thread only, like every
+ * call on an engine.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value);
+
+/*
+ * Writes the value of option number `option` to *value (the default until
+ * it is set). Returns 1, with one log line and *value untouched, for a
+ * null handle, a null value or an unknown option.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value);
+
+/* ------------------------------------------------------------------------
  * Training
  * ---------------------------------------------------------------------- */
 
@@ -393,6 +478,7 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
  * oriented-gradient histograms. The buffer is owned by the engine and
  * stays valid until the next call of this function, init or destroy.
  * Refuses a picture above OSTREL_ALG_MAX_PICTURE_PIXELS.
+ * This is the classic profile's map, whatever the profile.
  */
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                     const uint8_t **data, uint32_t *channels,

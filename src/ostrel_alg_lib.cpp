@@ -7,7 +7,15 @@
 #include "ostrel_alg.h"
 #include "common/log.h"
 #include "common/utf16_path.h"
+#include "engine/engine_options.h"
 #include "engine/ostrel_alg.h"
+
+static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE && ostrel::kProfileClassic == OSTREL_ALG_PROFILE_CLASSIC &&
+                  ostrel::kProfileAccurate == OSTREL_ALG_PROFILE_ACCURATE &&
+                  ostrel::kOptionAccurateCells == OSTREL_ALG_OPTION_ACCURATE_CELLS &&
+                  ostrel::kOptionAccurateSizeSteps == OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS &&
+                  ostrel::kOptionAccurateOverlap == OSTREL_ALG_OPTION_ACCURATE_OVERLAP,
+              "the engine's option numbers are the header's");
 
 namespace {
 
@@ -48,6 +56,8 @@ enum LibLine : int {
     // Functions added after the original set.
     kSetRandomSeedLine = 483,
     kGetFeatureMapLine = 499,
+    kSetOptionLine = 515,
+    kGetOptionLine = 531,
 };
 
 bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
@@ -377,6 +387,36 @@ int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
         ostrel::log(kInsideHandlerFormat, __func__);
         return 1;
     }
+    return 0;
+}
+
+int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {
+    if (!handle_ok(handle, __func__, kSetOptionLine)) {
+        return 1;
+    }
+    const ostrel::option_spec *spec = ostrel::find_option(option);
+    if (spec == nullptr) {
+        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
+        return 1;
+    }
+    if (value < spec->minimum || value > spec->maximum) {
+        ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, spec->name, value, spec->minimum,
+                    spec->maximum);
+        return 1;
+    }
+    handle->options.set(option, value);
+    return 0;
+}
+
+int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value) {
+    if (!handle_ok(handle, __func__, kGetOptionLine) || !argument_ok(value, __func__, "value")) {
+        return 1;
+    }
+    if (ostrel::find_option(option) == nullptr) {
+        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
+        return 1;
+    }
+    *value = handle->options.get(option);
     return 0;
 }
 

@@ -64,12 +64,21 @@ bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
 }
 
 int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
+    if (options.is_accurate()) {
+        return runDetectorAccurate(image, out);
+    }
     if (!svm_model.trained() || image == nullptr) {
         log_run_failure();
         return 1;
     }
     if (!checkImgValid(image)) {
         log_run_failure();
+        return 1;
+    }
+    if (model_profile == ostrel::kProfileAccurate) {
+        ostrel::log("[Alg.Fail] %s: the model was made under the accurate profile; set the profile back, or train "
+                    "or import it again under the classic profile\n",
+                    kRunDetectorName);
         return 1;
     }
     if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine) ||

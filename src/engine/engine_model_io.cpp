@@ -120,8 +120,11 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return 1;
         }
         // The threshold is chosen from the current samples just before it
-        // is written, so the file always matches the filter it carries.
-        ostrel::getBestFPThreshold(pca_filter, training_samples);
+        // is written, so the file always matches the filter it carries (the
+        // accurate profile has no filter and no such samples).
+        if (model_profile != ostrel::kProfileAccurate) {
+            ostrel::getBestFPThreshold(pca_filter, training_samples);
+        }
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
             out.close();
@@ -184,6 +187,12 @@ int32_t ostrel_alg::importModel(const std::string &path) {
             return 1;
         }
         in.close();
+        // Read under the accurate profile, the window must fit it, or the
+        // weights would be read as another window's.
+        ostrel::accurate_geometry read_geometry;
+        if (options.is_accurate() && !acceptAccurateModel(read_model, read_filter, &read_geometry)) {
+            return 1;  // with the line that says why
+        }
 
         // The model is good: now the engine lets its samples, thumbnails and
         // results go and takes the file's records.
@@ -206,6 +215,11 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         acf_scale_idx = svm_model.trained_acf_scale_idx;
         feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
                                           svm_model.input_height);
+        model_profile = options.profile;
+        if (options.is_accurate()) {
+            accurate_geometry = read_geometry;
+            model_settings = accurateSettings();
+        }
         return 0;
     } catch (const std::exception &e) {
         ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());

@@ -64,6 +64,9 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
 }  // namespace
 
 int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
+    if (options.is_accurate()) {
+        return setDetectorAccurate(image, boxes);
+    }
     if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
         return fail(kSetDetectorName, kRefusedInputLine);
     }
@@ -187,6 +190,9 @@ void ostrel_alg::getSamples_ptr(ostrel_alg_sample **samples, uint32_t *count) {
 }
 
 int32_t ostrel_alg::removeSample(uint32_t index) {
+    if (options.is_accurate()) {
+        return removeSampleAccurate(index);
+    }
     // An index equal to the count is refused as well: there is no such
     // sample. Thumbnails and sample groups are kept in step, but guard both.
     // Refusals here are silent, and a failed retraining below does not put

@@ -153,6 +153,7 @@ int32_t ostrel_alg::trainClassifier() {
         return 1;
     }
     svm_model = std::move(trained_model);
+    model_profile = ostrel::kProfileClassic;
     ostrel::publishPcaFilter(pca_filter);
     // init and import keep the filter with the model; once a training has
     // made a model whose windows that filter cannot measure (another window

@@ -90,6 +90,7 @@ void ostrel_alg::release() {
     result_boxes.reset();
     result_box_count = 0;
     exported_feature_map = ostrel::feature_map{};
+    accurate_pictures.clear();
 }
 
 int32_t ostrel_alg::createSvm() {
@@ -133,6 +134,11 @@ void ostrel_alg::setTrainingSize(uint32_t object_width, uint32_t object_height, 
 void ostrel_alg::countSamples(uint32_t *positives, uint32_t *negatives) const {
     *positives = 0;
     *negatives = 0;
+    if (options.is_accurate()) {
+        *positives = accurate_positive_count;
+        *negatives = accurate_negative_count;
+        return;
+    }
     for (const ostrel::training_sample &group : training_samples) {
         (group.label == ostrel::kPositiveLabel ? *positives : *negatives) += 1;
         for (const ostrel::training_sample &variant : group.variants) {

@@ -21,7 +21,11 @@
 #include "acf/feature_map.h"
 #include "acf/ostrel_acf.h"
 #include "acf/training_sample.h"
+#include "accurate/accurate_geometry.h"
+#include "accurate/accurate_settings.h"
+#include "accurate/accurate_trainer.h"
 #include "detect/window_scan.h"
+#include "engine/engine_options.h"
 #include "fpfilter/pca_fp_filter.h"
 #include "train/svm_model.h"
 
@@ -117,6 +121,30 @@ public:
     // The map handed out by getFeatureMap, owned until the next call, init
     // or destroy.
     ostrel::feature_map exported_feature_map;
+    // The host's options (ostrel_alg_setOption); init keeps them.
+    ostrel::engine_options options;
+    // The profile the model in svm_model was trained or imported under (-1:
+    // no model), and the settings of its window: detection refuses a model
+    // whose profile or window no longer matches the options.
+    int32_t model_profile = -1;
+    ostrel::accurate_settings model_settings;
+    // The accurate profile's training pictures and the window of its model.
+    std::vector<ostrel::accurate_training_picture> accurate_pictures;
+    ostrel::accurate_geometry accurate_geometry;
+
+    // --- the accurate profile (engine_accurate.cpp) ----------------------
+    ostrel::accurate_settings accurateSettings() const;
+    int32_t setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes);
+    int32_t runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
+    int32_t trainAccurate();
+    // Checks a model read from a file against the accurate profile, before
+    // the engine takes it; false (with a log line) when its window does not
+    // fit. On success *geometry is the model's window.
+    bool acceptAccurateModel(const ostrel::svm_model &model, const ostrel::pca_fp_filter &filter,
+                             ostrel::accurate_geometry *geometry) const;
+    int32_t removeSampleAccurate(uint32_t index);
+    uint32_t accurate_positive_count = 0;
+    uint32_t accurate_negative_count = 0;
 
 private:
     void freeSampleThumbs();

@@ -42,6 +42,9 @@ namespace {
 class DetectWorker {
 public:
     explicit DetectWorker(const BatchDetectOptions &o) : o_(o) {
+        if (!engine_.set_profile(o.profile)) {
+            throw ToolError(ExitCode::failed, "the library refused the profile: " + engine_.last_line());
+        }
         load_model(engine_, o.model);
         if (!engine_.set_sensitivity(o.sensitivity)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());

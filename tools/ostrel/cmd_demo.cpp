@@ -56,6 +56,7 @@ struct DemoOptions {
     std::string out_dir = "out/demo";
     std::string data_dir = OSTREL_DATA_DIR;
     uint32_t sensitivity = kDefaultSensitivity;
+    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
 };
 
 struct AnnotatedPicture {
@@ -145,7 +146,7 @@ int run_demo(const DemoOptions &o) {
     // 2. Train with a fixed seed, one progress line per training.
     println(strformat("2. Training  sensitivity %u, seed %u", o.sensitivity, kSeed));
     Engine engine;
-    if (!engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(kSeed)) {
+    if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(kSeed)) {
         throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
     }
     TrainingProgress progress(tool_out(), static_cast<int>(marked.size()), "            ");
@@ -244,6 +245,7 @@ int run_demo(const DemoOptions &o) {
     //    detections are compared: an engine that trained itself also reports
     //    boxes below the threshold, an imported one does not.
     Engine reloaded;
+    if (!reloaded.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + reloaded.last_line());
     load_model(reloaded, model_path);
     if (!reloaded.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + reloaded.last_line());
@@ -335,6 +337,7 @@ void add_demo_command(CLI::App &app, CommandAction &action) {
         ->type_name("DIR");
     sub->add_option("--data", o->data_dir, "the repository's data folder (default: the one it was built from)")
         ->type_name("DIR");
+    add_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");

@@ -62,6 +62,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_flag("-r,--recursive", o.recursive, "search folders in their sub-folders too");
+    add_profile_option(sub, &o.profile);
     sub->add_option("--sensitivity", o.sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");

@@ -26,6 +26,7 @@ struct EvalOptions {
     std::string class_name;
     double iou = 0.5;
     uint32_t sensitivity = kDefaultSensitivity;
+    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
 };
 
 int run_eval(const EvalOptions &o) {
@@ -48,6 +49,7 @@ int run_eval(const EvalOptions &o) {
     }
 
     Engine engine;
+    if (!engine.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
     load_model(engine, o.model);
     if (!engine.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
@@ -105,6 +107,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--iou", o->iou, "overlap (intersection over union) a detection needs to count (default 0.5)")
         ->check(CLI::Range(0.0, 1.0))
         ->type_name("T");
+    add_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(CLI::Range(0, 100))
         ->type_name("N");

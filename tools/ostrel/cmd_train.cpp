@@ -30,6 +30,7 @@ struct TrainOptions {
     std::string model;
     uint32_t sensitivity = kDefaultSensitivity;
     uint32_t seed = kDefaultSeed;
+    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
     int width = 0;
     int height = 0;
     bool median_size = false;
@@ -193,8 +194,12 @@ int run_train(const TrainOptions &o) {
                     }
                 }
             }
-            require_learnable(window, picture, map);
-            if (!engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(o.seed)) {
+            // The accurate profile chooses its own window and says itself when a box does not fit.
+            if (o.profile == OSTREL_ALG_PROFILE_CLASSIC) {
+                require_learnable(window, picture, map);
+            }
+            if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) ||
+                !engine.set_random_seed(o.seed)) {
                 throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
             }
             if (several) {
@@ -262,6 +267,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
                     "0..100, how readily the detector reports a box (default 80); used by auto-training")
         ->check(CLI::Range(0, 100))
         ->type_name("N");
+    add_profile_option(sub, &o->profile);
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");
     sub->add_option("--width", o->width, "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
         ->check(CLI::PositiveNumber)

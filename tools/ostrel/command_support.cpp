@@ -1,6 +1,7 @@
 #include "command_support.h"
 
 #include <filesystem>
+#include <map>
 
 #include "atomic_file.h"
 #include "model_info.h"
@@ -8,6 +9,13 @@
 #include "tool_output.h"
 
 namespace ostrel_tool {
+
+void add_profile_option(CLI::App *command, int32_t *profile) {
+    command->add_option("--profile", *profile, "classic (default) or accurate: how the detector learns and searches")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, int32_t>{{"classic", OSTREL_ALG_PROFILE_CLASSIC}, {"accurate", OSTREL_ALG_PROFILE_ACCURATE}}))
+        ->type_name("NAME");
+}
 
 void require_file(const std::string &path, const char *what) {
     std::error_code ec;

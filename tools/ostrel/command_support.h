@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "box_geometry.h"
 #include "engine.h"
 
@@ -20,6 +22,11 @@ constexpr uint32_t kDefaultSensitivity = 80;
 // Background samples are drawn at random; a fixed seed makes training
 // reproducible unless the user asks for another one.
 constexpr uint32_t kDefaultSeed = 1;
+
+// Adds --profile classic|accurate to a command (default classic). A model
+// file does not record its profile: detect, eval and demo take the one it
+// was trained with.
+void add_profile_option(CLI::App *command, int32_t *profile);
 
 // Throws an input error unless path names an existing regular file.
 void require_file(const std::string &path, const char *what);

@@ -101,6 +101,10 @@ bool Engine::set_sensitivity(uint32_t sensitivity) {
     return call([&] { return ostrel_alg_setSensitivity(handle_, sensitivity); }) == 0;
 }
 
+bool Engine::set_profile(int32_t profile) {
+    return call([&] { return ostrel_alg_setOption(handle_, OSTREL_ALG_OPTION_PROFILE, profile); }) == 0;
+}
+
 bool Engine::set_random_seed(uint32_t seed) {
     return call([&] { return ostrel_alg_setRandomSeed(handle_, seed); }) == 0;
 }

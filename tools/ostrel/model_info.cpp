@@ -193,6 +193,8 @@ std::string describe_model(const ModelInfo &info) {
             s += strformat("%s: %d x %d\n", filter_matrix_name(m), info.filter[m].rows, info.filter[m].cols);
         }
     }
+    s += "profile: not recorded in the file (classic and accurate models share the layout; accurate weights and bias "
+         "are x 1/10000000): give detect the profile it was trained with\n";
     s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
     s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
                    info.length_matches() ? "" : " (differs)");

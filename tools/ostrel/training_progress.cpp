@@ -15,6 +15,10 @@ constexpr const char *kSkippedBoxEnd = ": skipped";
 constexpr const char *kPassLineFormat =
     "[Alg. Scc] Auto-training pass %d: %d false positives and %d low-confidence negatives added";
 
+// The accurate profile's training lines.
+constexpr const char *kAccurateTrainingFormat = "[Alg. Scc] Accurate training: %d objects, %d background windows";
+constexpr const char *kAccurateRoundFormat = "[Alg. Scc] Accurate mining round %d: %d of %d hard background windows added";
+
 bool starts_with(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
 
 double seconds_between(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
@@ -43,9 +47,23 @@ void TrainingProgress::on_library_line(const std::string &line) {
         filter_rebuilt_ = true;
         return;
     }
+    int a = 0, b = 0, c = 0;
+    if (std::sscanf(line.c_str(), kAccurateTrainingFormat, &a, &b) == 2) {
+        accurate_ = true;
+        samples_ = a + b;
+        print_step(strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows", a, b));
+        return;
+    }
+    if (std::sscanf(line.c_str(), kAccurateRoundFormat, &a, &b, &c) == 3) {
+        samples_ += b;
+        passes_ = a;
+        print_step(strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained", a,
+                             b, c));
+        return;
+    }
     if (starts_with(line, kTrainedLine)) {
         ++trainings_;
-        if (trainings_ == 1) {
+        if (trainings_ == 1 && !accurate_) {
             report_first_training();
         }
         return;
@@ -96,6 +114,8 @@ void TrainingProgress::finish() {
     std::string text;
     if (trainings_ == 0) {
         text = "trained";
+    } else if (accurate_) {
+        text = "no background window left that it gets wrong, done";
     } else if (passes >= kMaxPasses) {
         text = strformat("auto-training stopped after the maximum of %d passes", kMaxPasses);
     } else {

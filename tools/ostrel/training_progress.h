@@ -59,6 +59,7 @@ private:
     int passes_ = 0;
     int skipped_boxes_ = 0;
     bool filter_rebuilt_ = false;
+    bool accurate_ = false;  // the accurate profile's lines came
 };
 
 }  // namespace ostrel_tool

@@ -86,11 +86,6 @@ std::string read_model_file(const std::string &path) {
 }
 
 int run_studio(const StudioOptions &o) {
-    if (o.profile != "classic") {
-        // The library of this build has one behaviour; the accurate profile
-        // needs a library that can be told to use it.
-        throw usage_error("--profile " + o.profile + " is not available: this library offers the classic profile only");
-    }
     // Ctrl-C and SIGTERM are taken by one thread that stops the server. Every
     // other thread must be started with them blocked: the server's, and the
     // worker threads OpenCV starts inside the library on its first picture.

@@ -83,7 +83,9 @@ Workspace::~Workspace() = default;
 std::unique_ptr<Engine> Workspace::fresh_engine() {
     auto engine = std::make_unique<Engine>();
     engine->set_line_handler([this](const std::string &line) { monitor_.on_library_line(line); });
-    if (!engine->set_random_seed(settings_.seed) || !engine->set_sensitivity(settings_.train_sensitivity)) {
+    const int32_t profile = settings_.profile == "accurate" ? OSTREL_ALG_PROFILE_ACCURATE : OSTREL_ALG_PROFILE_CLASSIC;
+    if (!engine->set_profile(profile) || !engine->set_random_seed(settings_.seed) ||
+        !engine->set_sensitivity(settings_.train_sensitivity)) {
         throw ApiError(http_status::internal_error, "the library refused the settings: " + engine->last_line());
     }
     return engine;

@@ -1,0 +1,54 @@
+// accurate_detect: the accurate profile's search over one picture - every
+// window position of every searched size, overlap suppression across sizes,
+// and the scores.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "ostrel_alg.h"
+#include "accurate/accurate_geometry.h"
+#include "accurate/accurate_pyramid.h"
+#include "accurate/accurate_settings.h"
+#include "accurate/window_sums.h"
+
+namespace ostrel {
+
+// A candidate: a box in picture pixels with its classifier margin.
+struct margin_box {
+    ostrel_alg_box box{};
+    float margin = 0.0f;
+};
+
+struct accurate_search {
+    const quantised_weights *weights = nullptr;
+    // margin = window sum * weights->scale * sum_scale + bias
+    double sum_scale = 1.0;
+    double bias = 0.0;
+    // Reported box size at the marked size, in pixels of this picture.
+    double box_width = 0.0;
+    double box_height = 0.0;
+};
+
+// Every window whose margin reaches `floor_margin`, on every level, as a box
+// centred on the window's object cells; in level, column, row order.
+std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const accurate_geometry &geometry,
+                                       const accurate_search &search, float floor_margin);
+
+// Greedy suppression: strongest first (earlier on equal margins), a box
+// overlapping a kept one by `max_overlap` (IoU) or more is dropped. Keeps at
+// most `limit` boxes.
+std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit);
+
+// Confidence of a margin: the logistic function, 0..1 (0.5 at margin 0).
+float margin_confidence(float margin);
+
+// The box cut to the picture (at least one pixel of it kept): an object cut
+// off by the picture's edge is reported as its visible part.
+ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t height);
+
+// Sets the colour classes of every box from the pyramid's Lab planes at the
+// marked size (see color_labels.h).
+void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes);
+
+}  // namespace ostrel

@@ -1,0 +1,55 @@
+// accurate_pyramid: one picture at every searched object size - the
+// feature map of each working picture (with its mirror image, for
+// training), padded so that windows reach past the picture's edge, and the
+// Lab planes at the marked size (for the colour classes).
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "acf/chn_image.h"
+#include "acf/feature_map.h"
+#include "acf/picture_resample.h"
+#include "accurate/accurate_channels.h"
+#include "accurate/working_picture.h"
+
+namespace ostrel {
+
+struct pyramid_level {
+    double size_factor = 1.0;  // objects this many times the marked size
+    float scale_x = 0.0f;      // working pixels per picture pixel
+    float scale_y = 0.0f;
+    // Cells added on each side of the maps.
+    int32_t pad_columns = 0;
+    int32_t pad_rows = 0;
+    feature_map map;
+    feature_map mirrored;      // the mirror image's map (training only)
+};
+
+struct accurate_pyramid {
+    int32_t picture_columns = 0;
+    int32_t picture_rows = 0;
+    std::vector<pyramid_level> levels;
+    chn_image8 lab;  // Lab record at the marked size (record terms)
+    int32_t marked_level = 0;
+
+    bool empty() const { return levels.empty(); }
+};
+
+struct pyramid_request {
+    int32_t base_columns = 0;  // working size at the marked size
+    int32_t base_rows = 0;
+    std::vector<double> size_factors;
+    int32_t marked_index = 0;  // the factor 1 among them
+    bool with_mirror = false;
+    int32_t pad_columns = 0;
+    int32_t pad_rows = 0;
+    channel_recipe recipe;
+};
+
+// Builds the levels of a picture. Levels whose working picture would be
+// smaller than 2 x 2 pixels are left out.
+accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyramid_request &request,
+                                        picture_resample_scratch &scratch);
+
+}  // namespace ostrel

@@ -1,0 +1,69 @@
+// linear_svm: a linear support-vector machine (L2-regularised, hinge loss)
+// trained by dual coordinate descent, on byte feature vectors.
+//
+// Written here rather than taken from liblinear because liblinear draws its
+// coordinate order from the C library's process-wide rand(): two engines
+// training on two threads would change each other's results. This solver
+// draws from a generator of its own, seeded by the caller, so a training is
+// repeatable whatever else runs in the process.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace ostrel {
+
+struct linear_svm_settings {
+    double cost = 1.0;          // C, the price of a sample on the wrong side of its margin
+    double tolerance = 0.05;    // stop when the projected gradients span less
+    int32_t max_epochs = 400;   // passes over the samples, at most
+    // Samples visited in all, at most: with max_epochs the bound of a
+    // training's work (about 100 000 on the development sets).
+    int64_t max_visits = 2000000;
+    uint32_t seed = 1;          // of the coordinate order
+};
+
+// The samples: rows of `dimension` bytes, each read as byte / 255 less the
+// centre of that feature, plus a constant bias feature of 1. Centring keeps
+// the features from pointing all one way, which would slow the solver down
+// badly (every pair of samples would look alike to it).
+class linear_svm {
+public:
+    explicit linear_svm(int32_t dimension);
+
+    // Sets the centre of each feature to its mean over the samples held now
+    // (call once, before the first training).
+    void centre_on_samples();
+
+    int32_t dimension() const { return dimension_; }
+    size_t size() const { return labels_.size(); }
+    // Appends a sample (dimension bytes) labelled +1 or -1; its dual
+    // variable starts at 0, the others keep theirs (a warm start).
+    void add(const uint8_t *features, int32_t label);
+    const uint8_t *sample(size_t i) const { return features_.data() + i * static_cast<size_t>(dimension_); }
+    int32_t label(size_t i) const { return labels_[i]; }
+
+    // Trains from the current dual variables; returns the epochs run.
+    int32_t train(const linear_svm_settings &settings);
+
+    // Weights per byte of a window (dimension values, already divided by
+    // 255) and the bias: the margin of a window x is sum(w * x) + bias.
+    std::vector<float> byte_weights() const;
+    double bias() const;
+    // Margin of a row of bytes under the current weights.
+    double margin(const uint8_t *features) const;
+
+private:
+    int32_t dimension_;
+    std::vector<uint8_t> features_;
+    std::vector<int32_t> labels_;
+    std::vector<double> alpha_;
+    std::vector<float> weights_;  // dimension + 1 (bias last), on centred byte / 255 units
+    std::vector<float> centre_;   // per feature, in byte / 255 units
+    std::vector<double> norms_;   // squared norm of each centred sample, bias feature included
+
+    double centred_norm(const uint8_t *features) const;
+};
+
+}  // namespace ostrel

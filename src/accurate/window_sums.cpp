@@ -1,0 +1,217 @@
+#include "accurate/window_sums.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define OSTREL_WINDOW_SUMS_SSE2 1
+#endif
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include <immintrin.h>
+#define OSTREL_WINDOW_SUMS_AVX2 1
+#endif
+
+namespace ostrel {
+
+namespace {
+
+// Positions computed per block; columns carry this many spare pairs.
+constexpr int32_t kBlock = 4;
+constexpr double kMaxSumMagnitude = 2147483647.0;
+
+}  // namespace
+
+quantised_weights quantise_weights(const double *weights, int32_t channels, int32_t window_columns,
+                                   int32_t window_rows) {
+    quantised_weights q;
+    q.channels = channels;
+    q.window_columns = window_columns;
+    q.window_rows = window_rows;
+    q.tap_pairs = (window_rows + 1) / 2;
+    const size_t n = static_cast<size_t>(channels) * window_columns * window_rows;
+    double largest = 0.0;
+    double total = 0.0;
+    for (size_t i = 0; i < n; ++i) {
+        largest = std::max(largest, std::fabs(weights[i]));
+        total += std::fabs(weights[i]);
+    }
+    // The finest power of two that keeps values within 16 bits and every
+    // possible sum (bytes up to 255) within 32; rounding adds at most half
+    // a unit per weight, so a unit of margin is left for it.
+    int32_t exponent = 0;
+    const double room = kMaxSumMagnitude / 255.0 - static_cast<double>(n);  // positive for any window a model holds
+    if (largest > 0.0 && std::isfinite(total) && room > 0.0) {
+        const double limit = std::min(32767.0 / largest, room / total);
+        exponent = std::max(-1000, std::min(1000, static_cast<int32_t>(std::floor(std::log2(limit)))));
+        while (std::ldexp(largest, exponent) > 32767.0 ||
+               (std::ldexp(total, exponent) + static_cast<double>(n)) * 255.0 > kMaxSumMagnitude) {
+            --exponent;
+        }
+    }
+    q.scale = std::ldexp(1.0, -exponent);
+    q.plain.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        q.plain[i] = static_cast<int16_t>(std::lround(std::ldexp(weights[i], exponent)));
+    }
+    q.pairs.assign(static_cast<size_t>(channels) * window_columns * q.tap_pairs * 2, 0);
+    for (int32_t c = 0; c < channels; ++c) {
+        for (int32_t r = 0; r < window_columns; ++r) {
+            const int16_t *w = q.plain.data() + (static_cast<size_t>(c) * window_columns + r) * window_rows;
+            int16_t *p = q.pairs.data() + (static_cast<size_t>(c) * window_columns + r) * q.tap_pairs * 2;
+            for (int32_t k = 0; k < window_rows; ++k) p[k] = w[k];  // pairs (w[2j], w[2j+1]) are consecutive
+        }
+    }
+    return q;
+}
+
+void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                  uint8_t *out) {
+    for (int32_t c = 0; c < map.channels; ++c) {
+        for (int32_t r = 0; r < window_columns; ++r) {
+            std::memcpy(out, map.data.data() + map.index(c, x + r, y), static_cast<size_t>(window_rows));
+            out += window_rows;
+        }
+    }
+}
+
+paired_map pair_cells(const feature_map &map) {
+    paired_map out;
+    out.channels = map.channels;
+    out.columns = map.columns;
+    out.rows = map.rows;
+    // Room for a last block of eight positions (the AVX2 loop) past the end.
+    out.stride = 2 * (map.rows + 2 * kBlock + 2);
+    out.data.assign(static_cast<size_t>(map.channels) * map.columns * out.stride, 0);
+    for (int32_t c = 0; c < map.channels; ++c) {
+        for (int32_t x = 0; x < map.columns; ++x) {
+            const uint8_t *column = map.data.data() + map.index(c, x, 0);
+            int16_t *p = out.data.data() + (static_cast<size_t>(c) * map.columns + x) * out.stride;
+            for (int32_t y = 0; y < map.rows; ++y) {
+                p[2 * y] = column[y];
+                p[2 * y + 1] = y + 1 < map.rows ? column[y + 1] : 0;
+            }
+        }
+    }
+    return out;
+}
+
+namespace {
+
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+// The column loop with eight positions per instruction, for processors
+// that have AVX2. The same integer sums as the loop below.
+__attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, const quantised_weights &weights,
+                                                      int32_t x, int32_t blocks8, int32_t *accumulator) {
+    const int32_t taps = weights.tap_pairs;
+    for (int32_t c = 0; c < weights.channels; ++c) {
+        for (int32_t r = 0; r < weights.window_columns; ++r) {
+            const int16_t *column =
+                map.data.data() + (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride);
+            const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+            for (int32_t j = 0; j < taps; ++j) {
+                const int16_t *in = column + 4 * j;
+                int32_t pair_bits;
+                std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                const __m256i wv = _mm256_set1_epi32(pair_bits);
+                for (int32_t b = 0; b < blocks8; ++b) {
+                    const __m256i cells = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16 * b));
+                    __m256i *acc = reinterpret_cast<__m256i *>(accumulator + 8 * b);
+                    _mm256_storeu_si256(acc, _mm256_add_epi32(_mm256_loadu_si256(acc), _mm256_madd_epi16(cells, wv)));
+                }
+            }
+        }
+    }
+}
+
+bool has_avx2() {
+    static const bool available = __builtin_cpu_supports("avx2");
+    return available;
+}
+#endif
+
+}  // namespace
+
+window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights, sums_path path) {
+    window_sum_grid grid;
+    if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
+        map.columns < weights.window_columns || map.rows < weights.window_rows) {
+        return grid;
+    }
+    grid.columns = map.columns - weights.window_columns + 1;
+    grid.rows = map.rows - weights.window_rows + 1;
+    grid.sums.assign(static_cast<size_t>(grid.columns) * grid.rows, 0);
+    const int32_t blocks = (grid.rows + kBlock - 1) / kBlock;
+    std::vector<int32_t> accumulator(static_cast<size_t>(blocks) * kBlock + kBlock);
+    const int32_t taps = weights.tap_pairs;
+    for (int32_t x = 0; x < grid.columns; ++x) {
+        std::fill(accumulator.begin(), accumulator.end(), 0);
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+        if (path == sums_path::fastest && has_avx2() &&
+            map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1)) {
+            column_sums_avx2(map, weights, x, (blocks + 1) / 2, accumulator.data());
+            std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
+                      grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+            continue;
+        }
+#endif
+        for (int32_t c = 0; c < weights.channels; ++c) {
+            for (int32_t r = 0; r < weights.window_columns; ++r) {
+                const int16_t *column =
+                    map.data.data() + (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride);
+                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+                for (int32_t j = 0; j < taps; ++j) {
+                    const int16_t *in = column + 4 * j;  // pair at row y + 2j starts at 2 * (y + 2j)
+#if defined(OSTREL_WINDOW_SUMS_SSE2)
+                    if (path != sums_path::portable) {
+                    int32_t pair_bits;
+                    std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                    const __m128i wv = _mm_set1_epi32(pair_bits);
+                    for (int32_t b = 0; b < blocks; ++b) {
+                        const __m128i cells = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + 2 * kBlock * b));
+                        __m128i *acc = reinterpret_cast<__m128i *>(accumulator.data() + kBlock * b);
+                        _mm_storeu_si128(acc, _mm_add_epi32(_mm_loadu_si128(acc), _mm_madd_epi16(cells, wv)));
+                    }
+                    continue;
+                    }
+#endif
+                    const int32_t w0 = w[2 * j];
+                    const int32_t w1 = w[2 * j + 1];
+                    for (int32_t y = 0; y < blocks * kBlock; ++y) {
+                        accumulator[static_cast<size_t>(y)] += in[2 * y] * w0 + in[2 * y + 1] * w1;
+                    }
+                }
+            }
+        }
+        std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
+                  grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+    }
+    return grid;
+}
+
+window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights) {
+    window_sum_grid grid;
+    if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
+        map.columns < weights.window_columns || map.rows < weights.window_rows) {
+        return grid;
+    }
+    grid.columns = map.columns - weights.window_columns + 1;
+    grid.rows = map.rows - weights.window_rows + 1;
+    grid.sums.assign(static_cast<size_t>(grid.columns) * grid.rows, 0);
+    for (int32_t x = 0; x < grid.columns; ++x) {
+        for (int32_t y = 0; y < grid.rows; ++y) {
+            int64_t sum = 0;
+            const int16_t *w = weights.plain.data();
+            for (int32_t c = 0; c < map.channels; ++c) {
+                for (int32_t r = 0; r < weights.window_columns; ++r) {
+                    for (int32_t k = 0; k < weights.window_rows; ++k) sum += map.at(c, x + r, y + k) * *w++;
+                }
+            }
+            grid.sums[static_cast<size_t>(x) * grid.rows + y] = static_cast<int32_t>(sum);
+        }
+    }
+    return grid;
+}
+
+}  // namespace ostrel

@@ -1,0 +1,69 @@
+// window_sums: the accurate profile's window scan in 16-bit integers.
+//
+// The classifier's weights are brought to 16 bits with one power-of-two
+// scale, chosen so that no window sum can leave 32 bits: then every sum is
+// exact and the SIMD scan gives the same integers as the plain loop, on any
+// machine. The map is laid out once in pairs of vertically neighbouring
+// cells, so that one multiply-add instruction takes two window rows at four
+// (SSE2) positions at a time.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "acf/feature_map.h"
+
+namespace ostrel {
+
+struct quantised_weights {
+    int32_t channels = 0;
+    int32_t window_columns = 0;
+    int32_t window_rows = 0;
+    int32_t tap_pairs = 0;          // (window_rows + 1) / 2
+    std::vector<int16_t> pairs;     // per channel, window column, tap pair: (w[k], w[k+1]), 0 past the window
+    std::vector<int16_t> plain;     // window feature order, for the reference loop
+    double scale = 0.0;             // a weight is about its 16-bit value times scale
+};
+
+// Weights in window feature order (channel, window column, window row).
+// The scale is the largest power of two (times unit) that keeps every
+// 16-bit value and the sum of their magnitudes times 255 in range.
+quantised_weights quantise_weights(const double *weights, int32_t channels, int32_t window_columns,
+                                   int32_t window_rows);
+
+// The map's cells as 16-bit pairs: for channel c, column x, row y the pair
+// (cell(c, x, y), cell(c, x, y + 1)), 0 past the last row, and a few zero
+// pairs after every column so that a block of positions may run over.
+struct paired_map {
+    int32_t channels = 0;
+    int32_t columns = 0;
+    int32_t rows = 0;
+    int32_t stride = 0;  // pairs per column
+    std::vector<int16_t> data;
+};
+paired_map pair_cells(const feature_map &map);
+
+struct window_sum_grid {
+    int32_t columns = 0;  // positions across
+    int32_t rows = 0;     // positions down
+    std::vector<int32_t> sums;  // position (x, y) at x * rows + y
+    int32_t at(int32_t x, int32_t y) const { return sums[static_cast<size_t>(x) * rows + y]; }
+};
+
+// Which loop computes the sums; all give the same integers. `fastest` takes
+// AVX2 where the processor has it, else SSE2 (every x86-64 processor).
+enum class sums_path { fastest, sse2, portable };
+
+// The bytes of the window with top-left cell (x, y), in window feature
+// order (the layout of the weights). The window must lie inside the map.
+void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                  uint8_t *out);
+
+// Sum of byte times 16-bit weight over every window position, one cell
+// apart. Empty when no window fits.
+window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights,
+                            sums_path path = sums_path::fastest);
+// The same sums by the plain loop over the map's bytes.
+window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights);
+
+}  // namespace ostrel

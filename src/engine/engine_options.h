@@ -1,0 +1,52 @@
+// engine_options: the settings a host chooses for one engine through
+// ostrel_alg_setOption, in one record that the units needing them read.
+//
+// Options belong to the engine, not to the model: init keeps them and the
+// model file does not record them. Every option has a fixed range and a
+// default; a value outside the range is refused and changes nothing.
+#pragma once
+
+#include <cstdint>
+
+#include "accurate/accurate_settings.h"
+
+namespace ostrel {
+
+// Option numbers and values, as the public header names them.
+// (src/ostrel_alg_lib.cpp checks them against the header.)
+inline constexpr int32_t kOptionProfile = 1;
+inline constexpr int32_t kOptionAccurateCells = 2;
+inline constexpr int32_t kOptionAccurateSizeSteps = 3;
+inline constexpr int32_t kOptionAccurateOverlap = 4;
+inline constexpr int32_t kProfileClassic = 0;
+inline constexpr int32_t kProfileAccurate = 1;
+
+// One option: its number, name (for log lines), range (inclusive) and default.
+struct option_spec {
+    int32_t id;
+    const char *name;
+    int32_t minimum;
+    int32_t maximum;
+    int32_t default_value;
+};
+
+// Every option the engine knows, in number order; *count receives their number.
+const option_spec *option_specs(int32_t *count);
+// The spec of option `id`, or null when there is none.
+const option_spec *find_option(int32_t id);
+
+struct engine_options {
+    int32_t profile = kProfileClassic;
+    // The accurate profile's numbers; three of them are options.
+    accurate_settings accurate;
+
+    bool is_accurate() const { return profile == kProfileAccurate; }
+
+    // The value of a known option (0 for an unknown one: callers look the
+    // option up first).
+    int32_t get(int32_t id) const;
+    // Stores a value the caller has checked against the option's range.
+    void set(int32_t id, int32_t value);
+};
+
+}  // namespace ostrel
