@@ -1,6 +1,7 @@
 #include "batch_detection.h"
 
 #include <malloc.h>
+#include <sys/stat.h>
 #ifdef __linux__
 #include <sched.h>
 #endif
@@ -13,7 +14,9 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <thread>
+#include <utility>
 
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
@@ -45,7 +48,7 @@ public:
         if (!engine_.set_profile(o.profile)) {
             throw ToolError(ExitCode::failed, "the library refused the profile: " + engine_.last_line());
         }
-        load_model(engine_, o.model);
+        load_model(engine_, o.model, o.profile);
         if (!engine_.set_sensitivity(o.sensitivity)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
         }
@@ -73,6 +76,16 @@ private:
             work.kind == DetectWork::Kind::video_end) {
             r.input_problem = work.message;
             return r;
+        }
+        if (!work.draw_path.empty()) {
+            // A FIFO, device or folder in the way of the drawn copy: refused
+            // before the picture is worked on, and left as it is.
+            try {
+                output_target(work.draw_path, "picture");
+            } catch (const ToolError &e) {
+                r.output_problem = e.what();
+                return r;
+            }
         }
         Picture picture;
         if (work.kind == DetectWork::Kind::picture) {
@@ -159,12 +172,33 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
 
 using DetectPool = OrderedPool<DetectWork, DetectResult>;
 
+// The files of the inputs, as the file system knows them (device and inode),
+// so that an output spelt another way (./, a link) is still recognised.
+class InputFiles {
+public:
+    explicit InputFiles(const std::vector<BatchInput> &inputs) {
+        for (const BatchInput &input : inputs) {
+            struct stat st;
+            if (::stat(input.path.c_str(), &st) == 0) {
+                ids_.insert({st.st_dev, st.st_ino});
+            }
+        }
+    }
+    bool holds(const std::string &path) const {
+        struct stat st;
+        return ::stat(path.c_str(), &st) == 0 && ids_.count({st.st_dev, st.st_ino}) > 0;
+    }
+
+private:
+    std::set<std::pair<dev_t, ino_t>> ids_;
+};
+
 // Hands out the work of every input in order, taking results back whenever
 // the pool is full so that at most a window of items is in memory.
 class WorkFeeder {
 public:
-    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, BatchResults &results)
-        : o_(o), pool_(pool), results_(results), names_(o.draw_dir) {}
+    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, BatchResults &results, const InputFiles &inputs)
+        : o_(o), pool_(pool), results_(results), names_(o.draw_dir), inputs_(inputs) {}
 
     void feed(const std::vector<BatchInput> &inputs) {
         for (const BatchInput &input : inputs) {
@@ -177,7 +211,7 @@ public:
                 DetectWork work;
                 work.path = input.path;
                 if (!o_.draw_dir.empty()) {
-                    work.draw_path = names_.name_for(input.path, ".png");
+                    work.draw_path = output_name_for(input.path, ".png");
                 }
                 submit(std::move(work));
             }
@@ -191,6 +225,22 @@ public:
     }
 
 private:
+    // The drawn copy's name in the --draw folder; never the file of an input
+    // of this run (the input would be lost): then the next free name, and a
+    // warning that says so.
+    std::string output_name_for(const std::string &input, const std::string &extension) {
+        const std::string first = names_.name_for(input, extension);
+        std::string name = first;
+        while (inputs_.holds(name)) {
+            name = names_.name_for(input, extension);
+        }
+        if (name != first) {
+            results_.note("'" + first + "' is an input of this run, so the drawn copy of '" + input +
+                          "' is written to '" + name + "'");
+        }
+        return name;
+    }
+
     void submit(DetectWork work) {
         while (pool_.full()) {
             if (auto r = pool_.next(true)) {
@@ -214,7 +264,7 @@ private:
         const int id = next_video_++;
         std::unique_ptr<AnnotatedVideo> writer;
         if (!o_.draw_dir.empty()) {
-            writer = std::make_unique<AnnotatedVideo>(names_.name_for(path, annotated_video_extension()),
+            writer = std::make_unique<AnnotatedVideo>(output_name_for(path, annotated_video_extension()),
                                                       frames.fps() / o_.frames.every);
         }
         const int64_t declared = frames.declared_frames();
@@ -252,6 +302,7 @@ private:
     DetectPool &pool_;
     BatchResults &results_;
     OutputNames names_;
+    const InputFiles &inputs_;
     int next_video_ = 0;
 };
 
@@ -361,7 +412,8 @@ int run_batch_detection(const BatchDetectOptions &o) {
         auto worker = std::make_shared<DetectWorker>(o);
         return [worker](DetectWork &work) { return (*worker)(work); };
     });
-    WorkFeeder feeder(o, pool, results);
+    const InputFiles input_files(expansion.inputs);
+    WorkFeeder feeder(o, pool, results, input_files);
     feeder.feed(expansion.inputs);
     const bool interrupted = InterruptGuard::requested();
     if (interrupted) {
