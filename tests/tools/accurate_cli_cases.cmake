@@ -7,7 +7,9 @@ ostrel_cli_test(accurate_train ARGS train ${train_picture} --boxes ${CLI_BCCD}/a
   --class RBC --median-size --profile accurate --model ${accurate_model} CLEAN ${accurate_model}
   EXIT 0 STDOUT "training: [0-9]+ object windows" STDOUT2 "model written to" STDERR_EMPTY FILES ${accurate_model}
   FIXTURES_SETUP cli_accurate_model)
-ostrel_cli_test(accurate_check ARGS check ${accurate_model} EXIT 0 STDOUT "valid" STDERR_EMPTY
+# check judges a model under the profile it is given (without --profile an
+# accurate model is not valid, and the message says to give --profile accurate).
+ostrel_cli_test(accurate_check ARGS check --profile accurate ${accurate_model} EXIT 0 STDOUT "valid" STDERR_EMPTY
   FIXTURES_REQUIRED cli_accurate_model)
 ostrel_cli_test(accurate_info ARGS info ${accurate_model} EXIT 0 STDOUT "CRC matches: yes"
   STDOUT2 "profile: not recorded in the file" FIXTURES_REQUIRED cli_accurate_model)

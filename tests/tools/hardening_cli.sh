@@ -129,7 +129,7 @@ model_to_folder_or_nothing)
   mkdir folder.model
   run train "${train_args[@]}" --model folder.model
   expect_eq "folder: exit code" 4 $?
-  expect_match "folder: stderr" "is a folder" "$(cat err.txt)"
+  expect_match "folder: stderr" "Is a directory" "$(cat err.txt)"
   one_line "folder" err.txt
   expect_eq "folder: nothing trained (stdout)" "" "$(cat out.txt)"
   [ -d folder.model ] || fail "the folder is gone"

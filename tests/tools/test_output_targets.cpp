@@ -77,7 +77,7 @@ TEST(OutputTarget, AFifoIsRefusedWithoutOpeningIt) {
 TEST(OutputTarget, AFolderAndAnEmptyNameAreRefused) {
     const fs::path dir = fresh_dir("folder");
     fs::create_directories(dir / "m.model");
-    EXPECT_NE(message_of([&] { output_target((dir / "m.model").string(), "model"); }).find("is a folder"),
+    EXPECT_NE(message_of([&] { output_target((dir / "m.model").string(), "model"); }).find("Is a directory"),
               std::string::npos);
     EXPECT_NE(message_of([] { output_target("", "model"); }).find("no file name"), std::string::npos);
     EXPECT_EQ(code_of([] { output_target("", "model"); }), ExitCode::output);

@@ -80,7 +80,7 @@ std::string output_target(const std::string &path, const std::string &what) {
     struct stat st;
     if (::stat(target.c_str(), &st) == 0) {
         if (S_ISDIR(st.st_mode)) {
-            throw output_error(head + "it is a folder");
+            throw output_error(head + std::strerror(EISDIR) + " (a folder is never replaced)");
         }
         if (!S_ISREG(st.st_mode)) {
             throw output_error(head + "not a regular file (a device, FIFO or socket); it is left as it is");

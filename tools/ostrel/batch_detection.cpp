@@ -77,16 +77,6 @@ private:
             r.input_problem = work.message;
             return r;
         }
-        if (!work.draw_path.empty()) {
-            // A FIFO, device or folder in the way of the drawn copy: refused
-            // before the picture is worked on, and left as it is.
-            try {
-                output_target(work.draw_path, "picture");
-            } catch (const ToolError &e) {
-                r.output_problem = e.what();
-                return r;
-            }
-        }
         Picture picture;
         if (work.kind == DetectWork::Kind::picture) {
             try {
@@ -122,6 +112,8 @@ private:
             if (work.draw_frame) {
                 r.drawn = canvas;
             } else {
+                // A FIFO, device or folder in the way of the drawn copy is
+                // refused and left as it is; the result is still printed.
                 try {
                     write_png_atomically(work.draw_path, canvas);
                 } catch (const ToolError &e) {
