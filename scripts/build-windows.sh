@@ -195,9 +195,9 @@ build_opencv() {
         -DOPENCV_GENERATE_SETUPVARS=OFF -DBUILD_INFO_SKIP_TIMESTAMP=ON -DENABLE_PRECOMPILED_HEADERS=OFF \
         "${zlib_args[@]}" >"$work/opencv-configure.log"
   # A build without them would compute other bits: refuse it.
-  grep -Eq '^ *Lapack: +YES' "$work/opencv-configure.log" ||
+  grep -Eq '^-- +Lapack: +YES' "$work/opencv-configure.log" ||
     { cat "$work/opencv-configure.log"; die "OpenCV for Windows did not take LAPACK"; }
-  grep -Eq '^ *Eigen: +YES' "$work/opencv-configure.log" ||
+  grep -Eq '^-- +Eigen: +YES' "$work/opencv-configure.log" ||
     { cat "$work/opencv-configure.log"; die "OpenCV for Windows did not take Eigen"; }
   cmake --build "$work/opencv" -j"$jobs" --target install >"$work/opencv-build.log"
 }
