@@ -85,15 +85,21 @@ source_version() { dpkg-query -W -f='${source:Version}' "$1"; }
 # --- BLAS and LAPACK for Windows ---------------------------------------------------
 # The versions the Linux OpenCV runs with: Debian's reference libblas3 and
 # liblapack3 (its OpenCV's dependencies) and the Eigen it was compiled with.
-lapack_version=$(source_version libblas3)
+lapack_version=$(source_version libblas3 2>/dev/null || true)
+if [ -z "$lapack_version" ]; then
+  # This machine's OpenCV runs on another BLAS (its Linux filter rounds
+  # differently then): the release's reference BLAS all the same.
+  lapack_version=$(apt-cache show --no-all-versions libblas3 | sed -n 's/^Version: //p')
+fi
 eigen_version=$(dpkg-query -W -f='${Version}' libeigen3-dev)
 lapack=$cache/lapack-$lapack_version
 
 # The reference BLAS with its C interface (OpenCV calls cblas_?gemm) and the
 # real single and double precision LAPACK (the only routines OpenCV calls; the
 # complex half of LAPACK would double the time), as static libraries, compiled
-# the way Debian compiles them: its make.inc recipe with -O2 -frecursive (and
-# -O0 for the machine-constant routines), gfortran of the same GCC release.
+# the way Debian compiles them: its make.inc recipe with -O2 -frecursive (-O0
+# for the few routines LAPACK's Makefile marks), gfortran of the same GCC
+# release as Debian's.
 # libgfortran and libquadmath go beside them, so that links stay static.
 build_lapack() {
   local src objects
