@@ -9,9 +9,16 @@
 # imgcodecs are cross-built here as static libraries from Debian's own OpenCV
 # source package (the version the Linux build uses), with PNG and JPEG support
 # from Debian's libpng1.6 and libjpeg-turbo source packages and zlib from
-# libz-mingw-w64-dev. That build takes minutes, so it is kept in
-#   ${OSTREL_WINDOWS_CACHE:-$HOME/.cache/ostrel-windows}/opencv-<version>/
+# libz-mingw-w64-dev. Debian builds its OpenCV with LAPACK and Eigen, and the
+# false-positive filter's analysis goes through both (matrix products through
+# the reference BLAS, eigenvectors through Eigen); so that the DLL computes the
+# same bits, the reference BLAS, CBLAS and LAPACK are cross-built from Debian's
+# lapack source package (Fortran with gfortran-mingw-w64) and OpenCV against
+# them and Debian's Eigen headers. Those builds take minutes, so they are kept in
+#   ${OSTREL_WINDOWS_CACHE:-$HOME/.cache/ostrel-windows}/lapack-<version>/
+#   ${OSTREL_WINDOWS_CACHE:-$HOME/.cache/ostrel-windows}/opencv-<version>+lapack-<version>+eigen-<version>/
 # and reused by later runs; GoogleTest (from /usr/src/googletest) likewise.
+# Each stage says its wall and CPU time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -27,8 +34,14 @@ zlib_args=(-DZLIB_LIBRARY=$mingw_root/lib/libz.a -DZLIB_INCLUDE_DIR=$mingw_root/
 say() { echo "build-windows: $*"; }
 die() { echo "build-windows: $*" >&2; exit 1; }
 seconds_since() { echo $(($(date +%s) - $1)); }
+timed() {  # timed WHAT COMMAND...: runs COMMAND, then says its wall and CPU time
+  local TIMEFORMAT="build-windows: $1: %R s wall, %U s user + %S s system CPU"
+  shift
+  time "$@"
+}
 
-if ! command -v $triplet-g++-posix >/dev/null || [ ! -f $mingw_root/lib/libz.a ]; then
+if ! command -v $triplet-g++-posix >/dev/null || ! command -v $triplet-gfortran-posix >/dev/null ||
+   [ ! -f $mingw_root/lib/libz.a ] || [ ! -f /usr/include/eigen3/Eigen/Core ]; then
   scripts/setup.sh
 fi
 
@@ -69,17 +82,77 @@ fetch_source() {
 
 source_version() { dpkg-query -W -f='${source:Version}' "$1"; }
 
+# --- BLAS and LAPACK for Windows ---------------------------------------------------
+# The versions the Linux OpenCV runs with: Debian's reference libblas3 and
+# liblapack3 (its OpenCV's dependencies) and the Eigen it was compiled with.
+lapack_version=$(source_version libblas3 2>/dev/null || true)
+if [ -z "$lapack_version" ]; then
+  # This machine's OpenCV runs on another BLAS (its Linux filter rounds
+  # differently then): the release's reference BLAS all the same.
+  lapack_version=$(apt-cache show --no-all-versions libblas3 | sed -n 's/^Version: //p')
+fi
+eigen_version=$(dpkg-query -W -f='${Version}' libeigen3-dev)
+lapack=$cache/lapack-$lapack_version
+
+# The reference BLAS with its C interface (OpenCV calls cblas_?gemm) and the
+# real single and double precision LAPACK (the only routines OpenCV calls; the
+# complex half of LAPACK would double the time), as static libraries, compiled
+# the way Debian compiles them: its make.inc recipe with -O2 -frecursive (-O0
+# for the few routines LAPACK's Makefile marks), gfortran of the same GCC
+# release as Debian's.
+# libgfortran and libquadmath go beside them, so that links stay static.
+build_lapack() {
+  local src objects
+  rm -rf "$lapack"
+  src=$(fetch_source lapack "$lapack_version")
+  sed -e "s%^CC *=.*%CC = $triplet-gcc-posix%" \
+      -e "s%^FC *=.*%FC = $triplet-gfortran-posix%" \
+      -e "s%^CFLAGS *=.*%CFLAGS = -O2%" \
+      -e "s%^FFLAGS *=.*%FFLAGS = -O2 -frecursive%" \
+      -e "s%^FFLAGS_NOOPT *=.*%FFLAGS_NOOPT = -O0 -frecursive%" \
+      -e "s%^AR *=.*%AR = $triplet-ar%" \
+      -e "s%^RANLIB *=.*%RANLIB = $triplet-ranlib%" \
+      "$src/INSTALL/make.inc.gfortran" >"$src/make.inc"
+  make -C "$src" -j"$jobs" blaslib cblaslib >"$src/build.log"
+  # One after the other, as both add to the same archive; and with every
+  # target kept, or make deletes the Fortran module files of the first as
+  # intermediate and the second cannot compile.
+  echo ".SECONDARY:" >"$src/keep-intermediates.mk"
+  local precision
+  for precision in single double; do
+    make -C "$src/SRC" -f Makefile -f "$src/keep-intermediates.mk" -j"$jobs" $precision >>"$src/build.log"
+  done
+
+  mkdir -p "$lapack/lib" "$lapack/include"
+  # One libblas.a of the Fortran BLAS and CBLAS, with CBLAS's xerbla, as
+  # Debian makes libblas.so.3.
+  objects=$src/blas-objects
+  rm -rf "$objects"
+  mkdir "$objects"
+  (cd "$objects" && $triplet-ar x "$src/librefblas.a" && rm xerbla.o && $triplet-ar x "$src/libcblas.a" &&
+     $triplet-ar rcs "$lapack/lib/libblas.a" $(LC_ALL=C ls ./*.o))
+  cp "$src/liblapack.a" "$lapack/lib/"
+  cp "$($triplet-gfortran-posix -print-file-name=libgfortran.a)" \
+     "$($triplet-gfortran-posix -print-file-name=libquadmath.a)" "$lapack/lib/"
+  cp "$src/CBLAS/include/cblas.h" "$src/CBLAS/include/cblas_mangling.h" "$src/LAPACKE/include/lapack.h" \
+     "$src/LAPACKE/include/lapacke.h" "$src/LAPACKE/include/lapacke_config.h" "$lapack/include/"
+  cp "$src/LAPACKE/include/lapacke_mangling_with_flags.h.in" "$lapack/include/lapacke_mangling.h"
+  echo "$lapack_version" >"$lapack/.complete"
+}
+
+if [ -f "$lapack/.complete" ]; then
+  say "reusing BLAS and LAPACK $lapack_version for Windows from $lapack"
+else
+  say "cross-building BLAS and LAPACK $lapack_version for Windows into $lapack (once per version)"
+  timed "BLAS and LAPACK $lapack_version" build_lapack
+fi
+
 # --- OpenCV and its image libraries for Windows ----------------------------------
 opencv_version=$(source_version libopencv-dev)
-deps=$cache/opencv-$opencv_version
+deps=$cache/opencv-$opencv_version+lapack-$lapack_version+eigen-$eigen_version
 
-build_deps() {
-  local started work src
-  started=$(date +%s)
-  work=$cache/work
-  rm -rf "$deps" "$work"
-  mkdir -p "$work"
-
+build_jpeg_and_png() {
+  local work=$1 src
   src=$(fetch_source libjpeg-turbo "$(source_version libjpeg62-turbo-dev)")
   # No SIMD: the C decoder gives the same pixels as the SIMD one (islow DCT).
   cmake -S "$src" -B "$work/jpeg" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DCMAKE_BUILD_TYPE=Release \
@@ -92,14 +165,27 @@ build_deps() {
         -DCMAKE_INSTALL_PREFIX="$deps" -DPNG_SHARED=OFF -DPNG_STATIC=ON -DPNG_EXECUTABLES=OFF -DPNG_TESTS=OFF \
         -DSKIP_INSTALL_PROGRAMS=ON "${zlib_args[@]}" >/dev/null
   cmake --build "$work/png" -j"$jobs" --target install >/dev/null
+}
 
+build_opencv() {
+  local work=$1 src
   src=$(fetch_source opencv "$opencv_version")
-  # The modules the library and the tool use, static, with nothing optional;
-  # the CPU baseline of Debian's own amd64 build (SSE2, run-time dispatch above).
+  # The modules the library and the tool use, static, with nothing optional
+  # but what decides their arithmetic: the CPU baseline of Debian's own amd64
+  # build (SSE2, run-time dispatch above), LAPACK on (products of 100 rows
+  # and more, and decompositions of large matrices, go to BLAS and LAPACK;
+  # the smaller ones to OpenCV's baseline code) and Eigen on (cv::eigen).
+  # The LAPACK headers are found by a bare check_include_file: hand it
+  # their folder.
+  local lapack_libraries="$lapack/lib/liblapack.a;$lapack/lib/libblas.a;$lapack/lib/libgfortran.a;$lapack/lib/libquadmath.a"
   cmake -S "$src" -B "$work/opencv" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DOSTREL_WINDOWS_DEPS="$deps" \
         -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$deps" \
         -DBUILD_SHARED_LIBS=OFF -DBUILD_LIST=core,imgproc,ml,imgcodecs \
         -DCPU_BASELINE=SSE2 -DCPU_BASELINE_DISABLE=SSE3 \
+        -DWITH_LAPACK=ON -DOPENCV_LAPACK_FIND_PACKAGE_ONLY=ON -DLAPACK_IMPL=LAPACK/Generic \
+        -DLAPACK_LIBRARIES="$lapack_libraries" -DLAPACK_INCLUDE_DIR="$lapack/include" \
+        -DLAPACK_CBLAS_H=cblas.h -DLAPACK_LAPACKE_H=lapacke.h -DCMAKE_REQUIRED_INCLUDES="$lapack/include" \
+        -DWITH_EIGEN=ON -DOPENCV_SKIP_EIGEN_FIND_PACKAGE_CONFIG=ON -DEIGEN_INCLUDE_PATH=/usr/include/eigen3 \
         -DBUILD_TESTS=OFF -DBUILD_PERF_TESTS=OFF -DBUILD_EXAMPLES=OFF -DBUILD_DOCS=OFF -DBUILD_opencv_apps=OFF \
         -DBUILD_JAVA=OFF -DBUILD_opencv_python3=OFF -DBUILD_opencv_python2=OFF -DBUILD_PROTOBUF=OFF \
         -DBUILD_ZLIB=OFF -DBUILD_PNG=OFF -DBUILD_JPEG=OFF -DBUILD_TIFF=OFF -DBUILD_WEBP=OFF \
@@ -107,18 +193,29 @@ build_deps() {
         -DWITH_PNG=ON -DWITH_JPEG=ON -DWITH_SPNG=OFF -DWITH_TIFF=OFF -DWITH_WEBP=OFF -DWITH_OPENJPEG=OFF \
         -DWITH_JASPER=OFF -DWITH_OPENEXR=OFF -DWITH_IMGCODEC_HDR=OFF -DWITH_IMGCODEC_SUNRASTER=OFF \
         -DWITH_IMGCODEC_PXM=ON -DWITH_IMGCODEC_PFM=OFF \
-        -DWITH_IPP=OFF -DWITH_ITT=OFF -DWITH_OPENCL=OFF -DWITH_EIGEN=OFF -DWITH_LAPACK=OFF -DWITH_OPENMP=OFF \
+        -DWITH_IPP=OFF -DWITH_ITT=OFF -DWITH_OPENCL=OFF -DWITH_OPENMP=OFF \
         -DWITH_TBB=OFF -DWITH_CUDA=OFF -DWITH_ADE=OFF -DWITH_PROTOBUF=OFF -DWITH_QUIRC=OFF -DWITH_FFMPEG=OFF \
         -DWITH_GSTREAMER=OFF -DWITH_DSHOW=OFF -DWITH_MSMF=OFF -DWITH_WIN32UI=OFF -DWITH_VTK=OFF -DWITH_GTK=OFF \
         -DWITH_1394=OFF -DWITH_OBSENSOR=OFF -DWITH_DIRECTX=OFF -DWITH_OPENCLAMDFFT=OFF -DWITH_OPENCLAMDBLAS=OFF \
         -DWITH_VA=OFF -DWITH_VA_INTEL=OFF -DWITH_CAROTENE=OFF \
         -DOPENCV_GENERATE_SETUPVARS=OFF -DBUILD_INFO_SKIP_TIMESTAMP=ON -DENABLE_PRECOMPILED_HEADERS=OFF \
         "${zlib_args[@]}" >"$work/opencv-configure.log"
+  # A build without them would compute other bits: refuse it.
+  grep -Eq '^-- +Lapack: +YES' "$work/opencv-configure.log" ||
+    { cat "$work/opencv-configure.log"; die "OpenCV for Windows did not take LAPACK"; }
+  grep -Eq '^-- +Eigen: +YES' "$work/opencv-configure.log" ||
+    { cat "$work/opencv-configure.log"; die "OpenCV for Windows did not take Eigen"; }
   cmake --build "$work/opencv" -j"$jobs" --target install >"$work/opencv-build.log"
+}
 
-  echo "$opencv_version" > "$deps/.complete"
+build_deps() {
+  local work=$cache/work
+  rm -rf "$deps" "$work"
+  mkdir -p "$work"
+  timed "libjpeg-turbo and libpng" build_jpeg_and_png "$work"
+  timed "OpenCV $opencv_version" build_opencv "$work"
+  echo "$opencv_version" >"$deps/.complete"
   rm -rf "$work"
-  say "OpenCV $opencv_version for Windows built in $(seconds_since "$started") s"
 }
 
 if [ -f "$deps/.complete" ]; then
@@ -181,7 +278,7 @@ cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" -DOSTREL_WINDOW
       -DOSTREL_BUILD_TESTS=OFF -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_WINDOWS_TESTS=ON \
       -DOSTREL_BUILD_TOOLS="${OSTREL_WINDOWS_TOOL:-ON}" >"$build/configure.log" ||
   { cat "$build/configure.log"; die "configure failed"; }
-cmake --build "$build" -j"$jobs"
+timed "ostrel_alg.dll, ostrel.exe and the Windows tests" cmake --build "$build" -j"$jobs"
 
 # --- The folder a Windows host needs ------------------------------------------------
 dist=$build/dist

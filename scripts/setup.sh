@@ -17,6 +17,7 @@ packages=(
   hyperfine                # bench/time_cli.sh: end-to-end timing of the tool
   clang libclang-rt-14-dev # libFuzzer target and its runtime
   g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 dpkg-dev  # the Windows DLL and its tests under Wine
+  gfortran-mingw-w64-x86-64-posix libeigen3-dev  # the Windows OpenCV's LAPACK and Eigen, as Debian's
   libcpp-httplib-dev       # the HTTP server of `ostrel studio`
   chromium chromium-driver python3-selenium  # the studio's real-browser test
   python3-numpy python3-pytest python3-opencv python3-distributed  # the Python package, its tests, detect_files

@@ -5,7 +5,8 @@ Starts `ostrel studio --port 0` on the shipped pictures and checks every
 endpoint, that /api/detect gives the boxes `ostrel detect --json` gives for
 the same picture and model, the error statuses of bad requests (and that
 the server keeps serving after each), the path-safety rules, a burst of
-random request bodies, and that Ctrl-C stops it cleanly.
+random request bodies, that Ctrl-C stops it cleanly, and a second studio
+under --profile accurate.
 
 Usage: test_studio_api.py OSTREL DATA_DIR
 """
@@ -336,6 +337,36 @@ def random_requests(c):
     assert c.json("GET", "/api/status")["pictures"] >= 8
 
 
+def accurate_studio():
+    """A studio started with --profile accurate trains and detects under it:
+    its model is refused by the classic profile's detection and gives, under
+    `ostrel detect --profile accurate`, the studio's own detections."""
+    studio = StudioProcess(OSTREL, DATA_IMAGES, extra=("--profile", "accurate"))
+    c = Client(studio.port)
+    try:
+        @case("--profile accurate: the studio trains and detects under the accurate profile")
+        def accurate(c):
+            assert c.json("GET", "/api/status")["profile"] == "accurate"
+            c.json("POST", "/api/train", {"picture": TRAINING, "boxes": CELLS})
+            status, _, model_bytes = c.request("GET", "/api/model")
+            assert status == 200, status
+            model = os.path.join(WORK, "accurate.model")
+            open(model, "wb").write(model_bytes)
+            studio_boxes = c.json("GET", f"/api/detect?picture={OTHER}&sensitivity=80")["boxes"]
+            found = [b for b in studio_boxes if b["label"] == 1]
+            assert found, studio_boxes
+            out = subprocess.run([OSTREL, "detect", "--profile", "accurate", "--model", model, "--json",
+                                  os.path.join(DATA_IMAGES, OTHER)], capture_output=True, text=True, check=True)
+            assert [b for b in json.loads(out.stdout)["boxes"] if b["label"] == 1] == found
+            classic = subprocess.run([OSTREL, "detect", "--model", model, os.path.join(DATA_IMAGES, OTHER)],
+                                     capture_output=True, text=True)
+            assert classic.returncode != 0, classic.stdout
+        accurate(c)
+    finally:
+        code, _, _, _ = studio.stop()
+    assert code == 0, code
+
+
 def main():
     global OSTREL, DATA_IMAGES, WORK
     OSTREL, data = sys.argv[1], sys.argv[2]
@@ -362,6 +393,7 @@ def main():
             test(client)
     finally:
         code, out, err, seconds = studio.stop()
+    accurate_studio()
     if code == 0 and out == "" and "stopped" in err:
         results["passed"] += 1
         print(f"  ok: Ctrl-C stops the studio cleanly ({seconds:.2f} s)")
