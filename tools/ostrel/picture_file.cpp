@@ -131,7 +131,12 @@ PictureFacts read_picture_facts(const std::string &path) {
     if (!in) {
         throw input_error("cannot read picture '" + path + "'");
     }
-    std::vector<uint8_t> head(kHeaderBytes);
+    // The file's size bounds what is read, so that a small picture costs
+    // no megabyte buffer.
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    in.seekg(0, std::ios::beg);
+    std::vector<uint8_t> head(size > 0 ? std::min<size_t>(kHeaderBytes, static_cast<size_t>(size)) : kHeaderBytes);
     in.read(reinterpret_cast<char *>(head.data()), static_cast<std::streamsize>(head.size()));
     head.resize(static_cast<size_t>(in.gcount()));
     PictureFacts f = picture_facts_from_header(head.data(), head.size());
