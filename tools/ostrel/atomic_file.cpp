@@ -30,11 +30,10 @@ std::string quoted_what(const std::string &what) { return what.empty() ? "" : wh
 fs::path through_links(const fs::path &path, const std::string &what) {
     fs::path p = path;
     for (int hops = 0; hops < kMostLinks; ++hops) {
-        struct stat st;
-        if (::lstat(p.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+        std::error_code ec;
+        if (fs::symlink_status(p, ec).type() != fs::file_type::symlink) {
             return p;
         }
-        std::error_code ec;
         const fs::path link = fs::read_symlink(p, ec);
         if (ec) {
             throw output_error("cannot write " + quoted_what(what) + "'" + path.string() + "': " + ec.message());
@@ -44,17 +43,36 @@ fs::path through_links(const fs::path &path, const std::string &what) {
     throw output_error("cannot write " + quoted_what(what) + "'" + path.string() + "': too many symbolic links");
 }
 
-// Gives the temporary the mode and owner of the file it is about to
-// replace, so that replacing a file never widens or narrows who may read it.
+// Gives the temporary the mode (and, where the writer may, the owner) of
+// the file it is about to replace, so that replacing a file never widens or
+// narrows who may read it.
 void keep_mode_of(const std::string &target, const std::string &temporary) {
-    struct stat st;
-    if (::stat(target.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    std::error_code ec;
+    const fs::file_status status = fs::status(target, ec);
+    if (ec || !fs::is_regular_file(status)) {
         return;  // a new file: the mode the umask gives
     }
-    if (::chown(temporary.c_str(), st.st_uid, st.st_gid) != 0) {
+#ifndef _WIN32
+    struct stat st;
+    if (::stat(target.c_str(), &st) == 0 && ::chown(temporary.c_str(), st.st_uid, st.st_gid) != 0) {
         // Only root may give a file away; the file then belongs to the writer.
     }
-    ::chmod(temporary.c_str(), st.st_mode & 07777);
+#endif
+    fs::permissions(temporary, status.permissions(), fs::perm_options::replace, ec);
+}
+
+// Whether the process may create files in folder (root may everywhere).
+bool may_write_into(const fs::path &folder, std::string &reason) {
+#ifndef _WIN32
+    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
+        reason = std::strerror(errno);
+        return false;
+    }
+#else
+    (void)folder;
+    (void)reason;
+#endif
+    return true;
 }
 
 }  // namespace
@@ -77,22 +95,23 @@ std::string output_target(const std::string &path, const std::string &what) {
         throw output_error("cannot write " + quoted_what(what) + "'': no file name given");
     }
     const fs::path target = through_links(fs::path(path), what);
-    struct stat st;
-    if (::stat(target.c_str(), &st) == 0) {
-        if (S_ISDIR(st.st_mode)) {
+    std::error_code ec;
+    const fs::file_status status = fs::status(target, ec);
+    if (fs::exists(status)) {
+        if (fs::is_directory(status)) {
             throw output_error(head + std::strerror(EISDIR) + " (a folder is never replaced)");
         }
-        if (!S_ISREG(st.st_mode)) {
+        if (!fs::is_regular_file(status)) {
             throw output_error(head + "not a regular file (a device, FIFO or socket); it is left as it is");
         }
     }
     const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-    std::error_code ec;
     if (!fs::is_directory(folder, ec)) {
         throw output_error(head + "folder '" + folder.string() + "' does not exist");
     }
-    if (::access(folder.c_str(), W_OK | X_OK) != 0) {
-        throw output_error(head + "cannot write into folder '" + folder.string() + "': " + std::strerror(errno));
+    std::string reason;
+    if (!may_write_into(folder, reason)) {
+        throw output_error(head + "cannot write into folder '" + folder.string() + "': " + reason);
     }
     return target.string();
 }

@@ -164,25 +164,48 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
 
 using DetectPool = OrderedPool<DetectWork, DetectResult>;
 
-// The files of the inputs, as the file system knows them (device and inode),
-// so that an output spelt another way (./, a link) is still recognised.
+// The files of the inputs, as the file system knows them (device and inode;
+// on Windows the canonical path), so that an output spelt another way (./,
+// a link) is still recognised.
 class InputFiles {
 public:
     explicit InputFiles(const std::vector<BatchInput> &inputs) {
         for (const BatchInput &input : inputs) {
-            struct stat st;
-            if (::stat(input.path.c_str(), &st) == 0) {
-                ids_.insert({st.st_dev, st.st_ino});
+            FileId id;
+            if (id_of(input.path, id)) {
+                ids_.insert(id);
             }
         }
     }
     bool holds(const std::string &path) const {
-        struct stat st;
-        return ::stat(path.c_str(), &st) == 0 && ids_.count({st.st_dev, st.st_ino}) > 0;
+        FileId id;
+        return id_of(path, id) && ids_.count(id) > 0;
     }
 
 private:
-    std::set<std::pair<dev_t, ino_t>> ids_;
+#ifndef _WIN32
+    using FileId = std::pair<dev_t, ino_t>;
+    static bool id_of(const std::string &path, FileId &id) {
+        struct stat st;
+        if (::stat(path.c_str(), &st) != 0) {
+            return false;
+        }
+        id = {st.st_dev, st.st_ino};
+        return true;
+    }
+#else
+    using FileId = std::string;
+    static bool id_of(const std::string &path, FileId &id) {
+        std::error_code ec;
+        const std::filesystem::path canonical = std::filesystem::canonical(path, ec);
+        if (ec) {
+            return false;
+        }
+        id = canonical.string();
+        return true;
+    }
+#endif
+    std::set<FileId> ids_;
 };
 
 // Hands out the work of every input in order, taking results back whenever

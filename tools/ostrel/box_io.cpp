@@ -51,8 +51,9 @@ Rect checked_box(int x, int y, int w, int h, const std::string &what, bool usage
 
 void require_box_count(size_t count, const std::string &source, bool usage) {
     if (count > kMaxMarkedBoxes) {
-        const std::string message = strformat("%s: %zu boxes; a picture takes at most %zu marked boxes",
-                                              source.c_str(), count, kMaxMarkedBoxes);
+        const std::string message = strformat("%s: %llu boxes; a picture takes at most %llu marked boxes",
+                                              source.c_str(), static_cast<unsigned long long>(count),
+                                              static_cast<unsigned long long>(kMaxMarkedBoxes));
         throw usage ? usage_error(message) : input_error(message);
     }
 }
@@ -174,9 +175,11 @@ std::vector<Rect> read_box_file(const std::string &path, const std::string &clas
     }
     const uintmax_t size = fs::file_size(path, ec);
     if (!ec && size > kMaxBoxFileBytes) {
-        throw input_error(strformat("box file '%s' has %ju bytes; a box file may have at most %ju (a picture "
-                                    "takes at most %zu marked boxes)",
-                                    path.c_str(), size, kMaxBoxFileBytes, kMaxMarkedBoxes));
+        throw input_error(strformat("box file '%s' has %llu bytes; a box file may have at most %llu (a picture "
+                                    "takes at most %llu marked boxes)",
+                                    path.c_str(), static_cast<unsigned long long>(size),
+                                    static_cast<unsigned long long>(kMaxBoxFileBytes),
+                                    static_cast<unsigned long long>(kMaxMarkedBoxes)));
     }
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

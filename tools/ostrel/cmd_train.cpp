@@ -135,8 +135,8 @@ void require_boxes_within_map(const std::vector<Rect> &boxes, const Picture &pic
         if (!warn_each) {
             break;
         }
-        warn(strformat("box %zu (%s) reaches past the edge of the %dx%d picture '%s' and is left out of training",
-                       i + 1, to_string(boxes[i]).c_str(), picture.width(), picture.height(), picture.path.c_str()));
+        warn(strformat("box %llu (%s) reaches past the edge of the %dx%d picture '%s' and is left out of training",
+                       static_cast<unsigned long long>(i + 1), to_string(boxes[i]).c_str(), picture.width(), picture.height(), picture.path.c_str()));
     }
 }
 
