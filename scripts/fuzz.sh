@@ -4,7 +4,9 @@
 #   TARGET model_file (default): the model-file reader, from a working copy
 #          of fuzz/corpus plus freshly generated seed models;
 #   TARGET image_records: image records and box lists through the C
-#          interface, from an empty corpus.
+#          interface, from an empty corpus;
+#   TARGET box_readers: the tool's box readers (JSON lists, `detect --json`
+#          lines, Pascal VOC), from the shipped annotations and a few lists.
 # It configures build-fuzz with clang and the fuzz targets switched on,
 # builds the target, runs it and prints the executions per second.
 # Exits non-zero when the fuzzer finds a crash, a leak, undefined behaviour,
@@ -24,7 +26,8 @@ build=build-fuzz
 case "$target" in
   model_file) build_targets=(fuzz_model_file make_seed_corpus); options=() ;;
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
-  *) echo "fuzz: unknown target '$target' (model_file or image_records)" >&2; exit 2 ;;
+  box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records or box_readers)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -40,6 +43,15 @@ mkdir -p "$work" "$artifacts"
 if [ "$target" = model_file ]; then
   cp fuzz/corpus/* "$work"/
   "$build/fuzz/make_seed_corpus" "$work" >/dev/null
+fi
+if [ "$target" = box_readers ]; then
+  # The first byte chooses the reader: 0 JSON list, 1 detect line, 2 VOC.
+  for f in data/bccd/annotations/*.xml; do
+    { printf '\002'; head -c 4000 "$f"; } > "$work/voc-$(basename "$f")"
+  done
+  printf '\000[[10,20,30,40],{"x":1,"y":2,"width":3,"height":4}]' > "$work/list.json"
+  printf '\000{"boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.5}]}' > "$work/object.json"
+  printf '\001[{"x":1,"y":2,"w":3,"h":4,"score":0.87,"label":1}]' > "$work/line.json"
 fi
 
 log="$build/fuzz-$target.log"

@@ -41,7 +41,7 @@ void AnnotatedVideo::finish() {}
 void AnnotatedVideo::write(const cv::Mat &bgr) {
     if (!writer_.isOpened()) {
         size_ = bgr.size();
-        temporary_ = temporary_name_for(path_) + annotated_video_extension();
+        temporary_ = temporary_name_for(output_target(path_, "video"), annotated_video_extension());
         // H.264 first (what every player reads); MPEG-4 Part 2 is FFmpeg's
         // own encoder, there whenever FFmpeg is.
         for (const char *codec : {"avc1", "mp4v"}) {

@@ -1,6 +1,7 @@
 #include "batch_detection.h"
 
 #include <malloc.h>
+#include <sys/stat.h>
 #ifdef __linux__
 #include <sched.h>
 #endif
@@ -13,7 +14,9 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <thread>
+#include <utility>
 
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
@@ -45,7 +48,7 @@ public:
         if (!engine_.set_profile(o.profile)) {
             throw ToolError(ExitCode::failed, "the library refused the profile: " + engine_.last_line());
         }
-        load_model(engine_, o.model);
+        load_model(engine_, o.model, o.profile);
         if (!engine_.set_sensitivity(o.sensitivity)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
         }
@@ -109,6 +112,8 @@ private:
             if (work.draw_frame) {
                 r.drawn = canvas;
             } else {
+                // A FIFO, device or folder in the way of the drawn copy is
+                // refused and left as it is; the result is still printed.
                 try {
                     write_png_atomically(work.draw_path, canvas);
                 } catch (const ToolError &e) {
@@ -159,12 +164,56 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
 
 using DetectPool = OrderedPool<DetectWork, DetectResult>;
 
+// The files of the inputs, as the file system knows them (device and inode;
+// on Windows the canonical path), so that an output spelt another way (./,
+// a link) is still recognised.
+class InputFiles {
+public:
+    explicit InputFiles(const std::vector<BatchInput> &inputs) {
+        for (const BatchInput &input : inputs) {
+            FileId id;
+            if (id_of(input.path, id)) {
+                ids_.insert(id);
+            }
+        }
+    }
+    bool holds(const std::string &path) const {
+        FileId id;
+        return id_of(path, id) && ids_.count(id) > 0;
+    }
+
+private:
+#ifndef _WIN32
+    using FileId = std::pair<dev_t, ino_t>;
+    static bool id_of(const std::string &path, FileId &id) {
+        struct stat st;
+        if (::stat(path.c_str(), &st) != 0) {
+            return false;
+        }
+        id = {st.st_dev, st.st_ino};
+        return true;
+    }
+#else
+    using FileId = std::string;
+    static bool id_of(const std::string &path, FileId &id) {
+        std::error_code ec;
+        const std::filesystem::path canonical = std::filesystem::canonical(path, ec);
+        if (ec) {
+            return false;
+        }
+        id = canonical.string();
+        return true;
+    }
+#endif
+    std::set<FileId> ids_;
+};
+
 // Hands out the work of every input in order, taking results back whenever
 // the pool is full so that at most a window of items is in memory.
 class WorkFeeder {
 public:
-    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, BatchResults &results)
-        : o_(o), pool_(pool), results_(results), names_(o.draw_dir) {}
+    WorkFeeder(const BatchDetectOptions &o, DetectPool &pool, BatchResults &results, const InputFiles &inputs)
+        : o_(o), pool_(pool), results_(results), names_(o.draw_dir), inputs_(inputs) {}
 
     void feed(const std::vector<BatchInput> &inputs) {
         for (const BatchInput &input : inputs) {
@@ -177,7 +226,7 @@ public:
                 DetectWork work;
                 work.path = input.path;
                 if (!o_.draw_dir.empty()) {
-                    work.draw_path = names_.name_for(input.path, ".png");
+                    work.draw_path = output_name_for(input.path, ".png");
                 }
                 submit(std::move(work));
             }
@@ -191,6 +240,22 @@ public:
     }
 
 private:
+    // The drawn copy's name in the --draw folder; never the file of an input
+    // of this run (the input would be lost): then the next free name, and a
+    // warning that says so.
+    std::string output_name_for(const std::string &input, const std::string &extension) {
+        const std::string first = names_.name_for(input, extension);
+        std::string name = first;
+        while (inputs_.holds(name)) {
+            name = names_.name_for(input, extension);
+        }
+        if (name != first) {
+            results_.note("'" + first + "' is an input of this run, so the drawn copy of '" + input +
+                          "' is written to '" + name + "'");
+        }
+        return name;
+    }
+
     void submit(DetectWork work) {
         while (pool_.full()) {
             if (auto r = pool_.next(true)) {
@@ -214,7 +279,7 @@ private:
         const int id = next_video_++;
         std::unique_ptr<AnnotatedVideo> writer;
         if (!o_.draw_dir.empty()) {
-            writer = std::make_unique<AnnotatedVideo>(names_.name_for(path, annotated_video_extension()),
+            writer = std::make_unique<AnnotatedVideo>(output_name_for(path, annotated_video_extension()),
                                                       frames.fps() / o_.frames.every);
         }
         const int64_t declared = frames.declared_frames();
@@ -252,6 +317,7 @@ private:
     DetectPool &pool_;
     BatchResults &results_;
     OutputNames names_;
+    const InputFiles &inputs_;
     int next_video_ = 0;
 };
 
@@ -361,7 +427,8 @@ int run_batch_detection(const BatchDetectOptions &o) {
         auto worker = std::make_shared<DetectWorker>(o);
         return [worker](DetectWork &work) { return (*worker)(work); };
     });
-    WorkFeeder feeder(o, pool, results);
+    const InputFiles input_files(expansion.inputs);
+    WorkFeeder feeder(o, pool, results, input_files);
     feeder.feed(expansion.inputs);
     const bool interrupted = InterruptGuard::requested();
     if (interrupted) {

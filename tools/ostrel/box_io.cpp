@@ -10,28 +10,33 @@
 
 #include "color_names.h"
 #include "tool_error.h"
+#include "tool_output.h"
 #include "voc_annotations.h"
 
 namespace ostrel_tool {
 
 namespace {
 
-bool parse_int(const std::string &field, int &value) {
+enum class Parsed { number, not_a_number, out_of_range };
+
+Parsed parse_int(const std::string &field, int &value) {
     const size_t first = field.find_first_not_of(" \t");
     const size_t last = field.find_last_not_of(" \t");
     if (first == std::string::npos) {
-        return false;
+        return Parsed::not_a_number;
     }
     const std::string digits = field.substr(first, last - first + 1);
     char *end = nullptr;
     errno = 0;
-    const long v = std::strtol(digits.c_str(), &end, 10);
-    if (end == digits.c_str() || *end != '\0' || errno == ERANGE || v < std::numeric_limits<int>::min() / 2 ||
-        v > std::numeric_limits<int>::max() / 2) {
-        return false;
+    const long long v = std::strtoll(digits.c_str(), &end, 10);
+    if (end == digits.c_str() || *end != '\0') {
+        return Parsed::not_a_number;
+    }
+    if (errno == ERANGE || v < -kLargestBoxValue || v > kLargestBoxValue) {
+        return Parsed::out_of_range;
     }
     value = static_cast<int>(v);
-    return true;
+    return Parsed::number;
 }
 
 Rect checked_box(int x, int y, int w, int h, const std::string &what, bool usage) {
@@ -44,6 +49,15 @@ Rect checked_box(int x, int y, int w, int h, const std::string &what, bool usage
 
 }  // namespace
 
+void require_box_count(size_t count, const std::string &source, bool usage) {
+    if (count > kMaxMarkedBoxes) {
+        const std::string message = strformat("%s: %llu boxes; a picture takes at most %llu marked boxes",
+                                              source.c_str(), static_cast<unsigned long long>(count),
+                                              static_cast<unsigned long long>(kMaxMarkedBoxes));
+        throw usage ? usage_error(message) : input_error(message);
+    }
+}
+
 Rect parse_box_argument(const std::string &text) {
     std::vector<std::string> fields;
     std::string field;
@@ -54,10 +68,20 @@ Rect parse_box_argument(const std::string &text) {
     if (!text.empty() && text.back() == ',') {
         fields.push_back("");
     }
-    int v[4];
-    if (fields.size() != 4 || !parse_int(fields[0], v[0]) || !parse_int(fields[1], v[1]) ||
-        !parse_int(fields[2], v[2]) || !parse_int(fields[3], v[3])) {
+    if (fields.size() != 4) {
         throw usage_error("malformed box '" + text + "': expected x,y,w,h (four integers)");
+    }
+    int v[4];
+    for (size_t i = 0; i < 4; ++i) {
+        const Parsed parsed = parse_int(fields[i], v[i]);
+        if (parsed == Parsed::not_a_number) {
+            throw usage_error("malformed box '" + text + "': expected x,y,w,h (four integers)");
+        }
+        if (parsed == Parsed::out_of_range) {
+            throw usage_error(strformat("malformed box '%s': %s is out of range (each value lies within "
+                                        "-%d..%d)",
+                                        text.c_str(), fields[i].c_str(), kLargestBoxValue, kLargestBoxValue));
+        }
     }
     return checked_box(v[0], v[1], v[2], v[3], "malformed box '" + text + "'", true);
 }
@@ -66,15 +90,19 @@ namespace {
 
 int json_int(const nlohmann::json &value, const std::string &where) {
     if (value.is_number_integer()) {
-        const auto v = value.get<long long>();
-        if (v >= std::numeric_limits<int>::min() / 2 && v <= std::numeric_limits<int>::max() / 2) {
+        const auto v = value.is_number_unsigned() && value.get<unsigned long long>() > 0x7fffffffffffffffull
+                           ? std::numeric_limits<long long>::max()
+                           : value.get<long long>();
+        if (v >= -kLargestBoxValue && v <= kLargestBoxValue) {
             return static_cast<int>(v);
         }
+        throw input_error(where + ": " + value.dump() + " is out of range");
     } else if (value.is_number_float()) {
         const double v = value.get<double>();
         if (std::isfinite(v) && std::fabs(v) < 1e9) {
             return static_cast<int>(std::lround(v));
         }
+        throw input_error(where + ": " + value.dump() + " is out of range");
     }
     throw input_error(where + ": expected a number");
 }
@@ -112,6 +140,11 @@ std::vector<Rect> parse_box_list_json(const std::string &text, const std::string
         doc = nlohmann::json::parse(text);
     } catch (const nlohmann::json::parse_error &e) {
         throw input_error("'" + source + "' is not valid JSON (byte " + std::to_string(e.byte) + ")");
+    } catch (const nlohmann::json::out_of_range &) {
+        // nlohmann refuses numbers beyond a double (1e400) while parsing.
+        throw input_error("'" + source + "': a number in it is out of range");
+    } catch (const nlohmann::json::exception &) {
+        throw input_error("'" + source + "' is not valid JSON");
     }
     if (doc.is_object() && doc.contains("boxes")) {
         doc = doc.at("boxes");
@@ -119,7 +152,9 @@ std::vector<Rect> parse_box_list_json(const std::string &text, const std::string
     if (!doc.is_array()) {
         throw input_error("'" + source + "': expected a JSON list of boxes");
     }
+    require_box_count(doc.size(), "'" + source + "'", false);
     std::vector<Rect> boxes;
+    boxes.reserve(doc.size());
     for (size_t i = 0; i < doc.size(); ++i) {
         boxes.push_back(json_box(doc[i], "'" + source + "', box " + std::to_string(i + 1)));
     }
@@ -127,9 +162,24 @@ std::vector<Rect> parse_box_list_json(const std::string &text, const std::string
 }
 
 std::vector<Rect> read_box_file(const std::string &path, const std::string &class_name) {
+    namespace fs = std::filesystem;
     std::error_code ec;
-    if (!std::filesystem::exists(path, ec)) {
+    if (!fs::exists(path, ec)) {
         throw input_error("cannot open box file '" + path + "': no such file");
+    }
+    if (fs::is_directory(path, ec)) {
+        throw input_error("cannot read box file '" + path + "': it is a folder");
+    }
+    if (!fs::is_regular_file(path, ec)) {
+        throw input_error("cannot read box file '" + path + "': not a regular file");
+    }
+    const uintmax_t size = fs::file_size(path, ec);
+    if (!ec && size > kMaxBoxFileBytes) {
+        throw input_error(strformat("box file '%s' has %llu bytes; a box file may have at most %llu (a picture "
+                                    "takes at most %llu marked boxes)",
+                                    path.c_str(), static_cast<unsigned long long>(size),
+                                    static_cast<unsigned long long>(kMaxBoxFileBytes),
+                                    static_cast<unsigned long long>(kMaxMarkedBoxes)));
     }
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
@@ -146,6 +196,7 @@ std::vector<Rect> read_box_file(const std::string &path, const std::string &clas
         if (boxes.empty()) {
             throw input_error("'" + path + "' has no object of class '" + class_name + "'");
         }
+        require_box_count(boxes.size(), "'" + path + "'", false);
         return boxes;
     }
     return parse_box_list_json(text, path);

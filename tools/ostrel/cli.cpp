@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "engine.h"
 #include "exit_codes.h"
+#include "picture_file.h"
 #include "tool_error.h"
 #include "tool_output.h"
 
@@ -44,6 +45,7 @@ std::string one_line(std::string text) {
 
 int run_cli(int argc, const char *const *argv) {
     init_tool_out();
+    set_max_picture_pixels(kDefaultMaxPicturePixels);  // --max-pixels of an earlier run in this process
     CLI::App app("ostrel - train a single-class object detector from a few marked boxes and run it", "ostrel");
     app.require_subcommand(1);
     app.fallthrough();

@@ -7,6 +7,7 @@
 
 #include "atomic_file.h"
 #include "channel_mosaic.h"
+#include "command_support.h"
 #include "commands.h"
 #include "engine.h"
 #include "exit_codes.h"
@@ -27,6 +28,13 @@ struct ChannelsOptions {
 };
 
 int run_channels(const ChannelsOptions &o) {
+    // Both outputs are checked before any work.
+    if (!o.raw.empty()) {
+        output_target(o.raw, "raw map");
+    }
+    if (!o.png.empty()) {
+        output_target(o.png, "mosaic");
+    }
     const Picture picture = load_picture(o.image);
     Engine engine;
     FeatureMap map;
@@ -58,9 +66,10 @@ void add_channels_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--png", o->png, "write a mosaic of the channel planes (PNG)")->type_name("OUT");
     sub->add_option("--raw", o->raw, "write the map's bytes in the library's storage order")->type_name("OUT");
     sub->add_option("--scale", o->scale, "enlarge every cell this many times in the mosaic (default 2)")
-        ->check(CLI::Range(1, 16))
+        ->check(whole_number_in(1, 16))
         ->type_name("N");
     sub->add_flag("--stretch", o->stretch, "scale each plane of the mosaic so that its largest value is white");
+    add_max_pixels_option(sub);
     sub->footer(
         "Prints one JSON line {\"channels\":C,\"columns\":W,\"rows\":H,\"padded\":false} describing the map:\n"
         "the unpadded map of scale 0, C planes of W x H cells. Channels 0..2 are L, a, b; 3 the gradient\n"

@@ -114,6 +114,11 @@ int run_demo(const DemoOptions &o) {
     }
     const fs::path out(o.out_dir);
     make_output_folder(out.string());
+    // The files of fixed names are checked before any work (those named
+    // after the pictures when they are written).
+    for (const char *name : {"training.png", "channels.png", kModelName, kJsonName}) {
+        output_target((out / name).string());
+    }
 
     println("ostrel demo: learn red blood cells from one picture, then find them in three others");
     println("pictures: " + bccd.string() + " (BCCD dataset, MIT licence, see its LICENSE file)");
@@ -339,8 +344,9 @@ void add_demo_command(CLI::App &app, CommandAction &action) {
         ->type_name("DIR");
     add_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(CLI::Range(0, 100))
+        ->check(whole_number_in(0, 100))
         ->type_name("N");
+    add_max_pixels_option(sub);
     sub->footer(std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_demo(*o); }; });
 }

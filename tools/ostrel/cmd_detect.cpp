@@ -64,7 +64,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
     sub->add_flag("-r,--recursive", o.recursive, "search folders in their sub-folders too");
     add_profile_option(sub, &o.profile);
     sub->add_option("--sensitivity", o.sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(CLI::Range(0, 100))
+        ->check(whole_number_in(0, 100))
         ->type_name("N");
     sub->add_flag("--json", o.json,
                   "print one JSON line per picture or frame: {\"file\",[\"frame\",\"time_ms\",]\"width\",\"height\","
@@ -73,10 +73,10 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
                     "write each picture with its boxes drawn to DIR/<name>.png, each video to DIR/<name>.mp4")
         ->type_name("DIR");
     sub->add_option("-j,--jobs", o.jobs, "threads, each with its own engine (default: one per core)")
-        ->check(CLI::Range(1, 256))
+        ->check(whole_number_in(1, 256))
         ->type_name("N");
     sub->add_option("--every", o.frames.every, "videos: take every Nth frame (default 1: every frame)")
-        ->check(CLI::Range(1, 1000000))
+        ->check(whole_number_in(1, 1000000))
         ->type_name("N");
     sub->add_option("--start", a->start, "videos: start at this frame (120), second (4.5s) or time (1:30)")
         ->type_name("AT");
@@ -86,6 +86,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
                   "error; always on a terminal)");
     sub->add_flag("--progress", o.progress,
                   "show the progress line on standard error also when it is not a terminal (a line every 5 s)");
+    add_max_pixels_option(sub);
     sub->footer(
         "Each line is: file  x,y,w,h  score  label  colours main, second (a video frame adds \"frame N\n"
         "time_ms T\" after the file). Label 1 is a detection; label -1 a box below the confidence threshold.\n"
@@ -99,6 +100,12 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "cannot be read is reported on standard error and skipped; the others are done and the exit code\n"
         "is then 3. Ctrl-C stops handing out work, lets the running pictures finish and exits with 130;\n"
         "a second Ctrl-C ends at once.\n\n"
+        "A drawing never replaces an input of the run: when DIR/<name>.png is one (the same file, however\n"
+        "spelt), the drawing takes the next free name and a warning says so. A folder, device or FIFO in\n"
+        "the way of a drawing is refused (exit code 4) and left as it is. Pictures above --max-pixels are\n"
+        "refused from their header (JPEG, PNG, BMP) before decoding, a JPEG cut short is refused; both are\n"
+        "reported and skipped. A model of the accurate profile needs --profile accurate: without it the\n"
+        "model is refused at once (exit code 3) with a line that says so.\n\n"
         "Examples:\n"
         "  ostrel detect --model rbc.model --json --summary data/bccd/images > cells.jsonl\n"
         "  find /data -name '*.jpg' | ostrel detect --model rbc.model --list - --draw out\n"

@@ -50,7 +50,7 @@ int run_eval(const EvalOptions &o) {
 
     Engine engine;
     if (!engine.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
-    load_model(engine, o.model);
+    load_model(engine, o.model, o.profile);
     if (!engine.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
     }
@@ -105,12 +105,13 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         ->type_name("NAME")
         ->required();
     sub->add_option("--iou", o->iou, "overlap (intersection over union) a detection needs to count (default 0.5)")
-        ->check(CLI::Range(0.0, 1.0))
+        ->check(real_number_in(0.0, 1.0))
         ->type_name("T");
     add_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(CLI::Range(0, 100))
+        ->check(whole_number_in(0, 100))
         ->type_name("N");
+    add_max_pixels_option(sub);
     sub->footer(
         "Detections (label 1) are matched to the labelled boxes of the class by falling score; each box can\n"
         "be found once; boxes marked difficult are ignored. Precision = TP / detections, recall = TP /\n"

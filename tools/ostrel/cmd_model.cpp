@@ -17,16 +17,15 @@ namespace ostrel_tool {
 
 namespace {
 
-int run_check(const std::string &model) {
-    require_file(model, "model");
+int run_check(const std::string &model, int32_t profile) {
     Engine engine;
-    if (engine.check_model(model)) {
+    const ModelVerdict verdict = judge_model(engine, model, profile, true);
+    if (verdict.problem.empty()) {
         println(model + ": valid");
         return to_int(ExitCode::ok);
     }
     std::fflush(tool_out());
-    std::fprintf(stderr, "ostrel: %s: not valid: %s\n", model.c_str(),
-                 model_problem(model, engine.last_line()).c_str());
+    std::fprintf(stderr, "ostrel: %s: not valid: %s\n", model.c_str(), verdict.problem.c_str());
     return to_int(ExitCode::failed);
 }
 
@@ -34,18 +33,29 @@ int run_info(const std::string &model) {
     const ModelInfo info = read_model_info(model);
     println("model: " + model);
     print(describe_model(info));
-    return to_int(ExitCode::ok);
+    return to_int(info.problems.empty() && info.crc_matches() ? ExitCode::ok : ExitCode::failed);
 }
 
 }  // namespace
 
 void add_check_command(CLI::App &app, CommandAction &action) {
     auto model = std::make_shared<std::string>();
-    CLI::App *sub = app.add_subcommand("check", "Validate a model file (records and CRC-32) with the library");
+    auto profile = std::make_shared<int32_t>(OSTREL_ALG_PROFILE_CLASSIC);
+    CLI::App *sub = app.add_subcommand(
+        "check", "Validate a model file with the library (records and CRC-32), then check that it can detect");
     sub->add_option("MODEL", *model, "the model file")->required();
-    sub->footer("Prints \"MODEL: valid\" and exits 0, or explains on standard error and exits 1.\n\n" +
-                std::string(exit_code_help()));
-    sub->callback([model, &action] { action = [model] { return run_check(*model); }; });
+    add_profile_option(sub, profile.get());
+    sub->footer(
+        "First the library's own validation (the records' ranges and the CRC-32), then the tool's checks of\n"
+        "what the library lets pass although the model cannot detect: the trained box must give a window of\n"
+        "the weights' length under the profile (a model of the accurate profile is valid only with\n"
+        "--profile accurate, and the message says so), the filter matrices must fit each other and the\n"
+        "weights, the trailer's length field must be right and nothing may follow the trailer. A file that\n"
+        "does not follow the layout is judged by the tool alone, without the library reading it.\n"
+        "Prints \"MODEL: valid\" and exits 0, or gives the reason on standard error and exits 1; a missing\n"
+        "file, a folder, a device or a FIFO exits 3.\n\n" +
+        std::string(exit_code_help()));
+    sub->callback([model, profile, &action] { action = [model, profile] { return run_check(*model, *profile); }; });
 }
 
 void add_info_command(CLI::App &app, CommandAction &action) {
@@ -56,8 +66,12 @@ void add_info_command(CLI::App &app, CommandAction &action) {
         "Lists the model record (class_idx, trained_width, trained_height, input_width, input_height,\n"
         "trained_acf_scale_idx, support_vector_size, bias), the weights' range, fp_threshold, the\n"
         "false-positive filter's matrix sizes, the trailer's length L and CRC-32, the CRC computed over the\n"
-        "file and whether they match, and values the library would refuse (\"problem:\" lines). Exits 0 when\n"
-        "the file follows the layout, even if its CRC does not match; 3 when it does not.\n\n" +
+        "file and whether they match, and \"problem:\" lines for values the library would refuse and for\n"
+        "faults that make the model unusable (filter matrices that do not fit, a wrong length field, bytes\n"
+        "after the trailer). The file is read block by block, each count checked against its length, so a\n"
+        "huge or sparse file costs only what its records claim. Exits 0 when the file follows the layout with\n"
+        "no problem and a matching CRC; 1 when it follows the layout but has a problem line or another CRC;\n"
+        "3 when it does not follow the layout or is not a regular file (a folder, a device, a FIFO).\n\n" +
         std::string(exit_code_help()));
     sub->callback([model, &action] { action = [model] { return run_info(*model); }; });
 }

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "atomic_file.h"
 #include "box_io.h"
 #include "command_support.h"
 #include "commands.h"
@@ -85,20 +86,12 @@ std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
     if (!o.box_files.empty()) {
         return pair_pictures_with_box_files(o.images, o.box_files, o.class_name);
     }
+    require_box_count(o.box_arguments.size(), "--box", true);
     TrainingPicture single{o.images.front(), "--box", {}};
     for (const auto &argument : o.box_arguments) {
         single.boxes.push_back(parse_box_argument(argument));
     }
     return {single};
-}
-
-// Fails before any work when the model could not be written anyway.
-void require_output_folder_of(const std::string &path) {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    std::error_code ec;
-    if (!folder.empty() && !std::filesystem::is_directory(folder, ec)) {
-        throw output_error("cannot write model '" + path + "': folder '" + folder.string() + "' does not exist");
-    }
 }
 
 void require_inside(const std::vector<Rect> &boxes, const Picture &picture) {
@@ -108,6 +101,42 @@ void require_inside(const std::vector<Rect> &boxes, const Picture &picture) {
                                         to_string(boxes[i]).c_str(), picture.width(), picture.height(),
                                         picture.path.c_str()));
         }
+    }
+}
+
+// The library leaves out of training every box whose window of feature
+// cells reaches past the map (the picture's edge). One such box among others
+// gets a warning when the boxes are used as given (warn_each); when every box of a picture is left out nothing could be
+// learnt from it, and the message says why rather than the library's bare
+// failure line.
+void require_boxes_within_map(const std::vector<Rect> &boxes, const Picture &picture, const FeatureMap &map,
+                              bool warn_each) {
+    if (map.columns == 0 || map.rows == 0) {
+        return;
+    }
+    std::vector<size_t> left_out;
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        if (!box_window_inside_map(boxes[i], picture.width(), picture.height(), map.columns, map.rows)) {
+            left_out.push_back(i);
+        }
+    }
+    if (left_out.empty()) {
+        return;
+    }
+    if (left_out.size() == boxes.size()) {
+        throw input_error(strformat("%s (%s) of '%s' reaches past the edge of the %dx%d picture and is left out "
+                                    "of training, so there is nothing to learn from: mark boxes that lie wholly "
+                                    "inside the picture",
+                                    boxes.size() == 1 ? "the only box" : "every box, the first",
+                                    to_string(boxes.front()).c_str(), picture.path.c_str(), picture.width(),
+                                    picture.height()));
+    }
+    for (size_t i : left_out) {
+        if (!warn_each) {
+            break;
+        }
+        warn(strformat("box %llu (%s) reaches past the edge of the %dx%d picture '%s' and is left out of training",
+                       static_cast<unsigned long long>(i + 1), to_string(boxes[i]).c_str(), picture.width(), picture.height(), picture.path.c_str()));
     }
 }
 
@@ -149,6 +178,8 @@ int train_on(Engine &engine, const Picture &picture, const std::vector<Rect> &bo
 
 int run_train(const TrainOptions &o) {
     const std::vector<TrainingPicture> set = training_set_from_options(o);
+    // Fails before any work when the model could not be written anyway.
+    output_target(o.model, "model");
     const bool several = set.size() > 1;
     const bool one_size_asked = o.width > 0 || o.median_size;
 
@@ -158,9 +189,6 @@ int run_train(const TrainOptions &o) {
     int samples = 0, changed = 0, boxes_in_all = 0;
     for (size_t k = 0; k < set.size(); ++k) {
         const Picture picture = load_picture(set[k].picture_path);
-        if (k == 0) {
-            require_output_folder_of(o.model);
-        }
         std::vector<Rect> boxes = set[k].boxes;
         boxes_in_all += static_cast<int>(boxes.size());
         Size here;
@@ -197,6 +225,10 @@ int run_train(const TrainOptions &o) {
             // The accurate profile chooses its own window and says itself when a box does not fit.
             if (o.profile == OSTREL_ALG_PROFILE_CLASSIC) {
                 require_learnable(window, picture, map);
+            }
+            if (o.profile == OSTREL_ALG_PROFILE_CLASSIC && !several) {
+                // Boxes given one size on purpose reach over the edge where the object is cut.
+                require_boxes_within_map(boxes, picture, map, !one_size_asked);
             }
             if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) ||
                 !engine.set_random_seed(o.seed)) {
@@ -260,23 +292,24 @@ void add_train_command(CLI::App &app, CommandAction &action) {
                     "Annotations/, annotations/ or the folder; pictures in JPEGImages/, images/ or next to them)")
         ->type_name("DIR");
     sub->add_option("--limit", o->limit, "with --voc: the first N such pictures only (by annotation name)")
-        ->check(CLI::PositiveNumber)
+        ->check(whole_number_in(1, 2147483647))
         ->type_name("N");
     sub->add_option("--model", o->model, "where to write the model file")->type_name("OUT")->required();
     sub->add_option("--sensitivity", o->sensitivity,
                     "0..100, how readily the detector reports a box (default 80); used by auto-training")
-        ->check(CLI::Range(0, 100))
+        ->check(whole_number_in(0, 100))
         ->type_name("N");
     add_profile_option(sub, &o->profile);
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");
     sub->add_option("--width", o->width, "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
-        ->check(CLI::PositiveNumber)
+        ->check(whole_number_in(1, kLargestBoxValue))
         ->type_name("W");
     sub->add_option("--height", o->height, "give every box this height (placed like --width)")
-        ->check(CLI::PositiveNumber)
+        ->check(whole_number_in(1, kLargestBoxValue))
         ->type_name("H");
     sub->add_flag("--median-size", o->median_size,
                   "give every box the median width and height of the (first picture's) boxes (placed like --width)");
+    add_max_pixels_option(sub);
     sub->footer(
         "The detector learns one window size: that of the first box. On one picture, boxes of other sizes\n"
         "are used as they are and a warning is printed. Everything not marked may become a background\n"
@@ -287,6 +320,11 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         "another size is made that size, centred on it, and one warning says how many were changed. On a\n"
         "picture of another size the window is scaled with the picture, so it covers the same feature cells.\n"
         "Only the first picture gets random background samples; every picture gets its auto-training passes.\n\n"
+        "At most 1000 marked boxes a picture (a box file at most 1 MiB), counted before any is built. A box\n"
+        "whose window reaches past the picture's edge is left out of training (a warning names it when the\n"
+        "boxes are used as given; when every box is, train stops with exit code 3). --model is checked before\n"
+        "any work: a folder, device or FIFO is refused with exit code 4 and left as it is, a symbolic link\n"
+        "is written through, and a model written over another keeps that file's mode.\n\n"
         "Examples:\n"
         "  ostrel train a.jpg --boxes a.xml --class RBC --median-size --model rbc.model\n"
         "  ostrel train a.jpg --boxes a.json b.jpg --boxes b.json --model cells.model\n"

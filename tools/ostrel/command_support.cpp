@@ -1,10 +1,15 @@
 #include "command_support.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 
 #include "atomic_file.h"
 #include "model_info.h"
+#include "model_usability.h"
+#include "picture_file.h"
 #include "tool_error.h"
 #include "tool_output.h"
 
@@ -17,6 +22,52 @@ void add_profile_option(CLI::App *command, int32_t *profile) {
         ->type_name("NAME");
 }
 
+CLI::Validator whole_number_in(long long lo, long long hi) {
+    const std::string range = std::to_string(lo) + ".." + std::to_string(hi);
+    return CLI::Validator(
+        [lo, hi, range](std::string &text) -> std::string {
+            char *end = nullptr;
+            errno = 0;
+            const long long v = std::strtoll(text.c_str(), &end, 10);
+            if (text.empty() || end == text.c_str() || *end != '\0') {
+                return "'" + text + "' is not a number (a whole number " + range + " is expected)";
+            }
+            if (errno == ERANGE || v < lo || v > hi) {
+                return "'" + text + "' is not in " + range;
+            }
+            return std::string();
+        },
+        range);
+}
+
+CLI::Validator real_number_in(double lo, double hi) {
+    const std::string range = strformat("%g..%g", lo, hi);
+    return CLI::Validator(
+        [lo, hi, range](std::string &text) -> std::string {
+            char *end = nullptr;
+            const double v = std::strtod(text.c_str(), &end);
+            if (text.empty() || end == text.c_str() || *end != '\0' || !std::isfinite(v)) {
+                return "'" + text + "' is not a number (a number " + range + " is expected)";
+            }
+            if (v < lo || v > hi) {
+                return "'" + text + "' is not in " + range;
+            }
+            return std::string();
+        },
+        range);
+}
+
+void add_max_pixels_option(CLI::App *command) {
+    command
+        ->add_option_function<int64_t>(
+            "--max-pixels", [](const int64_t &pixels) { set_max_picture_pixels(pixels); },
+            strformat("refuse pictures of more than N pixels (width x height), from the header before decoding "
+                      "for JPEG, PNG and BMP (default and largest %lld, the library's limit)",
+                      static_cast<long long>(kDefaultMaxPicturePixels)))
+        ->check(whole_number_in(1, kDefaultMaxPicturePixels))
+        ->type_name("N");
+}
+
 void require_file(const std::string &path, const char *what) {
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) {
@@ -26,6 +77,17 @@ void require_file(const std::string &path, const char *what) {
         throw input_error(std::string("cannot read ") + what + " '" + path + "': not a regular file");
     }
 }
+
+namespace {
+
+// "'<path>' is not a model file: ..." names the fault; the path is said
+// elsewhere in the message.
+std::string without_path(const std::string &text, const std::string &path) {
+    const std::string prefix = "'" + path + "' is not a model file: ";
+    return text.rfind(prefix, 0) == 0 ? "not a model file: " + text.substr(prefix.size()) : text;
+}
+
+}  // namespace
 
 std::string model_problem(const std::string &path, const std::string &library_line) {
     try {
@@ -37,18 +99,50 @@ std::string model_problem(const std::string &path, const std::string &library_li
             return strformat("CRC mismatch (stored 0x%08x, computed 0x%08x)", info.stored_crc, info.computed_crc);
         }
     } catch (const std::exception &e) {
-        // "'<path>' is not a model file: ..." names the fault; drop the path.
-        std::string text = e.what();
-        const std::string prefix = "'" + path + "' is not a model file: ";
-        return text.rfind(prefix, 0) == 0 ? "not a model file: " + text.substr(prefix.size()) : text;
+        return without_path(e.what(), path);
     }
     return library_line.empty() ? "the library refuses it" : "the library reports: " + library_line;
 }
 
-void load_model(Engine &engine, const std::string &path) {
+ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t profile, bool try_accurate_import) {
     require_file(path, "model");
+    ModelVerdict verdict;
+    ModelInfo info;
+    try {
+        info = read_model_info(path);
+    } catch (const ToolError &e) {
+        verdict.problem = without_path(e.what(), path);
+        return verdict;
+    }
+    // A file longer than its records (a sparse file of gigabytes, say) is
+    // refused before the library reads all of it.
+    if (info.bytes_after_trailer() > 0 || !info.length_matches()) {
+        verdict.problem = info.problems.empty() ? "the trailer does not end the file" : info.problems.back();
+        return verdict;
+    }
     if (!engine.check_model(path)) {
-        throw input_error("model '" + path + "' is not valid: " + model_problem(path, engine.last_line()));
+        verdict.problem = model_problem(path, engine.last_line());
+        return verdict;
+    }
+    verdict.library_accepts = true;
+    if (profile == OSTREL_ALG_PROFILE_ACCURATE && !try_accurate_import) {
+        verdict.problem = info.problems.empty() ? "" : info.problems.front();
+    } else {
+        verdict.problem = usability_problem(path, info, profile);
+    }
+    return verdict;
+}
+
+void load_model(Engine &engine, const std::string &path, int32_t profile) {
+    // Under the accurate profile the import itself checks the window.
+    const ModelVerdict verdict = judge_model(engine, path, profile, false);
+    if (!verdict.library_accepts) {
+        throw input_error("model '" + path + "' is not valid: " + verdict.problem);
+    }
+    if (!verdict.problem.empty()) {
+        throw input_error("model '" + path + "' cannot be used under the " +
+                          (profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic") +
+                          " profile: " + verdict.problem);
     }
     if (!engine.import_model(path)) {
         const std::string reason = engine.last_line();
@@ -58,15 +152,7 @@ void load_model(Engine &engine, const std::string &path) {
 }
 
 void export_model_atomically(Engine &engine, const std::string &path) {
-    const std::filesystem::path target(path);
-    if (!target.parent_path().empty()) {
-        std::error_code ec;
-        if (!std::filesystem::is_directory(target.parent_path(), ec)) {
-            throw output_error("cannot write model '" + path + "': folder '" + target.parent_path().string() +
-                               "' does not exist");
-        }
-    }
-    TemporaryFile temporary(temporary_name_for(path));
+    TemporaryFile temporary(temporary_name_for(output_target(path, "model")));
     if (!engine.export_model(temporary.path())) {
         const std::string reason = engine.last_line();
         throw ToolError(ExitCode::failed,
@@ -93,6 +179,20 @@ WindowCells window_cells(Size box, int picture_width, int picture_height, uint32
     w.rows = static_cast<int>(static_cast<float>(box.h) * sy);
     w.values = static_cast<int>(channels) * w.columns * w.rows;
     return w;
+}
+
+bool box_window_inside_map(const Rect &box, int picture_width, int picture_height, uint32_t map_columns,
+                           uint32_t map_rows) {
+    if (picture_width <= 0 || picture_height <= 0) {
+        return false;
+    }
+    const float sx = static_cast<float>(map_columns) / static_cast<float>(picture_width);
+    const float sy = static_cast<float>(map_rows) / static_cast<float>(picture_height);
+    const double x = std::trunc(static_cast<float>(box.x) * sx);
+    const double y = std::trunc(static_cast<float>(box.y) * sy);
+    const double w = std::trunc(static_cast<float>(box.w) * sx);
+    const double h = std::trunc(static_cast<float>(box.h) * sy);
+    return w >= 1 && h >= 1 && x >= 0 && y >= 0 && x + w <= map_columns && y + h <= map_rows;
 }
 
 std::vector<ostrel_alg_box> detections_only(const std::vector<ostrel_alg_box> &boxes) {

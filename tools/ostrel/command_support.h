@@ -28,6 +28,17 @@ constexpr uint32_t kDefaultSeed = 1;
 // was trained with.
 void add_profile_option(CLI::App *command, int32_t *profile);
 
+// A whole number lo..hi: "'abc' is not a number (a whole number lo..hi)"
+// or "'101' is not in lo..hi" (CLI11's own range check says "not in range"
+// for a word and prints the type's limits for PositiveNumber).
+CLI::Validator whole_number_in(long long lo, long long hi);
+// A real number lo..hi; "nan" and "inf" are not numbers here.
+CLI::Validator real_number_in(double lo, double hi);
+
+// Adds --max-pixels N (1..the library's limit): pictures above N pixels are
+// refused, from their header where the format allows (picture_file).
+void add_max_pixels_option(CLI::App *command);
+
 // Throws an input error unless path names an existing regular file.
 void require_file(const std::string &path, const char *what);
 
@@ -35,9 +46,26 @@ void require_file(const std::string &path, const char *what);
 // reading of the file when that finds the fault, else the library's line.
 std::string model_problem(const std::string &path, const std::string &library_line);
 
-// Validates (CRC included) and imports a model; throws an input error for a
-// missing or invalid file and ToolError(failed) when the import fails.
-void load_model(Engine &engine, const std::string &path);
+// What the tool makes of a model file under a profile: whether the
+// library's validation accepts it, and why it cannot be used (empty when it
+// can). The tool's own reading comes first, so that a file that does not
+// follow the layout, or goes on after its trailer, is judged without the
+// library reading it whole; then the library's validation; then the tool's
+// consistency checks (model_usability). Throws an input error when path is
+// missing or not a regular file. Under the accurate profile the window is
+// checked by importing the file into an engine of that profile, when
+// try_accurate_import is set (load_model leaves that to its own import).
+struct ModelVerdict {
+    bool library_accepts = false;
+    std::string problem;
+};
+ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t profile, bool try_accurate_import);
+
+// Judges and imports a model; throws an input error (exit code 3) for a
+// missing, invalid or unusable file - "model 'M' is not valid: ..." or
+// "model 'M' cannot be used under the classic profile: ...; give --profile
+// accurate" - and ToolError(failed) when the import fails.
+void load_model(Engine &engine, const std::string &path, int32_t profile = OSTREL_ALG_PROFILE_CLASSIC);
 
 // Exports the engine's model to a temporary file next to path, validates it
 // and renames it to path. Throws ToolError(failed) or an output error.
@@ -55,6 +83,12 @@ WindowCells window_cells(Size box, int picture_width, int picture_height, uint32
 // The weight vector lengths a model file accepts.
 constexpr int kMinWindowValues = 201;
 constexpr int kMaxWindowValues = 5999;
+
+// Whether the library turns a marked box into a training sample: its window
+// of feature cells (mapped like window_cells) lies wholly inside the map. A
+// box that reaches past the picture's edge this way is left out.
+bool box_window_inside_map(const Rect &box, int picture_width, int picture_height, uint32_t map_columns,
+                           uint32_t map_rows);
 
 // The label-1 boxes of a result list (the detections proper).
 std::vector<ostrel_alg_box> detections_only(const std::vector<ostrel_alg_box> &boxes);

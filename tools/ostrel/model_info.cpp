@@ -15,34 +15,75 @@ namespace ostrel_tool {
 
 namespace {
 
-class Reader {
+// Where the bytes of a model come from: memory or a file, read in order.
+class ByteSource {
 public:
-    Reader(const std::vector<uint8_t> &bytes, const std::string &source) : bytes_(bytes), source_(source) {}
+    virtual ~ByteSource() = default;
+    virtual uint64_t size() const = 0;
+    // Reads exactly count bytes (the caller checked they are there).
+    virtual void read(uint8_t *out, size_t count) = 0;
+};
 
-    void need(uint64_t count, const std::string &what) const {
-        if (count > bytes_.size() - pos_) {
-            throw input_error(strformat("'%s' is not a model file: it ends at byte %zu, inside %s", source_.c_str(),
-                                        bytes_.size(), what.c_str()));
+class MemorySource : public ByteSource {
+public:
+    explicit MemorySource(const std::vector<uint8_t> &bytes) : bytes_(bytes) {}
+    uint64_t size() const override { return bytes_.size(); }
+    void read(uint8_t *out, size_t count) override {
+        std::memcpy(out, bytes_.data() + pos_, count);
+        pos_ += count;
+    }
+
+private:
+    const std::vector<uint8_t> &bytes_;
+    size_t pos_ = 0;
+};
+
+class FileSource : public ByteSource {
+public:
+    FileSource(std::ifstream &in, uint64_t size, const std::string &path) : in_(in), size_(size), path_(path) {}
+    uint64_t size() const override { return size_; }
+    void read(uint8_t *out, size_t count) override {
+        in_.read(reinterpret_cast<char *>(out), static_cast<std::streamsize>(count));
+        if (static_cast<size_t>(in_.gcount()) != count) {
+            throw input_error("cannot read model '" + path_ + "': it changed or could not be read");
         }
     }
-    uint32_t u32(const std::string &what) {
-        need(4, what);
-        uint32_t v = 0;
-        for (int i = 3; i >= 0; --i) {
-            v = (v << 8) | bytes_[pos_ + static_cast<size_t>(i)];
+
+private:
+    std::ifstream &in_;
+    uint64_t size_;
+    const std::string &path_;
+};
+
+// Reads the records in order, every count checked against the bytes left
+// before anything is read or allocated, and keeps the CRC of what it read.
+class Reader {
+public:
+    Reader(ByteSource &source, const std::string &name) : source_(source), name_(name) {}
+
+    void need(uint64_t count, const std::string &what) const {
+        if (count > source_.size() - pos_) {
+            throw input_error(strformat("'%s' is not a model file: it ends at byte %llu, inside %s", name_.c_str(),
+                                        static_cast<unsigned long long>(source_.size()), what.c_str()));
         }
-        pos_ += 4;
-        return v;
+    }
+    void bytes(uint8_t *out, size_t count, const std::string &what) {
+        need(count, what);
+        source_.read(out, count);
+        if (crc_on_) {
+            crc_ = crc32(crc_, out, static_cast<uInt>(count));
+        }
+        pos_ += count;
+    }
+    uint32_t u32(const std::string &what) {
+        uint8_t b[4];
+        bytes(b, 4, what);
+        return uint32_t(b[0]) | (uint32_t(b[1]) << 8) | (uint32_t(b[2]) << 16) | (uint32_t(b[3]) << 24);
     }
     int32_t i32(const std::string &what) { return static_cast<int32_t>(u32(what)); }
     uint64_t u64(const std::string &what) {
-        need(8, what);
-        uint64_t v = 0;
-        for (int i = 7; i >= 0; --i) {
-            v = (v << 8) | bytes_[pos_ + static_cast<size_t>(i)];
-        }
-        pos_ += 8;
-        return v;
+        const uint64_t low = u32(what);
+        return low | (static_cast<uint64_t>(u32(what)) << 32);
     }
     float f32(const std::string &what) {
         const uint32_t bits = u32(what);
@@ -51,20 +92,51 @@ public:
         return v;
     }
     uint8_t u8(const std::string &what) {
-        need(1, what);
-        return bytes_[pos_++];
+        uint8_t b = 0;
+        bytes(&b, 1, what);
+        return b;
+    }
+    // Reads count int32 values block by block, handing each to take.
+    template <typename Take>
+    void i32_values(uint64_t count, const std::string &what, Take take) {
+        need(4 * count, what);
+        uint8_t block[4096];
+        while (count > 0) {
+            const size_t n = static_cast<size_t>(std::min<uint64_t>(count, sizeof block / 4));
+            bytes(block, 4 * n, what);
+            for (size_t i = 0; i < n; ++i) {
+                const uint8_t *b = block + 4 * i;
+                take(static_cast<int32_t>(uint32_t(b[0]) | (uint32_t(b[1]) << 8) | (uint32_t(b[2]) << 16) |
+                                          (uint32_t(b[3]) << 24)));
+            }
+            count -= n;
+        }
     }
     void skip(uint64_t count, const std::string &what) {
         need(count, what);
-        pos_ += static_cast<size_t>(count);
+        uint8_t block[4096];
+        while (count > 0) {
+            const size_t n = static_cast<size_t>(std::min<uint64_t>(count, sizeof block));
+            bytes(block, n, what);
+            count -= n;
+        }
     }
-    size_t position() const { return pos_; }
+    uint64_t position() const { return pos_; }
+    // The CRC of every byte read so far; later bytes are not added.
+    uint32_t finish_crc() {
+        crc_on_ = false;
+        return static_cast<uint32_t>(crc_);
+    }
 
 private:
-    const std::vector<uint8_t> &bytes_;
-    const std::string &source_;
-    size_t pos_ = 0;
+    ByteSource &source_;
+    const std::string &name_;
+    uint64_t pos_ = 0;
+    uLong crc_ = crc32(0L, Z_NULL, 0);
+    bool crc_on_ = true;
 };
+
+ModelInfo parse_from(ByteSource &source, const std::string &name);
 
 }  // namespace
 
@@ -84,7 +156,9 @@ uint32_t model_crc32(const uint8_t *data, size_t size) {
     return static_cast<uint32_t>(crc);
 }
 
-ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &source) {
+namespace {
+
+ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
     ModelInfo info;
     Reader r(bytes, source);
     info.file_size = bytes.size();
@@ -101,12 +175,12 @@ ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &sour
                                     info.support_vector_size));
     }
     const std::string weights = strformat("the %d weights", info.support_vector_size);
-    r.need(4ull * static_cast<uint64_t>(info.support_vector_size), weights);
-    for (int32_t i = 0; i < info.support_vector_size; ++i) {
-        const int32_t w = r.i32(weights);
-        info.weight_min = i == 0 ? w : std::min(info.weight_min, w);
-        info.weight_max = i == 0 ? w : std::max(info.weight_max, w);
-    }
+    bool first = true;
+    r.i32_values(static_cast<uint64_t>(info.support_vector_size), weights, [&](int32_t w) {
+        info.weight_min = first ? w : std::min(info.weight_min, w);
+        info.weight_max = first ? w : std::max(info.weight_max, w);
+        first = false;
+    });
     info.fp_threshold = r.f32("fp_threshold");
     info.pca_filter_ready = r.u8("the filter flag");
     if (info.pca_filter_ready != 0) {
@@ -123,9 +197,9 @@ ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &sour
         }
     }
     info.content_length = r.position();
+    info.computed_crc = r.finish_crc();
     info.stored_length = r.u64("the trailer");
     info.stored_crc = r.u32("the trailer");
-    info.computed_crc = model_crc32(bytes.data(), static_cast<size_t>(info.content_length));
 
     // The same bounds the library applies when it loads a model.
     if (info.class_idx < 0 || info.trained_width <= 0 || info.trained_height <= 0 || info.input_width <= 0 ||
@@ -151,12 +225,40 @@ ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &sour
             info.problems.push_back("filter: matrix sizes outside the accepted ranges");
         }
     }
-    const uint64_t expected_size = info.content_length + 12;
-    if (info.file_size != expected_size) {
+    add_consistency_problems(info);
+    if (!info.length_matches()) {
+        info.problems.push_back(strformat("trailer: its length field says %llu bytes, the records end at byte %llu",
+                                          static_cast<unsigned long long>(info.stored_length),
+                                          static_cast<unsigned long long>(info.content_length)));
+    }
+    if (info.bytes_after_trailer() > 0) {
         info.problems.push_back(strformat("%llu bytes follow the trailer",
-                                          static_cast<unsigned long long>(info.file_size - expected_size)));
+                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
     }
     return info;
+}
+
+}  // namespace
+
+void add_consistency_problems(ModelInfo &info) {
+    if (info.pca_filter_ready == 0) {
+        return;
+    }
+    const auto &f = info.filter;
+    const int32_t d = info.support_vector_size;
+    const int32_t k = f[1].rows;
+    if (f[0].rows != 1 || f[0].cols != d || f[1].cols != d || f[2].rows != 1 || f[2].cols != k || f[3].rows != k ||
+        f[3].cols != k) {
+        info.problems.push_back(strformat(
+            "filter: the matrices do not fit each other or the %d weights (mean %d x %d, eigenvectors %d x %d, "
+            "reduce_mean %d x %d, reduce_inv_covar %d x %d; they must be 1 x %d, K x %d, 1 x K, K x K)",
+            d, f[0].rows, f[0].cols, f[1].rows, f[1].cols, f[2].rows, f[2].cols, f[3].rows, f[3].cols, d, d));
+    }
+}
+
+ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &source) {
+    MemorySource memory(bytes);
+    return parse_from(memory, source);
 }
 
 ModelInfo read_model_info(const std::string &path) {
@@ -167,12 +269,17 @@ ModelInfo read_model_info(const std::string &path) {
     if (std::filesystem::is_directory(path, ec)) {
         throw input_error("cannot read model '" + path + "': it is a folder");
     }
+    // A device or FIFO would be read without end (or block): refused unread.
+    if (!std::filesystem::is_regular_file(path, ec)) {
+        throw input_error("cannot read model '" + path + "': not a regular file");
+    }
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    const uintmax_t size = std::filesystem::file_size(path, ec);
+    if (!in || ec) {
         throw input_error("cannot read model '" + path + "'");
     }
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return parse_model(bytes, path);
+    FileSource file(in, static_cast<uint64_t>(size), path);
+    return parse_from(file, path);
 }
 
 std::string describe_model(const ModelInfo &info) {

@@ -50,7 +50,11 @@ struct ModelInfo {
 
     bool crc_matches() const { return stored_crc == computed_crc; }
     bool length_matches() const { return stored_length == content_length; }
-    // Values outside what the library accepts when it loads a model.
+    uint64_t bytes_after_trailer() const { return file_size - (content_length + 12); }
+    // Values outside what the library accepts when it loads a model, and
+    // faults it lets pass although the model cannot be used: filter
+    // matrices that do not fit each other or the weights, a trailer whose
+    // length field is wrong, bytes after the trailer.
     std::vector<std::string> problems;
 };
 
@@ -61,7 +65,16 @@ const char *filter_matrix_name(size_t index);
 // when the bytes do not follow the layout: a negative count, or a file that
 // ends before its records and trailer do.
 ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &source);
+// The same for a file, read block by block: every count is checked against
+// the file's length before anything is read or allocated, so a huge or
+// sparse file costs what its records claim, not its size. Refuses a folder,
+// a device or a FIFO unread (input error).
 ModelInfo read_model_info(const std::string &path);
+
+// The filter problems above: the matrices must be mean 1 x D, eigenvectors
+// K x D, reduce_mean 1 x K and reduce_inv_covar K x K, with D the number of
+// weights. Adds them to info.problems.
+void add_consistency_problems(ModelInfo &info);
 
 // CRC-32 as in the trailer (zlib's crc32).
 uint32_t model_crc32(const uint8_t *data, size_t size);

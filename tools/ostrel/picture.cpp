@@ -5,6 +5,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "picture_file.h"
 #include "tool_error.h"
 
 namespace ostrel_tool {
@@ -41,6 +42,16 @@ Picture load_picture(const std::string &path) {
     if (fs::is_directory(path, ec)) {
         throw input_error("cannot read picture '" + path + "': it is a folder");
     }
+    if (!fs::is_regular_file(path, ec)) {
+        throw input_error("cannot read picture '" + path + "': not a regular file");
+    }
+    // Sized up before decoding: a small file may claim a huge picture.
+    const PictureFacts facts = read_picture_facts(path);
+    require_pixels_within_limit(path, facts.width, facts.height);
+    if (facts.cut_short) {
+        throw input_error("cannot read picture '" + path +
+                          "': it is cut short (its JPEG data end before the end-of-image marker)");
+    }
     cv::Mat pixels;
     try {
         pixels = cv::imread(path, cv::IMREAD_COLOR);
@@ -50,6 +61,9 @@ Picture load_picture(const std::string &path) {
     if (pixels.empty() || pixels.type() != CV_8UC3) {
         throw input_error("cannot read picture '" + path + "': not a picture format OpenCV can decode");
     }
+    // Formats whose header the tool does not read are held to the limit
+    // after decoding (OpenCV's own limit applies while it decodes them).
+    require_pixels_within_limit(path, pixels.cols, pixels.rows);
     return picture_from_pixels(pixels, path);
 }
 

@@ -23,7 +23,9 @@ struct Picture {
 };
 
 // Reads a picture in any format OpenCV reads, as 8-bit BGR. Throws an input
-// error naming the path when the file is missing or is not a readable picture.
+// error naming the path when the file is missing, not a regular file, above
+// the pixel limit (max_picture_pixels(), from the header before decoding
+// where the format allows), a JPEG cut short, or not a readable picture.
 Picture load_picture(const std::string &path);
 
 // Wraps pixels that are already in memory (8-bit, 3 channels).

@@ -34,6 +34,7 @@ VocTrainingSet training_pictures_from_voc(const std::string &dir, const std::str
     VocTrainingSet set;
     for (const VocItem &item : read_voc_folder(dir)) {
         std::vector<Rect> boxes = boxes_of_class(item.annotation, class_name);
+        require_box_count(boxes.size(), "'" + item.annotation_path + "'", false);
         if (boxes.empty()) {
             ++set.without_class;
             continue;
