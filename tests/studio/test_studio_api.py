@@ -14,6 +14,7 @@ import http.client
 import json
 import os
 import random
+import resource
 import subprocess
 import sys
 import tempfile
@@ -337,6 +338,24 @@ def random_requests(c):
     assert c.json("GET", "/api/status")["pictures"] >= 8
 
 
+@case("--model names a huge sparse file: refused at once by its size, exit 3, nothing read")
+def huge_model_file():
+    sparse = os.path.join(WORK, "sparse.model")
+    with open(sparse, "wb") as f:
+        f.truncate(3 << 30)
+    try:
+        # With its address space held to 1 GiB the tool could not read the
+        # 3 GiB file whole: only a refusal by size ends with the clear line.
+        limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))  # noqa: E731
+        done = subprocess.run([OSTREL, "studio", DATA_IMAGES, "--port", "0", "--model", sparse],
+                              capture_output=True, text=True, timeout=120, preexec_fn=limit)
+    finally:
+        os.unlink(sparse)
+    assert done.returncode == 3, (done.returncode, done.stderr)
+    # The size comes from the file system, not from what could be read.
+    assert f"this one has {3 << 30} bytes" in done.stderr and done.stdout == "", (done.stdout, done.stderr)
+
+
 def accurate_studio():
     """A studio started with --profile accurate trains and detects under it:
     its model is refused by the classic profile's detection and gives, under
@@ -394,6 +413,7 @@ def main():
     finally:
         code, out, err, seconds = studio.stop()
     accurate_studio()
+    huge_model_file()
     if code == 0 and out == "" and "stopped" in err:
         results["passed"] += 1
         print(f"  ok: Ctrl-C stops the studio cleanly ({seconds:.2f} s)")

@@ -25,6 +25,7 @@
 #include "studio_server.h"
 #include "tool_error.h"
 #include "tool_output.h"
+#include "tool_output.h"
 #include "web_assets.h"
 #include "workspace.h"
 
@@ -74,8 +75,16 @@ private:
     std::string path_;
 };
 
-std::string read_model_file(const std::string &path) {
+// The file's size is checked before it is read: a huge (or sparse) file
+// named by mistake is refused at once instead of being read whole first.
+std::string read_model_file(const std::string &path, size_t max_bytes) {
     require_file(path, "model");
+    std::error_code ec;
+    const auto size = fs::file_size(path, ec);
+    if (!ec && size > max_bytes) {
+        throw input_error(strformat("model '%s': a model file is at most %zu KiB; this one has %llu bytes",
+                                    path.c_str(), max_bytes >> 10, static_cast<unsigned long long>(size)));
+    }
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
     content << in.rdbuf();
@@ -121,7 +130,7 @@ int run_studio(const StudioOptions &o) {
     studio::Workspace workspace(store, settings);
     if (!o.model.empty()) {
         try {
-            workspace.load_model(read_model_file(o.model), fs::path(o.model).filename().string());
+            workspace.load_model(read_model_file(o.model, settings.max_model_bytes), fs::path(o.model).filename().string());
         } catch (const studio::ApiError &e) {
             throw input_error("model '" + o.model + "': " + e.what());
         }
