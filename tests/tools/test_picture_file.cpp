@@ -105,8 +105,32 @@ TEST(LoadPicture, APictureAboveTheLimitIsRefusedFromItsHeader) {
     std::ofstream(dir / "huge.jpg", std::ios::binary) << jpeg_claiming(30000, 20000);
     for (const char *name : {"huge.png", "huge.jpg"}) {
         const std::string message = message_of([&] { load_picture((dir / name).string()); });
-        EXPECT_NE(message.find("30000x20000 pixels, above the limit of 268435456"), std::string::npos) << message;
+        EXPECT_NE(message.find("30000x20000 pixels, above the limit of 134217728 pixels (the default; "
+                               "--max-pixels raises it)"),
+                  std::string::npos)
+            << message;
     }
+    fs::remove_all(dir);
+}
+
+// The default limit can be raised up to the library's own: a 12000 x 12000
+// picture passes the size check then (and fails here only because the file
+// holds nothing but a header), a 30000 x 20000 one never does.
+TEST(LoadPicture, TheLimitCanBeRaisedToTheLibrarysOwn) {
+    const fs::path dir = fs::temp_directory_path() / "ostrel_picture_file_raised";
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    std::ofstream(dir / "large.png", std::ios::binary) << png_claiming(12000, 12000);
+    std::ofstream(dir / "huge.png", std::ios::binary) << png_claiming(30000, 20000);
+    const std::string large = (dir / "large.png").string(), huge = (dir / "huge.png").string();
+    EXPECT_NE(message_of([&] { load_picture(large); }).find("above the limit of 134217728"), std::string::npos);
+    set_max_picture_pixels(kLargestMaxPicturePixels);
+    const std::string raised = message_of([&] { load_picture(large); });
+    EXPECT_FALSE(raised.empty());
+    EXPECT_EQ(raised.find("above the limit"), std::string::npos) << raised;
+    EXPECT_NE(message_of([&] { load_picture(huge); }).find("above the limit of 268435456 pixels (the library's own limit)"),
+              std::string::npos);
+    set_max_picture_pixels(kDefaultMaxPicturePixels);
     fs::remove_all(dir);
 }
 

@@ -62,9 +62,10 @@ void add_max_pixels_option(CLI::App *command) {
         ->add_option_function<int64_t>(
             "--max-pixels", [](const int64_t &pixels) { set_max_picture_pixels(pixels); },
             strformat("refuse pictures of more than N pixels (width x height), from the header before decoding "
-                      "for JPEG, PNG and BMP (default and largest %lld, the library's limit)",
-                      static_cast<long long>(kDefaultMaxPicturePixels)))
-        ->check(whole_number_in(1, kDefaultMaxPicturePixels))
+                      "for JPEG, PNG and BMP (default %lld = 2^27; at most %lld, the library's limit)",
+                      static_cast<long long>(kDefaultMaxPicturePixels),
+                      static_cast<long long>(kLargestMaxPicturePixels)))
+        ->check(whole_number_in(1, kLargestMaxPicturePixels))
         ->type_name("N");
 }
 

@@ -13,9 +13,13 @@
 
 namespace ostrel_tool {
 
-// The pixel limit of the tool, by default the library's own: the library
-// refuses larger pictures anyway, so reading them would only waste memory.
-constexpr int64_t kDefaultMaxPicturePixels = OSTREL_ALG_MAX_PICTURE_PIXELS;
+// The pixel limits of the tool. By default 2^27 (a 16384 x 8192 picture,
+// larger than any camera's photo): a picture costs three bytes a pixel
+// and more again while it is worked on, in every job at once, so larger
+// ones are taken only when asked for (--max-pixels), up to the library's
+// own limit, above which the library refuses them anyway.
+constexpr int64_t kDefaultMaxPicturePixels = int64_t{1} << 27;
+constexpr int64_t kLargestMaxPicturePixels = OSTREL_ALG_MAX_PICTURE_PIXELS;
 
 // The limit every picture read from a file is held to (width x height), for
 // the whole process; commands set it from --max-pixels.
