@@ -66,17 +66,17 @@ std::string message_of(const std::function<void()> &f) {
 
 TEST(PictureFacts, SizesComeFromTheHeader) {
     const PictureFacts png = facts_of(png_claiming(30000, 20000));
-    EXPECT_EQ(png.kind, PictureKind::png);
+    EXPECT_EQ(png.kind, PictureFormat::png);
     EXPECT_EQ(png.width, 30000);
     EXPECT_EQ(png.height, 20000);
     const PictureFacts jpeg = facts_of(jpeg_claiming(30000, 20000));
-    EXPECT_EQ(jpeg.kind, PictureKind::jpeg);
+    EXPECT_EQ(jpeg.kind, PictureFormat::jpeg);
     EXPECT_EQ(jpeg.width, 30000);
     EXPECT_EQ(jpeg.height, 20000);
     const PictureFacts real = facts_of(file_bytes(ostrel_test::data_path("bccd/images/BloodImage_00000.jpg")));
     EXPECT_EQ(real.width, 640);
     EXPECT_EQ(real.height, 480);
-    EXPECT_EQ(facts_of("not a picture").kind, PictureKind::other);
+    EXPECT_EQ(facts_of("not a picture").kind, PictureFormat::unknown);
 }
 
 TEST(JpegEnd, AWholeFileReachesItsEndAndACutOneDoesNot) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ostrel_alg.h"
+#include "picture_header.h"
 
 namespace ostrel_tool {
 
@@ -26,10 +27,8 @@ constexpr int64_t kLargestMaxPicturePixels = OSTREL_ALG_MAX_PICTURE_PIXELS;
 void set_max_picture_pixels(int64_t pixels);
 int64_t max_picture_pixels();
 
-enum class PictureKind { other, jpeg, png, bmp };
-
 struct PictureFacts {
-    PictureKind kind = PictureKind::other;
+    PictureFormat kind = PictureFormat::unknown;
     int64_t width = 0;  // 0 and 0 when the header gives no size (other formats)
     int64_t height = 0;
     bool cut_short = false;  // JPEG: no end-of-image marker after the last scan

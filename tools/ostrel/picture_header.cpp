@@ -3,7 +3,6 @@
 #include <cstring>
 
 namespace ostrel_tool {
-namespace studio {
 
 namespace {
 
@@ -139,5 +138,4 @@ const char *file_extension(PictureFormat format) {
     }
 }
 
-}  // namespace studio
 }  // namespace ostrel_tool

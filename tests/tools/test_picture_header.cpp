@@ -1,4 +1,4 @@
-// The studio sizes up an upload from its first bytes before decoding it.
+// Pictures are sized up from their first bytes before they are decoded.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -7,7 +7,7 @@
 #include "picture_header.h"
 #include "support/test_data.h"
 
-using namespace ostrel_tool::studio;
+using namespace ostrel_tool;
 
 namespace {
 

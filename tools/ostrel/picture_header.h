@@ -1,7 +1,7 @@
 // What kind of picture a file holds and how large it is, read from the
-// first bytes alone. Uploads are sized up this way before anything decodes
-// them, so a small file that would unpack into a huge picture is refused
-// without allocating it.
+// first bytes alone. Pictures (the tool's files, the studio's uploads) are
+// sized up this way before anything decodes them, so a small file that
+// would unpack into a huge picture is refused without allocating it.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,6 @@
 #include <string>
 
 namespace ostrel_tool {
-namespace studio {
 
 enum class PictureFormat { unknown, jpeg, png, bmp };
 
@@ -35,5 +34,4 @@ const char *media_type(PictureFormat format);
 // ".jpg", ".png", ".bmp"; "" for unknown.
 const char *file_extension(PictureFormat format);
 
-}  // namespace studio
 }  // namespace ostrel_tool
