@@ -42,7 +42,7 @@ void AnnotatedVideo::write(const cv::Mat &bgr) {
     if (!writer_.isOpened()) {
         size_ = bgr.size();
         temporary_ = temporary_name_for(output_target(path_, "video"), annotated_video_extension());
-        // H.264 first (what every player reads); MPEG-4 Part 2 is FFmpeg's
+        // H.264 first (what every player reads); MPEG-4 Visual (mp4v) is FFmpeg's
         // own encoder, there whenever FFmpeg is.
         for (const char *codec : {"avc1", "mp4v"}) {
             try {

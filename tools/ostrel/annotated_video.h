@@ -1,6 +1,6 @@
 // An annotated copy of a video: frames with their boxes drawn, written with
 // OpenCV's video writer (FFmpeg in Debian) as H.264 in an MP4 file, or
-// MPEG-4 Part 2 in MP4 when the H.264 encoder is missing. The frames go to a
+// MPEG-4 Visual (mp4v) in MP4 when the H.264 encoder is missing. The frames go to a
 // temporary file next to the target ("<folder>/.<name>.tmp-<pid>-<n>.mp4":
 // the writer picks the container by the extension), which finish() renames
 // to the target, so the file appears complete or not at all.
