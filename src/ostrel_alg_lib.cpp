@@ -394,14 +394,14 @@ int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) 
     if (!handle_ok(handle, __func__, kSetOptionLine)) {
         return 1;
     }
-    const ostrel::option_spec *spec = ostrel::find_option(option);
-    if (spec == nullptr) {
+    const ostrel::option_range *range = ostrel::find_option(option);
+    if (range == nullptr) {
         ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
         return 1;
     }
-    if (value < spec->minimum || value > spec->maximum) {
-        ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, spec->name, value, spec->minimum,
-                    spec->maximum);
+    if (value < range->minimum || value > range->maximum) {
+        ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, range->name, value, range->minimum,
+                    range->maximum);
         return 1;
     }
     handle->options.set(option, value);

@@ -6,7 +6,7 @@ namespace ostrel {
 
 namespace {
 
-constexpr option_spec kSpecs[] = {
+constexpr option_range kOptionRanges[] = {
     {kOptionProfile, "profile", kProfileClassic, kProfileAccurate, kProfileClassic},
     {kOptionAccurateCells, "accurate cells", 36, 400, accurate_settings{}.object_cells},
     {kOptionAccurateSizeSteps, "accurate size steps", 0, 4, accurate_settings{}.size_steps},
@@ -15,14 +15,14 @@ constexpr option_spec kSpecs[] = {
 
 }  // namespace
 
-const option_spec *option_specs(int32_t *count) {
-    *count = static_cast<int32_t>(std::size(kSpecs));
-    return kSpecs;
+const option_range *option_table(int32_t *count) {
+    *count = static_cast<int32_t>(std::size(kOptionRanges));
+    return kOptionRanges;
 }
 
-const option_spec *find_option(int32_t id) {
-    for (const option_spec &spec : kSpecs) {
-        if (spec.id == id) return &spec;
+const option_range *find_option(int32_t id) {
+    for (const option_range &range : kOptionRanges) {
+        if (range.id == id) return &range;
     }
     return nullptr;
 }

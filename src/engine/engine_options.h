@@ -22,7 +22,7 @@ inline constexpr int32_t kProfileClassic = 0;
 inline constexpr int32_t kProfileAccurate = 1;
 
 // One option: its number, name (for log lines), range (inclusive) and default.
-struct option_spec {
+struct option_range {
     int32_t id;
     const char *name;
     int32_t minimum;
@@ -31,9 +31,9 @@ struct option_spec {
 };
 
 // Every option the engine knows, in number order; *count receives their number.
-const option_spec *option_specs(int32_t *count);
-// The spec of option `id`, or null when there is none.
-const option_spec *find_option(int32_t id);
+const option_range *option_table(int32_t *count);
+// The range and name of option `id`, or null when there is none.
+const option_range *find_option(int32_t id);
 
 struct engine_options {
     int32_t profile = kProfileClassic;

@@ -9,7 +9,6 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "ostrel_alg.h"
-#include "support/bccd_picture.h"
 #include "support/stdout_capture.h"
 #include "support/test_data.h"
 #include "support/voc.h"
@@ -20,10 +19,28 @@ namespace {
 
 constexpr uint32_t kSeed = 20261121;
 
-using picture = ostrel_test::bccd_picture;
-using ostrel_test::image_record;
-using ostrel_test::load_bccd;
-using ostrel_test::overlap;
+struct picture {
+    cv::Mat pixels;
+    std::vector<ostrel_test::voc_object> objects;
+};
+
+picture load_bccd(const std::string &stem) {
+    picture p;
+    p.pixels = cv::imread(data_path("bccd/images/" + stem + ".jpg"), cv::IMREAD_COLOR);
+    p.objects = ostrel_test::read_voc(data_path("bccd/annotations/" + stem + ".xml"));
+    return p;
+}
+
+ostrel_alg_image image_record(const cv::Mat &pixels, int64_t key) {
+    return ostrel_alg_image{pixels.cols, pixels.rows, 3, pixels.data, key, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
+}
+
+float overlap(const ostrel_alg_box &a, const ostrel_alg_box &b) {
+    const int x0 = std::max(a.x, b.x), y0 = std::max(a.y, b.y);
+    const int x1 = std::min(a.x + a.width, b.x + b.width), y1 = std::min(a.y + a.height, b.y + b.height);
+    const float inter = (x1 > x0 && y1 > y0) ? static_cast<float>((x1 - x0) * (y1 - y0)) : 0.0f;
+    return inter / (static_cast<float>(a.width * a.height + b.width * b.height) - inter);
+}
 
 class EndToEnd : public testing::Test {
 protected:

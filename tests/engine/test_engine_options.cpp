@@ -10,14 +10,14 @@ namespace {
 
 TEST(EngineOptions, TheTableListsEveryOptionWithItsRangeAndDefault) {
     int32_t count = 0;
-    const ostrel::option_spec *specs = ostrel::option_specs(&count);
+    const ostrel::option_range *ranges = ostrel::option_table(&count);
     ASSERT_EQ(count, 4);
     for (int32_t i = 0; i < count; ++i) {
-        EXPECT_EQ(specs[i].id, i + 1);
-        EXPECT_LE(specs[i].minimum, specs[i].default_value);
-        EXPECT_GE(specs[i].maximum, specs[i].default_value);
-        EXPECT_EQ(ostrel::find_option(specs[i].id), &specs[i]);
-        EXPECT_EQ(ostrel::engine_options{}.get(specs[i].id), specs[i].default_value);
+        EXPECT_EQ(ranges[i].id, i + 1);
+        EXPECT_LE(ranges[i].minimum, ranges[i].default_value);
+        EXPECT_GE(ranges[i].maximum, ranges[i].default_value);
+        EXPECT_EQ(ostrel::find_option(ranges[i].id), &ranges[i]);
+        EXPECT_EQ(ostrel::engine_options{}.get(ranges[i].id), ranges[i].default_value);
     }
     EXPECT_EQ(ostrel::find_option(0), nullptr);
     EXPECT_EQ(ostrel::find_option(5), nullptr);
