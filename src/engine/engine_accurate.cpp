@@ -16,7 +16,6 @@
 #include "common/box_geometry.h"
 #include "common/log.h"
 #include "common/log_lines.h"
-#include "engine/input_limits.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
@@ -28,11 +27,6 @@ constexpr int kRefusedInputLine = 861;
 constexpr int kRunDetectorLine = 1135;
 constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
 constexpr int kRemoveSampleLine = 3953;
-// The limits on marked boxes and picture size hold under both profiles, with
-// the same lines.
-constexpr int kTooManyBoxesLine = 4101;
-constexpr int kPictureTooLargeLine = 4102;
-constexpr int kDetectionPictureTooLargeLine = 4111;
 
 // Accurate models keep their weights and bias in fixed point with this
 // factor, 100 times finer than the classic 100000: the profile's weights
@@ -90,14 +84,8 @@ ostrel::pyramid_request pyramid_request(const ostrel::accurate_geometry &geometr
 
 ostrel::accurate_settings ostrel_alg::accurateSettings() const { return options.accurate; }
 
+// The picture and boxes are checked by setDetectorWithAutoTrain.
 int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
-    if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
-        return fail(kSetDetectorName, kRefusedInputLine);
-    }
-    if (!ostrel::accept_marked_box_count(boxes.size(), kSetDetectorName, kTooManyBoxesLine) ||
-        !ostrel::accept_picture_pixels(*image, kSetDetectorName, kPictureTooLargeLine)) {
-        return 1;
-    }
     const ostrel::accurate_settings settings = accurateSettings();
     if (!accurate_pictures.empty() && !same_window_settings(settings, model_settings)) {
         ostrel::log("[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
@@ -250,16 +238,8 @@ bool ostrel_alg::acceptAccurateModel(const ostrel::svm_model &model, const ostre
     return true;
 }
 
+// The model and the picture are checked by runDetector.
 int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
-    if (!svm_model.trained() || image == nullptr) {
-        return fail(kRunDetectorName, kRunDetectorLine);
-    }
-    if (!checkImgValid(image)) {
-        return fail(kRunDetectorName, kRunDetectorLine);
-    }
-    if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine)) {
-        return 1;
-    }
     const ostrel::accurate_settings settings = accurateSettings();
     if (model_profile != ostrel::kProfileAccurate) {
         ostrel::log("[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "

@@ -64,9 +64,8 @@ bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
 }
 
 int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
-    if (options.is_accurate()) {
-        return runDetectorAccurate(image, out);
-    }
+    // What every detection needs, whatever the profile: a model, a valid
+    // picture within the pixel limit.
     if (!svm_model.trained() || image == nullptr) {
         log_run_failure();
         return 1;
@@ -75,14 +74,19 @@ int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostre
         log_run_failure();
         return 1;
     }
+    if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine)) {
+        return 1;
+    }
+    if (options.is_accurate()) {
+        return runDetectorAccurate(image, out);
+    }
     if (model_profile == ostrel::kProfileAccurate) {
         ostrel::log("[Alg.Fail] %s: the model was made under the accurate profile; set the profile back, or train "
                     "or import it again under the classic profile\n",
                     kRunDetectorName);
         return 1;
     }
-    if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine) ||
-        !ostrel::accept_trained_box_on_picture(*image, svm_model.trained_width, svm_model.trained_height,
+    if (!ostrel::accept_trained_box_on_picture(*image, svm_model.trained_width, svm_model.trained_height,
                                                svm_model.input_width, svm_model.input_height, kRunDetectorName,
                                                kBoxBelowOnePixelLine)) {
         return 1;

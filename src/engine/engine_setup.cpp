@@ -64,15 +64,16 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
 }  // namespace
 
 int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
-    if (options.is_accurate()) {
-        return setDetectorAccurate(image, boxes);
-    }
+    // What every set-up needs, whatever the profile.
     if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
         return fail(kSetDetectorName, kRefusedInputLine);
     }
     if (!ostrel::accept_marked_box_count(boxes.size(), kSetDetectorName, kTooManyBoxesLine) ||
         !ostrel::accept_picture_pixels(*image, kSetDetectorName, kPictureTooLargeLine)) {
         return 1;
+    }
+    if (options.is_accurate()) {
+        return setDetectorAccurate(image, boxes);
     }
     // A new picture brings new marked boxes and samples. The same key again
     // means "retrain on what you have": the boxes passed now are not read.

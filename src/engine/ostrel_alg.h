@@ -134,6 +134,8 @@ public:
 
     // --- the accurate profile (engine_accurate.cpp) ----------------------
     ostrel::accurate_settings accurateSettings() const;
+    // Called by setDetectorWithAutoTrain and runDetector after the checks
+    // both profiles share (picture, boxes, limits, model).
     int32_t setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes);
     int32_t runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
     int32_t trainAccurate();
