@@ -14,31 +14,13 @@ case_name=$1 ostrel=$2 model=$3 data=$4 work=$5 make_video=$6
 bccd=$data/bccd
 pictures=("$bccd"/images/*.jpg)  # the 8 shipped pictures, sorted by name
 
+support=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/cli_case_support.sh
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work" || exit 1
 
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
-expect_eq() {  # what expected actual
-  [ "$2" == "$3" ] || fail "$1: expected '$2', got '$3'"
-}
-expect_match() {  # what regex text
-  [[ "$3" =~ $2 ]] || fail "$1: '$3' does not match /$2/"
-}
+source "$support"
 lines_of() { [ -s "$1" ] && wc -l < "$1" | tr -d ' ' || echo 0; }
-finish() {
-  if [ "$failures" -gt 0 ]; then
-    echo "--- stdout:" >&2; cat out.txt 2>/dev/null >&2
-    echo "--- stderr:" >&2; cat err.txt 2>/dev/null >&2
-    exit 1
-  fi
-  echo "ok: $case_name"
-  exit 0
-}
 # A PNG file is complete when it ends with its IEND chunk.
 png_complete() { [ "$(tail -c 8 "$1" | od -An -tx1 | tr -d ' \n')" == "49454e44ae426082" ]; }
 

@@ -22,36 +22,14 @@ picture=$bccd/images/BloodImage_00000.jpg  # 640x480
 other_picture=$bccd/images/BloodImage_00001.jpg
 python=/usr/bin/python3
 
+support=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)/cli_case_support.sh
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work" || exit 1
 
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
-expect_eq() {  # what expected actual
-  [ "$2" == "$3" ] || fail "$1: expected '$2', got '$3'"
-}
-expect_match() {  # what regex text
-  [[ "$3" =~ $2 ]] || fail "$1: '$3' does not match /$2/"
-}
-expect_no_match() {  # what regex text
-  [[ "$3" =~ $2 ]] && fail "$1: '$3' should not match /$2/"
-  return 0
-}
+source "$support"
 one_line() {  # what file
   expect_eq "$1: lines on standard error" 1 "$(wc -l < "$2" | tr -d ' ')"
-}
-finish() {
-  if [ "$failures" -gt 0 ]; then
-    echo "--- stdout:" >&2; cat out.txt 2>/dev/null >&2
-    echo "--- stderr:" >&2; cat err.txt 2>/dev/null >&2
-    exit 1
-  fi
-  echo "ok: $case_name"
-  exit 0
 }
 # Runs ostrel with a guard against hangs (a FIFO output or input would block
 # forever) and a memory ceiling (a model read whole would need gigabytes).
