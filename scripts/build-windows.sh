@@ -20,6 +20,7 @@
 # and reused by later runs; GoogleTest (from /usr/src/googletest) likewise.
 # Each stage says its wall and CPU time.
 set -euo pipefail
+shopt -s inherit_errexit  # a failure inside $(...) stops the script too
 cd "$(dirname "$0")/.."
 root=$PWD
 
@@ -31,7 +32,10 @@ mingw_root=/usr/$triplet
 toolchain=$root/cmake/mingw-w64-x86_64.cmake
 zlib_args=(-DZLIB_LIBRARY=$mingw_root/lib/libz.a -DZLIB_INCLUDE_DIR=$mingw_root/include)
 
-say() { echo "build-windows: $*"; }
+# Every message goes to standard error: some helpers below print a result on
+# standard output that the caller captures with $(...), and a message mixed
+# into it would corrupt the captured value.
+say() { echo "build-windows: $*" >&2; }
 die() { echo "build-windows: $*" >&2; exit 1; }
 seconds_since() { echo $(($(date +%s) - $1)); }
 timed() {  # timed WHAT COMMAND...: runs COMMAND, then says its wall and CPU time
@@ -46,41 +50,10 @@ if ! command -v $triplet-g++-posix >/dev/null || ! command -v $triplet-gfortran-
 fi
 
 # --- Debian source packages ---------------------------------------------------
-# apt-get source needs a deb-src entry; add one for the archive the machine
-# already uses (the same URIs and suites as its deb entries).
-ensure_deb_src() {
-  if grep -Eqs '^(Types:.*deb-src|deb-src )' /etc/apt/sources.list /etc/apt/sources.list.d/*; then
-    return
-  fi
-  [ "$(id -u)" -eq 0 ] || die "apt-get source needs a deb-src entry in /etc/apt/sources.list.d; run once as root"
-  say "adding deb-src entries for the machine's Debian archive"
-  local f
-  for f in /etc/apt/sources.list.d/*.sources; do
-    [ -f "$f" ] && grep -q '^Types: deb$' "$f" || continue
-    sed 's/^Types: deb$/Types: deb-src/' "$f" > "/etc/apt/sources.list.d/ostrel-src-$(basename "$f")"
-  done
-  if [ -f /etc/apt/sources.list ] && grep -q '^deb ' /etc/apt/sources.list; then
-    sed -n 's/^deb /deb-src /p' /etc/apt/sources.list > /etc/apt/sources.list.d/ostrel-src.list
-  fi
-  apt-get -o DPkg::Lock::Timeout=1800 update
-}
-
-# fetch_source PACKAGE VERSION -> prints the unpacked folder (under $cache/src).
-# Takes the version the Linux build has installed; when the archive no longer
-# serves that exact version (security updates move on), the release's own.
-fetch_source() {
-  local package=$1 version=$2
-  mkdir -p "$cache/src"
-  (
-    cd "$cache/src"
-    rm -rf "$package"-*/ "${package}"_*
-    ensure_deb_src
-    apt-get source "$package=$version" >&2 || apt-get source "$package/$(. /etc/os-release; echo "$VERSION_CODENAME")" >&2
-  )
-  find "$cache/src" -maxdepth 1 -type d -name "$package-*" -print -quit
-}
-
-source_version() { dpkg-query -W -f='${source:Version}' "$1"; }
+# ensure_deb_src, fetch_source PACKAGE VERSION (prints the unpacked folder and
+# nothing else) and source_version PACKAGE.
+# shellcheck source=scripts/debian-source.sh
+source "$root/scripts/debian-source.sh"
 
 # --- BLAS and LAPACK for Windows ---------------------------------------------------
 # The versions the Linux OpenCV runs with: Debian's reference libblas3 and
