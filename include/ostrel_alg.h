@@ -363,6 +363,8 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
 #define OSTREL_ALG_OPTION_ACCURATE_CELLS 2
 #define OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS 3
 #define OSTREL_ALG_OPTION_ACCURATE_OVERLAP 4
+#define OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT 6
+#define OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT 7
 
 /*
  * Sets option number `option` to `value`. Returns 1, with one log line and

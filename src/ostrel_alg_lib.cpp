@@ -14,7 +14,9 @@ static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE && ostrel::kPr
                   ostrel::kProfileAccurate == OSTREL_ALG_PROFILE_ACCURATE &&
                   ostrel::kOptionAccurateCells == OSTREL_ALG_OPTION_ACCURATE_CELLS &&
                   ostrel::kOptionAccurateSizeSteps == OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS &&
-                  ostrel::kOptionAccurateOverlap == OSTREL_ALG_OPTION_ACCURATE_OVERLAP,
+                  ostrel::kOptionAccurateOverlap == OSTREL_ALG_OPTION_ACCURATE_OVERLAP &&
+                  ostrel::kOptionAccurateMinHeight == OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT &&
+                  ostrel::kOptionAccurateMaxHeight == OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT,
               "the engine's option numbers are the header's");
 
 namespace {
@@ -399,12 +401,22 @@ int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) 
         ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
         return 1;
     }
-    if (value < range->minimum || value > range->maximum) {
-        ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, range->name, value, range->minimum,
-                    range->maximum);
+    if (!ostrel::within_range(*range, value)) {
+        if (range->least_nonzero > 0) {
+            ostrel::log("[Alg.Fail] %s: %s %d is outside 0 (automatic) and %d..%d\n", __func__, range->name, value,
+                        range->least_nonzero, range->maximum);
+        } else {
+            ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, range->name, value, range->minimum,
+                        range->maximum);
+        }
+        return 1;
+    }
+    if (const char *conflict = handle->options.conflict(option, value)) {
+        ostrel::log("[Alg.Fail] %s: %s %d %s\n", __func__, range->name, value, conflict);
         return 1;
     }
     handle->options.set(option, value);
+    handle->options.set_by_host |= 1u << option;
     return 0;
 }
 

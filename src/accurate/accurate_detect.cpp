@@ -9,6 +9,16 @@
 
 namespace ostrel {
 
+double size_prior_penalty(const accurate_search &search, double object_height) {
+    if (!(search.size_penalty > 0.0) || !(search.taught_min > 0.0) || !(object_height > 0.0) ||
+        !(search.penalty_step > 1.0)) {
+        return 0.0;
+    }
+    const double beyond = std::max({0.0, std::log(search.taught_min / object_height),
+                                    std::log(object_height / std::max(search.taught_max, search.taught_min))});
+    return search.size_penalty * beyond / std::log(search.penalty_step);
+}
+
 std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const accurate_geometry &geometry,
                                        const accurate_search &search, float floor_margin) {
     std::vector<margin_box> out;
@@ -17,9 +27,10 @@ std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const ac
         const window_sum_grid grid = window_sums(pair_cells(level.map), *search.weights);
         const double width = search.box_width * level.size_factor;
         const double height = search.box_height * level.size_factor;
+        const double bias = search.bias - size_prior_penalty(search, height);
         for (int32_t x = 0; x < grid.columns; ++x) {
             for (int32_t y = 0; y < grid.rows; ++y) {
-                const float margin = static_cast<float>(grid.at(x, y) * scale + search.bias);
+                const float margin = static_cast<float>(grid.at(x, y) * scale + bias);
                 if (margin < floor_margin) continue;
                 double l, t, w, h;
                 window_object_box(x, y, level, geometry, &l, &t, &w, &h);
@@ -37,6 +48,26 @@ std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const ac
 }
 
 std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit) {
+    return suppress_by_margin(std::move(boxes), max_overlap, limit, 1.0f);
+}
+
+namespace {
+
+// The part of the smaller box's area inside the other box.
+float contained_fraction(const ostrel_alg_box &a, const ostrel_alg_box &b) {
+    const int64_t iw = std::min<int64_t>(static_cast<int64_t>(a.x) + a.width, static_cast<int64_t>(b.x) + b.width) -
+                       std::max(a.x, b.x);
+    const int64_t ih = std::min<int64_t>(static_cast<int64_t>(a.y) + a.height, static_cast<int64_t>(b.y) + b.height) -
+                       std::max(a.y, b.y);
+    if (iw <= 0 || ih <= 0) return 0.0f;
+    const double smaller = std::min(static_cast<double>(a.width) * a.height, static_cast<double>(b.width) * b.height);
+    return smaller > 0.0 ? static_cast<float>(static_cast<double>(iw) * static_cast<double>(ih) / smaller) : 0.0f;
+}
+
+}  // namespace
+
+std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit,
+                                           float max_contained) {
     std::stable_sort(boxes.begin(), boxes.end(),
                      [](const margin_box &a, const margin_box &b) { return a.margin > b.margin; });
     std::vector<margin_box> kept;
@@ -44,7 +75,8 @@ std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float 
         if (kept.size() >= limit) break;
         bool suppressed = false;
         for (const margin_box &k : kept) {
-            if (box_overlap(candidate.box, k.box) >= max_overlap) {
+            if (box_overlap(candidate.box, k.box) >= max_overlap ||
+                (max_contained < 1.0f && contained_fraction(candidate.box, k.box) >= max_contained)) {
                 suppressed = true;
                 break;
             }
@@ -71,9 +103,10 @@ ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t
     return out;
 }
 
-void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes) {
-    if (pyramid.lab.empty() || pyramid.levels.empty()) return;
-    const pyramid_level &level = pyramid.levels[static_cast<size_t>(pyramid.marked_level)];
+namespace {
+
+// Colour classes of boxes from one Lab record of a level.
+void label_colours_on(const chn_image8 &lab_record, const pyramid_level &level, std::vector<ostrel_alg_box> &boxes) {
     // The Lab record is the transposed working picture (its rows are the
     // picture's columns), so each box is scaled and transposed to match it.
     std::vector<ostrel_alg_box> transposed = boxes;
@@ -88,15 +121,47 @@ void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> 
         b.height = w;
     }
     lab_planes_view lab;
-    lab.width = pyramid.lab.width;
-    lab.height = pyramid.lab.height;
-    lab.L = pyramid.lab.plane(0);
-    lab.a = pyramid.lab.plane(1);
-    lab.b = pyramid.lab.plane(2);
+    lab.width = lab_record.width;
+    lab.height = lab_record.height;
+    lab.L = lab_record.plane(0);
+    lab.a = lab_record.plane(1);
+    lab.b = lab_record.plane(2);
     labelColors(lab, lab.width, lab.height, transposed);
     for (size_t i = 0; i < boxes.size(); ++i) {
         boxes[i].color_main = transposed[i].color_main;
         boxes[i].color_second = transposed[i].color_second;
+    }
+}
+
+}  // namespace
+
+void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes) {
+    if (pyramid.lab.empty() || pyramid.levels.empty()) return;
+    label_colours_on(pyramid.lab, pyramid.levels[static_cast<size_t>(pyramid.marked_level)], boxes);
+}
+
+void label_colours_by_level(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes) {
+    // Exact levels with Lab planes, finest first (the order of the levels).
+    std::vector<size_t> with_lab;
+    for (size_t k = 0; k < pyramid.levels.size(); ++k) {
+        if (!pyramid.levels[k].lab.empty()) with_lab.push_back(k);
+    }
+    if (with_lab.empty()) return;
+    std::vector<std::vector<size_t>> groups(with_lab.size());
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        size_t chosen = 0;
+        for (size_t j = 0; j < with_lab.size(); ++j) {
+            if (boxes[i].height * pyramid.levels[with_lab[j]].scale_y >= kColourRows) chosen = j;
+        }
+        groups[chosen].push_back(i);
+    }
+    for (size_t j = 0; j < with_lab.size(); ++j) {
+        if (groups[j].empty()) continue;
+        std::vector<ostrel_alg_box> group;
+        for (size_t i : groups[j]) group.push_back(boxes[i]);
+        const pyramid_level &level = pyramid.levels[with_lab[j]];
+        label_colours_on(level.lab, level, group);
+        for (size_t g = 0; g < group.size(); ++g) boxes[groups[j][g]] = group[g];
     }
 }
 

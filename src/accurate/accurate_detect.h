@@ -28,7 +28,17 @@ struct accurate_search {
     // Reported box size at the marked size, in pixels of this picture.
     double box_width = 0.0;
     double box_height = 0.0;
+    // A prior on sizes: a level whose objects lie outside the taught range
+    // of heights loses size_penalty from its margins per `penalty_step`
+    // times (a ratio, above 1) that they lie beyond it. 0: none.
+    double taught_min = 0.0;
+    double taught_max = 0.0;
+    double size_penalty = 0.0;
+    double penalty_step = 1.5;
 };
+
+// The margin a level loses to the size prior (>= 0).
+double size_prior_penalty(const accurate_search &search, double object_height);
 
 // Every window whose margin reaches `floor_margin`, on every level, as a box
 // centred on the window's object cells; in level, column, row order.
@@ -39,6 +49,11 @@ std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const ac
 // overlapping a kept one by `max_overlap` (IoU) or more is dropped. Keeps at
 // most `limit` boxes.
 std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit);
+// The same across sizes: a box is dropped too when `max_contained` or more
+// of its area lies inside a stronger box (a part of an object found at a
+// smaller size, or an object found again at a larger one). 1 or more: off.
+std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit,
+                                           float max_contained);
 
 // Confidence of a margin: the logistic function, 0..1 (0.5 at margin 0).
 float margin_confidence(float margin);
@@ -50,5 +65,12 @@ ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t
 // Sets the colour classes of every box from the pyramid's Lab planes at the
 // marked size (see color_labels.h).
 void label_colours(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes);
+
+// The same from the Lab planes the exact levels keep (pyramid_request::
+// keep_exact_lab): each box is read on the coarsest such level on which it
+// is still at least kColourRows working pixels high (the finest when none
+// is), so that small and large objects are read at a like resolution.
+inline constexpr int32_t kColourRows = 24;
+void label_colours_by_level(const accurate_pyramid &pyramid, std::vector<ostrel_alg_box> &boxes);
 
 }  // namespace ostrel

@@ -30,6 +30,14 @@ struct accurate_geometry {
     // The window: the object in cells.
     int32_t window_columns = 0;
     int32_t window_rows = 0;
+    // The object inside the window, in cells, centred on it; 0: the whole
+    // window. (A window shared by boxes of several shapes has the median
+    // shape, which whole cells only approximate.)
+    double object_columns = 0.0;
+    double object_rows = 0.0;
+
+    double object_columns_or_window() const { return object_columns > 0.0 ? object_columns : window_columns; }
+    double object_rows_or_window() const { return object_rows > 0.0 ? object_rows : window_rows; }
 
     int32_t window_features() const { return window_columns * window_rows * kAccurateChannels; }
 };

@@ -16,7 +16,7 @@
 namespace ostrel {
 
 struct pyramid_level {
-    double size_factor = 1.0;  // objects this many times the marked size
+    double size_factor = 1.0;  // objects this many times the marked size (the base size's)
     float scale_x = 0.0f;      // working pixels per picture pixel
     float scale_y = 0.0f;
     // Cells added on each side of the maps.
@@ -24,6 +24,11 @@ struct pyramid_level {
     int32_t pad_rows = 0;
     feature_map map;
     feature_map mirrored;      // the mirror image's map (training only)
+    // Computed from the picture (true) or approximated from a finer level's
+    // channels (false).
+    bool exact = true;
+    // The level's Lab planes (record terms), when the request keeps them.
+    chn_image8 lab;
 };
 
 struct accurate_pyramid {
@@ -45,7 +50,24 @@ struct pyramid_request {
     int32_t pad_columns = 0;
     int32_t pad_rows = 0;
     channel_recipe recipe;
+    // 0: every level is computed from the picture. n > 0: the fast feature
+    // pyramid - with the factors in rising order, levels 0, n, 2n ... are
+    // computed from the picture and each level between is approximated from
+    // the exact level before it (see approximate_level).
+    int32_t exact_every = 0;
+    // The power law of the approximation (thousandths; see
+    // accurate_settings::approximation_exponent_permille).
+    int32_t approximation_exponent_permille = 0;
+    // Every exact level keeps its Lab planes (for the colour classes).
+    bool keep_exact_lab = false;
 };
+
+// The fast feature pyramid's step: the channel map (unpadded) of a level
+// `ratio` (> 1) times finer, resampled to columns x rows cells; the
+// gradient planes (3 onwards) are multiplied by ratio^(-exponent/1000) in
+// fixed point. The colour planes are averages and scale as they are.
+feature_map approximate_level(const feature_map &finer, int32_t columns, int32_t rows, double ratio,
+                              int32_t exponent_permille);
 
 // Builds the levels of a picture. Levels whose working picture would be
 // smaller than 2 x 2 pixels are left out.

@@ -28,6 +28,13 @@ struct accurate_settings {
     // How far a window may reach past the picture's edge, in per cent of
     // the object's size (objects cut off by the edge are found too).
     int32_t edge_reach_percent = 50;
+    // Marked boxes share one window of their median shape when no box's
+    // width / height differs from the median by more than this factor (per
+    // cent).
+    int32_t max_aspect_spread_percent = 200;
+    // A marked object is enlarged at most this much (per cent) to fill the
+    // window; smaller objects are refused as too small.
+    int32_t max_object_upscale_percent = 400;
 
     // --- channels -------------------------------------------------------
     // The gradient magnitude is divided by its mean within this radius
@@ -36,20 +43,59 @@ struct accurate_settings {
     int32_t norm_floor = 2;
 
     // --- search ---------------------------------------------------------
-    // Sizes searched on each side of the marked size (host option), and
-    // the ratio between neighbouring sizes (per cent).
+    // Steps of search_margin_percent that the search reaches beyond the
+    // taught range of object heights on each side (host option 3: 0 = the
+    // taught range only).
     int32_t size_steps = 1;
+    int32_t search_margin_percent = 150;
+    // The searched range of object heights in pixels, when the host sets it
+    // (options 6 and 7); 0: the taught range and its margin.
+    int32_t min_height = 0;
+    int32_t max_height = 0;
+    // Searched sizes per octave (doubling of the height); channels are
+    // computed exactly once per octave and approximated in between.
+    int32_t levels_per_octave = 4;
+    // The power law of the approximated levels (the fast feature pyramid):
+    // a gradient plane resampled from a level s times finer is multiplied
+    // by s^(-exponent), exponent in thousandths. Measured on the
+    // development sets: the contrast-normalised planes hardly change with
+    // scale.
+    int32_t approximation_exponent_permille = -100;
+    // The prior on object sizes: a level whose objects lie beyond the
+    // taught range loses this much margin (thousandths) per
+    // search_margin_percent step beyond it.
+    int32_t size_prior_permille = 1000;
+    // Bounds of one search: levels at most, working pixels of a level at
+    // most, and windows (positions of all levels) at most.
+    int32_t max_levels = 48;
+    int32_t max_level_pixels = 4194304;
+    int32_t max_search_windows = 8388608;
+    // The ratio (per cent) between neighbouring sizes of a fixed set of
+    // sizes around one (scale_set.h).
     int32_t size_step_percent = 115;
     // Boxes overlapping a stronger one by this much (IoU, per cent) are
     // dropped. Host option.
     int32_t suppression_overlap_percent = 30;
+    // A box whose area lies this much (per cent) inside a stronger box of
+    // another size is dropped too: a part of an object found at a smaller
+    // size, or an object found again with much around it.
+    int32_t suppression_contained_percent = 70;
 
     // --- training ---------------------------------------------------------
+    // Each object is learnt as the levels between the pyramid's exact ones
+    // show it: computed 1, 2^(1/n), 2^(2/n) ... times finer and shrunk, this
+    // many of them (n = levels_per_octave), each with its mirror image.
+    int32_t approximated_positives = 4;
     // SVM cost of every sample (per mille of 1.0).
     int32_t cost_permille = 10000;
     // A window overlapping a marked object by less than this (IoU, per
     // cent) may be background.
     int32_t negative_overlap_percent = 30;
+    // ...and a window whose object is this many times (per cent) larger or
+    // smaller than the marked one is background whatever its overlap: a
+    // part of an object, or an object with much around it, is not the
+    // object (0: overlap alone decides).
+    int32_t negative_size_ratio_percent = 150;
     // Background windows the first training takes (spread evenly over all).
     int32_t initial_negatives = 1000;
     // Hard-negative mining rounds after the first training, at most; hard

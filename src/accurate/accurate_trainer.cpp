@@ -64,7 +64,9 @@ bool window_inside(const feature_map &map, int32_t x, int32_t y, const accurate_
 // Marks the windows of a map that may be background: those whose object
 // box overlaps no marked object (label 1) by `limit` or more.
 void mark_background(training_map &tm, const pyramid_level &level, const accurate_geometry &geometry,
-                     const std::vector<ostrel_alg_box> &boxes, double limit) {
+                     const std::vector<ostrel_alg_box> &boxes, double limit, double size_ratio) {
+    // Areas this many times larger or smaller are another size.
+    const double area_ratio = size_ratio > 1.0 ? size_ratio * size_ratio : 0.0;
     tm.columns = tm.map->columns - geometry.window_columns + 1;
     tm.rows = tm.map->rows - geometry.window_rows + 1;
     tm.allowed.assign(static_cast<size_t>(tm.columns) * tm.rows, 1);
@@ -73,7 +75,9 @@ void mark_background(training_map &tm, const pyramid_level &level, const accurat
             double l, t, w, h;
             window_object_box(x, y, level, geometry, &l, &t, &w, &h);
             for (const ostrel_alg_box &box : boxes) {
-                if (box.label == 1 && overlap(l, t, w, h, box.x, box.y, box.width, box.height) >= limit) {
+                if (box.label != 1 || overlap(l, t, w, h, box.x, box.y, box.width, box.height) < limit) continue;
+                const double areas = w * h / (static_cast<double>(box.width) * box.height);
+                if (area_ratio == 0.0 || (areas < area_ratio && areas * area_ratio > 1.0)) {
                     tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
                     break;
                 }
@@ -98,10 +102,15 @@ void box_window_cell(const ostrel_alg_box &box, const pyramid_level &level, cons
 
 void window_object_box(int32_t x, int32_t y, const pyramid_level &level, const accurate_geometry &geometry,
                        double *left, double *top, double *width, double *height) {
-    *left = (x - level.pad_columns) * static_cast<double>(kAccurateShrink) / level.scale_x;
-    *top = (y - level.pad_rows) * static_cast<double>(kAccurateShrink) / level.scale_y;
-    *width = geometry.window_columns * static_cast<double>(kAccurateShrink) / level.scale_x;
-    *height = geometry.window_rows * static_cast<double>(kAccurateShrink) / level.scale_y;
+    // The object's cells, centred in the window.
+    const double object_columns = geometry.object_columns_or_window();
+    const double object_rows = geometry.object_rows_or_window();
+    const double inset_x = (geometry.window_columns - object_columns) / 2.0;
+    const double inset_y = (geometry.window_rows - object_rows) / 2.0;
+    *left = (x - level.pad_columns + inset_x) * static_cast<double>(kAccurateShrink) / level.scale_x;
+    *top = (y - level.pad_rows + inset_y) * static_cast<double>(kAccurateShrink) / level.scale_y;
+    *width = object_columns * static_cast<double>(kAccurateShrink) / level.scale_x;
+    *height = object_rows * static_cast<double>(kAccurateShrink) / level.scale_y;
 }
 
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
@@ -124,6 +133,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             // Objects (label 1) and boxes marked as background (other labels).
             for (const ostrel_alg_box &box : boxes) {
                 if (box.width < 1 || box.height < 1) continue;
+                if (box.label == 1 && !picture.object_windows.empty()) continue;  // cut at their own sizes
                 const pyramid_level &level = pyramid.levels[nearest_level(box, picture)];
                 const feature_map &map = mirrored ? level.mirrored : level.map;
                 int32_t x = 0, y = 0;
@@ -133,11 +143,19 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                 svm.add(bytes.data(), box.label == 1 ? 1 : -1);
                 (box.label == 1 ? result.positives : result.negatives) += 1;
             }
+            if (!mirrored) {
+                for (const std::vector<uint8_t> &window : picture.object_windows) {
+                    if (window.size() != bytes.size()) continue;
+                    svm.add(window.data(), 1);
+                    ++result.positives;
+                }
+            }
             for (const pyramid_level &level : pyramid.levels) {
                 training_map tm;
                 tm.map = mirrored ? &level.mirrored : &level.map;
                 if (tm.map->columns < geometry.window_columns || tm.map->rows < geometry.window_rows) continue;
-                mark_background(tm, level, geometry, boxes, settings.negative_overlap_percent / 100.0);
+                mark_background(tm, level, geometry, boxes, settings.negative_overlap_percent / 100.0,
+                                settings.negative_size_ratio_percent / 100.0);
                 tm.paired = pair_cells(*tm.map);
                 maps.push_back(std::move(tm));
             }

@@ -30,6 +30,11 @@ struct accurate_training_picture {
     std::vector<ostrel_alg_box> boxes;  // as marked: label 1 objects, others background
     int32_t marked_width = 0;           // the box size the picture's working size was chosen for
     int32_t marked_height = 0;
+    // The objects' windows cut at their own sizes (object_window.h), each
+    // followed by its mirror image. When there are any they are the
+    // positives; otherwise each object is cut from the level nearest its
+    // size.
+    std::vector<std::vector<uint8_t>> object_windows;
 };
 
 struct accurate_training_result {

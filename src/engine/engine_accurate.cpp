@@ -1,7 +1,9 @@
-// The accurate profile's set-up, detection runs and model checks.
+// The accurate profile's set-up, detection runs and sample removal.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -10,7 +12,9 @@
 #include "accurate/accurate_detect.h"
 #include "accurate/accurate_picture_cache.h"
 #include "accurate/accurate_pyramid.h"
-#include "accurate/scale_set.h"
+#include "accurate/object_window.h"
+#include "accurate/size_range.h"
+#include "accurate/window_shape.h"
 #include "accurate/working_picture.h"
 #include "acf/picture_features.h"
 #include "common/box_geometry.h"
@@ -22,17 +26,10 @@ namespace {
 
 constexpr const char *kSetDetectorName = "ostrel_alg::setDetectorWithAutoTrain";
 constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
-constexpr const char *kImportModelName = "ostrel_alg::importModel";
 constexpr int kRefusedInputLine = 861;
 constexpr int kRunDetectorLine = 1135;
 constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
 constexpr int kRemoveSampleLine = 3953;
-
-// Accurate models keep their weights and bias in fixed point with this
-// factor, 100 times finer than the classic 100000: the profile's weights
-// per feature byte are small, and truncating them at 1e-5 would lose most
-// of their digits.
-constexpr double kWeightScale = 10000000.0;
 
 constexpr uint32_t kMaxReportedDetections = 32;
 // A marked box counts as found when a detection overlaps it this much.
@@ -46,16 +43,8 @@ int32_t fail(const char *operation, int line) {
 }
 
 int32_t to_fixed(double value) {
-    const double scaled = std::trunc(value * kWeightScale);
+    const double scaled = std::trunc(value * ostrel::kAccurateWeightScale);
     return static_cast<int32_t>(std::max(-2147483647.0, std::min(2147483647.0, scaled)));
-}
-
-// The settings that shape the window: a model is used only with these as it
-// was trained or imported.
-bool same_window_settings(const ostrel::accurate_settings &a, const ostrel::accurate_settings &b) {
-    return a.object_cells == b.object_cells && a.max_upscale_percent == b.max_upscale_percent &&
-           a.max_working_pixels == b.max_working_pixels && a.min_budget_cells == b.min_budget_cells &&
-           a.hard_working_pixels == b.hard_working_pixels && a.min_object_side_cells == b.min_object_side_cells;
 }
 
 // Cells of padding on each side of a map: a window whose object reaches
@@ -64,30 +53,136 @@ int32_t edge_pad(int32_t window_cells, const ostrel::accurate_settings &settings
     return static_cast<int32_t>(std::floor(window_cells * std::max(settings.edge_reach_percent, 0) / 100.0 + 0.5));
 }
 
-ostrel::pyramid_request pyramid_request(const ostrel::accurate_geometry &geometry,
-                                        const ostrel::accurate_settings &settings, int32_t base_columns,
-                                        int32_t base_rows, bool with_mirror) {
+ostrel::channel_recipe recipe_of(const ostrel::accurate_settings &settings) {
+    ostrel::channel_recipe recipe;
+    recipe.norm_radius = settings.norm_radius;
+    recipe.norm_floor = settings.norm_floor;
+    return recipe;
+}
+
+// The pyramid of a level plan: exact channels once per octave, the levels
+// between approximated from them.
+ostrel::pyramid_request plan_request(const ostrel::level_plan &plan, const ostrel::window_shape &shape,
+                                     const ostrel::accurate_settings &settings, bool with_mirror) {
     ostrel::pyramid_request request;
-    request.base_columns = base_columns;
-    request.base_rows = base_rows;
-    request.size_factors = ostrel::search_scales(settings);
-    request.marked_index = ostrel::marked_scale_index(settings);
+    request.base_columns = plan.base_columns;
+    request.base_rows = plan.base_rows;
+    request.size_factors = plan.factors;
+    request.marked_index = -1;
     request.with_mirror = with_mirror;
-    request.pad_columns = edge_pad(geometry.window_columns, settings);
-    request.pad_rows = edge_pad(geometry.window_rows, settings);
-    request.recipe.norm_radius = settings.norm_radius;
-    request.recipe.norm_floor = settings.norm_floor;
+    request.pad_columns = edge_pad(shape.columns, settings);
+    request.pad_rows = edge_pad(shape.rows, settings);
+    request.recipe = recipe_of(settings);
+    request.exact_every = std::max(settings.levels_per_octave, 1);
+    if (getenv("OSTREL_EXACT")) request.exact_every = atoi(getenv("OSTREL_EXACT"));
+    request.approximation_exponent_permille = settings.approximation_exponent_permille;
+    request.keep_exact_lab = !with_mirror;
     return request;
 }
 
+void log_plan_refusal(const char *operation, int32_t width, int32_t height, const ostrel::searched_range &searched,
+                      ostrel::plan_status status, const ostrel::level_plan &plan) {
+    ostrel::log("[Alg.Fail] %s: a picture of %d x %d cannot be searched for objects %.0f to %.0f pixels high: %s "
+                "(on it a search within the bounds takes objects from %.0f pixels high; options 6 and 7 set the "
+                "range)\n",
+                operation, width, height, searched.range.min, searched.range.max, ostrel::plan_status_text(status),
+                std::ceil(plan.smallest_searchable));
+}
+
+// The median of the boxes' widths and heights (label 1), for the model
+// record's informative sizes.
+void median_size(const std::vector<ostrel_alg_box> &boxes, int32_t *width, int32_t *height) {
+    std::vector<int32_t> w, h;
+    for (const ostrel_alg_box &b : boxes) {
+        if (b.label != 1) continue;
+        w.push_back(b.width);
+        h.push_back(b.height);
+    }
+    if (w.empty()) return;
+    std::nth_element(w.begin(), w.begin() + static_cast<std::ptrdiff_t>(w.size() / 2), w.end());
+    std::nth_element(h.begin(), h.begin() + static_cast<std::ptrdiff_t>(h.size() / 2), h.end());
+    *width = w[w.size() / 2];
+    *height = h[h.size() / 2];
+}
+
+
+// TUNING HOOK (temporary): OSTREL_SET="name=value,..." overrides settings.
+ostrel::accurate_settings tuned(ostrel::accurate_settings s) {
+    const char *env = getenv("OSTREL_SET");
+    if (!env) return s;
+    std::string all(env);
+    size_t pos = 0;
+    while (pos < all.size()) {
+        size_t comma = all.find(',', pos);
+        if (comma == std::string::npos) comma = all.size();
+        const std::string item = all.substr(pos, comma - pos);
+        const size_t eq = item.find('=');
+        if (eq != std::string::npos) {
+            const std::string k = item.substr(0, eq);
+            const int32_t v = atoi(item.c_str() + eq + 1);
+            if (k == "object_cells") s.object_cells = v;
+            if (k == "size_prior_permille") s.size_prior_permille = v;
+            if (k == "approximated_positives") s.approximated_positives = v;
+            if (k == "max_upscale_percent") s.max_upscale_percent = v;
+            if (k == "max_working_pixels") s.max_working_pixels = v;
+            if (k == "min_budget_cells") s.min_budget_cells = v;
+            if (k == "hard_working_pixels") s.hard_working_pixels = v;
+            if (k == "min_object_side_cells") s.min_object_side_cells = v;
+            if (k == "edge_reach_percent") s.edge_reach_percent = v;
+            if (k == "max_aspect_spread_percent") s.max_aspect_spread_percent = v;
+            if (k == "max_object_upscale_percent") s.max_object_upscale_percent = v;
+            if (k == "norm_radius") s.norm_radius = v;
+            if (k == "norm_floor") s.norm_floor = v;
+            if (k == "size_steps") s.size_steps = v;
+            if (k == "search_margin_percent") s.search_margin_percent = v;
+            if (k == "min_height") s.min_height = v;
+            if (k == "max_height") s.max_height = v;
+            if (k == "levels_per_octave") s.levels_per_octave = v;
+            if (k == "approximation_exponent_permille") s.approximation_exponent_permille = v;
+            if (k == "max_levels") s.max_levels = v;
+            if (k == "max_level_pixels") s.max_level_pixels = v;
+            if (k == "max_search_windows") s.max_search_windows = v;
+            if (k == "size_step_percent") s.size_step_percent = v;
+            if (k == "suppression_overlap_percent") s.suppression_overlap_percent = v;
+            if (k == "suppression_contained_percent") s.suppression_contained_percent = v;
+            if (k == "cost_permille") s.cost_permille = v;
+            if (k == "negative_overlap_percent") s.negative_overlap_percent = v;
+            if (k == "negative_size_ratio_percent") s.negative_size_ratio_percent = v;
+            if (k == "initial_negatives") s.initial_negatives = v;
+            if (k == "mining_rounds") s.mining_rounds = v;
+            if (k == "negatives_per_round") s.negatives_per_round = v;
+            if (k == "max_negatives") s.max_negatives = v;
+            if (k == "calibration_margin_permille") s.calibration_margin_permille = v;
+            if (k == "max_below_boxes") s.max_below_boxes = v;
+            if (k == "floor_margin_permille") s.floor_margin_permille = v;
+        }
+        pos = comma + 1;
+    }
+    return s;
+}
 }  // namespace
 
-ostrel::accurate_settings ostrel_alg::accurateSettings() const { return options.accurate; }
+ostrel::accurate_settings ostrel_alg::accurateSettings() const { return tuned(options.accurate); }
+
+ostrel::accurate_settings ostrel_alg::modelSettings() const {
+    if (model_profile != ostrel::kProfileAccurate && accurate_pictures.empty()) {
+        return options.accurate;
+    }
+    // The model's fixed choices, the host's options.
+    const ostrel::accurate_settings host = accurateSettings();
+    ostrel::accurate_settings settings = model_settings;
+    settings.object_cells = host.object_cells;
+    settings.size_steps = host.size_steps;
+    settings.suppression_overlap_percent = host.suppression_overlap_percent;
+    settings.min_height = host.min_height;
+    settings.max_height = host.max_height;
+    return settings;
+}
 
 // The picture and boxes are checked by setDetectorWithAutoTrain.
 int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
-    const ostrel::accurate_settings settings = accurateSettings();
-    if (!accurate_pictures.empty() && !same_window_settings(settings, model_settings)) {
+    const ostrel::accurate_settings settings = accurate_pictures.empty() ? accurateSettings() : modelSettings();
+    if (!accurate_pictures.empty() && settings.object_cells != model_settings.object_cells) {
         ostrel::log("[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
                     "or start again with ostrel_alg_init\n",
                     kSetDetectorName);
@@ -104,34 +199,76 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             ostrel::log("[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
             return 1;
         }
-        // The first picture fixes the window. A later picture is worked on at
-        // the size that gives its first object the window's size.
-        ostrel::accurate_geometry geometry = accurate_geometry;
+        // The first picture fixes the window: the median shape of its
+        // objects. Later pictures' objects must fit that shape.
+        ostrel::window_shape shape = accurate_class.shape;
         if (accurate_pictures.empty()) {
-            const ostrel::geometry_status status = ostrel::derive_accurate_geometry(
-                first->width, first->height, image->width, image->height, settings, &geometry);
-            if (status != ostrel::geometry_status::ok) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                            kSetDetectorName, first->width, first->height, image->width, image->height,
-                            ostrel::geometry_status_text(status));
+            const ostrel::shape_result derived = ostrel::derive_window_shape(boxes, settings.object_cells, settings);
+            if (derived.status == ostrel::shape_status::aspects_differ) {
+                const ostrel_alg_box &odd = boxes[derived.odd_box];
+                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                            "height %.2f) differs from the median shape (%.2f) by more than %.1f times; mark "
+                            "objects of one shape, or train one model per shape\n",
+                            kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
+                            derived.median_aspect, settings.max_aspect_spread_percent / 100.0);
                 return 1;
             }
-        } else if (first->width < 1 || first->height < 1) {
-            ostrel::log("[Alg.Fail] %s: the first object box is %d x %d\n", kSetDetectorName, first->width,
-                        first->height);
-            return 1;
+            if (derived.status != ostrel::shape_status::ok) {
+                const ostrel_alg_box &odd = boxes[derived.odd_box];
+                const ostrel_alg_box &shown = derived.status == ostrel::shape_status::bad_size ? *first : odd;
+                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                            kSetDetectorName, shown.width, shown.height, image->width, image->height,
+                            derived.status == ostrel::shape_status::bad_size
+                                ? ostrel::geometry_status_text(ostrel::geometry_status::bad_size)
+                                : ostrel::shape_status_text(derived.status));
+                return 1;
+            }
+            shape = derived.shape;
         }
-        const double relative_x = accurate_pictures.empty() ? 1.0 : static_cast<double>(train_width) / first->width;
-        const double relative_y = accurate_pictures.empty() ? 1.0 : static_cast<double>(train_height) / first->height;
-        const int64_t base_columns = std::llround(image->width * geometry.scale_x * relative_x / 2.0) * 2;
-        const int64_t base_rows = std::llround(image->height * geometry.scale_y * relative_y / 2.0) * 2;
-        if (base_columns / ostrel::kAccurateShrink < geometry.window_columns ||
-            base_rows / ostrel::kAccurateShrink < geometry.window_rows ||
-            base_columns * base_rows > static_cast<int64_t>(settings.hard_working_pixels)) {
-            ostrel::log("[Alg.Fail] %s: at the size that gives its objects the window's size, the picture of %d x %d "
-                        "would be %lld x %lld pixels: smaller than a window or too large to search\n",
-                        kSetDetectorName, image->width, image->height, static_cast<long long>(base_columns),
-                        static_cast<long long>(base_rows));
+        // Every object must fit the window's shape and size on this picture.
+        for (size_t i = 0; i < boxes.size(); ++i) {
+            const ostrel_alg_box &b = boxes[i];
+            if (b.label != 1) continue;
+            if (b.width < 1 || b.height < 1 || b.width > (1 << 20) || b.height > (1 << 20)) {
+                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                            kSetDetectorName, b.width, b.height, image->width, image->height,
+                            ostrel::geometry_status_text(ostrel::geometry_status::bad_size));
+                return 1;
+            }
+            if (!ostrel::aspect_fits(b, shape, settings)) {
+                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                            "height %.2f) differs from the window's shape (%.2f) by more than %.1f times; mark "
+                            "objects of one shape, or train one model per shape\n",
+                            kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
+                            static_cast<double>(shape.aspect), settings.max_aspect_spread_percent / 100.0);
+                return 1;
+            }
+            const double scale = ostrel::scale_for_height(ostrel::box_height(b, shape), shape);
+            if (scale > settings.max_object_upscale_percent / 100.0) {
+                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                            kSetDetectorName, b.width, b.height, image->width, image->height,
+                            ostrel::geometry_status_text(ostrel::geometry_status::object_too_small));
+                return 1;
+            }
+            if (image->width * scale / ostrel::kAccurateShrink < shape.columns ||
+                image->height * scale / ostrel::kAccurateShrink < shape.rows) {
+                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                            kSetDetectorName, b.width, b.height, image->width, image->height,
+                            ostrel::geometry_status_text(ostrel::geometry_status::picture_too_small));
+                return 1;
+            }
+        }
+        // Background is learnt at every size detection will search.
+        const ostrel::height_range taught =
+            ostrel::cover(accurate_pictures.empty() ? ostrel::height_range{} : accurate_class.taught,
+                          ostrel::taught_range(boxes, shape));
+        const ostrel::searched_range searched = ostrel::search_range(taught, settings);
+        ostrel::level_plan plan;
+        const ostrel::plan_status planned =
+            ostrel::plan_levels(image->width, image->height, searched, taught, shape, settings,
+                                edge_pad(shape.columns, settings), edge_pad(shape.rows, settings), &plan);
+        if (planned != ostrel::plan_status::ok) {
+            log_plan_refusal(kSetDetectorName, image->width, image->height, searched, planned, plan);
             return 1;
         }
 
@@ -141,29 +278,50 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         std::memcpy(cached_image.data, image->data,
                     static_cast<size_t>(image->width) * static_cast<size_t>(image->height) * 3);
 
+        const ostrel::split_picture split = ostrel::split_bgr(cached_image);
         ostrel::accurate_training_picture picture;
-        picture.pyramid = ostrel::build_accurate_pyramid(
-            ostrel::split_bgr(cached_image),
-            pyramid_request(geometry, settings, static_cast<int32_t>(base_columns), static_cast<int32_t>(base_rows),
-                            true),
-            feat_extractor->resample_scratch);
+        picture.pyramid = ostrel::build_accurate_pyramid(split, plan_request(plan, shape, settings, true),
+                                                         feat_extractor->resample_scratch);
         if (picture.pyramid.empty()) {
             ostrel::log("[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
                         image->width, image->height);
             return 1;
         }
+        const ostrel::channel_recipe recipe = recipe_of(settings);
+        const int32_t variants = std::max(settings.approximated_positives, 1);
+        for (const ostrel_alg_box &b : boxes) {
+            if (b.label != 1) continue;
+            for (int32_t v = 0; v < variants; ++v) {
+                const double ratio = std::pow(2.0, static_cast<double>(v) / std::max(settings.levels_per_octave, 1));
+                for (bool mirrored : {false, true}) {
+                    // Kept even when empty (an object outside the picture),
+                    // so that object i's windows stay together.
+                    picture.object_windows.push_back(ostrel::object_window_approximated(
+                        split, b, shape, recipe, mirrored, ratio, settings.approximation_exponent_permille,
+                        feat_extractor->resample_scratch));
+                }
+            }
+        }
         picture.boxes = boxes;
-        picture.marked_width = first->width;
-        picture.marked_height = first->height;
+        // The levels' factors are relative to the finest level's objects:
+        // boxes marked as background are cut from the level nearest them.
+        picture.marked_width = std::max(1, static_cast<int32_t>(std::lround(plan.range.min * shape.aspect)));
+        picture.marked_height = std::max(1, static_cast<int32_t>(std::lround(plan.range.min)));
 
         if (accurate_pictures.empty()) {
-            accurate_geometry = geometry;
+            accurate_class = ostrel::accurate_class_model{};
+            accurate_class.shape = shape;
             model_settings = settings;
-            train_width = static_cast<uint32_t>(first->width);
-            train_height = static_cast<uint32_t>(first->height);
+            int32_t width = first->width, height = first->height;
+            median_size(boxes, &width, &height);
+            train_width = static_cast<uint32_t>(width);
+            train_height = static_cast<uint32_t>(height);
             train_input_width = static_cast<uint32_t>(image->width);
             train_input_height = static_cast<uint32_t>(image->height);
         }
+        // Kept as a model file keeps it (single precision), so that an
+        // exported and imported model searches exactly the same sizes.
+        accurate_class.taught = ostrel::height_range{static_cast<float>(taught.min), static_cast<float>(taught.max)};
         accurate_pictures.push_back(std::move(picture));
 
         marked_boxes.clear();
@@ -180,10 +338,11 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
 }
 
 int32_t ostrel_alg::trainAccurate() {
-    const ostrel::accurate_settings settings = accurateSettings();
+    const ostrel::accurate_settings settings = model_settings;
     const uint32_t seed = random_seed_set_ ? random_seed_ : kDefaultSeed;
+    const ostrel::accurate_geometry geometry = accurate_class.shape.geometry();
     const ostrel::accurate_training_result trained =
-        ostrel::train_accurate(accurate_pictures, accurate_geometry, settings, seed);
+        ostrel::train_accurate(accurate_pictures, geometry, settings, seed);
     if (!trained.trained) {
         ostrel::log("[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
         return 1;
@@ -198,10 +357,10 @@ int32_t ostrel_alg::trainAccurate() {
     model.support_vector_size = static_cast<int32_t>(trained.weights.size());
     model.vector = std::make_unique<int32_t[]>(trained.weights.size());
     for (size_t i = 0; i < trained.weights.size(); ++i) model.vector[i] = to_fixed(trained.weights[i]);
-    // The margin is dot - bias, as in the classic record. The calibration
-    // margin moves to 0, where the confidence is 50%.
-    const double calibration = settings.calibration_margin_permille / 1000.0;
-    model.bias = to_fixed(calibration - trained.bias);
+    // The margin is dot - bias, as in the classic record.
+    model.bias = to_fixed(-trained.bias);
+    accurate_class.calibration.offset = static_cast<float>(settings.calibration_margin_permille / 1000.0);
+    accurate_class.calibration.slope = 1.0f;
     svm_model = std::move(model);
     accurate_positive_count = trained.positives;
     accurate_negative_count = trained.negatives;
@@ -212,106 +371,98 @@ int32_t ostrel_alg::trainAccurate() {
     return 0;
 }
 
-bool ostrel_alg::acceptAccurateModel(const ostrel::svm_model &model, const ostrel::pca_fp_filter &filter,
-                                     ostrel::accurate_geometry *geometry) const {
-    const ostrel::accurate_settings settings = accurateSettings();
-    const ostrel::geometry_status status =
-        ostrel::derive_accurate_geometry(model.trained_width, model.trained_height, model.input_width,
-                                         model.input_height, settings, geometry);
-    if (status != ostrel::geometry_status::ok) {
-        ostrel::log("[Alg.Fail] %s: an object of %d x %d on %d x %d pictures does not fit the accurate profile: %s\n",
-                    kImportModelName, model.trained_width, model.trained_height, model.input_width,
-                    model.input_height, ostrel::geometry_status_text(status));
-        return false;
-    }
-    if (geometry->window_features() != model.support_vector_size) {
-        ostrel::log("[Alg.Fail] %s: the model has %d weights where the accurate profile's window has %d: it was made "
-                    "under the classic profile or with another accurate cells option\n",
-                    kImportModelName, model.support_vector_size, geometry->window_features());
-        return false;
-    }
-    if (filter.pca_filter_ready != 0) {
-        ostrel::log("[Alg.Fail] %s: the model carries a false-positive filter, which only classic models have\n",
-                    kImportModelName);
-        return false;
-    }
-    return true;
-}
-
 // The model and the picture are checked by runDetector.
 int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
-    const ostrel::accurate_settings settings = accurateSettings();
     if (model_profile != ostrel::kProfileAccurate) {
         ostrel::log("[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
                     "import it again under the accurate profile\n",
                     kRunDetectorName);
         return 1;
     }
-    ostrel::accurate_geometry geometry;
-    if (!same_window_settings(settings, model_settings) ||
-        ostrel::derive_accurate_geometry(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
-                                         svm_model.input_height, settings, &geometry) != ostrel::geometry_status::ok ||
-        geometry.window_features() != svm_model.support_vector_size) {
+    const ostrel::accurate_settings settings = modelSettings();
+    const ostrel::window_shape &shape = accurate_class.shape;
+    if (settings.object_cells != model_settings.object_cells ||
+        shape.features() != svm_model.support_vector_size) {
         ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                     "longer fits the model; set it back, or train or import the model again\n",
                     kRunDetectorName);
         return 1;
     }
 
-    // Every picture is searched at the training picture's working size (so
-    // objects are taken to scale with the picture, as in the classic
-    // profile). The thread's last picture is reused when its key and every
-    // setting that shapes its features are the same.
-    const ostrel::pyramid_request request =
-        pyramid_request(geometry, settings, geometry.working_width, geometry.working_height, false);
-    ostrel::accurate_picture_key key;
-    key.image_key = image->image_key;
-    key.picture_columns = image->width;
-    key.picture_rows = image->height;
-    key.request = request;
-    ostrel::accurate_last_picture &last = ostrel::thread_accurate_last_picture();
-    if (!last.holds(key)) {
-        last.forget();
-        const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
-        last.pyramid = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), request, feat_extractor->resample_scratch);
-        if (last.pyramid.empty()) {
-            return fail(kRunDetectorName, kRunDetectorLine);
-        }
-        last.key = key;
-        last.valid = true;
+    // The searched sizes in pixels, whatever the picture's size.
+    const ostrel::searched_range searched = ostrel::search_range(accurate_class.taught, settings);
+    ostrel::level_plan plan;
+    const ostrel::plan_status planned =
+        ostrel::plan_levels(image->width, image->height, searched, accurate_class.taught, shape, settings,
+                            edge_pad(shape.columns, settings), edge_pad(shape.rows, settings), &plan);
+    const bool host_range = searched.min_from_host || searched.max_from_host;
+    const bool nothing_to_search = planned == ostrel::plan_status::nothing_fits && !host_range;
+    if (planned != ostrel::plan_status::ok && !nothing_to_search) {
+        log_plan_refusal(kRunDetectorName, image->width, image->height, searched, planned, plan);
+        return 1;
     }
-    const ostrel::accurate_pyramid &pyramid = last.pyramid;
-
-    const std::vector<double> wide(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
-    const ostrel::quantised_weights weights =
-        ostrel::quantise_weights(wide.data(), ostrel::kAccurateChannels, geometry.window_columns, geometry.window_rows);
-    ostrel::accurate_search search;
-    search.weights = &weights;
-    search.sum_scale = 1.0 / kWeightScale;
-    search.bias = -svm_model.bias / kWeightScale;
-    search.box_width = static_cast<double>(svm_model.trained_width) * image->width / svm_model.input_width;
-    search.box_height = static_cast<double>(svm_model.trained_height) * image->height / svm_model.input_height;
-    const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
-    const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
-        ostrel::search_pyramid(pyramid, geometry, search, settings.floor_margin_permille / 1000.0f),
-        settings.suppression_overlap_percent / 100.0f, keep);
 
     std::vector<ostrel_alg_box> detections;
     std::vector<ostrel_alg_box> below;
-    for (const ostrel::margin_box &m : found) {
-        ostrel_alg_box box = ostrel::clip_to_picture(m.box, image->width, image->height);
-        box.score = ostrel::margin_confidence(m.margin);
-        if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
-            if (detections.size() < kMaxReportedDetections) {
-                box.label = 1;
-                detections.push_back(box);
+    if (!nothing_to_search) {
+        // The thread's last picture is reused when its key and every setting
+        // that shapes its features are the same.
+        const ostrel::pyramid_request request = plan_request(plan, shape, settings, false);
+        ostrel::accurate_picture_key key;
+        key.image_key = image->image_key;
+        key.picture_columns = image->width;
+        key.picture_rows = image->height;
+        key.request = request;
+        ostrel::accurate_last_picture &last = ostrel::thread_accurate_last_picture();
+        if (!last.holds(key)) {
+            last.forget();
+            const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
+            last.pyramid =
+                ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), request, feat_extractor->resample_scratch);
+            if (last.pyramid.empty()) {
+                return fail(kRunDetectorName, kRunDetectorLine);
             }
-        } else if (detector_set && below.size() < static_cast<size_t>(std::max(settings.max_below_boxes, 0))) {
-            box.label = -1;
-            below.push_back(box);
+            last.key = key;
+            last.valid = true;
         }
+        const ostrel::accurate_pyramid &pyramid = last.pyramid;
+
+        const std::vector<double> wide(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
+        const ostrel::quantised_weights weights =
+            ostrel::quantise_weights(wide.data(), ostrel::kAccurateChannels, shape.columns, shape.rows);
+        const ostrel::score_calibration &calibration = accurate_class.calibration;
+        ostrel::accurate_search search;
+        search.weights = &weights;
+        // The calibrated margin: slope * (margin - offset).
+        search.sum_scale = calibration.slope / ostrel::kAccurateWeightScale;
+        search.bias = calibration.slope * (-svm_model.bias / ostrel::kAccurateWeightScale - calibration.offset);
+        search.box_width = plan.range.min * shape.aspect;
+        search.box_height = plan.range.min;
+        search.taught_min = accurate_class.taught.min;
+        search.taught_max = accurate_class.taught.max;
+        search.size_penalty = settings.size_prior_permille / 1000.0;
+        search.penalty_step = settings.search_margin_percent / 100.0;
+        const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
+        const ostrel::accurate_geometry geometry = shape.geometry();
+        const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
+            ostrel::search_pyramid(pyramid, geometry, search, settings.floor_margin_permille / 1000.0f),
+            settings.suppression_overlap_percent / 100.0f, keep, settings.suppression_contained_percent / 100.0f);
+
+        for (const ostrel::margin_box &m : found) {
+            ostrel_alg_box box = ostrel::clip_to_picture(m.box, image->width, image->height);
+            box.score = ostrel::margin_confidence(m.margin);
+            if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
+                if (detections.size() < kMaxReportedDetections) {
+                    box.label = 1;
+                    detections.push_back(box);
+                }
+            } else if (detector_set && below.size() < static_cast<size_t>(std::max(settings.max_below_boxes, 0))) {
+                box.label = -1;
+                below.push_back(box);
+            }
+        }
+        ostrel::label_colours_by_level(pyramid, detections);
     }
-    ostrel::label_colours(pyramid, detections);
 
     // As in the classic profile: boxes marked on this very picture that no
     // detection covers are reported too.
@@ -341,12 +492,27 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
         return 1;
     }
     // Thumbnail i is the i-th box labelled 1, counted over the pictures in
-    // the order they were given.
+    // the order they were given; its windows (each object has as many, in
+    // the order of the objects) go with it.
     uint32_t seen = 0;
     for (ostrel::accurate_training_picture &picture : accurate_pictures) {
+        const size_t objects = static_cast<size_t>(std::count_if(
+            picture.boxes.begin(), picture.boxes.end(), [](const ostrel_alg_box &b) { return b.label == 1; }));
+        const size_t per_object = objects > 0 ? picture.object_windows.size() / objects : 0;
+        uint32_t object = 0;
         for (size_t b = 0; b < picture.boxes.size(); ++b) {
-            if (picture.boxes[b].label != 1 || seen++ != index) continue;
+            if (picture.boxes[b].label != 1) continue;
+            if (seen++ != index) {
+                ++object;
+                continue;
+            }
             picture.boxes.erase(picture.boxes.begin() + static_cast<std::ptrdiff_t>(b));
+            const size_t first_window = per_object * object;
+            if (first_window + per_object <= picture.object_windows.size()) {
+                picture.object_windows.erase(
+                    picture.object_windows.begin() + static_cast<std::ptrdiff_t>(first_window),
+                    picture.object_windows.begin() + static_cast<std::ptrdiff_t>(first_window + per_object));
+            }
             delete[] sample_thumbs[index].image.data;
             sample_thumbs.erase(sample_thumbs.begin() + index);
             if (trainAccurate() != 0) {

@@ -9,6 +9,7 @@
 #include "engine/ostrel_alg.h"
 #include "fpfilter/fp_threshold.h"
 #include "model/model_file.h"
+#include "model/model_format.h"
 #include "train/model_checks.h"
 
 namespace {
@@ -100,6 +101,10 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         return 1;
     }
     try {
+        // A model is written in the format of the profile that made it.
+        if (model_profile == ostrel::kProfileAccurate) {
+            return exportAccurateModel(path);
+        }
         if (ostrel::checkSvmModel(svm_model)) {
             ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
             return 1;
@@ -120,11 +125,8 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return 1;
         }
         // The threshold is chosen from the current samples just before it
-        // is written, so the file always matches the filter it carries (the
-        // accurate profile has no filter and no such samples).
-        if (model_profile != ostrel::kProfileAccurate) {
-            ostrel::getBestFPThreshold(pca_filter, training_samples);
-        }
+        // is written, so the file always matches the filter it carries.
+        ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
             out.close();
@@ -163,6 +165,11 @@ int32_t ostrel_alg::importModel(const std::string &path) {
     // engine's own values because the readers read in place: a value the
     // file does not reach keeps the one before it, as it always has.
     try {
+        // The file says which profile made it: its first bytes choose the
+        // reader, and the engine takes the file's profile.
+        if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
+            return importAccurateModel(path);
+        }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
             ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
@@ -187,12 +194,6 @@ int32_t ostrel_alg::importModel(const std::string &path) {
             return 1;
         }
         in.close();
-        // Read under the accurate profile, the window must fit it, or the
-        // weights would be read as another window's.
-        ostrel::accurate_geometry read_geometry;
-        if (options.is_accurate() && !acceptAccurateModel(read_model, read_filter, &read_geometry)) {
-            return 1;  // with the line that says why
-        }
 
         // The model is good: now the engine lets its samples, thumbnails and
         // results go and takes the file's records.
@@ -215,11 +216,8 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         acf_scale_idx = svm_model.trained_acf_scale_idx;
         feat_extractor->setTrainingWindow(svm_model.trained_width, svm_model.trained_height, svm_model.input_width,
                                           svm_model.input_height);
-        model_profile = options.profile;
-        if (options.is_accurate()) {
-            accurate_geometry = read_geometry;
-            model_settings = accurateSettings();
-        }
+        options.profile = ostrel::kProfileClassic;
+        model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
         ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());
@@ -229,6 +227,9 @@ int32_t ostrel_alg::importModel(const std::string &path) {
 
 int32_t ostrel_alg::checkModelValidation(const std::string &path) {
     try {
+        if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
+            return checkAccurateModel(path);
+        }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
             ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());

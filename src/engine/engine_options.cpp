@@ -6,11 +6,18 @@ namespace ostrel {
 
 namespace {
 
+// Heights in pixels a host may set: no picture side is longer than the
+// picture limit allows, and objects below 8 pixels carry no shape.
+constexpr int32_t kLeastHeight = 8;
+constexpr int32_t kGreatestHeight = 16384;
+
 constexpr option_range kOptionRanges[] = {
-    {kOptionProfile, "profile", kProfileClassic, kProfileAccurate, kProfileClassic},
-    {kOptionAccurateCells, "accurate cells", 36, 400, accurate_settings{}.object_cells},
-    {kOptionAccurateSizeSteps, "accurate size steps", 0, 4, accurate_settings{}.size_steps},
-    {kOptionAccurateOverlap, "accurate overlap", 10, 90, accurate_settings{}.suppression_overlap_percent},
+    {kOptionProfile, "profile", kProfileClassic, kProfileAccurate, kProfileClassic, 0},
+    {kOptionAccurateCells, "accurate cells", 36, 400, accurate_settings{}.object_cells, 0},
+    {kOptionAccurateSizeSteps, "accurate size steps", 0, 4, accurate_settings{}.size_steps, 0},
+    {kOptionAccurateOverlap, "accurate overlap", 10, 90, accurate_settings{}.suppression_overlap_percent, 0},
+    {kOptionAccurateMinHeight, "accurate min height", 0, kGreatestHeight, accurate_settings{}.min_height, kLeastHeight},
+    {kOptionAccurateMaxHeight, "accurate max height", 0, kGreatestHeight, accurate_settings{}.max_height, kLeastHeight},
 };
 
 }  // namespace
@@ -27,6 +34,21 @@ const option_range *find_option(int32_t id) {
     return nullptr;
 }
 
+bool within_range(const option_range &range, int32_t value) {
+    if (value < range.minimum || value > range.maximum) return false;
+    return range.least_nonzero <= 0 || value == 0 || value >= range.least_nonzero;
+}
+
+const char *engine_options::conflict(int32_t id, int32_t value) const {
+    if (id == kOptionAccurateMinHeight && value > 0 && accurate.max_height > 0 && value > accurate.max_height) {
+        return "is above the accurate max height";
+    }
+    if (id == kOptionAccurateMaxHeight && value > 0 && accurate.min_height > 0 && value < accurate.min_height) {
+        return "is below the accurate min height";
+    }
+    return nullptr;
+}
+
 int32_t engine_options::get(int32_t id) const {
     switch (id) {
         case kOptionProfile:
@@ -37,6 +59,10 @@ int32_t engine_options::get(int32_t id) const {
             return accurate.size_steps;
         case kOptionAccurateOverlap:
             return accurate.suppression_overlap_percent;
+        case kOptionAccurateMinHeight:
+            return accurate.min_height;
+        case kOptionAccurateMaxHeight:
+            return accurate.max_height;
         default:
             return 0;
     }
@@ -55,6 +81,12 @@ void engine_options::set(int32_t id, int32_t value) {
             break;
         case kOptionAccurateOverlap:
             accurate.suppression_overlap_percent = value;
+            break;
+        case kOptionAccurateMinHeight:
+            accurate.min_height = value;
+            break;
+        case kOptionAccurateMaxHeight:
+            accurate.max_height = value;
             break;
         default:
             break;

@@ -18,29 +18,44 @@ inline constexpr int32_t kOptionProfile = 1;
 inline constexpr int32_t kOptionAccurateCells = 2;
 inline constexpr int32_t kOptionAccurateSizeSteps = 3;
 inline constexpr int32_t kOptionAccurateOverlap = 4;
+inline constexpr int32_t kOptionAccurateMinHeight = 6;
+inline constexpr int32_t kOptionAccurateMaxHeight = 7;
 inline constexpr int32_t kProfileClassic = 0;
 inline constexpr int32_t kProfileAccurate = 1;
 
 // One option: its number, name (for log lines), range (inclusive) and default.
+// When least_nonzero is above 0, the values 1 .. least_nonzero - 1 are
+// outside the range too (0 means "automatic" for such an option).
 struct option_range {
     int32_t id;
     const char *name;
     int32_t minimum;
     int32_t maximum;
     int32_t default_value;
+    int32_t least_nonzero;
 };
 
 // Every option the engine knows, in number order; *count receives their number.
 const option_range *option_table(int32_t *count);
 // The range and name of option `id`, or null when there is none.
 const option_range *find_option(int32_t id);
+// Whether value lies in the option's range.
+bool within_range(const option_range &range, int32_t value);
 
 struct engine_options {
     int32_t profile = kProfileClassic;
-    // The accurate profile's numbers; three of them are options.
+    // The accurate profile's numbers; five of them are options.
     accurate_settings accurate;
+    // The options the host has set (bit `id`): a model file's recorded
+    // values replace only the others on import.
+    uint32_t set_by_host = 0;
 
     bool is_accurate() const { return profile == kProfileAccurate; }
+    bool host_set(int32_t id) const { return id >= 0 && id < 32 && (set_by_host >> id) & 1u; }
+
+    // Why a value in the option's range cannot be taken with the others as
+    // they are (a minimum height above the maximum), or null when it can.
+    const char *conflict(int32_t id, int32_t value) const;
 
     // The value of a known option (0 for an unknown one: callers look the
     // option up first).

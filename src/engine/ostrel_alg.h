@@ -22,6 +22,7 @@
 #include "acf/ostrel_acf.h"
 #include "acf/training_sample.h"
 #include "accurate/accurate_geometry.h"
+#include "accurate/accurate_model.h"
 #include "accurate/accurate_settings.h"
 #include "accurate/accurate_trainer.h"
 #include "detect/window_scan.h"
@@ -128,9 +129,10 @@ public:
     // whose profile or window no longer matches the options.
     int32_t model_profile = -1;
     ostrel::accurate_settings model_settings;
-    // The accurate profile's training pictures and the window of its model.
+    // The accurate profile's training pictures, and what its model is
+    // besides the weights: the window, the taught sizes, the calibration.
     std::vector<ostrel::accurate_training_picture> accurate_pictures;
-    ostrel::accurate_geometry accurate_geometry;
+    ostrel::accurate_class_model accurate_class;
 
     // --- the accurate profile (engine_accurate.cpp) ----------------------
     ostrel::accurate_settings accurateSettings() const;
@@ -139,12 +141,18 @@ public:
     int32_t setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes);
     int32_t runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
     int32_t trainAccurate();
-    // Checks a model read from a file against the accurate profile, before
-    // the engine takes it; false (with a log line) when its window does not
-    // fit. On success *geometry is the model's window.
-    bool acceptAccurateModel(const ostrel::svm_model &model, const ostrel::pca_fp_filter &filter,
-                             ostrel::accurate_geometry *geometry) const;
+    // The settings detection and training use: the host's options with the
+    // model's recorded choices (channels, search steps) once there is a
+    // model of this profile.
+    ostrel::accurate_settings modelSettings() const;
     int32_t removeSampleAccurate(uint32_t index);
+    // The accurate model file (engine_accurate_file.cpp): export of the
+    // engine's accurate model, import (all or nothing: the engine changes
+    // only when the whole file is good and fits its options) and
+    // validation. Each logs one line that says why it refuses.
+    int32_t exportAccurateModel(const std::string &path);
+    int32_t importAccurateModel(const std::string &path);
+    int32_t checkAccurateModel(const std::string &path);
     uint32_t accurate_positive_count = 0;
     uint32_t accurate_negative_count = 0;
 

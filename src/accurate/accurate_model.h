@@ -1,0 +1,59 @@
+// accurate_model: what an accurate model is besides its weights - the
+// settings it was made and is searched with, and per class the window, the
+// taught sizes and the score calibration. The weights and the bias stay in
+// the engine's svm_model record (fixed point x 10^7), as for every model.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "accurate/accurate_settings.h"
+#include "accurate/size_range.h"
+#include "accurate/window_shape.h"
+
+namespace ostrel {
+
+// Accurate models keep their weights and bias in fixed point with this
+// factor, 100 times finer than the classic 100000: the profile's weights
+// per feature byte are small, and truncating them at 1e-5 would lose most
+// of their digits.
+inline constexpr double kAccurateWeightScale = 10000000.0;
+
+// How a margin becomes a confidence: logistic(slope * (margin - offset)),
+// so that the offset gets 50% (the default sensitivity's threshold).
+struct score_calibration {
+    float offset = 0.5f;
+    float slope = 1.0f;
+};
+
+struct accurate_class_model {
+    std::string name;  // the class's name; may be empty
+    window_shape shape;
+    height_range taught;  // heights of the marked objects, picture pixels
+    score_calibration calibration;
+};
+
+// The settings of a model file that every class shares: the options and the
+// fixed choices that shape the features and the search.
+struct accurate_model_settings {
+    int32_t object_cells = 0;
+    int32_t size_steps = 0;
+    int32_t suppression_overlap_percent = 0;
+    int32_t min_height = 0;
+    int32_t max_height = 0;
+    int32_t search_margin_percent = 0;
+    int32_t levels_per_octave = 0;
+    int32_t approximation_exponent_permille = 0;
+    int32_t norm_radius = 0;
+    int32_t norm_floor = 0;
+    int32_t edge_reach_percent = 0;
+    int32_t size_prior_permille = 0;
+    int32_t suppression_contained_percent = 0;
+};
+
+// The recorded part of a settings record, and a settings record with the
+// recorded values put in (the others as `base` has them).
+accurate_model_settings recorded_settings(const accurate_settings &settings);
+accurate_settings with_recorded(const accurate_settings &base, const accurate_model_settings &recorded);
+
+}  // namespace ostrel

@@ -1,0 +1,254 @@
+// The accurate profile's model files: what the engine holds, written in the
+// accurate format and read back into it (model/accurate_model_file.h).
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "common/log.h"
+#include "common/log_lines.h"
+#include "engine/engine_options.h"
+#include "engine/ostrel_alg.h"
+#include "model/accurate_model_file.h"
+#include "model/model_format.h"
+
+namespace {
+
+constexpr const char *kExportModelName = "ostrel_alg::exportModel";
+constexpr const char *kImportModelName = "ostrel_alg::importModel";
+constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
+constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
+constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
+constexpr int kExportWriteLine = 3472;
+
+ostrel::accurate_file_settings file_settings(const ostrel::accurate_model_settings &r) {
+    ostrel::accurate_file_settings f;
+    f.profile = ostrel::kProfileAccurate;
+    f.object_cells = r.object_cells;
+    f.size_steps = r.size_steps;
+    f.suppression_overlap_percent = r.suppression_overlap_percent;
+    f.min_height = r.min_height;
+    f.max_height = r.max_height;
+    f.search_margin_percent = r.search_margin_percent;
+    f.levels_per_octave = r.levels_per_octave;
+    f.approximation_exponent_permille = r.approximation_exponent_permille;
+    f.norm_radius = r.norm_radius;
+    f.norm_floor = r.norm_floor;
+    f.edge_reach_percent = r.edge_reach_percent;
+    f.size_prior_permille = r.size_prior_permille;
+    f.suppression_contained_percent = r.suppression_contained_percent;
+    return f;
+}
+
+ostrel::accurate_model_settings recorded_of(const ostrel::accurate_file_settings &f) {
+    ostrel::accurate_model_settings r;
+    r.object_cells = f.object_cells;
+    r.size_steps = f.size_steps;
+    r.suppression_overlap_percent = f.suppression_overlap_percent;
+    r.min_height = f.min_height;
+    r.max_height = f.max_height;
+    r.search_margin_percent = f.search_margin_percent;
+    r.levels_per_octave = f.levels_per_octave;
+    r.approximation_exponent_permille = f.approximation_exponent_permille;
+    r.norm_radius = f.norm_radius;
+    r.norm_floor = f.norm_floor;
+    r.edge_reach_percent = f.edge_reach_percent;
+    r.size_prior_permille = f.size_prior_permille;
+    r.suppression_contained_percent = f.suppression_contained_percent;
+    return r;
+}
+
+std::string in_range(const char *name, int32_t value, int32_t low, int32_t high) {
+    if (value >= low && value <= high) return "";
+    return std::string(name) + " " + std::to_string(value) + " is outside " + std::to_string(low) + ".." +
+           std::to_string(high);
+}
+
+// What the engine finds wrong with a file the reader took: recorded options
+// outside their ranges (the option table's), fixed choices outside what the
+// profile can work with, or a window that its shape and cells do not give.
+std::string engine_problem(const ostrel::accurate_model_file &file, const ostrel::accurate_settings &defaults) {
+    const ostrel::accurate_file_settings &f = file.settings;
+    const std::pair<int32_t, int32_t> options[] = {{ostrel::kOptionAccurateCells, f.object_cells},
+                                                   {ostrel::kOptionAccurateSizeSteps, f.size_steps},
+                                                   {ostrel::kOptionAccurateOverlap, f.suppression_overlap_percent},
+                                                   {ostrel::kOptionAccurateMinHeight, f.min_height},
+                                                   {ostrel::kOptionAccurateMaxHeight, f.max_height}};
+    for (const auto &o : options) {
+        const ostrel::option_range *range = ostrel::find_option(o.first);
+        if (range != nullptr && !ostrel::within_range(*range, o.second)) {
+            return std::string("its ") + range->name + " " + std::to_string(o.second) + " is outside the option's range";
+        }
+    }
+    if (f.min_height > 0 && f.max_height > 0 && f.min_height > f.max_height) {
+        return "its accurate min height is above its max height";
+    }
+    for (const std::string &p : {in_range("search margin", f.search_margin_percent, 100, 400),
+                                 in_range("levels per octave", f.levels_per_octave, 1, 16),
+                                 in_range("approximation exponent", f.approximation_exponent_permille, -1000, 1000),
+                                 in_range("normalisation radius", f.norm_radius, -1, 64),
+                                 in_range("normalisation floor", f.norm_floor, 0, 1024),
+                                 in_range("edge reach", f.edge_reach_percent, 0, 100),
+                                 in_range("size prior", f.size_prior_permille, 0, 100000),
+                                 in_range("contained suppression", f.suppression_contained_percent, 1, 100)}) {
+        if (!p.empty()) return "its " + p;
+    }
+    for (size_t k = 0; k < file.classes.size(); ++k) {
+        const ostrel::accurate_file_class &c = file.classes[k];
+        const ostrel::window_shape shape = ostrel::window_for_aspect(c.aspect, f.object_cells, defaults);
+        if (shape.columns != c.window_columns || shape.rows != c.window_rows) {
+            return "class record " + std::to_string(k + 1) + "'s window of " + std::to_string(c.window_columns) +
+                   " x " + std::to_string(c.window_rows) + " cells is not what its shape and " +
+                   std::to_string(f.object_cells) + " cells give (" + std::to_string(shape.columns) + " x " +
+                   std::to_string(shape.rows) + ")";
+        }
+    }
+    return "";
+}
+
+// Reads and checks a file completely; false with *problem on any fault.
+bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults,
+                        ostrel::accurate_model_file *file, std::string *problem) {
+    std::vector<unsigned char> bytes;
+    if (!ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, problem)) {
+        return false;
+    }
+    if (!ostrel::read_accurate_model(bytes.data(), bytes.size(), file, problem)) {
+        return false;
+    }
+    *problem = engine_problem(*file, defaults);
+    return problem->empty();
+}
+
+}  // namespace
+
+int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
+    ostrel::accurate_model_file file;
+    file.settings = file_settings(ostrel::recorded_settings(modelSettings()));
+    ostrel::accurate_file_class c;
+    c.name = accurate_class.name;
+    c.window_columns = accurate_class.shape.columns;
+    c.window_rows = accurate_class.shape.rows;
+    c.channels = ostrel::kAccurateChannels;
+    c.aspect = accurate_class.shape.aspect;
+    c.taught_min_height = static_cast<float>(accurate_class.taught.min);
+    c.taught_max_height = static_cast<float>(accurate_class.taught.max);
+    c.trained_width = svm_model.trained_width;
+    c.trained_height = svm_model.trained_height;
+    c.input_width = svm_model.input_width;
+    c.input_height = svm_model.input_height;
+    c.calibration_offset = accurate_class.calibration.offset;
+    c.calibration_slope = accurate_class.calibration.slope;
+    c.bias = svm_model.bias;
+    c.weights.assign(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
+    file.classes.push_back(std::move(c));
+    std::string problem;
+    const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
+    if (bytes.empty()) {
+        ostrel::log("[Alg.Fail] %s: the accurate model cannot be written: %s\n", kExportModelName, problem.c_str());
+        return 1;
+    }
+    std::FILE *out = std::fopen(path.c_str(), "wb");
+    if (out == nullptr) {
+        ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+        return 1;
+    }
+    const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
+    const bool closed = std::fclose(out) == 0;
+    if (!written || !closed) {
+        ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
+        return 1;
+    }
+    return 0;
+}
+
+int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
+    ostrel::accurate_model_file file;
+    std::string problem;
+    if (!load_accurate_file(path, options.accurate, &file, &problem)) {
+        ostrel::log("[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
+                    path.c_str(), problem.c_str());
+        return 1;
+    }
+    return 0;
+}
+
+int32_t ostrel_alg::importAccurateModel(const std::string &path) {
+    ostrel::accurate_model_file file;
+    std::string problem;
+    if (!load_accurate_file(path, options.accurate, &file, &problem)) {
+        ostrel::log("[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
+                    problem.c_str());
+        return 1;
+    }
+    if (file.classes.size() != 1) {
+        ostrel::log("[Alg.Fail] %s: the accurate model file %s holds %zu classes; this engine detects one class per "
+                    "model\n",
+                    kImportModelName, path.c_str(), file.classes.size());
+        return 1;
+    }
+    const ostrel::accurate_file_class &c = file.classes.front();
+    // A cells option the host set to another value would give another
+    // window: the weights would not fit it.
+    if (options.host_set(ostrel::kOptionAccurateCells) && options.accurate.object_cells != file.settings.object_cells) {
+        const ostrel::window_shape host_shape =
+            ostrel::window_for_aspect(c.aspect, options.accurate.object_cells, options.accurate);
+        ostrel::log("[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
+                    "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
+                    "leave it unset\n",
+                    kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
+                    options.accurate.object_cells, file.settings.object_cells);
+        return 1;
+    }
+
+    // The file is good: the engine lets its samples, thumbnails and results
+    // go and takes the file's model, profile and the options the host has
+    // not set.
+    if (initFeatExtractor() == 1) {
+        return 1;
+    }
+    ostrel::svm_model model;
+    model.class_idx = 0;
+    model.trained_width = c.trained_width;
+    model.trained_height = c.trained_height;
+    model.input_width = c.input_width;
+    model.input_height = c.input_height;
+    model.trained_acf_scale_idx = 0;
+    model.support_vector_size = static_cast<int32_t>(c.weights.size());
+    model.bias = c.bias;
+    model.vector = std::make_unique<int32_t[]>(c.weights.size());
+    std::copy(c.weights.begin(), c.weights.end(), model.vector.get());
+    svm_model = std::move(model);
+    pca_filter = ostrel::pca_fp_filter{};
+    pca_filter.fp_filter_enabled = 0;
+
+    accurate_class = ostrel::accurate_class_model{};
+    accurate_class.name = c.name;
+    accurate_class.shape.columns = c.window_columns;
+    accurate_class.shape.rows = c.window_rows;
+    accurate_class.shape.aspect = c.aspect;
+    accurate_class.taught = ostrel::height_range{c.taught_min_height, c.taught_max_height};
+    accurate_class.calibration.offset = c.calibration_offset;
+    accurate_class.calibration.slope = c.calibration_slope;
+
+    const ostrel::accurate_model_settings recorded = recorded_of(file.settings);
+    model_settings = ostrel::with_recorded(options.accurate, recorded);
+    const std::pair<int32_t, int32_t> taken[] = {{ostrel::kOptionAccurateCells, recorded.object_cells},
+                                                 {ostrel::kOptionAccurateSizeSteps, recorded.size_steps},
+                                                 {ostrel::kOptionAccurateOverlap, recorded.suppression_overlap_percent},
+                                                 {ostrel::kOptionAccurateMinHeight, recorded.min_height},
+                                                 {ostrel::kOptionAccurateMaxHeight, recorded.max_height}};
+    for (const auto &option : taken) {
+        if (!options.host_set(option.first)) options.set(option.first, option.second);
+    }
+    train_width = static_cast<uint32_t>(c.trained_width);
+    train_height = static_cast<uint32_t>(c.trained_height);
+    train_input_width = static_cast<uint32_t>(c.input_width);
+    train_input_height = static_cast<uint32_t>(c.input_height);
+    accurate_positive_count = 0;
+    accurate_negative_count = 0;
+    options.profile = ostrel::kProfileAccurate;
+    model_profile = ostrel::kProfileAccurate;
+    return 0;
+}
