@@ -3,6 +3,9 @@
 #   scripts/fuzz.sh [SECONDS] [TARGET]
 #   TARGET model_file (default): the model-file reader, from a working copy
 #          of fuzz/corpus plus freshly generated seed models;
+#   TARGET accurate_model: the accurate model file's reader and writer and
+#          the engine's import, validation and export of it, from hand-made
+#          accurate models (make_accurate_seed_corpus);
 #   TARGET image_records: image records and box lists through the C
 #          interface, from an empty corpus;
 #   TARGET box_readers: the tool's box readers (JSON lists, `detect --json`
@@ -24,10 +27,11 @@ build=build-fuzz
 # a second: long inputs from the start reach more of the library in a short
 # run than libFuzzer's slowly growing lengths.
 case "$target" in
-  model_file) build_targets=(fuzz_model_file make_seed_corpus); options=() ;;
+  model_file) build_targets=(fuzz_model_file make_seed_corpus make_accurate_seed_corpus); options=() ;;
+  accurate_model) build_targets=(fuzz_accurate_model make_accurate_seed_corpus); options=(-max_len=65536) ;;
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records or box_readers)" >&2; exit 2 ;;
+  *) echo "fuzz: unknown target '$target' (model_file, accurate_model, image_records or box_readers)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -43,6 +47,10 @@ mkdir -p "$work" "$artifacts"
 if [ "$target" = model_file ]; then
   cp fuzz/corpus/* "$work"/
   "$build/fuzz/make_seed_corpus" "$work" >/dev/null
+  "$build/fuzz/make_accurate_seed_corpus" "$work" >/dev/null
+fi
+if [ "$target" = accurate_model ]; then
+  "$build/fuzz/make_accurate_seed_corpus" "$work" >/dev/null
 fi
 if [ "$target" = box_readers ]; then
   # The first byte chooses the reader: 0 JSON list, 1 detect line, 2 VOC.

@@ -117,18 +117,22 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     }
 
     // Gradient: squared magnitude of the strongest plane and orientation,
-    // from the library's kernel, on the part that makes whole cells.
-    chn_image8 cropped(3, width, height);
-    for (int32_t c = 0; c < 3; ++c) {
-        for (int32_t y = 0; y < height; ++y) {
-            std::copy(lab.plane(c) + static_cast<size_t>(y) * lab.width,
-                      lab.plane(c) + static_cast<size_t>(y) * lab.width + width,
-                      cropped.plane(c) + static_cast<size_t>(y) * width);
+    // from the library's kernel, on the part that makes whole cells (the
+    // record itself when its sides are even, as working pictures' are).
+    chn_image8 cropped;
+    if (width != lab.width || height != lab.height) {
+        cropped = chn_image8(3, width, height);
+        for (int32_t c = 0; c < 3; ++c) {
+            for (int32_t y = 0; y < height; ++y) {
+                std::copy(lab.plane(c) + static_cast<size_t>(y) * lab.width,
+                          lab.plane(c) + static_cast<size_t>(y) * lab.width + width,
+                          cropped.plane(c) + static_cast<size_t>(y) * width);
+            }
         }
     }
     chn_image32 squared(1, width, height);
     chn_image32 orient(1, width, height);
-    acf_helper::gradient_mag_orient(cropped, squared, orient);
+    acf_helper::gradient_mag_orient(cropped.empty() ? lab : cropped, squared, orient);
     chn_image32 magnitude(1, width, height);
     // Squares below 2^24 are exact in single precision, whose square root is
     // correctly rounded: the same value on every machine, four at a time or

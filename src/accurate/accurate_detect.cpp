@@ -9,6 +9,13 @@
 
 namespace ostrel {
 
+bool neighbours_suppressed(int32_t window_columns, int32_t window_rows, float max_overlap) {
+    if (window_columns < 2 || window_rows < 2) return false;
+    const double inside = static_cast<double>(window_columns - 1) * (window_rows - 1);
+    const double area = static_cast<double>(window_columns) * window_rows;
+    return inside / (2.0 * area - inside) >= max_overlap;
+}
+
 double size_prior_penalty(const accurate_search &search, double object_height) {
     if (!(search.size_penalty > 0.0) || !(search.taught_min > 0.0) || !(object_height > 0.0) ||
         !(search.penalty_step > 1.0)) {
@@ -19,30 +26,60 @@ double size_prior_penalty(const accurate_search &search, double object_height) {
     return search.size_penalty * beyond / std::log(search.penalty_step);
 }
 
+namespace {
+
+// Whether the window at (x, y) is the strongest of its 3 x 3 neighbourhood;
+// of equal sums the first in column, row order.
+bool neighbourhood_maximum(const window_sum_grid &grid, int32_t x, int32_t y) {
+    const int32_t sum = grid.at(x, y);
+    for (int32_t dx = -1; dx <= 1; ++dx) {
+        for (int32_t dy = -1; dy <= 1; ++dy) {
+            const int32_t nx = x + dx, ny = y + dy;
+            if ((dx == 0 && dy == 0) || nx < 0 || ny < 0 || nx >= grid.columns || ny >= grid.rows) continue;
+            const int32_t other = grid.at(nx, ny);
+            const bool earlier = dx < 0 || (dx == 0 && dy < 0);
+            if (other > sum || (earlier && other == sum)) return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+void search_level(const feature_map &map, const pyramid_level &level, const accurate_geometry &geometry,
+                  const accurate_search &search, float floor_margin, std::vector<margin_box> *out) {
+    const double scale = search.weights->scale * search.sum_scale;
+    const window_sum_grid grid = window_sums(pair_cells(map), *search.weights);
+    const double width = search.box_width * level.size_factor;
+    const double height = search.box_height * level.size_factor;
+    const double bias = search.bias - size_prior_penalty(search, height);
+    // Sums below this cannot reach the floor (the test below is exact).
+    const double floor_sum = (floor_margin - bias) / scale - 1.0;
+    for (int32_t x = 0; x < grid.columns; ++x) {
+        for (int32_t y = 0; y < grid.rows; ++y) {
+            const int32_t sum = grid.at(x, y);
+            if (sum < floor_sum) continue;
+            if (search.neighbourhood_maxima && !neighbourhood_maximum(grid, x, y)) continue;
+            const float margin = static_cast<float>(sum * scale + bias);
+            if (margin < floor_margin) continue;
+            double l, t, w, h;
+            window_object_box(x, y, level, geometry, &l, &t, &w, &h);
+            margin_box candidate;
+            candidate.margin = margin;
+            candidate.box.x = static_cast<int32_t>(std::floor(l + w / 2.0 - width / 2.0 + 0.5));
+            candidate.box.y = static_cast<int32_t>(std::floor(t + h / 2.0 - height / 2.0 + 0.5));
+            candidate.box.width = static_cast<int32_t>(std::floor(width + 0.5));
+            candidate.box.height = static_cast<int32_t>(std::floor(height + 0.5));
+            out->push_back(candidate);
+        }
+    }
+}
+
 std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const accurate_geometry &geometry,
                                        const accurate_search &search, float floor_margin) {
     std::vector<margin_box> out;
-    const double scale = search.weights->scale * search.sum_scale;
     for (const pyramid_level &level : pyramid.levels) {
-        const window_sum_grid grid = window_sums(pair_cells(level.map), *search.weights);
-        const double width = search.box_width * level.size_factor;
-        const double height = search.box_height * level.size_factor;
-        const double bias = search.bias - size_prior_penalty(search, height);
-        for (int32_t x = 0; x < grid.columns; ++x) {
-            for (int32_t y = 0; y < grid.rows; ++y) {
-                const float margin = static_cast<float>(grid.at(x, y) * scale + bias);
-                if (margin < floor_margin) continue;
-                double l, t, w, h;
-                window_object_box(x, y, level, geometry, &l, &t, &w, &h);
-                margin_box candidate;
-                candidate.margin = margin;
-                candidate.box.x = static_cast<int32_t>(std::floor(l + w / 2.0 - width / 2.0 + 0.5));
-                candidate.box.y = static_cast<int32_t>(std::floor(t + h / 2.0 - height / 2.0 + 0.5));
-                candidate.box.width = static_cast<int32_t>(std::floor(width + 0.5));
-                candidate.box.height = static_cast<int32_t>(std::floor(height + 0.5));
-                out.push_back(candidate);
-            }
-        }
+        search_level(level.map, level, geometry, search, floor_margin, &out);
     }
     return out;
 }

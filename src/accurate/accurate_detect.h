@@ -35,7 +35,16 @@ struct accurate_search {
     double taught_max = 0.0;
     double size_penalty = 0.0;
     double penalty_step = 1.5;
+    // Keep only the strongest window of every 3 x 3 neighbourhood of a
+    // level (set when the suppression would drop the others anyway).
+    bool neighbourhood_maxima = false;
 };
+
+// Whether windows one cell apart (diagonally the least) overlap by
+// max_overlap (IoU) or more: then suppression drops every window that is
+// not the strongest of its neighbourhood, and the search need not report
+// them.
+bool neighbours_suppressed(int32_t window_columns, int32_t window_rows, float max_overlap);
 
 // The margin a level loses to the size prior (>= 0).
 double size_prior_penalty(const accurate_search &search, double object_height);
@@ -44,14 +53,20 @@ double size_prior_penalty(const accurate_search &search, double object_height);
 // centred on the window's object cells; in level, column, row order.
 std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const accurate_geometry &geometry,
                                        const accurate_search &search, float floor_margin);
+// The same on one map of a level (its picture's or its mirror image's),
+// appended to *out.
+void search_level(const feature_map &map, const pyramid_level &level, const accurate_geometry &geometry,
+                  const accurate_search &search, float floor_margin, std::vector<margin_box> *out);
 
 // Greedy suppression: strongest first (earlier on equal margins), a box
 // overlapping a kept one by `max_overlap` (IoU) or more is dropped. Keeps at
 // most `limit` boxes.
 std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit);
 // The same across sizes: a box is dropped too when `max_contained` or more
-// of its area lies inside a stronger box (a part of an object found at a
-// smaller size, or an object found again at a larger one). 1 or more: off.
+// of the smaller one's area lies inside the other, a stronger box: of a
+// part of an object found at a smaller size and the object (or the object
+// and itself found again with much around it) only the stronger stays.
+// 1 or more: off.
 std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float max_overlap, size_t limit,
                                            float max_contained);
 

@@ -16,33 +16,23 @@ namespace {
 constexpr int32_t kReplicatedPlanes = 3;
 // Planes from this one on hold gradients (magnitude, orientation histograms).
 constexpr int32_t kFirstGradientPlane = 3;
-// Fixed point of the approximation's gain.
-constexpr int32_t kGainShift = 14;
 
 }  // namespace
 
 feature_map approximate_level(const feature_map &finer, int32_t columns, int32_t rows, double ratio,
                               int32_t exponent_permille) {
-    feature_map out;
     if (finer.empty() || columns < 1 || rows < 1) {
-        return out;
+        return feature_map{};
     }
-    out = shrink_cells(finer, columns, rows);
-    if (out.empty()) {
-        return out;
-    }
+    // The power law's gain of the gradient planes, in Q15 (at most 2).
+    std::vector<uint32_t> gains(static_cast<size_t>(std::max(finer.channels, 0)), 1u << 15);
     if (exponent_permille != 0 && ratio > 0.0) {
-        const double gain = std::pow(ratio, -exponent_permille / 1000.0);
-        const int64_t q = std::llround(gain * (1 << kGainShift));
-        for (int32_t c = kFirstGradientPlane; c < out.channels; ++c) {
-            uint8_t *plane = out.data.data() + static_cast<size_t>(c) * out.plane_size();
-            for (size_t i = 0; i < out.plane_size(); ++i) {
-                const int64_t v = (plane[i] * q + (1 << (kGainShift - 1))) >> kGainShift;
-                plane[i] = static_cast<uint8_t>(std::min<int64_t>(v, 255));
-            }
+        const double gain = std::min(2.0, std::pow(ratio, -exponent_permille / 1000.0));
+        for (int32_t c = kFirstGradientPlane; c < finer.channels; ++c) {
+            gains[static_cast<size_t>(c)] = static_cast<uint32_t>(std::lround(gain * (1 << 15)));
         }
     }
-    return out;
+    return shrink_cells(finer, columns, rows, gains.data());
 }
 
 accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyramid_request &request,
@@ -58,6 +48,10 @@ accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyra
     feature_map exact_map;
     feature_map exact_mirrored;
     double exact_factor = 1.0;
+    // The BGR working picture of the last exact level: with approximated
+    // levels the next exact one (an octave further) is resampled from it,
+    // a quarter of the pixels, rather than from the whole picture.
+    chn_image8 exact_bgr;
     for (size_t k = 0; k < request.size_factors.size(); ++k) {
         const double s = request.size_factors[k];
         const int32_t columns = scaled_working_side(request.base_columns, s);
@@ -75,7 +69,11 @@ accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyra
         feature_map map;
         feature_map mirrored;
         if (exact) {
-            lab = working_lab(picture, columns, rows, scratch);
+            chn_image8 bgr = request.exact_every > 0 && !exact_bgr.empty()
+                                 ? shrink_record(exact_bgr, columns, rows)
+                                 : working_bgr(picture, columns, rows, scratch);
+            lab = lab_of_record(bgr);
+            if (request.exact_every > 0) exact_bgr = std::move(bgr);
             if (lab.empty()) {
                 continue;
             }

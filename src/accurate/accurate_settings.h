@@ -54,7 +54,7 @@ struct accurate_settings {
     int32_t max_height = 0;
     // Searched sizes per octave (doubling of the height); channels are
     // computed exactly once per octave and approximated in between.
-    int32_t levels_per_octave = 4;
+    int32_t levels_per_octave = 6;
     // The power law of the approximated levels (the fast feature pyramid):
     // a gradient plane resampled from a level s times finer is multiplied
     // by s^(-exponent), exponent in thousandths. Measured on the
@@ -64,7 +64,7 @@ struct accurate_settings {
     // The prior on object sizes: a level whose objects lie beyond the
     // taught range loses this much margin (thousandths) per
     // search_margin_percent step beyond it.
-    int32_t size_prior_permille = 1000;
+    int32_t size_prior_permille = 2000;
     // Bounds of one search: levels at most, working pixels of a level at
     // most, and windows (positions of all levels) at most.
     int32_t max_levels = 48;
@@ -95,16 +95,26 @@ struct accurate_settings {
     // smaller than the marked one is background whatever its overlap: a
     // part of an object, or an object with much around it, is not the
     // object (0: overlap alone decides).
-    int32_t negative_size_ratio_percent = 150;
+    int32_t negative_size_ratio_percent = 0;
     // Background windows the first training takes (spread evenly over all).
     int32_t initial_negatives = 1000;
     // Hard-negative mining rounds after the first training, at most; hard
     // negatives added per round at most, and held in all at most.
-    int32_t mining_rounds = 6;
-    int32_t negatives_per_round = 4000;
+    int32_t mining_rounds = 3;
+    int32_t negatives_per_round = 2000;
     int32_t max_negatives = 20000;
 
     // --- scores -----------------------------------------------------------
+    // The default threshold is learnt from this many held-out strips of the
+    // training pictures (held_out_calibration.h); 0 strips: the fixed
+    // calibration margin below. Each strip's classifier is the trained one
+    // retrained without the strip's samples, or, with mining rounds above
+    // 0, one trained afresh with at most that many mining rounds.
+    int32_t calibration_folds = 4;
+    int32_t calibration_mining_rounds = 0;
+    // The width (thousandths of a margin) each held-out margin is smeared
+    // by when the best cut is sought.
+    int32_t calibration_bandwidth_permille = 200;
     // The classifier margin (per mille) that gets 50% confidence.
     int32_t calibration_margin_permille = 500;
     // Boxes below the threshold that a run reports at most, and the lowest

@@ -18,6 +18,10 @@ constexpr float kHingeMargin = -1.0f;
 // One map of the training set: a level of a picture, or its mirror image.
 struct training_map {
     const feature_map *map = nullptr;
+    const pyramid_level *level = nullptr;
+    uint32_t picture = 0;
+    bool mirrored = false;
+    int32_t picture_columns = 0;
     paired_map paired;
     // Windows that may be background: position (x, y) at x * rows + y.
     int32_t columns = 0;
@@ -64,7 +68,8 @@ bool window_inside(const feature_map &map, int32_t x, int32_t y, const accurate_
 // Marks the windows of a map that may be background: those whose object
 // box overlaps no marked object (label 1) by `limit` or more.
 void mark_background(training_map &tm, const pyramid_level &level, const accurate_geometry &geometry,
-                     const std::vector<ostrel_alg_box> &boxes, double limit, double size_ratio) {
+                     const std::vector<ostrel_alg_box> &boxes, double limit, double size_ratio,
+                     const held_out_part &held_out) {
     // Areas this many times larger or smaller are another size.
     const double area_ratio = size_ratio > 1.0 ? size_ratio * size_ratio : 0.0;
     tm.columns = tm.map->columns - geometry.window_columns + 1;
@@ -74,6 +79,10 @@ void mark_background(training_map &tm, const pyramid_level &level, const accurat
         for (int32_t y = 0; y < tm.rows; ++y) {
             double l, t, w, h;
             window_object_box(x, y, level, geometry, &l, &t, &w, &h);
+            if (held_out.holds(l + w / 2.0)) {
+                tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
+                continue;
+            }
             for (const ostrel_alg_box &box : boxes) {
                 if (box.label != 1 || overlap(l, t, w, h, box.x, box.y, box.width, box.height) < limit) continue;
                 const double areas = w * h / (static_cast<double>(box.width) * box.height);
@@ -115,25 +124,47 @@ void window_object_box(int32_t x, int32_t y, const pyramid_level &level, const a
 
 accurate_training_result train_accurate(const std::vector<accurate_training_picture> &pictures,
                                         const accurate_geometry &geometry, const accurate_settings &settings,
-                                        uint32_t seed) {
+                                        uint32_t seed, const std::vector<held_out_part> &held_out,
+                                        accurate_training_state *state) {
     accurate_training_result result;
     const int32_t dimension = geometry.window_features();
-    linear_svm svm(dimension);
+    auto owned_svm = std::make_unique<linear_svm>(dimension);
+    linear_svm &svm = *owned_svm;
+    std::vector<sample_origin> origins;
     std::vector<uint8_t> bytes(static_cast<size_t>(dimension));
+    // The centre (picture columns) of background window (x, y) of a map.
+    auto window_centre = [&](const training_map &tm, int32_t x, int32_t y) {
+        double l, t, w, h;
+        window_object_box(x, y, *tm.level, geometry, &l, &t, &w, &h);
+        const double centre = l + w / 2.0;
+        return tm.mirrored ? tm.picture_columns - centre : centre;
+    };
 
     // --- marked windows, and the maps with the windows that may be background
     std::vector<training_map> maps;
-    for (const accurate_training_picture &picture : pictures) {
+    for (size_t p = 0; p < pictures.size(); ++p) {
+        const accurate_training_picture &picture = pictures[p];
         const accurate_pyramid &pyramid = picture.pyramid;
+        const held_out_part part = p < held_out.size() ? held_out[p] : held_out_part{};
         for (int32_t mirrored = 0; mirrored <= 1; ++mirrored) {
             std::vector<ostrel_alg_box> boxes = picture.boxes;
+            // The held-out part in this map's picture (mirrored with it).
+            held_out_part here = part;
             if (mirrored) {
                 for (ostrel_alg_box &b : boxes) b = mirror_box(b, pyramid.picture_columns);
+                here.left = pyramid.picture_columns - part.right;
+                here.right = pyramid.picture_columns - part.left;
             }
             // Objects (label 1) and boxes marked as background (other labels).
+            size_t object_index = 0;
             for (const ostrel_alg_box &box : boxes) {
+                const size_t index = box.label == 1 ? object_index++ : 0;
                 if (box.width < 1 || box.height < 1) continue;
                 if (box.label == 1 && !picture.object_windows.empty()) continue;  // cut at their own sizes
+                if (box.label == 1 ? here.holds_object(index, box.x + box.width / 2.0)
+                                   : here.holds(box.x + box.width / 2.0)) {
+                    continue;
+                }
                 const pyramid_level &level = pyramid.levels[nearest_level(box, picture)];
                 const feature_map &map = mirrored ? level.mirrored : level.map;
                 int32_t x = 0, y = 0;
@@ -141,21 +172,44 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                 if (!window_inside(map, x, y, geometry)) continue;
                 window_bytes(map, x, y, geometry.window_columns, geometry.window_rows, bytes.data());
                 svm.add(bytes.data(), box.label == 1 ? 1 : -1);
+                const ostrel_alg_box &original = picture.boxes[static_cast<size_t>(&box - boxes.data())];
+                origins.push_back(sample_origin{static_cast<uint32_t>(p), box.label == 1 ? static_cast<int32_t>(index) : -1,
+                                                original.x + original.width / 2.0});
                 (box.label == 1 ? result.positives : result.negatives) += 1;
             }
             if (!mirrored) {
-                for (const std::vector<uint8_t> &window : picture.object_windows) {
+                // Each object has as many windows, in the order of the objects.
+                std::vector<const ostrel_alg_box *> objects;
+                for (const ostrel_alg_box &box : picture.boxes) {
+                    if (box.label == 1) objects.push_back(&box);
+                }
+                const size_t per_object = objects.empty() ? 0 : picture.object_windows.size() / objects.size();
+                for (size_t w = 0; w < picture.object_windows.size(); ++w) {
+                    const std::vector<uint8_t> &window = picture.object_windows[w];
                     if (window.size() != bytes.size()) continue;
+                    const size_t index = per_object > 0 ? w / per_object : objects.size();
+                    if (index < objects.size() &&
+                        part.holds_object(index, objects[index]->x + objects[index]->width / 2.0)) {
+                        continue;
+                    }
                     svm.add(window.data(), 1);
+                    origins.push_back(sample_origin{static_cast<uint32_t>(p), static_cast<int32_t>(index),
+                                                    index < objects.size()
+                                                        ? objects[index]->x + objects[index]->width / 2.0
+                                                        : 0.0});
                     ++result.positives;
                 }
             }
             for (const pyramid_level &level : pyramid.levels) {
                 training_map tm;
                 tm.map = mirrored ? &level.mirrored : &level.map;
+                tm.level = &level;
+                tm.picture = static_cast<uint32_t>(p);
+                tm.mirrored = mirrored != 0;
+                tm.picture_columns = pyramid.picture_columns;
                 if (tm.map->columns < geometry.window_columns || tm.map->rows < geometry.window_rows) continue;
                 mark_background(tm, level, geometry, boxes, settings.negative_overlap_percent / 100.0,
-                                settings.negative_size_ratio_percent / 100.0);
+                                settings.negative_size_ratio_percent / 100.0, here);
                 tm.paired = pair_cells(*tm.map);
                 maps.push_back(std::move(tm));
             }
@@ -188,6 +242,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                 if (static_cast<double>(seen) >= next) {
                     window_bytes(*tm.map, x, y, geometry.window_columns, geometry.window_rows, bytes.data());
                     svm.add(bytes.data(), -1);
+                    origins.push_back(sample_origin{tm.picture, -1, window_centre(tm, x, y)});
                     taken.insert(window_id(m, x, y));
                     ++result.negatives;
                     next += spread;
@@ -244,6 +299,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             const int32_t y = static_cast<int32_t>(id & 0xFFFFF);
             window_bytes(*maps[m].map, x, y, geometry.window_columns, geometry.window_rows, bytes.data());
             svm.add(bytes.data(), -1);
+            origins.push_back(sample_origin{maps[m].picture, -1, window_centre(maps[m], x, y)});
             taken.insert(id);
             ++result.negatives;
         }
@@ -253,6 +309,40 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             round, take, hard.size(), epochs);
     }
 
+    result.weights = svm.byte_weights();
+    result.bias = svm.bias();
+    result.trained = true;
+    if (state != nullptr) {
+        state->svm = std::move(owned_svm);
+        state->origins = std::move(origins);
+    }
+    return result;
+}
+
+accurate_training_result retrain_without(const accurate_training_state &state,
+                                         const std::vector<held_out_part> &held_out,
+                                         const accurate_settings &settings, uint32_t seed) {
+    accurate_training_result result;
+    if (!state.svm || state.origins.size() != state.svm->size()) return result;
+    const linear_svm &full = *state.svm;
+    linear_svm svm(full.dimension());
+    svm.set_centre(full.centre());
+    for (size_t i = 0; i < full.size(); ++i) {
+        const sample_origin &o = state.origins[i];
+        if (o.picture < held_out.size()) {
+            const held_out_part &part = held_out[o.picture];
+            if (o.object >= 0 ? part.holds_object(static_cast<size_t>(o.object), o.centre_x) : part.holds(o.centre_x)) {
+                continue;
+            }
+        }
+        svm.add(full.sample(i), full.label(i), full.alpha(i));
+        (full.label(i) > 0 ? result.positives : result.negatives) += 1;
+    }
+    if (result.positives == 0 || result.negatives == 0) return result;
+    linear_svm_settings svm_settings;
+    svm_settings.cost = settings.cost_permille / 1000.0;
+    svm_settings.seed = seed;
+    svm.train(svm_settings);
     result.weights = svm.byte_weights();
     result.bias = svm.bias();
     result.trained = true;

@@ -18,6 +18,11 @@ namespace ostrel {
 
 // The map's planes resampled to columns x rows cells, each no larger than
 // the source's; an empty map when a size is below 1 or above the source's.
-feature_map shrink_cells(const feature_map &source, int32_t columns, int32_t rows);
+// plane_gains, when given, holds a factor per plane in Q15 (32768 = 1, at
+// most 2): the plane is multiplied by it on the way (bytes above 255 are
+// 255). `faster` lets processors with AVX2 take the vector loop, which
+// gives the same bytes.
+feature_map shrink_cells(const feature_map &source, int32_t columns, int32_t rows,
+                         const uint32_t *plane_gains = nullptr, bool faster = true);
 
 }  // namespace ostrel

@@ -27,23 +27,65 @@ struct order_generator {
     uint32_t below(uint32_t n) { return next() % n; }
 };
 
-// sum over j of w[j] * (x[j] / 255 - centre[j]).
-float centred_dot(const float *w, const uint8_t *x, const float *centre, int32_t n) {
-    float sum = 0.0f;
-    for (int32_t j = 0; j < n; ++j) sum += w[j] * (static_cast<float>(x[j]) * kByteScale - centre[j]);
-    return sum;
-}
+// Partial sums of the dot products: lane k takes the features j with
+// j % kLanes == k. The order of every addition is fixed by these loops, not
+// by the compiler, so a sum is the same on every machine and in the vector
+// versions below; the lanes let the compiler use vector instructions
+// without reordering anything (and without fused multiply-adds, which
+// round differently).
+constexpr int32_t kLanes = 16;
 
-// w[j] += step * (x[j] / 255 - centre[j]).
-void add_centred(float *w, float step, const uint8_t *x, const float *centre, int32_t n) {
-    for (int32_t j = 0; j < n; ++j) w[j] += step * (static_cast<float>(x[j]) * kByteScale - centre[j]);
+// sum over j of w[j] * x[j].
+#define OSTREL_SVM_DOT_BODY                                                                        \
+    float lanes[kLanes] = {};                                                                      \
+    int32_t j = 0;                                                                                 \
+    for (; j + kLanes <= n; j += kLanes) {                                                         \
+        for (int32_t k = 0; k < kLanes; ++k) lanes[k] += w[j + k] * static_cast<float>(x[j + k]); \
+    }                                                                                              \
+    for (int32_t k = 0; j < n; ++j, ++k) lanes[k] += w[j] * static_cast<float>(x[j]);             \
+    for (int32_t width = kLanes / 2; width >= 1; width /= 2) {                                     \
+        for (int32_t k = 0; k < width; ++k) lanes[k] += lanes[k + width];                          \
+    }                                                                                              \
+    return lanes[0];
+
+// w[j] += step * x[j].
+#define OSTREL_SVM_ADD_BODY \
+    for (int32_t j = 0; j < n; ++j) w[j] += step * static_cast<float>(x[j]);
+
+float byte_dot_plain(const float *w, const uint8_t *x, int32_t n) { OSTREL_SVM_DOT_BODY }
+void add_bytes_plain(float *w, float step, const uint8_t *x, int32_t n) { OSTREL_SVM_ADD_BODY }
+
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+__attribute__((target("avx2"))) float byte_dot_avx2(const float *w, const uint8_t *x, int32_t n) {
+    OSTREL_SVM_DOT_BODY
 }
+__attribute__((target("avx2"))) void add_bytes_avx2(float *w, float step, const uint8_t *x, int32_t n) {
+    OSTREL_SVM_ADD_BODY
+}
+bool use_avx2() {
+    static const bool available = __builtin_cpu_supports("avx2");
+    return available;
+}
+float byte_dot(const float *w, const uint8_t *x, int32_t n) {
+    return use_avx2() ? byte_dot_avx2(w, x, n) : byte_dot_plain(w, x, n);
+}
+void add_bytes(float *w, float step, const uint8_t *x, int32_t n) {
+    if (use_avx2()) {
+        add_bytes_avx2(w, step, x, n);
+    } else {
+        add_bytes_plain(w, step, x, n);
+    }
+}
+#else
+float byte_dot(const float *w, const uint8_t *x, int32_t n) { return byte_dot_plain(w, x, n); }
+void add_bytes(float *w, float step, const uint8_t *x, int32_t n) { add_bytes_plain(w, step, x, n); }
+#endif
 
 }  // namespace
 
 linear_svm::linear_svm(int32_t dimension)
     : dimension_(std::max(dimension, 0)),
-      weights_(static_cast<size_t>(std::max(dimension, 0)) + 1, 0.0f),
+      raw_(static_cast<size_t>(std::max(dimension, 0)), 0.0f),
       centre_(static_cast<size_t>(std::max(dimension, 0)), 0.0f) {}
 
 double linear_svm::centred_norm(const uint8_t *features) const {
@@ -55,11 +97,33 @@ double linear_svm::centred_norm(const uint8_t *features) const {
     return norm;
 }
 
-void linear_svm::add(const uint8_t *features, int32_t label) {
+double linear_svm::centre_dot(const uint8_t *features) const {
+    double sum = 0.0;
+    for (int32_t j = 0; j < dimension_; ++j) sum += static_cast<double>(centre_[static_cast<size_t>(j)]) * features[j];
+    return sum * kByteScale;
+}
+
+void linear_svm::refresh_sample_terms() {
+    centre_square_ = 0.0;
+    for (float c : centre_) centre_square_ += static_cast<double>(c) * c;
+    for (size_t i = 0; i < labels_.size(); ++i) {
+        norms_[i] = centred_norm(sample(i));
+        centre_dots_[i] = centre_dot(sample(i));
+    }
+}
+
+void linear_svm::add(const uint8_t *features, int32_t label, double alpha) {
     features_.insert(features_.end(), features, features + dimension_);
     labels_.push_back(label > 0 ? 1 : -1);
-    alpha_.push_back(0.0);
+    alpha_.push_back(std::max(alpha, 0.0));
     norms_.push_back(centred_norm(features));
+    centre_dots_.push_back(centre_dot(features));
+}
+
+void linear_svm::set_centre(const std::vector<float> &centre) {
+    if (centre.size() != centre_.size()) return;
+    centre_ = centre;
+    refresh_sample_terms();
 }
 
 void linear_svm::centre_on_samples() {
@@ -73,24 +137,42 @@ void linear_svm::centre_on_samples() {
     for (int32_t j = 0; j < dimension_; ++j) {
         centre_[static_cast<size_t>(j)] = static_cast<float>(sums[static_cast<size_t>(j)] / n * kByteScale);
     }
-    for (size_t i = 0; i < n; ++i) norms_[i] = centred_norm(sample(i));
+    refresh_sample_terms();
+}
+
+// The weights are w = raw - label_sum * centre (raw = sum of alpha * y * x /
+// 255, label_sum = sum of alpha * y, also the bias feature's weight), so
+// that a margin needs one product of floats and bytes:
+//   w . (x / 255 - c) + b = raw . x / 255 - raw . c - label_sum * (c . x / 255 - c . c) + label_sum.
+double linear_svm::solver_margin(size_t i) const {
+    return static_cast<double>(byte_dot(raw_.data(), sample(i), dimension_)) * kByteScale - raw_centre_ -
+           label_sum_ * (centre_dots_[i] - centre_square_) + label_sum_;
+}
+
+void linear_svm::step(size_t i, double amount) {
+    add_bytes(raw_.data(), static_cast<float>(amount * kByteScale), sample(i), dimension_);
+    raw_centre_ += amount * centre_dots_[i];
+    label_sum_ += amount;
 }
 
 double linear_svm::margin(const uint8_t *features) const {
-    return centred_dot(weights_.data(), features, centre_.data(), dimension_) + weights_.back();
+    double sum = 0.0;
+    for (int32_t j = 0; j < dimension_; ++j) {
+        const double w = raw_[static_cast<size_t>(j)] - label_sum_ * centre_[static_cast<size_t>(j)];
+        sum += w * (features[j] * static_cast<double>(kByteScale) - centre_[static_cast<size_t>(j)]);
+    }
+    return sum + label_sum_;
 }
 
 int32_t linear_svm::train(const linear_svm_settings &settings) {
     const size_t n = labels_.size();
     // The weights follow from the dual variables (they may come from an
     // earlier training on fewer samples).
-    std::fill(weights_.begin(), weights_.end(), 0.0f);
-    float *w = weights_.data();
+    std::fill(raw_.begin(), raw_.end(), 0.0f);
+    raw_centre_ = 0.0;
+    label_sum_ = 0.0;
     for (size_t i = 0; i < n; ++i) {
-        if (alpha_[i] == 0.0) continue;
-        const float step = static_cast<float>(alpha_[i] * labels_[i]);
-        add_centred(w, step, sample(i), centre_.data(), dimension_);
-        weights_.back() += step;
+        if (alpha_[i] != 0.0) step(i, alpha_[i] * labels_[i]);
     }
     if (n == 0) return 0;
 
@@ -113,9 +195,7 @@ int32_t linear_svm::train(const linear_svm_settings &settings) {
             const uint32_t i = index[s];
             const int32_t y = labels_[i];
             const double cost = settings.cost;
-            const uint8_t *x = sample(i);
-            const double g =
-                y * (static_cast<double>(centred_dot(w, x, centre_.data(), dimension_)) + weights_.back()) - 1.0;
+            const double g = y * solver_margin(i) - 1.0;
             double pg = 0.0;
             if (alpha_[i] == 0.0) {
                 if (g > pg_max_old) {  // shrink: at its bound and likely to stay there
@@ -141,9 +221,7 @@ int32_t linear_svm::train(const linear_svm_settings &settings) {
             if (std::fabs(pg) > 1e-12) {
                 const double old = alpha_[i];
                 alpha_[i] = std::min(std::max(old - g / norms_[i], 0.0), cost);
-                const float step = static_cast<float>((alpha_[i] - old) * y);
-                add_centred(w, step, x, centre_.data(), dimension_);
-                weights_.back() += step;
+                step(i, (alpha_[i] - old) * y);
             }
         }
         if (pg_max - pg_min <= settings.tolerance) {
@@ -162,15 +240,21 @@ int32_t linear_svm::train(const linear_svm_settings &settings) {
 
 std::vector<float> linear_svm::byte_weights() const {
     std::vector<float> out(static_cast<size_t>(dimension_));
-    for (int32_t j = 0; j < dimension_; ++j) out[static_cast<size_t>(j)] = weights_[static_cast<size_t>(j)] * kByteScale;
+    for (int32_t j = 0; j < dimension_; ++j) {
+        const double w = raw_[static_cast<size_t>(j)] - label_sum_ * centre_[static_cast<size_t>(j)];
+        out[static_cast<size_t>(j)] = static_cast<float>(w * kByteScale);
+    }
     return out;
 }
 
 double linear_svm::bias() const {
     // The margin on raw bytes: sum(w * (x / 255 - c)) + b = sum(w / 255 * x) + (b - sum(w * c)).
     double shift = 0.0;
-    for (int32_t j = 0; j < dimension_; ++j) shift += static_cast<double>(weights_[static_cast<size_t>(j)]) * centre_[static_cast<size_t>(j)];
-    return weights_.empty() ? 0.0 : weights_.back() - shift;
+    for (int32_t j = 0; j < dimension_; ++j) {
+        const double w = raw_[static_cast<size_t>(j)] - label_sum_ * centre_[static_cast<size_t>(j)];
+        shift += w * centre_[static_cast<size_t>(j)];
+    }
+    return label_sum_ - shift;
 }
 
 }  // namespace ostrel

@@ -39,8 +39,14 @@ public:
     int32_t dimension() const { return dimension_; }
     size_t size() const { return labels_.size(); }
     // Appends a sample (dimension bytes) labelled +1 or -1; its dual
-    // variable starts at 0, the others keep theirs (a warm start).
-    void add(const uint8_t *features, int32_t label);
+    // variable starts at `alpha` (0 unless it comes from another training
+    // of the same samples), the others keep theirs (a warm start).
+    void add(const uint8_t *features, int32_t label, double alpha = 0.0);
+    double alpha(size_t i) const { return alpha_[i]; }
+    // The centre of the features (centre_on_samples), to share with a
+    // machine trained on some of the same samples.
+    const std::vector<float> &centre() const { return centre_; }
+    void set_centre(const std::vector<float> &centre);
     const uint8_t *sample(size_t i) const { return features_.data() + i * static_cast<size_t>(dimension_); }
     int32_t label(size_t i) const { return labels_[i]; }
 
@@ -59,11 +65,23 @@ private:
     std::vector<uint8_t> features_;
     std::vector<int32_t> labels_;
     std::vector<double> alpha_;
-    std::vector<float> weights_;  // dimension + 1 (bias last), on centred byte / 255 units
+    // The weights on centred byte / 255 units are raw_ - label_sum_ * centre_
+    // (see solver_margin); the bias feature's weight is label_sum_.
+    std::vector<float> raw_;
+    double label_sum_ = 0.0;
+    double raw_centre_ = 0.0;     // raw_ . centre_
     std::vector<float> centre_;   // per feature, in byte / 255 units
+    double centre_square_ = 0.0;  // centre_ . centre_
     std::vector<double> norms_;   // squared norm of each centred sample, bias feature included
+    std::vector<double> centre_dots_;  // centre_ . x / 255 of each sample
 
     double centred_norm(const uint8_t *features) const;
+    double centre_dot(const uint8_t *features) const;
+    void refresh_sample_terms();
+    // Margin of sample i under the current dual variables, and the change of
+    // the weights when its dual variable times its label moves by amount.
+    double solver_margin(size_t i) const;
+    void step(size_t i, double amount);
 };
 
 }  // namespace ostrel

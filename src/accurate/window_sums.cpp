@@ -81,8 +81,9 @@ paired_map pair_cells(const feature_map &map) {
     out.channels = map.channels;
     out.columns = map.columns;
     out.rows = map.rows;
-    // Room for a last block of eight positions (the AVX2 loop) past the end.
-    out.stride = 2 * (map.rows + 2 * kBlock + 2);
+    // Room for a last block of sixteen positions (the AVX-512 loop) past
+    // the end.
+    out.stride = 2 * (map.rows + 4 * kBlock + 2);
     out.data.assign(static_cast<size_t>(map.channels) * map.columns * out.stride, 0);
     for (int32_t c = 0; c < map.channels; ++c) {
         for (int32_t x = 0; x < map.columns; ++x) {
@@ -101,32 +102,110 @@ namespace {
 
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
 // The column loop with eight positions per instruction, for processors
-// that have AVX2. The same integer sums as the loop below.
+// that have AVX2: 32 positions at a time stay in four registers while every
+// tap of the window passes, so the sums are written once. The same integer
+// sums as the loop below.
 __attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, const quantised_weights &weights,
                                                       int32_t x, int32_t blocks8, int32_t *accumulator) {
     const int32_t taps = weights.tap_pairs;
-    for (int32_t c = 0; c < weights.channels; ++c) {
-        for (int32_t r = 0; r < weights.window_columns; ++r) {
-            const int16_t *column =
-                map.data.data() + (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride);
-            const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
-            for (int32_t j = 0; j < taps; ++j) {
-                const int16_t *in = column + 4 * j;
-                int32_t pair_bits;
-                std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
-                const __m256i wv = _mm256_set1_epi32(pair_bits);
-                for (int32_t b = 0; b < blocks8; ++b) {
-                    const __m256i cells = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16 * b));
-                    __m256i *acc = reinterpret_cast<__m256i *>(accumulator + 8 * b);
-                    _mm256_storeu_si256(acc, _mm256_add_epi32(_mm256_loadu_si256(acc), _mm256_madd_epi16(cells, wv)));
+    int32_t b = 0;
+    for (; b < blocks8; b += 4) {
+        const int32_t chunk = std::min(4, blocks8 - b);
+        __m256i sums[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
+                           _mm256_setzero_si256()};
+        for (int32_t c = 0; c < weights.channels; ++c) {
+            for (int32_t r = 0; r < weights.window_columns; ++r) {
+                const int16_t *column = map.data.data() +
+                                        (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                        16 * b;
+                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+                if (chunk == 4) {
+                    for (int32_t j = 0; j < taps; ++j) {
+                        int32_t pair_bits;
+                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                        const __m256i wv = _mm256_set1_epi32(pair_bits);
+                        const int16_t *in = column + 4 * j;
+                        sums[0] = _mm256_add_epi32(sums[0], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in)), wv));
+                        sums[1] = _mm256_add_epi32(sums[1], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16)), wv));
+                        sums[2] = _mm256_add_epi32(sums[2], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 32)), wv));
+                        sums[3] = _mm256_add_epi32(sums[3], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 48)), wv));
+                    }
+                } else {
+                    for (int32_t j = 0; j < taps; ++j) {
+                        int32_t pair_bits;
+                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                        const __m256i wv = _mm256_set1_epi32(pair_bits);
+                        const int16_t *in = column + 4 * j;
+                        for (int32_t k = 0; k < chunk; ++k) {
+                            sums[k] = _mm256_add_epi32(
+                                sums[k], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16 * k)), wv));
+                        }
+                    }
                 }
             }
+        }
+        for (int32_t k = 0; k < chunk; ++k) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * (b + k)), sums[k]);
         }
     }
 }
 
 bool has_avx2() {
     static const bool available = __builtin_cpu_supports("avx2");
+    return available;
+}
+
+// Sixteen positions per instruction with the fused multiply-add of pairs
+// (vpdpwssd), for processors with AVX-512 VNNI: 64 positions stay in four
+// registers while every tap passes. vpdpwssd adds the two products and
+// the accumulator exactly (no saturation), so the sums are the integers of
+// the loops below.
+__attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired_map &map,
+                                                                    const quantised_weights &weights, int32_t x,
+                                                                    int32_t blocks16, int32_t *accumulator) {
+    const int32_t taps = weights.tap_pairs;
+    for (int32_t b = 0; b < blocks16; b += 4) {
+        const int32_t chunk = std::min(4, blocks16 - b);
+        __m512i sums[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
+                           _mm512_setzero_si512()};
+        for (int32_t c = 0; c < weights.channels; ++c) {
+            for (int32_t r = 0; r < weights.window_columns; ++r) {
+                const int16_t *column = map.data.data() +
+                                        (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                        32 * b;
+                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+                if (chunk == 4) {
+                    for (int32_t j = 0; j < taps; ++j) {
+                        int32_t pair_bits;
+                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                        const __m512i wv = _mm512_set1_epi32(pair_bits);
+                        const int16_t *in = column + 4 * j;
+                        sums[0] = _mm512_dpwssd_epi32(sums[0], _mm512_loadu_si512(in), wv);
+                        sums[1] = _mm512_dpwssd_epi32(sums[1], _mm512_loadu_si512(in + 32), wv);
+                        sums[2] = _mm512_dpwssd_epi32(sums[2], _mm512_loadu_si512(in + 64), wv);
+                        sums[3] = _mm512_dpwssd_epi32(sums[3], _mm512_loadu_si512(in + 96), wv);
+                    }
+                } else {
+                    for (int32_t j = 0; j < taps; ++j) {
+                        int32_t pair_bits;
+                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
+                        const __m512i wv = _mm512_set1_epi32(pair_bits);
+                        const int16_t *in = column + 4 * j;
+                        for (int32_t k = 0; k < chunk; ++k) {
+                            sums[k] = _mm512_dpwssd_epi32(sums[k], _mm512_loadu_si512(in + 32 * k), wv);
+                        }
+                    }
+                }
+            }
+        }
+        for (int32_t k = 0; k < chunk; ++k) {
+            _mm512_storeu_si512(accumulator + 16 * (b + k), sums[k]);
+        }
+    }
+}
+
+bool has_avx512_vnni() {
+    static const bool available = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vnni");
     return available;
 }
 #endif
@@ -143,13 +222,24 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
     grid.rows = map.rows - weights.window_rows + 1;
     grid.sums.assign(static_cast<size_t>(grid.columns) * grid.rows, 0);
     const int32_t blocks = (grid.rows + kBlock - 1) / kBlock;
-    std::vector<int32_t> accumulator(static_cast<size_t>(blocks) * kBlock + kBlock);
+    std::vector<int32_t> accumulator(static_cast<size_t>(blocks) * kBlock + 4 * kBlock);
     const int32_t taps = weights.tap_pairs;
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+    const bool vnni = (path == sums_path::fastest || path == sums_path::avx512_vnni) && has_avx512_vnni() &&
+                      map.stride >= 2 * (4 * ((blocks + 3) / 4) * kBlock + weights.window_rows + 1);
+    const bool avx2 = (path == sums_path::fastest || path == sums_path::avx2 || path == sums_path::avx512_vnni) &&
+                      has_avx2() && map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1);
+#endif
     for (int32_t x = 0; x < grid.columns; ++x) {
         std::fill(accumulator.begin(), accumulator.end(), 0);
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
-        if (path == sums_path::fastest && has_avx2() &&
-            map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1)) {
+        if (vnni) {
+            column_sums_vnni(map, weights, x, (blocks + 3) / 4, accumulator.data());
+            std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
+                      grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+            continue;
+        }
+        if (avx2) {
             column_sums_avx2(map, weights, x, (blocks + 1) / 2, accumulator.data());
             std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
                       grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
@@ -188,6 +278,33 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
                   grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
     }
     return grid;
+}
+
+bool sums_path_available(sums_path path) {
+    switch (path) {
+        case sums_path::portable:
+        case sums_path::fastest:
+            return true;
+        case sums_path::sse2:
+#if defined(OSTREL_WINDOW_SUMS_SSE2)
+            return true;
+#else
+            return false;
+#endif
+        case sums_path::avx2:
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+            return has_avx2();
+#else
+            return false;
+#endif
+        case sums_path::avx512_vnni:
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+            return has_avx512_vnni();
+#else
+            return false;
+#endif
+    }
+    return false;
 }
 
 window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights) {

@@ -51,8 +51,12 @@ struct window_sum_grid {
 };
 
 // Which loop computes the sums; all give the same integers. `fastest` takes
-// AVX2 where the processor has it, else SSE2 (every x86-64 processor).
-enum class sums_path { fastest, sse2, portable };
+// AVX-512 VNNI where the processor has it, else AVX2, else SSE2 (every
+// x86-64 processor); a path the processor lacks falls back the same way.
+enum class sums_path { fastest, sse2, portable, avx2, avx512_vnni };
+
+// Whether the processor runs a path (portable and sse2 always).
+bool sums_path_available(sums_path path);
 
 // The bytes of the window with top-left cell (x, y), in window feature
 // order (the layout of the weights). The window must lie inside the map.

@@ -5,6 +5,8 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "acf/acf_helper.h"
+
 
 namespace ostrel {
 
@@ -16,7 +18,7 @@ split_picture split_bgr(const cv::Mat &bgr) {
     return out;
 }
 
-chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows,
+chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows,
                        picture_resample_scratch &scratch) {
     if (picture.planes[0].empty() || columns < 2 || rows < 2) {
         return chn_image8();
@@ -29,12 +31,21 @@ chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t ro
     if (bgr.empty() || bgr.width != rows || bgr.height != columns) {
         return chn_image8();
     }
+    return bgr;
+}
+
+chn_image8 lab_of_record(const chn_image8 &bgr) {
+    if (bgr.channels != 3 || bgr.empty()) {
+        return chn_image8();
+    }
+    const int32_t rows = bgr.width;
+    const int32_t columns = bgr.height;
     // The record's planes read as a picture of `columns` rows and `rows`
     // columns: the transposed picture. Colour conversion works pixel by
     // pixel, so converting the transposed picture is converting the picture.
     cv::Mat planes[3];
     for (int c = 0; c < 3; ++c) {
-        planes[c] = cv::Mat(columns, rows, CV_8UC1, bgr.plane(c));
+        planes[c] = cv::Mat(columns, rows, CV_8UC1, const_cast<uint8_t *>(bgr.plane(c)));
     }
     cv::Mat merged;
     cv::merge(planes, 3, merged);
@@ -47,6 +58,18 @@ chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t ro
     }
     cv::split(lab, out_planes);  // writes into out's planes: sizes and types match
     return out;
+}
+
+chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows,
+                       picture_resample_scratch &scratch) {
+    return lab_of_record(working_bgr(picture, columns, rows, scratch));
+}
+
+chn_image8 shrink_record(const chn_image8 &bgr, int32_t columns, int32_t rows) {
+    if (bgr.empty() || columns < 2 || rows < 2) {
+        return chn_image8();
+    }
+    return acf_helper::image_resample_fix(bgr, rows, columns, 1.0f);
 }
 
 chn_image8 mirror_columns(const chn_image8 &lab) {

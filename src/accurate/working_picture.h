@@ -33,6 +33,17 @@ split_picture split_bgr(const cv::Mat &bgr);
 chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows,
                        picture_resample_scratch &scratch);
 
+// The two steps of working_lab: the picture's BGR planes resampled to
+// columns x rows (a record in the same terms), and a BGR record in Lab.
+chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows,
+                       picture_resample_scratch &scratch);
+chn_image8 lab_of_record(const chn_image8 &bgr);
+
+// A BGR record resampled to a smaller columns x rows (the library's
+// resampler, record to record): the next octave of a pyramid from the
+// octave before it rather than from the whole picture.
+chn_image8 shrink_record(const chn_image8 &bgr, int32_t columns, int32_t rows);
+
 // The same record mirrored left to right (picture columns reversed).
 chn_image8 mirror_columns(const chn_image8 &lab);
 

@@ -12,6 +12,7 @@
 #include "accurate/accurate_detect.h"
 #include "accurate/accurate_picture_cache.h"
 #include "accurate/accurate_pyramid.h"
+#include "accurate/held_out_calibration.h"
 #include "accurate/object_window.h"
 #include "accurate/size_range.h"
 #include "accurate/window_shape.h"
@@ -121,6 +122,9 @@ ostrel::accurate_settings tuned(ostrel::accurate_settings s) {
             const std::string k = item.substr(0, eq);
             const int32_t v = atoi(item.c_str() + eq + 1);
             if (k == "object_cells") s.object_cells = v;
+            if (k == "calibration_bandwidth_permille") s.calibration_bandwidth_permille = v;
+            if (k == "calibration_folds") s.calibration_folds = v;
+            if (k == "calibration_mining_rounds") s.calibration_mining_rounds = v;
             if (k == "size_prior_permille") s.size_prior_permille = v;
             if (k == "approximated_positives") s.approximated_positives = v;
             if (k == "max_upscale_percent") s.max_upscale_percent = v;
@@ -160,6 +164,30 @@ ostrel::accurate_settings tuned(ostrel::accurate_settings s) {
     }
     return s;
 }
+// The levels detection would search on a picture, for the calibration's
+// rescaled copies of the training pictures.
+class detection_levels : public ostrel::copy_levels {
+public:
+    detection_levels(const ostrel::accurate_class_model &model, const ostrel::accurate_settings &settings)
+        : model_(model), settings_(settings) {}
+    ostrel::accurate_pyramid levels(const ostrel::split_picture &picture, double *finest_height) const override {
+        const ostrel::window_shape &shape = model_.shape;
+        ostrel::level_plan plan;
+        if (ostrel::plan_levels(picture.columns(), picture.rows(), ostrel::search_range(model_.taught, settings_),
+                                model_.taught, shape, settings_, edge_pad(shape.columns, settings_),
+                                edge_pad(shape.rows, settings_), &plan) != ostrel::plan_status::ok) {
+            return {};
+        }
+        *finest_height = plan.range.min;
+        ostrel::picture_resample_scratch scratch;
+        return ostrel::build_accurate_pyramid(picture, plan_request(plan, shape, settings_, false), scratch);
+    }
+
+private:
+    const ostrel::accurate_class_model &model_;
+    ostrel::accurate_settings settings_;
+};
+
 }  // namespace
 
 ostrel::accurate_settings ostrel_alg::accurateSettings() const { return tuned(options.accurate); }
@@ -307,6 +335,8 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         // boxes marked as background are cut from the level nearest them.
         picture.marked_width = std::max(1, static_cast<int32_t>(std::lround(plan.range.min * shape.aspect)));
         picture.marked_height = std::max(1, static_cast<int32_t>(std::lround(plan.range.min)));
+        picture.finest_height = plan.range.min;
+        picture.bgr = cached_image.clone();
 
         if (accurate_pictures.empty()) {
             accurate_class = ostrel::accurate_class_model{};
@@ -341,8 +371,9 @@ int32_t ostrel_alg::trainAccurate() {
     const ostrel::accurate_settings settings = model_settings;
     const uint32_t seed = random_seed_set_ ? random_seed_ : kDefaultSeed;
     const ostrel::accurate_geometry geometry = accurate_class.shape.geometry();
+    ostrel::accurate_training_state state;
     const ostrel::accurate_training_result trained =
-        ostrel::train_accurate(accurate_pictures, geometry, settings, seed);
+        ostrel::train_accurate(accurate_pictures, geometry, settings, seed, {}, &state);
     if (!trained.trained) {
         ostrel::log("[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
         return 1;
@@ -361,6 +392,9 @@ int32_t ostrel_alg::trainAccurate() {
     model.bias = to_fixed(-trained.bias);
     accurate_class.calibration.offset = static_cast<float>(settings.calibration_margin_permille / 1000.0);
     accurate_class.calibration.slope = 1.0f;
+    if (settings.calibration_folds >= 2) {
+        accurate_class.calibration.offset = calibrateAccurate(trained, state, seed);
+    }
     svm_model = std::move(model);
     accurate_positive_count = trained.positives;
     accurate_negative_count = trained.negatives;
@@ -369,6 +403,59 @@ int32_t ostrel_alg::trainAccurate() {
     pca_filter = ostrel::pca_fp_filter{};
     pca_filter.fp_filter_enabled = 0;
     return 0;
+}
+
+float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trained,
+                                    const ostrel::accurate_training_state &state, uint32_t seed) const {
+    const ostrel::accurate_settings &settings = model_settings;
+    const ostrel::accurate_geometry geometry = accurate_class.shape.geometry();
+    // The search as detection runs it: the size prior and the box shape.
+    ostrel::accurate_search search;
+    search.box_height = 1.0;
+    search.box_width = accurate_class.shape.aspect;
+    search.taught_min = accurate_class.taught.min;
+    search.taught_max = accurate_class.taught.max;
+    search.size_penalty = settings.size_prior_permille / 1000.0;
+    search.penalty_step = settings.search_margin_percent / 100.0;
+    search.neighbourhood_maxima = ostrel::neighbours_suppressed(
+        accurate_class.shape.columns, accurate_class.shape.rows, settings.suppression_overlap_percent / 100.0f);
+    // Objects and background the classifier has not seen...
+    const ostrel::held_out_scores held_out =
+        ostrel::score_held_out_parts(accurate_pictures, geometry, settings, search, seed, settings.calibration_folds,
+                                     settings.calibration_mining_rounds > 0 ? nullptr : &state);
+    // ...and the ones it has, seen again through other resampling.
+    const std::vector<double> wide(trained.weights.begin(), trained.weights.end());
+    const ostrel::quantised_weights weights = ostrel::quantise_weights(
+        wide.data(), ostrel::kAccurateChannels, geometry.window_columns, geometry.window_rows);
+    ostrel::accurate_search full = search;
+    full.weights = &weights;
+    full.sum_scale = 1.0;
+    full.bias = trained.bias;
+    const double half_step = 0.5 / std::max(settings.levels_per_octave, 1);
+    const ostrel::held_out_scores copies =
+        ostrel::score_rescaled_copies(accurate_pictures, geometry, settings, full,
+                                      {std::pow(2.0, -half_step), std::pow(2.0, half_step)},
+                                      detection_levels(accurate_class, settings));
+    const float fallback = static_cast<float>(settings.calibration_margin_permille / 1000.0);
+    const float offset = ostrel::best_f1_margin({&held_out, &copies}, settings.calibration_bandwidth_permille / 1000.0f,
+                                                settings.floor_margin_permille / 1000.0f, 2.0f, fallback);
+    const auto found = [](const ostrel::held_out_scores &s) {
+        return static_cast<size_t>(
+            std::count_if(s.objects.begin(), s.objects.end(), [](float m) { return std::isfinite(m); }));
+    };
+    ostrel::log("[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
+                "copies %zu of %zu objects, %zu false alarms; 50%% confidence at margin %.2f\n",
+                found(held_out), held_out.objects.size(), held_out.false_alarms.size(), found(copies),
+                copies.objects.size(), copies.false_alarms.size(), static_cast<double>(offset));
+    if (getenv("OSTREL_DUMP")) {
+        FILE *d = fopen(getenv("OSTREL_DUMP"), "w");
+        for (float m : held_out.objects) fprintf(d, "O %f\n", m);
+        for (float m : held_out.false_alarms) fprintf(d, "F %f\n", m);
+        for (float m : copies.objects) fprintf(d, "CO %f\n", m);
+        for (float m : copies.false_alarms) fprintf(d, "CF %f\n", m);
+        fclose(d);
+    }
+    return offset;
 }
 
 // The model and the picture are checked by runDetector.
@@ -442,6 +529,8 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         search.taught_max = accurate_class.taught.max;
         search.size_penalty = settings.size_prior_permille / 1000.0;
         search.penalty_step = settings.search_margin_percent / 100.0;
+        search.neighbourhood_maxima =
+            ostrel::neighbours_suppressed(shape.columns, shape.rows, settings.suppression_overlap_percent / 100.0f);
         const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
         const ostrel::accurate_geometry geometry = shape.geometry();
         const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(

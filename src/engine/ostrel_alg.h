@@ -141,6 +141,11 @@ public:
     int32_t setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes);
     int32_t runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
     int32_t trainAccurate();
+    // The margin at which the default sensitivity should cut, learnt from
+    // the training pictures (held_out_calibration.h) for the classifier
+    // just trained.
+    float calibrateAccurate(const ostrel::accurate_training_result &trained,
+                            const ostrel::accurate_training_state &state, uint32_t seed) const;
     // The settings detection and training use: the host's options with the
     // model's recorded choices (channels, search steps) once there is a
     // model of this profile.
