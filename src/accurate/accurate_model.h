@@ -19,6 +19,15 @@ namespace ostrel {
 // of their digits.
 inline constexpr double kAccurateWeightScale = 10000000.0;
 
+// A value as a model file keeps it (single precision): the engine keeps
+// the taught sizes so, and an exported and imported model searches exactly
+// the same sizes. The store through a volatile float is what rounds it (the
+// compiler may otherwise keep a double through a cast to float and back).
+inline double single_precision(double value) {
+    volatile float rounded = static_cast<float>(value);
+    return rounded;
+}
+
 // How a margin becomes a confidence: logistic(slope * (margin - offset)),
 // so that the offset gets 50% (the default sensitivity's threshold).
 struct score_calibration {

@@ -75,20 +75,33 @@ void mark_background(training_map &tm, const pyramid_level &level, const accurat
     tm.columns = tm.map->columns - geometry.window_columns + 1;
     tm.rows = tm.map->rows - geometry.window_rows + 1;
     tm.allowed.assign(static_cast<size_t>(tm.columns) * tm.rows, 1);
+    if (tm.columns < 1 || tm.rows < 1) return;
+    // A window's object box moves by cell_x picture pixels a column and
+    // cell_y a row: only the windows near a box can overlap it.
+    double l0, t0, w, h;
+    window_object_box(0, 0, level, geometry, &l0, &t0, &w, &h);
+    const double cell_x = kAccurateShrink / static_cast<double>(level.scale_x);
+    const double cell_y = kAccurateShrink / static_cast<double>(level.scale_y);
     for (int32_t x = 0; x < tm.columns; ++x) {
-        for (int32_t y = 0; y < tm.rows; ++y) {
-            double l, t, w, h;
-            window_object_box(x, y, level, geometry, &l, &t, &w, &h);
-            if (held_out.holds(l + w / 2.0)) {
-                tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
-                continue;
-            }
-            for (const ostrel_alg_box &box : boxes) {
-                if (box.label != 1 || overlap(l, t, w, h, box.x, box.y, box.width, box.height) < limit) continue;
-                const double areas = w * h / (static_cast<double>(box.width) * box.height);
-                if (area_ratio == 0.0 || (areas < area_ratio && areas * area_ratio > 1.0)) {
+        if (!held_out.holds(l0 + x * cell_x + w / 2.0)) continue;
+        std::fill(tm.allowed.begin() + static_cast<std::ptrdiff_t>(x) * tm.rows,
+                  tm.allowed.begin() + static_cast<std::ptrdiff_t>(x + 1) * tm.rows, 0);
+    }
+    for (const ostrel_alg_box &box : boxes) {
+        if (box.label != 1) continue;
+        const double areas = w * h / (static_cast<double>(box.width) * box.height);
+        if (area_ratio != 0.0 && !(areas < area_ratio && areas * area_ratio > 1.0)) continue;
+        // Windows whose object box reaches into the box, one cell either side.
+        const int32_t x0 = std::max(0, static_cast<int32_t>(std::floor((box.x - w - l0) / cell_x)) - 1);
+        const int32_t x1 = std::min(tm.columns - 1, static_cast<int32_t>(std::ceil((box.x + box.width - l0) / cell_x)) + 1);
+        const int32_t y0 = std::max(0, static_cast<int32_t>(std::floor((box.y - h - t0) / cell_y)) - 1);
+        const int32_t y1 = std::min(tm.rows - 1, static_cast<int32_t>(std::ceil((box.y + box.height - t0) / cell_y)) + 1);
+        for (int32_t x = x0; x <= x1; ++x) {
+            for (int32_t y = y0; y <= y1; ++y) {
+                double l, t, ww, hh;
+                window_object_box(x, y, level, geometry, &l, &t, &ww, &hh);
+                if (overlap(l, t, ww, hh, box.x, box.y, box.width, box.height) >= limit) {
                     tm.allowed[static_cast<size_t>(x) * tm.rows + y] = 0;
-                    break;
                 }
             }
         }

@@ -13,6 +13,8 @@ namespace ostrel {
 
 namespace {
 
+// Cuts whose F1 is within this fraction of the best count as equally good.
+constexpr double kFlatTolerance = 0.001;
 // A detection finds an object when they overlap this much (IoU).
 constexpr float kFoundOverlap = 0.4f;
 constexpr float kMissed = -std::numeric_limits<float>::infinity();
@@ -217,21 +219,21 @@ float best_f1_margin(const std::vector<const held_out_scores *> &sets, float ban
                                              [](float m) { return std::isfinite(m); });
     }
     if (!any_found || !(high > low) || !(bandwidth > 0.0f)) return fallback;
-    // The sum of the sets' smoothed F1 over a grid of hundredths; the first
-    // best cut wins.
-    double best = -1.0;
-    float chosen = fallback;
+    // The sum of the sets' smoothed F1 over a grid of hundredths. Where it
+    // is flat at its best (objects far above every false alarm) the middle
+    // of the flat stretch is the cut, not its edge.
     const int32_t steps = static_cast<int32_t>(std::ceil((high - low) * 100.0f));
+    std::vector<double> sums(static_cast<size_t>(steps) + 1);
     for (int32_t i = 0; i <= steps; ++i) {
         const double t = low + i / 100.0;
-        double sum = 0.0;
-        for (const held_out_scores *s : sets) sum += smoothed_f1(*s, t, bandwidth);
-        if (sum > best + 1e-12) {
-            best = sum;
-            chosen = static_cast<float>(t);
-        }
+        for (const held_out_scores *s : sets) sums[static_cast<size_t>(i)] += smoothed_f1(*s, t, bandwidth);
     }
-    return chosen;
+    const size_t peak = static_cast<size_t>(std::max_element(sums.begin(), sums.end()) - sums.begin());
+    const double flat = sums[peak] * (1.0 - kFlatTolerance);
+    size_t first = peak, last = peak;
+    while (first > 0 && sums[first - 1] >= flat) --first;
+    while (last + 1 < sums.size() && sums[last + 1] >= flat) ++last;
+    return static_cast<float>(low + (first + last) / 2 / 100.0);
 }
 
 }  // namespace ostrel

@@ -16,8 +16,7 @@
 // pictures it has not seen.
 //
 // The threshold is then the margin that maximises F1 over the pooled
-// scores: the middle of the widest stretch of margins with the best F1,
-// so that a few objects more or less on either side move it little.
+// scores (best_f1_margin).
 #pragma once
 
 #include <cstdint>
@@ -50,8 +49,9 @@ held_out_scores score_held_out_parts(const std::vector<accurate_training_picture
 
 // The margin between low and high (in hundredths) that maximises the sum
 // of the sets' F1, each margin smeared by a normal of width `bandwidth` so
-// that a handful of objects more or less moves the cut little; `fallback`
-// when no set found an object.
+// that a handful of objects more or less moves the cut little, and the
+// middle of the stretch where that sum is flat at its best (objects far
+// above every false alarm); `fallback` when no set found an object.
 float best_f1_margin(const std::vector<const held_out_scores *> &sets, float bandwidth, float low, float high,
                      float fallback);
 

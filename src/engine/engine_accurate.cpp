@@ -351,7 +351,8 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         }
         // Kept as a model file keeps it (single precision), so that an
         // exported and imported model searches exactly the same sizes.
-        accurate_class.taught = ostrel::height_range{static_cast<float>(taught.min), static_cast<float>(taught.max)};
+        accurate_class.taught = ostrel::height_range{ostrel::single_precision(taught.min),
+                                                     ostrel::single_precision(taught.max)};
         accurate_pictures.push_back(std::move(picture));
 
         marked_boxes.clear();
