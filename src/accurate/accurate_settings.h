@@ -64,7 +64,7 @@ struct accurate_settings {
     // The prior on object sizes: a level whose objects lie beyond the
     // taught range loses this much margin (thousandths) per
     // search_margin_percent step beyond it.
-    int32_t size_prior_permille = 2000;
+    int32_t size_prior_permille = 3000;
     // Bounds of one search: levels at most, working pixels of a level at
     // most, and windows (positions of all levels) at most.
     int32_t max_levels = 48;
@@ -115,6 +115,12 @@ struct accurate_settings {
     // The width (thousandths of a margin) each held-out margin is smeared
     // by when the best cut is sought.
     int32_t calibration_bandwidth_permille = 200;
+    // A cut learnt from a handful of held-out objects is uncertain: it is
+    // drawn towards the margin that is the best cut for most models
+    // (thousandths; measured on the tuning parts of the development sets),
+    // as if that margin were the cut of this many more objects.
+    int32_t calibration_prior_permille = -350;
+    int32_t calibration_prior_objects = 30;
     // The classifier margin (per mille) that gets 50% confidence.
     int32_t calibration_margin_permille = 500;
     // Boxes below the threshold that a run reports at most, and the lowest

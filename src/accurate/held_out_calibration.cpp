@@ -236,4 +236,11 @@ float best_f1_margin(const std::vector<const held_out_scores *> &sets, float ban
     return static_cast<float>(low + (first + last) / 2 / 100.0);
 }
 
+float shrunk_cut(float learnt, size_t objects, float prior, int32_t prior_objects) {
+    const double n = static_cast<double>(objects);
+    const double n0 = std::max(prior_objects, 0);
+    if (n + n0 <= 0.0) return learnt;
+    return static_cast<float>((n * learnt + n0 * prior) / (n + n0));
+}
+
 }  // namespace ostrel

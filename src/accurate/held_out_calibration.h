@@ -72,4 +72,8 @@ held_out_scores score_rescaled_copies(const std::vector<accurate_training_pictur
                                       const accurate_search &search, const std::vector<double> &factors,
                                       const copy_levels &plan);
 
+// The learnt cut drawn towards a prior cut: their mean weighted by the
+// held-out objects behind the learnt one and prior_objects.
+float shrunk_cut(float learnt, size_t objects, float prior, int32_t prior_objects);
+
 }  // namespace ostrel

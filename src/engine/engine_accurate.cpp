@@ -2,8 +2,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <string>
-#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -75,7 +73,6 @@ ostrel::pyramid_request plan_request(const ostrel::level_plan &plan, const ostre
     request.pad_rows = edge_pad(shape.rows, settings);
     request.recipe = recipe_of(settings);
     request.exact_every = std::max(settings.levels_per_octave, 1);
-    if (getenv("OSTREL_EXACT")) request.exact_every = atoi(getenv("OSTREL_EXACT"));
     request.approximation_exponent_permille = settings.approximation_exponent_permille;
     request.keep_exact_lab = !with_mirror;
     return request;
@@ -107,63 +104,6 @@ void median_size(const std::vector<ostrel_alg_box> &boxes, int32_t *width, int32
 }
 
 
-// TUNING HOOK (temporary): OSTREL_SET="name=value,..." overrides settings.
-ostrel::accurate_settings tuned(ostrel::accurate_settings s) {
-    const char *env = getenv("OSTREL_SET");
-    if (!env) return s;
-    std::string all(env);
-    size_t pos = 0;
-    while (pos < all.size()) {
-        size_t comma = all.find(',', pos);
-        if (comma == std::string::npos) comma = all.size();
-        const std::string item = all.substr(pos, comma - pos);
-        const size_t eq = item.find('=');
-        if (eq != std::string::npos) {
-            const std::string k = item.substr(0, eq);
-            const int32_t v = atoi(item.c_str() + eq + 1);
-            if (k == "object_cells") s.object_cells = v;
-            if (k == "calibration_bandwidth_permille") s.calibration_bandwidth_permille = v;
-            if (k == "calibration_folds") s.calibration_folds = v;
-            if (k == "calibration_mining_rounds") s.calibration_mining_rounds = v;
-            if (k == "size_prior_permille") s.size_prior_permille = v;
-            if (k == "approximated_positives") s.approximated_positives = v;
-            if (k == "max_upscale_percent") s.max_upscale_percent = v;
-            if (k == "max_working_pixels") s.max_working_pixels = v;
-            if (k == "min_budget_cells") s.min_budget_cells = v;
-            if (k == "hard_working_pixels") s.hard_working_pixels = v;
-            if (k == "min_object_side_cells") s.min_object_side_cells = v;
-            if (k == "edge_reach_percent") s.edge_reach_percent = v;
-            if (k == "max_aspect_spread_percent") s.max_aspect_spread_percent = v;
-            if (k == "max_object_upscale_percent") s.max_object_upscale_percent = v;
-            if (k == "norm_radius") s.norm_radius = v;
-            if (k == "norm_floor") s.norm_floor = v;
-            if (k == "size_steps") s.size_steps = v;
-            if (k == "search_margin_percent") s.search_margin_percent = v;
-            if (k == "min_height") s.min_height = v;
-            if (k == "max_height") s.max_height = v;
-            if (k == "levels_per_octave") s.levels_per_octave = v;
-            if (k == "approximation_exponent_permille") s.approximation_exponent_permille = v;
-            if (k == "max_levels") s.max_levels = v;
-            if (k == "max_level_pixels") s.max_level_pixels = v;
-            if (k == "max_search_windows") s.max_search_windows = v;
-            if (k == "size_step_percent") s.size_step_percent = v;
-            if (k == "suppression_overlap_percent") s.suppression_overlap_percent = v;
-            if (k == "suppression_contained_percent") s.suppression_contained_percent = v;
-            if (k == "cost_permille") s.cost_permille = v;
-            if (k == "negative_overlap_percent") s.negative_overlap_percent = v;
-            if (k == "negative_size_ratio_percent") s.negative_size_ratio_percent = v;
-            if (k == "initial_negatives") s.initial_negatives = v;
-            if (k == "mining_rounds") s.mining_rounds = v;
-            if (k == "negatives_per_round") s.negatives_per_round = v;
-            if (k == "max_negatives") s.max_negatives = v;
-            if (k == "calibration_margin_permille") s.calibration_margin_permille = v;
-            if (k == "max_below_boxes") s.max_below_boxes = v;
-            if (k == "floor_margin_permille") s.floor_margin_permille = v;
-        }
-        pos = comma + 1;
-    }
-    return s;
-}
 // The levels detection would search on a picture, for the calibration's
 // rescaled copies of the training pictures.
 class detection_levels : public ostrel::copy_levels {
@@ -190,7 +130,7 @@ private:
 
 }  // namespace
 
-ostrel::accurate_settings ostrel_alg::accurateSettings() const { return tuned(options.accurate); }
+ostrel::accurate_settings ostrel_alg::accurateSettings() const { return options.accurate; }
 
 ostrel::accurate_settings ostrel_alg::modelSettings() const {
     if (model_profile != ostrel::kProfileAccurate && accurate_pictures.empty()) {
@@ -437,25 +377,20 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
         ostrel::score_rescaled_copies(accurate_pictures, geometry, settings, full,
                                       {std::pow(2.0, -half_step), std::pow(2.0, half_step)},
                                       detection_levels(accurate_class, settings));
-    const float fallback = static_cast<float>(settings.calibration_margin_permille / 1000.0);
-    const float offset = ostrel::best_f1_margin({&held_out, &copies}, settings.calibration_bandwidth_permille / 1000.0f,
-                                                settings.floor_margin_permille / 1000.0f, 2.0f, fallback);
+    const float prior = static_cast<float>(settings.calibration_prior_permille / 1000.0);
+    const float learnt = ostrel::best_f1_margin({&held_out, &copies}, settings.calibration_bandwidth_permille / 1000.0f,
+                                                settings.floor_margin_permille / 1000.0f, 2.0f, prior);
+    const float offset = ostrel::shrunk_cut(learnt, held_out.objects.size(), prior, settings.calibration_prior_objects);
     const auto found = [](const ostrel::held_out_scores &s) {
         return static_cast<size_t>(
             std::count_if(s.objects.begin(), s.objects.end(), [](float m) { return std::isfinite(m); }));
     };
     ostrel::log("[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
-                "copies %zu of %zu objects, %zu false alarms; 50%% confidence at margin %.2f\n",
+                "copies %zu of %zu objects, %zu false alarms; best cut at margin %.2f; 50%% confidence at margin "
+                "%.2f\n",
                 found(held_out), held_out.objects.size(), held_out.false_alarms.size(), found(copies),
-                copies.objects.size(), copies.false_alarms.size(), static_cast<double>(offset));
-    if (getenv("OSTREL_DUMP")) {
-        FILE *d = fopen(getenv("OSTREL_DUMP"), "w");
-        for (float m : held_out.objects) fprintf(d, "O %f\n", m);
-        for (float m : held_out.false_alarms) fprintf(d, "F %f\n", m);
-        for (float m : copies.objects) fprintf(d, "CO %f\n", m);
-        for (float m : copies.false_alarms) fprintf(d, "CF %f\n", m);
-        fclose(d);
-    }
+                copies.objects.size(), copies.false_alarms.size(), static_cast<double>(learnt),
+                static_cast<double>(offset));
     return offset;
 }
 
