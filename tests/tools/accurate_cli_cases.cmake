@@ -12,14 +12,14 @@ ostrel_cli_test(accurate_train ARGS train ${train_picture} --boxes ${CLI_BCCD}/a
 ostrel_cli_test(accurate_check ARGS check --profile accurate ${accurate_model} EXIT 0 STDOUT "valid" STDERR_EMPTY
   FIXTURES_REQUIRED cli_accurate_model)
 ostrel_cli_test(accurate_info ARGS info ${accurate_model} EXIT 0 STDOUT "CRC matches: yes"
-  STDOUT2 "profile: not recorded in the file" FIXTURES_REQUIRED cli_accurate_model)
+  STDOUT2 "profile: accurate \\(recorded in the file\\)" FIXTURES_REQUIRED cli_accurate_model)
 ostrel_cli_test(accurate_detect ARGS detect --profile accurate --model ${accurate_model} --json
   ${CLI_BCCD}/images/BloodImage_00001.jpg EXIT 0 JSON_LINES STDERR_EMPTY FIXTURES_REQUIRED cli_accurate_model)
 ostrel_cli_test(accurate_eval ARGS eval --profile accurate --model ${accurate_model} --voc ${CLI_BCCD} --class RBC
   EXIT 0 STDOUT "average precision [01]\\.[0-9]+" FIXTURES_REQUIRED cli_accurate_model)
-# A model file does not say its profile: under the other profile it is refused
-# (under the classic profile by the tool when it loads the model, with one
-# line that names the profile to give: exit 3).
+# A model of one profile is refused under the other (under the classic
+# profile by the tool when it loads the model, with one line that names the
+# profile to give: exit 3).
 ostrel_cli_test(accurate_model_under_classic ARGS detect --model ${accurate_model}
   ${CLI_BCCD}/images/BloodImage_00001.jpg EXIT 3 STDERR "--profile accurate" STDERR_ONE_LINE STDOUT_EMPTY
   FIXTURES_REQUIRED cli_accurate_model)

@@ -150,6 +150,15 @@ void load_model(Engine &engine, const std::string &path, int32_t profile) {
         throw ToolError(ExitCode::failed,
                         "the library could not load model '" + path + "'" + (reason.empty() ? "" : ": " + reason));
     }
+    // The library takes the profile from the file; the tool still runs the
+    // profile it was given.
+    if (engine.profile() != profile) {
+        throw ToolError(ExitCode::failed, "model '" + path + "' is a model of the " +
+                                              (profile == OSTREL_ALG_PROFILE_ACCURATE ? "classic" : "accurate") +
+                                              " profile: the " +
+                                              (profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic") +
+                                              " profile cannot use it");
+    }
 }
 
 void export_model_atomically(Engine &engine, const std::string &path) {

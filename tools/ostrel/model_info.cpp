@@ -138,7 +138,18 @@ private:
 
 ModelInfo parse_from(ByteSource &source, const std::string &name);
 
+constexpr uint8_t kAccurateMagic[8] = {0x4F, 0x53, 0x54, 0xC1, 0x0D, 0x0A, 0x1A, 0x0A};
+
 }  // namespace
+
+const char *accurate_setting_name(size_t index) {
+    static const char *const names[kAccurateSettingsCount] = {
+        "profile", "accurate cells", "accurate size steps", "accurate overlap", "accurate min height",
+        "accurate max height", "search margin (%)", "levels per octave", "approximation exponent (1/1000)",
+        "normalisation radius", "normalisation floor", "edge reach (%)", "size prior (1/1000)",
+        "contained suppression (%)"};
+    return index < kAccurateSettingsCount ? names[index] : "?";
+}
 
 const char *filter_matrix_name(size_t index) {
     static const char *const names[] = {"mean", "eigenvectors", "reduce_mean", "reduce_inv_covar"};
@@ -157,6 +168,110 @@ uint32_t model_crc32(const uint8_t *data, size_t size) {
 }
 
 namespace {
+
+// The accurate layout, after the magic (already read by r).
+void parse_accurate(Reader &r, ModelInfo &info, const std::string &source) {
+    info.accurate = true;
+    info.format_version = r.u32("the header");
+    if (info.format_version != 1) {
+        info.problems.push_back(strformat("format version %u; this tool reads version 1", info.format_version));
+        return;
+    }
+    const uint32_t settings_bytes = r.u32("the header");
+    if (settings_bytes != 4 * kAccurateSettingsCount) {
+        throw input_error(strformat("'%s' is not an accurate model file: its settings block is %u bytes", source.c_str(),
+                                    settings_bytes));
+    }
+    for (int32_t &v : info.accurate_settings) v = r.i32("the settings");
+    const uint32_t classes = r.u32("the class count");
+    if (classes < 1 || classes > 64) {
+        info.problems.push_back(strformat("%u classes, outside 1..64", classes));
+        return;
+    }
+    for (uint32_t k = 0; k < classes; ++k) {
+        const std::string what = strformat("class record %u", k + 1);
+        const uint32_t record = r.u32(what);
+        const uint64_t start = r.position();
+        r.need(record, what);
+        AccurateClassInfo c;
+        const uint32_t name_bytes = r.u32(what);
+        if (name_bytes > 255) {
+            throw input_error(strformat("'%s' is not an accurate model file: %s has a name of %u bytes", source.c_str(),
+                                        what.c_str(), name_bytes));
+        }
+        c.name.resize(name_bytes);
+        if (name_bytes > 0) r.bytes(reinterpret_cast<uint8_t *>(&c.name[0]), name_bytes, what);
+        c.window_columns = r.i32(what);
+        c.window_rows = r.i32(what);
+        c.channels = r.i32(what);
+        c.aspect = r.f32(what);
+        c.taught_min_height = r.f32(what);
+        c.taught_max_height = r.f32(what);
+        const int32_t trained_width = r.i32(what);
+        const int32_t trained_height = r.i32(what);
+        const int32_t input_width = r.i32(what);
+        const int32_t input_height = r.i32(what);
+        c.calibration_offset = r.f32(what);
+        c.calibration_slope = r.f32(what);
+        const int32_t bias = r.i32(what);
+        c.weights = r.i32(what);
+        if (c.weights < 0) {
+            throw input_error(strformat("'%s' is not an accurate model file: %s gives a negative weight count",
+                                        source.c_str(), what.c_str()));
+        }
+        bool first = true;
+        int32_t low = 0, high = 0;
+        r.i32_values(static_cast<uint64_t>(c.weights), what + " weights", [&](int32_t w) {
+            low = first ? w : std::min(low, w);
+            high = first ? w : std::max(high, w);
+            first = false;
+        });
+        if (r.position() - start != record) {
+            info.problems.push_back(what + ": its length field does not agree with its contents");
+        }
+        if (static_cast<int64_t>(c.window_columns) * c.window_rows * c.channels != c.weights) {
+            info.problems.push_back(what + ": the weights do not fit its window");
+        }
+        if (k == 0) {
+            info.trained_width = trained_width;
+            info.trained_height = trained_height;
+            info.input_width = input_width;
+            info.input_height = input_height;
+            info.support_vector_size = c.weights;
+            info.bias = bias;
+            info.weight_min = low;
+            info.weight_max = high;
+        }
+        info.classes.push_back(std::move(c));
+    }
+}
+
+// The accurate layout from its first byte; the magic was seen before.
+ModelInfo parse_accurate_from(ByteSource &bytes, const std::string &source) {
+    ModelInfo info;
+    Reader r(bytes, source);
+    info.file_size = bytes.size();
+    uint8_t head[sizeof kAccurateMagic];
+    r.bytes(head, sizeof head, "the header");
+    parse_accurate(r, info, source);
+    if (info.classes.empty()) {
+        return info;  // a version or class count this tool cannot follow: the problem says which
+    }
+    info.content_length = r.position();
+    info.computed_crc = r.finish_crc();
+    info.stored_length = r.u64("the trailer");
+    info.stored_crc = r.u32("the trailer");
+    if (!info.length_matches()) {
+        info.problems.push_back(strformat("trailer: its length field says %llu bytes, the records end at byte %llu",
+                                          static_cast<unsigned long long>(info.stored_length),
+                                          static_cast<unsigned long long>(info.content_length)));
+    }
+    if (info.bytes_after_trailer() > 0) {
+        info.problems.push_back(strformat("%llu bytes follow the trailer",
+                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
+    }
+    return info;
+}
 
 ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
     ModelInfo info;
@@ -258,7 +373,9 @@ void add_consistency_problems(ModelInfo &info) {
 
 ModelInfo parse_model(const std::vector<uint8_t> &bytes, const std::string &source) {
     MemorySource memory(bytes);
-    return parse_from(memory, source);
+    const bool accurate =
+        bytes.size() >= sizeof kAccurateMagic && std::memcmp(bytes.data(), kAccurateMagic, sizeof kAccurateMagic) == 0;
+    return accurate ? parse_accurate_from(memory, source) : parse_from(memory, source);
 }
 
 ModelInfo read_model_info(const std::string &path) {
@@ -278,11 +395,63 @@ ModelInfo read_model_info(const std::string &path) {
     if (!in || ec) {
         throw input_error("cannot read model '" + path + "'");
     }
+    // The first bytes choose the layout, as the library's do.
+    uint8_t head[sizeof kAccurateMagic] = {};
+    in.read(reinterpret_cast<char *>(head), sizeof head);
+    const bool accurate = in.gcount() == static_cast<std::streamsize>(sizeof head) &&
+                          std::memcmp(head, kAccurateMagic, sizeof head) == 0;
+    in.clear();
+    in.seekg(0);
     FileSource file(in, static_cast<uint64_t>(size), path);
-    return parse_from(file, path);
+    return accurate ? parse_accurate_from(file, path) : parse_from(file, path);
 }
 
+namespace {
+
+std::string describe_accurate(const ModelInfo &info) {
+    std::string s;
+    s += strformat("format: accurate model file, version %u\n", info.format_version);
+    s += "profile: accurate (recorded in the file)\n";
+    for (size_t i = 1; i < kAccurateSettingsCount; ++i) {
+        s += strformat("%s: %d\n", accurate_setting_name(i), info.accurate_settings[i]);
+    }
+    s += strformat("classes: %zu\n", info.classes.size());
+    for (size_t k = 0; k < info.classes.size(); ++k) {
+        const AccurateClassInfo &c = info.classes[k];
+        s += strformat("class %zu: name \"%s\", window %d x %d cells (%d channels, %d weights), object width / height "
+                       "%.3f, taught heights %.1f to %.1f pixels, 50%% confidence at margin %.3f (slope %.3f)\n",
+                       k + 1, c.name.c_str(), c.window_columns, c.window_rows, c.channels, c.weights,
+                       static_cast<double>(c.aspect), static_cast<double>(c.taught_min_height),
+                       static_cast<double>(c.taught_max_height), static_cast<double>(c.calibration_offset),
+                       static_cast<double>(c.calibration_slope));
+    }
+    if (!info.classes.empty()) {
+        s += strformat("trained_width: %d\n", info.trained_width);
+        s += strformat("trained_height: %d\n", info.trained_height);
+        s += strformat("input_width: %d\n", info.input_width);
+        s += strformat("input_height: %d\n", info.input_height);
+        s += strformat("bias: %d (%.7f)\n", info.bias, info.bias / 10000000.0);
+        s += strformat("weights: min %d, max %d (x 1/10000000)\n", info.weight_min, info.weight_max);
+        s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
+        s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
+                       info.length_matches() ? "" : " (differs)");
+        s += strformat("stored CRC: 0x%08x\n", info.stored_crc);
+        s += strformat("computed CRC: 0x%08x\n", info.computed_crc);
+        s += strformat("CRC matches: %s\n", info.crc_matches() ? "yes" : "no");
+    }
+    s += strformat("file size: %llu\n", static_cast<unsigned long long>(info.file_size));
+    for (const auto &p : info.problems) {
+        s += "problem: " + p + "\n";
+    }
+    return s;
+}
+
+}  // namespace
+
 std::string describe_model(const ModelInfo &info) {
+    if (info.accurate) {
+        return describe_accurate(info);
+    }
     std::string s;
     s += strformat("class_idx: %d\n", info.class_idx);
     s += strformat("trained_width: %d\n", info.trained_width);
@@ -300,8 +469,7 @@ std::string describe_model(const ModelInfo &info) {
             s += strformat("%s: %d x %d\n", filter_matrix_name(m), info.filter[m].rows, info.filter[m].cols);
         }
     }
-    s += "profile: not recorded in the file (classic and accurate models share the layout; accurate weights and bias "
-         "are x 1/10000000): give detect the profile it was trained with\n";
+    s += "profile: classic (the classic layout; accurate models have a format of their own)\n";
     s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
     s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
                    info.length_matches() ? "" : " (differs)");

@@ -1,5 +1,8 @@
 // Reads a model file on its own, without the library, to show what it
-// holds. Layout (little-endian, no magic number):
+// holds. Two formats: an accurate model begins with the magic 4F 53 54 C1
+// 0D 0A 1A 0A and follows the accurate layout (the library's
+// src/model/accurate_model_file.h and the README); every other file is read
+// as the classic layout (little-endian, no magic number):
 //
 //   0   int32  class_idx            4  int32  trained_width
 //   8   int32  trained_height      12  int32  input_width
@@ -27,7 +30,32 @@ struct MatrixShape {
     int32_t cols = 0;
 };
 
+// One class record of an accurate model file.
+struct AccurateClassInfo {
+    std::string name;
+    int32_t window_columns = 0;
+    int32_t window_rows = 0;
+    int32_t channels = 0;
+    float aspect = 0.0f;
+    float taught_min_height = 0.0f;
+    float taught_max_height = 0.0f;
+    float calibration_offset = 0.0f;
+    float calibration_slope = 0.0f;
+    int32_t weights = 0;
+};
+
+// The settings block of an accurate model file, in file order.
+inline constexpr size_t kAccurateSettingsCount = 14;
+const char *accurate_setting_name(size_t index);
+
 struct ModelInfo {
+    // An accurate model file (the magic first); the classic fields below
+    // then hold its first class (class_idx 0, no filter).
+    bool accurate = false;
+    uint32_t format_version = 0;
+    std::array<int32_t, kAccurateSettingsCount> accurate_settings{};
+    std::vector<AccurateClassInfo> classes;
+
     int32_t class_idx = 0;
     int32_t trained_width = 0;
     int32_t trained_height = 0;

@@ -85,12 +85,24 @@ bool accurate_profile_takes(const std::string &path, std::string *reason) {
     if (!taken && reason != nullptr) {
         *reason = engine.last_line();
     }
+    // The library takes the profile from the file: a classic model turns
+    // the engine classic.
+    if (taken && engine.profile() != OSTREL_ALG_PROFILE_ACCURATE) {
+        if (reason != nullptr) {
+            *reason = "it is a model of the classic profile";
+        }
+        return false;
+    }
     return taken;
 }
 
 std::string usability_problem(const std::string &path, const ModelInfo &info, int32_t profile) {
     if (!info.problems.empty()) {
         return info.problems.front();
+    }
+    // An accurate model file says so itself.
+    if (info.accurate && profile != OSTREL_ALG_PROFILE_ACCURATE) {
+        return "it is a model of the accurate profile: give --profile accurate";
     }
     if (profile == OSTREL_ALG_PROFILE_ACCURATE) {
         std::string reason;
