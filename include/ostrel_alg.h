@@ -302,9 +302,19 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
  * Options
  *
  * Settings of one engine, chosen by number. They belong to the engine:
- * ostrel_alg_init keeps them, and a model file does not record them, so a
- * host sets the same options before importing a model that was trained
- * with them. Every option has a range and a default, listed below.
+ * ostrel_alg_init keeps them. Every option has a range and a default,
+ * listed below; numbers are never reused (5 is not assigned).
+ *
+ * Model files and options: a model file says which profile made it, and
+ * importing one sets the engine's profile to the file's (see "Model files"
+ * below). A classic model file records no option. An accurate model file
+ * records the accurate options it was written with (cells, size steps,
+ * overlap, the two heights) and the profile's fixed choices, so that an
+ * imported model searches exactly as the exporting engine did: import sets
+ * every accurate option the host has not set (with ostrel_alg_setOption) to
+ * the file's value and leaves the ones the host set as it set them; a cells
+ * option the host set to another value than the file's refuses the import
+ * (the window would not fit the weights).
  * ---------------------------------------------------------------------- */
 
 /*
@@ -314,28 +324,67 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
  *                                picture worked on at 242 x 136 pixels, one
  *                                window size, random and self-detected
  *                                background samples.
- *   OSTREL_ALG_PROFILE_ACCURATE  built to find the object more reliably,
- *                                at a somewhat higher cost: a working scale
- *                                chosen from the object's size, the same
- *                                for both axes; background learnt from
- *                                every window of the training picture;
+ *   OSTREL_ALG_PROFILE_ACCURATE  built to find the object more reliably
+ *                                in real scenes: objects marked at their own
+ *                                sizes; one window of the objects' median
+ *                                shape, every object learnt at its own size;
+ *                                background learnt from every window of the
+ *                                training picture at every searched size;
  *                                mirrored copies of the marked boxes; a
- *                                search over a few sizes around the marked
- *                                one, with a finer step.
+ *                                search over object sizes in pixels on
+ *                                pictures of any size; a default threshold
+ *                                calibrated on the training pictures.
  * A model trained (or imported) under one profile is only used under that
  * profile: after a change of profile, detection fails with a log line until
  * the profile is set back or a model is trained or imported again. Import
- * under the accurate profile refuses a file whose window does not fit it.
- * Under the accurate profile set-up does not auto-train: it learns from
- * every window of the picture (and of its mirror image) at once, mining
- * hard background in at most 6 rounds; the marked boxes must be one size;
- * a box giving fewer than 3 cells a side or 201 weights, or a picture
- * smaller than a window at the working scale, is refused with a log line.
- * Accurate models store the weights and the bias x 10^7 (classic: x 10^5)
- * and carry no false-positive filter. Detection resamples every picture to
- * the training picture's working size (objects are taken to scale with the
- * picture, as in the classic profile) and reports at most 32 detections
- * and 64 boxes below the threshold.
+ * takes the profile of the file.
+ *
+ * Under the accurate profile:
+ *   - Set-up does not auto-train: it learns from every window of the
+ *     picture (and of its mirror image) at once, mining hard background in
+ *     at most 3 rounds.
+ *   - Marked boxes (label 1) may have any size. The window is the median
+ *     shape (width / height) of the first picture's boxes, of about
+ *     OSTREL_ALG_OPTION_ACCURATE_CELLS cells; each box is learnt at its own
+ *     size, by resampling the picture so that the box's area fills the
+ *     window. A box whose shape differs from the median (or, on later
+ *     pictures, from the window's) by more than 2 times, a box more than 16
+ *     times wider than high or the reverse, a box that would have to be
+ *     enlarged more than 4 times to fill the window, and a picture smaller
+ *     than a window at a box's size are refused with a log line, before
+ *     anything changes.
+ *   - Sizes are heights in pixels: a box of w x h counts as an object of
+ *     height sqrt(w * h / a), a the window's shape (for boxes of that shape
+ *     their own height). Training records the range of heights it was
+ *     taught; detection searches that range widened by 1.5 times on each
+ *     side (OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS), or the range the host
+ *     sets (OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT and _MAX_HEIGHT), in
+ *     pixels of every picture whatever its size: a model trained on 416 x
+ *     416 pictures finds objects of the same size in pixels on 1920 x 1080
+ *     frames. Sizes beyond the taught range count for less (a prior on
+ *     sizes: 3 margin units per 1.5 times beyond it). Six sizes are searched
+ *     per doubling; the channels are computed from the picture once per
+ *     doubling and approximated for the sizes between (the fast feature
+ *     pyramid). Of two detections the weaker is dropped when they overlap by
+ *     OSTREL_ALG_OPTION_ACCURATE_OVERLAP or more, or when 70% of the smaller
+ *     one lies inside the other (a part of an object found at a smaller
+ *     size, or an object found again at a larger one).
+ *   - Every search is bounded: at most 48 sizes; the finest size's working
+ *     picture at most 4 194 304 pixels (2048 x 2048); no object enlarged
+ *     more than 4 times; at most 8 388 608 window positions over all sizes.
+ *     With the automatic range its part beyond the taught sizes gives way
+ *     to the bounds; when the taught sizes themselves, or the host's range,
+ *     would break a bound on a picture, detection fails with a log line
+ *     naming the smallest height it could search there. Sizes whose objects
+ *     would be more than twice the picture's width or height are left out:
+ *     with the automatic range a picture on which no size is left gives no
+ *     boxes (status 0); with the host's range it fails with a log line.
+ *   - Scores are the logistic function of the classifier's margin, with 50%
+ *     (the threshold of sensitivity 80) at a margin learnt at training from
+ *     held-out parts of the training pictures and rescaled copies of them.
+ *   - Models store the weights and the bias x 10^7 (classic: x 10^5) and
+ *     carry no false-positive filter. Detection reports at most 32
+ *     detections and 64 boxes below the threshold.
  */
 #define OSTREL_ALG_OPTION_PROFILE 1
 #define OSTREL_ALG_PROFILE_CLASSIC 0
@@ -345,20 +394,30 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
  * The accurate profile's own options; the classic profile ignores them.
  *
  * OSTREL_ALG_OPTION_ACCURATE_CELLS: feature cells (of 2 x 2 working
- * pixels) that a marked object should cover; the working scale follows
+ * pixels) that the window holds; the working scale of each size follows
  * from it. Range 36..400, default 100. More cells see more detail and cost
  * more time. It shapes the window: a model is used only with the value it
  * was trained or imported with (detection is refused with a log line
- * otherwise, and an import under another value is refused).
+ * otherwise, and an import is refused when the host set another value).
  *
- * OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS: object sizes searched on each side
- * of the marked size, 15% apart. Range 0..4, default 1 (three sizes: 0.87,
- * 1 and 1.15 times the marked size). Training learns the background at
- * these sizes too; detection may use another value than training.
+ * OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS: how far the automatic search
+ * reaches beyond the taught range of object heights, in steps of 1.5 times
+ * on each side. Range 0..4, default 1 (from 1.5 times below the smallest
+ * taught object to 1.5 times above the largest); 0 searches the taught
+ * range only. Training learns the background over the same range;
+ * detection may use another value than training.
  *
  * OSTREL_ALG_OPTION_ACCURATE_OVERLAP: of two detections whose boxes
  * overlap by this much or more (intersection over union, per cent), the
  * weaker is dropped. Range 10..90, default 30. Detection only.
+ *
+ * OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT:
+ * the range of object heights detection searches, in pixels of the
+ * picture. Range 0 or 8..16384 each, default 0: automatic (the taught
+ * range and the size steps' margin); one bound set, the other automatic.
+ * Setting a minimum above the maximum set, or a maximum below the minimum
+ * set, is refused with a log line (set the other one first or to 0).
+ * Detection only; the bounds above hold.
  */
 #define OSTREL_ALG_OPTION_ACCURATE_CELLS 2
 #define OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS 3
@@ -368,9 +427,11 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
 
 /*
  * Sets option number `option` to `value`. Returns 1, with one log line and
- * nothing changed, for a null handle, an unknown option or a value outside
- * the option's range. Safe on the engine's own thread only, like every
- * call on an engine.
+ * nothing changed, for a null handle, an unknown option, a value outside
+ * the option's range or a height that would put the minimum above the
+ * maximum. The engine remembers which options its host set (see "Model
+ * files and options" above). Safe on the engine's own thread only, like
+ * every call on an engine.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value);
 
@@ -388,8 +449,10 @@ OSTREL_ALG_API int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, 
 /*
  * Sets up and trains the detector from one picture (interleaved BGR) and
  * the boxes the user marked on it (count records at boxes, count >= 1).
- * Boxes labelled 1 are the object; all should have the same size, the
- * first box's size is the one the detector learns. Everything that is not
+ * Boxes labelled 1 are the object; under the classic profile all should
+ * have the same size, the first box's size is the one the detector learns
+ * (what follows); under the accurate profile they may have any size (see
+ * OSTREL_ALG_OPTION_PROFILE). Everything that is not
  * marked may be taken as background. The detector then tests itself on the
  * picture up to five times and learns from its mistakes.
  * Calling again with the same image_key ignores the boxes and retrains on
@@ -531,20 +594,47 @@ OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, 
  * 1 with one log line.
  * ---------------------------------------------------------------------- */
 
-/* Writes the trained model to path (overwriting). Fails (silently) before
+/*
+ * Two formats, and the file says which (README, "Model file layout"):
+ *   - the classic format, without a magic number, as it always was; every
+ *     model made under the classic profile is written so, byte for byte as
+ *     before, and read as before (the same lines, the same model);
+ *   - the accurate format: the magic 4F 53 54 C1 0D 0A 1A 0A, a format
+ *     version (1), the shared settings, one record per class (the window,
+ *     the taught heights, the calibration, the weights) and the same CRC-32
+ *     trailer. Its first four bytes, read as the classic format's class
+ *     index, are negative, which the classic checks refuse: no file can
+ *     pass as both.
+ * The first bytes alone choose the reader. A file of the accurate format
+ * may hold several named classes; this engine imports files of one class.
+ */
+
+/* Writes the trained model to path (overwriting), in the format of the
+ * profile the model was made (or imported) under. Fails (silently) before
  * training. */
 OSTREL_ALG_API int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path);
 /*
- * Loads a model file into the engine; the engine's samples, thumbnails and
- * result buffer are discarded, and the next set-up trains as on a new
+ * Loads a model file of either format into the engine and sets the engine's
+ * profile to the file's (OSTREL_ALG_OPTION_PROFILE reads it back): an
+ * engine set to the accurate profile that imports a classic file becomes
+ * classic, and the reverse. An accurate file also sets the accurate options
+ * its host has not set (see "Options"). The engine's samples, thumbnails
+ * and result buffer are discarded, and the next set-up trains as on a new
  * engine. The file is read and checked before the engine changes: an import
  * that fails (the file cannot be opened or read, or holds values the checks
- * refuse) leaves the engine exactly as it was - its model, filter and
- * threshold, samples, thumbnails and results - and none of the file's
- * values becomes active. Import does not check the CRC: validate first.
+ * refuse) leaves the engine exactly as it was - its profile and options,
+ * model, filter and threshold, samples, thumbnails and results - and none of
+ * the file's values becomes active. A classic import does not check the
+ * CRC: validate first. An accurate import checks everything, the CRC
+ * included, and refuses with one log line that says why: a wrong format
+ * version, a file cut short, counts or lengths that do not agree, a value
+ * out of its range, a CRC that does not match, several classes, or a cells
+ * option the host set to another value.
  */
 OSTREL_ALG_API int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path);
-/* Checks a model file (records and CRC-32) without loading it: 0 = valid. */
+/* Checks a model file of either format (records and CRC-32) without loading
+ * it: 0 = valid. An accurate file that is not valid gets one log line that
+ * says why. */
 OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path);
 
 #if defined(_WIN32)

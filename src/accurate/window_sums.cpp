@@ -84,7 +84,7 @@ paired_map pair_cells(const feature_map &map) {
     // Room for a last block of sixteen positions (the AVX-512 loop) past
     // the end.
     out.stride = 2 * (map.rows + 4 * kBlock + 2);
-    out.data.assign(static_cast<size_t>(map.channels) * map.columns * out.stride, 0);
+    out.data.resize(static_cast<size_t>(map.channels) * map.columns * out.stride);  // written whole below
     for (int32_t c = 0; c < map.channels; ++c) {
         for (int32_t x = 0; x < map.columns; ++x) {
             const uint8_t *column = map.data.data() + map.index(c, x, 0);
@@ -93,6 +93,7 @@ paired_map pair_cells(const feature_map &map) {
                 p[2 * y] = column[y];
                 p[2 * y + 1] = y + 1 < map.rows ? column[y + 1] : 0;
             }
+            std::fill(p + 2 * map.rows, p + out.stride, static_cast<int16_t>(0));
         }
     }
     return out;

@@ -9,6 +9,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "acf/feature_map.h"
@@ -31,6 +33,27 @@ struct quantised_weights {
 quantised_weights quantise_weights(const double *weights, int32_t channels, int32_t window_columns,
                                    int32_t window_rows);
 
+// An allocator whose elements start uninitialised: a buffer that is written
+// whole right away need not be zeroed first.
+template <typename T>
+struct uninitialised_allocator : std::allocator<T> {
+    template <typename U>
+    struct rebind {
+        using other = uninitialised_allocator<U>;
+    };
+    uninitialised_allocator() = default;
+    template <typename U>
+    uninitialised_allocator(const uninitialised_allocator<U> &) {}
+    template <typename U>
+    void construct(U *p) {
+        ::new (static_cast<void *>(p)) U;
+    }
+    template <typename U, typename... Args>
+    void construct(U *p, Args &&...args) {
+        ::new (static_cast<void *>(p)) U(std::forward<Args>(args)...);
+    }
+};
+
 // The map's cells as 16-bit pairs: for channel c, column x, row y the pair
 // (cell(c, x, y), cell(c, x, y + 1)), 0 past the last row, and a few zero
 // pairs after every column so that a block of positions may run over.
@@ -39,7 +62,7 @@ struct paired_map {
     int32_t columns = 0;
     int32_t rows = 0;
     int32_t stride = 0;  // pairs per column
-    std::vector<int16_t> data;
+    std::vector<int16_t, uninitialised_allocator<int16_t>> data;
 };
 paired_map pair_cells(const feature_map &map);
 
