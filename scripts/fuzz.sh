@@ -6,7 +6,10 @@
 #   TARGET image_records: image records and box lists through the C
 #          interface, from an empty corpus;
 #   TARGET box_readers: the tool's box readers (JSON lists, `detect --json`
-#          lines, Pascal VOC), from the shipped annotations and a few lists.
+#          lines, Pascal VOC), from the shipped annotations and a few lists;
+#   TARGET picture_header: the tool's picture-header reader (format, size,
+#          EXIF orientation) and JPEG end check, from the shipped pictures'
+#          first bytes and a few EXIF structures.
 # It configures build-fuzz with clang and the fuzz targets switched on,
 # builds the target, runs it and prints the executions per second.
 # Exits non-zero when the fuzzer finds a crash, a leak, undefined behaviour,
@@ -27,7 +30,8 @@ case "$target" in
   model_file) build_targets=(fuzz_model_file make_seed_corpus); options=() ;;
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records or box_readers)" >&2; exit 2 ;;
+  picture_header) build_targets=(fuzz_picture_header); options=(-max_len=4096) ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers or picture_header)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -52,6 +56,19 @@ if [ "$target" = box_readers ]; then
   printf '\000[[10,20,30,40],{"x":1,"y":2,"width":3,"height":4}]' > "$work/list.json"
   printf '\000{"boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.5}]}' > "$work/object.json"
   printf '\001[{"x":1,"y":2,"w":3,"h":4,"score":0.87,"label":1}]' > "$work/line.json"
+fi
+
+if [ "$target" = picture_header ]; then
+  # The first byte chooses the form: 0 a file's first bytes, 1 the TIFF of a
+  # JPEG's APP1 segment, 2 the TIFF of a PNG's eXIf chunk.
+  for f in data/bccd/images/BloodImage_0000[0-2].jpg data/samples/*.*; do
+    if [ -f "$f" ]; then { printf '\000'; head -c 3000 "$f"; } > "$work/file-$(basename "$f")"; fi
+  done
+  tiff_mm='MM\000\052\000\000\000\010\000\001\001\022\000\003\000\000\000\001\000\006\000\000\000\000\000\000'
+  tiff_ii='II\052\000\010\000\000\000\001\000\022\001\003\000\001\000\000\000\010\000\000\000\000\000\000\000'
+  printf "\\001$tiff_mm" > "$work/app1-mm"
+  printf "\\001$tiff_ii" > "$work/app1-ii"
+  printf "\\002$tiff_mm" > "$work/exif-chunk-mm"
 fi
 
 log="$build/fuzz-$target.log"

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
@@ -81,6 +82,13 @@ TEST(StudioPictureHeader, AnythingElseIsUnknown) {
         EXPECT_EQ(read_picture_header(bytes).format, PictureFormat::unknown) << bytes.size();
     }
     EXPECT_EQ(read_picture_header(nullptr, 10).format, PictureFormat::unknown);
+    // A BMP of negative width (found by fuzzing) is no picture, never a negative size.
+    std::string bmp(54, '\0');
+    bmp[0] = 'B';
+    bmp[1] = 'M';
+    bmp[14] = 40;
+    for (int i = 18; i < 22; ++i) bmp[i] = '\xff';
+    EXPECT_EQ(read_picture_header(bmp).format, PictureFormat::unknown);
     EXPECT_STREQ(media_type(PictureFormat::unknown), "application/octet-stream");
 }
 
@@ -184,5 +192,34 @@ TEST(StudioPictureHeader, DamagedExifGivesTheDecodersSize) {
     for (size_t n = 0; n <= good.size() && n < 200; ++n) {
         const PictureHeader h = read_picture_header(reinterpret_cast<const uint8_t *>(good.data()), n);
         EXPECT_TRUE(h.width == 0 || h.width == 40 || h.width == 60) << n;
+    }
+}
+
+// Random damage to the EXIF data of a phone photo: whenever the decoder
+// still decodes it, the header gives the size the decoder gives.
+TEST(StudioPictureHeader, DamagedExifNeverDisagreesWithTheDecoder) {
+    const cv::Mat stored = ostrel_test::stored_for_orientation(upright_picture(), 6);
+    for (const bool big_endian : {true, false}) {
+        const std::string good = ostrel_test::jpeg_with_orientation(stored, 6, big_endian);
+        const size_t first = 2 + 4;                       // the APP1 segment's data
+        const size_t end = first + 6 + ostrel_test::exif_orientation_tiff(6).size();
+        std::mt19937 random(big_endian ? 7 : 8);
+        int compared = 0;
+        for (int trial = 0; trial < 1500; ++trial) {
+            std::string bytes = good;
+            const int changes = 1 + static_cast<int>(random() % 3);
+            for (int c = 0; c < changes; ++c) {
+                bytes[first + random() % (end - first)] = static_cast<char>(random() % 256);
+            }
+            const cv::Mat pixels = decoded(bytes);
+            const PictureHeader h = read_picture_header(bytes);
+            if (pixels.empty() || h.width == 0) {
+                continue;
+            }
+            ++compared;
+            ASSERT_EQ(h.width, pixels.cols) << "trial " << trial;
+            ASSERT_EQ(h.height, pixels.rows) << "trial " << trial;
+        }
+        EXPECT_GT(compared, 1000);
     }
 }

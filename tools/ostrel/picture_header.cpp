@@ -94,7 +94,11 @@ PictureHeader bmp_header(const uint8_t *d, size_t n) {
         h.width = le16(d + 18);
         h.height = le16(d + 20);
     } else if (info_size >= 40 && n >= 26) {
-        h.width = static_cast<int32_t>(le32(d + 18));
+        const int64_t width = static_cast<int32_t>(le32(d + 18));
+        if (width < 0) {
+            return h;  // no picture (the decoder refuses it too)
+        }
+        h.width = width;
         const int64_t height = static_cast<int32_t>(le32(d + 22));
         h.height = height < 0 ? -height : height;  // negative: rows stored top-down
     } else {
