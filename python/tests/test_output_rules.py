@@ -117,20 +117,28 @@ def test_the_temporary_file_lies_in_the_target_folder(tmp_path, trained, monkeyp
 
 def test_a_folder_that_cannot_be_written_is_refused_before_the_library_writes(model_file):
     """Root writes into any folder: as root, the save runs as the
-    unprivileged user nobody, in a folder of its own that nobody can read."""
+    unprivileged user nobody. nobody may not reach the checkout or the
+    test's folders, so the package, its library and the model are copied
+    into a folder of the test's own that everyone may read."""
     import shutil
     import subprocess
     import sys
     import tempfile
 
-    top = tempfile.mkdtemp(prefix="ostrel-read-only-")
+    stage = tempfile.mkdtemp(prefix="ostrel-as-nobody-")
     try:
-        os.chmod(top, 0o755)
-        model = os.path.join(top, "m.model")
+        os.chmod(stage, 0o755)
+        shutil.copytree(os.path.dirname(ostrel.__file__), os.path.join(stage, "ostrel"),
+                        ignore=shutil.ignore_patterns("__pycache__"))
+        library = os.path.join(stage, os.path.basename(ostrel.library_path()))
+        shutil.copyfile(ostrel.library_path(), library)
+        model = os.path.join(stage, "m.model")
         shutil.copyfile(model_file, model)
-        os.chmod(model, 0o644)
-        folder = os.path.join(top, "read-only")
-        os.mkdir(folder, 0o555)
+        folder = os.path.join(stage, "read-only")
+        os.mkdir(folder)
+        for root, folders, files in os.walk(stage):
+            for name in folders + files:
+                os.chmod(os.path.join(root, name), 0o755)
         os.chmod(folder, 0o555)
         as_user = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
         code = ("import sys, ostrel\n"
@@ -139,10 +147,12 @@ def test_a_folder_that_cannot_be_written_is_refused_before_the_library_writes(mo
                 "        d.save(sys.argv[2])\n"
                 "    except PermissionError as error:\n"
                 "        print('refused:', error)\n")
-        done = subprocess.run(as_user + [sys.executable, "-c", code, model, os.path.join(folder, "new.model")],
-                              capture_output=True, text=True, timeout=120)
+        environment = dict(os.environ, PYTHONPATH=stage, OSTREL_ALG_LIBRARY=library)
+        done = subprocess.run(as_user + [os.path.realpath(sys.executable), "-c", code, model,
+                                         os.path.join(folder, "new.model")],
+                              capture_output=True, text=True, timeout=120, env=environment, cwd=stage)
         assert done.returncode == 0, done.stderr
         assert "refused:" in done.stdout and "cannot write into folder" in done.stdout, done.stdout
         assert os.listdir(folder) == []
     finally:
-        shutil.rmtree(top, ignore_errors=True)
+        shutil.rmtree(stage, ignore_errors=True)
