@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <string>
 
+#include <zlib.h>
+
 #include "picture_file.h"
 #include "picture_header.h"
 
@@ -40,8 +42,9 @@ std::string jpeg_around(const std::string &tiff) {
 
 std::string png_around(const std::string &tiff) {
     const std::string ihdr = be32(13) + "IHDR" + be32(300) + be32(200) + std::string("\x08\x02\0\0\0", 5) + "crc!";
-    return std::string("\x89PNG\r\n\x1a\n", 8) + ihdr + be32(tiff.size()) + "eXIf" + tiff + "crc!" + be32(0) +
-           "IDAT";
+    const std::string typed = "eXIf" + tiff;
+    const uLong crc = crc32(0, reinterpret_cast<const Bytef *>(typed.data()), static_cast<uInt>(typed.size()));
+    return std::string("\x89PNG\r\n\x1a\n", 8) + ihdr + be32(tiff.size()) + typed + be32(crc) + be32(0) + "IDAT";
 }
 
 void check_header(const ostrel_tool::PictureHeader &h) {

@@ -26,6 +26,7 @@ from __future__ import annotations
 
 import os
 import struct
+import zlib
 from dataclasses import dataclass
 from typing import Any, Optional
 
@@ -100,19 +101,24 @@ def _oriented(format: str, width: int, height: int, orientation: int) -> Picture
 
 
 def _png_header(d: bytes) -> PictureHeader:
+    """The size of IHDR; the orientation of the first eXIf chunk libpng
+    accepts (at least 2 bytes, "MM" or "II", a correct CRC), before the
+    image data or, as far as the bytes reach, after it."""
     n = len(d)
     if n < 24 or d[:8] != _PNG_SIGNATURE or d[12:16] != b"IHDR":
         return PictureHeader()
     width, height = _be32(d, 16), _be32(d, 20)
     i = 8
-    while i + 8 <= n:  # the chunks up to the image data; the first eXIf counts
+    while i + 8 <= n:
         length = _be32(d, i)
         kind = d[i + 4:i + 8]
-        if kind in (b"IDAT", b"IEND") or length > n - i - 8:
-            break
-        if kind == b"eXIf":
-            return _oriented(PNG, width, height, _tiff_orientation(d[i + 8:i + 8 + length]))
-        i += 12 + length
+        if kind == b"IEND" or length > n - i - 8 or n - i - 8 - length < 4:
+            break  # the end, or a chunk that goes on beyond the bytes given
+        data = d[i + 8:i + 8 + length]
+        if kind == b"eXIf" and length >= 2 and data[0] == data[1] and data[0] in b"MI" \
+                and zlib.crc32(kind + data) == _be32(d, i + 8 + length):
+            return _oriented(PNG, width, height, _tiff_orientation(data))
+        i += 12 + length  # length, type, data, CRC
     return PictureHeader(PNG, width, height)
 
 

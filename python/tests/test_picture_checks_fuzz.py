@@ -60,7 +60,8 @@ def jpeg_around(tiff: bytes) -> bytes:
 
 def png_around(tiff: bytes) -> bytes:
     ihdr = struct.pack(">I", 13) + b"IHDR" + struct.pack(">IIBBBBB", 300, 200, 8, 2, 0, 0, 0) + b"crc!"
-    return b"\x89PNG\r\n\x1a\n" + ihdr + struct.pack(">I", len(tiff)) + b"eXIf" + tiff + b"crc!" + b"\0" * 4 + b"IDAT"
+    crc = struct.pack(">I", zlib.crc32(b"eXIf" + tiff))
+    return b"\x89PNG\r\n\x1a\n" + ihdr + struct.pack(">I", len(tiff)) + b"eXIf" + tiff + crc + b"\0" * 4 + b"IDAT"
 
 
 TIFF_START = st.sampled_from([b"MM\0\x2a\0\0\0\x08", b"II\x2a\0\x08\0\0\0", b""])
@@ -87,13 +88,23 @@ def phone_photo(orientation: int, big_endian: bool) -> bytes:
     return jpeg[:2] + b"\xff\xe1" + struct.pack(">H", len(body) + 2) + body + jpeg[2:]
 
 
+def phone_png(orientation: int, big_endian: bool) -> bytes:
+    """The phone photo as a PNG, its EXIF data in an eXIf chunk after IHDR."""
+    jpeg = phone_photo(orientation, big_endian)
+    stored = cv2.imdecode(np.frombuffer(jpeg, np.uint8), cv2.IMREAD_IGNORE_ORIENTATION | cv2.IMREAD_COLOR)
+    ok, encoded = cv2.imencode(".png", stored)
+    tiff = jpeg[12:38]
+    chunk = struct.pack(">I", len(tiff)) + b"eXIf" + tiff + struct.pack(">I", zlib.crc32(b"eXIf" + tiff))
+    return encoded.tobytes()[:33] + chunk + encoded.tobytes()[33:]
+
+
 @FUZZ
-@given(st.integers(1, 8), st.booleans(),
+@given(st.integers(1, 8), st.booleans(), st.booleans(),
        st.lists(st.tuples(st.integers(0, 37), st.integers(0, 255)), min_size=1, max_size=4))
-def test_damaged_exif_never_disagrees_with_the_decoder(orientation, big_endian, changes):
-    data = bytearray(phone_photo(orientation, big_endian))
-    for at, value in changes:  # within the APP1 segment: its length, "Exif", the TIFF data
-        data[4 + at] = value
+def test_damaged_exif_never_disagrees_with_the_decoder(orientation, big_endian, png, changes):
+    data = bytearray(phone_png(orientation, big_endian) if png else phone_photo(orientation, big_endian))
+    for at, value in changes:  # the APP1 segment (its length, "Exif", the TIFF) or the eXIf chunk
+        data[(33 if png else 4) + at] = value
     data = bytes(data)
     header = _picture_file.read_picture_header(data)
     check_header(header)
@@ -172,13 +183,7 @@ def test_the_tool_and_the_package_refuse_alike(folder, ostrel_tool, orientation,
     same reason)."""
     import subprocess
 
-    data = bytearray(phone_photo(orientation, big_endian))
-    if png:
-        stored = cv2.imdecode(np.frombuffer(bytes(data), np.uint8), cv2.IMREAD_COLOR)
-        ok, encoded = cv2.imencode(".png", stored)
-        tiff = bytes(data[12:38])
-        chunk = struct.pack(">I", len(tiff)) + b"eXIf" + tiff + struct.pack(">I", zlib.crc32(b"eXIf" + tiff))
-        data = bytearray(encoded.tobytes()[:33] + chunk + encoded.tobytes()[33:])
+    data = bytearray(phone_png(orientation, big_endian) if png else phone_photo(orientation, big_endian))
     for at, value in changes:
         data[4 + at] = value
     if cut:

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
+#include <zlib.h>
 
 #include "picture_header.h"
 #include "support/exif_pictures.h"
@@ -221,5 +222,64 @@ TEST(StudioPictureHeader, DamagedExifNeverDisagreesWithTheDecoder) {
             ASSERT_EQ(h.height, pixels.rows) << "trial " << trial;
         }
         EXPECT_GT(compared, 1000);
+    }
+    // The same for a PNG's eXIf chunk (its length, type, data and CRC).
+    const std::string good = ostrel_test::png_with_orientation(stored, 6);
+    std::mt19937 random(9);
+    for (int trial = 0; trial < 1500; ++trial) {
+        std::string bytes = good;
+        bytes[33 + random() % (12 + 26)] = static_cast<char>(random() % 256);
+        const cv::Mat pixels = decoded(bytes);
+        const PictureHeader h = read_picture_header(bytes);
+        if (!pixels.empty()) {
+            ASSERT_EQ(h.width, pixels.cols) << "trial " << trial;
+            ASSERT_EQ(h.height, pixels.rows) << "trial " << trial;
+        }
+    }
+}
+
+namespace {
+
+std::string png_chunk(const std::string &type, const std::string &data) {
+    std::string chunk;
+    for (uint32_t v : {static_cast<uint32_t>(data.size())}) {
+        for (int shift = 24; shift >= 0; shift -= 8) chunk.push_back(static_cast<char>((v >> shift) & 0xff));
+    }
+    const std::string typed = type + data;
+    const uint32_t crc = static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef *>(typed.data()), typed.size()));
+    chunk += typed;
+    for (int shift = 24; shift >= 0; shift -= 8) chunk.push_back(static_cast<char>((crc >> shift) & 0xff));
+    return chunk;
+}
+
+}  // namespace
+
+// libpng takes the first eXIf chunk it accepts (2 bytes at least, "MM" or
+// "II", a correct CRC), before the image data or after it; the header
+// reads the same one.
+TEST(StudioPictureHeader, PngOrientationFromTheChunkTheDecoderTakes) {
+    const cv::Mat stored = ostrel_test::stored_for_orientation(upright_picture(), 6);
+    std::vector<uint8_t> encoded;
+    ASSERT_TRUE(cv::imencode(".png", stored, encoded));
+    const std::string png(encoded.begin(), encoded.end());
+    const size_t after_ihdr = 33, before_iend = png.size() - 12;
+    const std::string six = ostrel_test::exif_orientation_tiff(6), one = ostrel_test::exif_orientation_tiff(1);
+    std::string bad_crc = png_chunk("eXIf", six);
+    bad_crc.back() = static_cast<char>(bad_crc.back() ^ 1);
+    const std::vector<std::string> cases = {
+        png.substr(0, after_ihdr) + png_chunk("eXIf", six) + png.substr(after_ihdr),
+        png.substr(0, after_ihdr) + bad_crc + png.substr(after_ihdr),
+        png.substr(0, after_ihdr) + png_chunk("eXIf", "MI" + six.substr(2)) + png.substr(after_ihdr),
+        png.substr(0, after_ihdr) + png_chunk("eXIf", "M") + png.substr(after_ihdr),
+        png.substr(0, after_ihdr) + png_chunk("eXIf", one) + png_chunk("eXIf", six) + png.substr(after_ihdr),
+        png.substr(0, after_ihdr) + bad_crc + png_chunk("eXIf", six) + png.substr(after_ihdr),
+        png.substr(0, before_iend) + png_chunk("eXIf", six) + png.substr(before_iend),
+    };
+    for (size_t k = 0; k < cases.size(); ++k) {
+        const cv::Mat pixels = decoded(cases[k]);
+        ASSERT_FALSE(pixels.empty()) << "case " << k;
+        const PictureHeader h = read_picture_header(cases[k]);
+        EXPECT_EQ(h.width, pixels.cols) << "case " << k;
+        EXPECT_EQ(h.height, pixels.rows) << "case " << k;
     }
 }

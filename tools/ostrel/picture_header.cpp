@@ -4,6 +4,8 @@
 #include <cstring>
 #include <utility>
 
+#include <zlib.h>
+
 namespace ostrel_tool {
 
 namespace {
@@ -66,17 +68,22 @@ PictureHeader png_header(const uint8_t *d, size_t n) {
     h.format = PictureFormat::png;
     h.width = be32(d + 16);
     h.height = be32(d + 20);
-    // The chunks after IHDR up to the image data: the first eXIf chunk
-    // holds the TIFF structure directly.
+    // The chunks up to IEND, as far as the bytes given reach. The decoder
+    // (libpng) takes the first eXIf chunk it accepts: at least 2 bytes, the
+    // byte order "MM" or "II", a correct CRC; it holds the TIFF structure
+    // directly. One before the image data wins, but one after it counts too.
     size_t i = 8;
     while (i + 8 <= n) {
         const size_t length = be32(d + i);
         const uint8_t *type = d + i + 4;
-        if (std::memcmp(type, "IDAT", 4) == 0 || std::memcmp(type, "IEND", 4) == 0 || length > n - i - 8) {
-            break;
+        if (std::memcmp(type, "IEND", 4) == 0 || length > n - i - 8 || n - i - 8 - length < 4) {
+            break;  // the end, or a chunk that goes on beyond the bytes given
         }
-        if (std::memcmp(type, "eXIf", 4) == 0) {
-            apply_orientation(h, tiff_orientation(d + i + 8, length));
+        const uint8_t *data = d + i + 8;
+        if (std::memcmp(type, "eXIf", 4) == 0 && length >= 2 && data[0] == data[1] &&
+            (data[0] == 'M' || data[0] == 'I') &&
+            crc32(crc32(0, type, 4), data, static_cast<uInt>(length)) == be32(data + length)) {
+            apply_orientation(h, tiff_orientation(data, length));
             break;
         }
         i += 12 + length;  // length, type, data, CRC
@@ -119,9 +126,8 @@ bool is_start_of_frame(uint8_t marker) {
 // not check them, and neither is done here). The segments are walked up to
 // the scan data or the end of the bytes given, whichever comes first.
 PictureHeader jpeg_header(const uint8_t *d, size_t n) {
-    PictureHeader h;
     if (n < 4 || d[0] != 0xFF || d[1] != 0xD8) {
-        return h;
+        return {};
     }
     PictureHeader frame;
     bool seen_app1 = false;
@@ -155,9 +161,9 @@ PictureHeader jpeg_header(const uint8_t *d, size_t n) {
         }
         if (marker == 0xE1 && !seen_app1) {
             seen_app1 = true;
-            const size_t available = std::min(length - 2, n - (i + 4));
-            if (length - 2 > 6 && available > 6) {
-                orientation = tiff_orientation(d + i + 4 + 6, std::min(available, length - 2) - 6);
+            const size_t available = std::min(length - 2, n - (i + 4));  // the segment's data given
+            if (available > 6) {
+                orientation = tiff_orientation(d + i + 4 + 6, available - 6);
             }
         }
         if (is_start_of_frame(marker) && frame.format == PictureFormat::unknown) {

@@ -28,7 +28,8 @@ struct PictureHeader {
 // upright. The size given here is that upright size (width and height
 // swapped for orientations 5 to 8), so that it is the size decoding gives.
 // The tag is read where the decoder reads it: a JPEG's first APP1 segment
-// (before the scan data), a PNG's eXIf chunk (before the image data).
+// (before the scan data), a PNG's first eXIf chunk that libpng accepts
+// (before the image data or, within the bytes given, after it).
 PictureHeader read_picture_header(const uint8_t *data, size_t size);
 PictureHeader read_picture_header(const std::string &bytes);
 
