@@ -16,6 +16,8 @@ from typing import Any, Iterable, Sequence, Union
 import numpy as np
 import numpy.typing as npt
 
+from . import _files
+
 INT32_MAX = 2**31 - 1
 UINT32_MAX = 2**32 - 1
 
@@ -167,8 +169,6 @@ def existing_file(value: Any, what: str) -> bytes:
     """A path that must name an existing regular file: a folder raises
     IsADirectoryError, a device, FIFO or socket OSError, at once (see
     _files.open_regular: never waiting on a FIFO)."""
-    from . import _files
-
     encoded = path(value, what)
     _files.require_regular(encoded, what)
     return encoded

@@ -249,9 +249,10 @@ def read_picture(path: bytes, max_pixels: int, cv2: Any) -> Any:
         raise PictureError(f"cannot open picture '{name}': no such file", name) from None
     except IsADirectoryError:
         raise PictureError(f"cannot read picture '{name}': it is a folder", name) from None
-    except OSError as error:
-        reason = "not a regular file" if "not a regular file" in str(error) else (error.strerror or str(error))
-        raise PictureError(f"cannot read picture '{name}': {reason}", name) from None
+    except OSError as error:  # a device, FIFO or socket; or "cannot open picture '...': <why>"
+        message = f"cannot read picture '{name}': not a regular file" if "not a regular file" in str(error) \
+            else str(error)
+        raise PictureError(message, name) from None
     try:
         head = _read_up_to(descriptor, HEADER_BYTES)
         header = read_picture_header(head)
