@@ -98,7 +98,7 @@ std::optional<double> parse_real(const std::string &text) {
     return value;
 }
 
-nlohmann::json parse_label_json(const std::string &text, const std::string &source) {
+nlohmann::json parse_label_json(const std::string &text, const std::string &source, const std::string &place) {
     try {
         return nlohmann::json::parse(without_utf8_bom(text));
     } catch (const nlohmann::json::parse_error &e) {
@@ -107,7 +107,7 @@ nlohmann::json parse_label_json(const std::string &text, const std::string &sour
         if (reason.rfind("[json.exception", 0) == 0 && bracket != std::string::npos) {
             reason = reason.substr(bracket + 2);
         }
-        throw input_error("'" + source + "' is not valid JSON: " + reason);
+        throw input_error("'" + source + "'" + (place.empty() ? "" : " " + place) + " is not valid JSON: " + reason);
     }
 }
 
@@ -120,7 +120,8 @@ std::string json_path(const std::string &parent, size_t index) {
 }
 
 void JsonReader::fail(const std::string &path, const std::string &reason) const {
-    throw input_error("'" + source_ + "': " + (path.empty() ? "" : path + ": ") + reason);
+    throw input_error("'" + source_ + "'" + (place_.empty() ? "" : " " + place_) + ": " +
+                      (path.empty() ? "" : path + ": ") + reason);
 }
 
 const nlohmann::json &JsonReader::member(const nlohmann::json &object, const std::string &path,

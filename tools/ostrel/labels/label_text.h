@@ -43,7 +43,8 @@ std::vector<std::string> fields_of(const std::string &line);
 std::optional<double> parse_real(const std::string &text);
 
 // Parses JSON; refuses malformed text as "'<source>' is not valid JSON: <reason> at line L, column C".
-nlohmann::json parse_label_json(const std::string &text, const std::string &source);
+// place, when given, follows the quoted source ("'d.jsonl' line 3").
+nlohmann::json parse_label_json(const std::string &text, const std::string &source, const std::string &place = "");
 
 // Key paths in JSON messages: "images[3].file_name".
 std::string json_path(const std::string &parent, const std::string &key);
@@ -53,7 +54,8 @@ std::string json_path(const std::string &parent, size_t index);
 // A missing member gives nothing from the optional_ forms.
 class JsonReader {
 public:
-    explicit JsonReader(std::string source) : source_(std::move(source)) {}
+    explicit JsonReader(std::string source, std::string place = "")
+        : source_(std::move(source)), place_(std::move(place)) {}
     const std::string &source() const { return source_; }
 
     [[noreturn]] void fail(const std::string &path, const std::string &reason) const;
@@ -73,6 +75,7 @@ public:
 
 private:
     std::string source_;
+    std::string place_;
 };
 
 // Parses XML as the readers take it: byte-order marks, UTF-16, and 8-bit
