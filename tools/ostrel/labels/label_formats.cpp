@@ -91,6 +91,23 @@ FileKind file_kind(const fs::path &path) {
     if (ext == ".txt") {
         return FileKind::yolo;
     }
+    // Another name: the first character tells XML from JSON.
+    std::string head;
+    try {
+        head = without_utf8_bom(read_label_file(path.string(), kMaxLabelSetBytes));
+    } catch (const ToolError &) {
+        return FileKind::none;
+    }
+    const size_t first = head.find_first_not_of(" \t\r\n");
+    if (first == std::string::npos) {
+        return FileKind::none;
+    }
+    if (head[first] == '<' || head.rfind("\xFF\xFE", 0) == 0 || head.rfind("\xFE\xFF", 0) == 0) {
+        return xml_kind(path.string());
+    }
+    if (head[first] == '{' || head[first] == '[') {
+        return json_kind(path.string());
+    }
     return FileKind::none;
 }
 

@@ -408,8 +408,15 @@ LabelSet read_yolo_labels(const std::string &path) {
         throw input_error("cannot open YOLO labels '" + path + "': no such file or folder");
     }
     if (pictures.empty()) {
-        for (auto it = fs::recursive_directory_iterator(root, fs::directory_options::skip_permission_denied, ec);
-             it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        // Links to folders are followed (a dataset's images/ is often one),
+        // to a depth that ends a link loop.
+        constexpr int kDeepest = 8;
+        const auto options = fs::directory_options::skip_permission_denied | fs::directory_options::follow_directory_symlink;
+        for (auto it = fs::recursive_directory_iterator(root, options, ec); it != fs::recursive_directory_iterator();
+             it.increment(ec)) {
+            if (it.depth() >= kDeepest) {
+                it.disable_recursion_pending();
+            }
             if (hidden(it->path())) {
                 if (it->is_directory(ec)) {
                     it.disable_recursion_pending();
