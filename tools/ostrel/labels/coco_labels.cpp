@@ -1,5 +1,6 @@
 #include "labels/coco_labels.h"
 
+#include <cmath>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -164,7 +165,17 @@ int64_t category_id_of(const LabelSet &set, const std::string &name) {
     return -1;
 }
 
-json bbox_of(const LabelBox &box) { return json::array({box.x, box.y, box.w, box.h}); }
+// Whole pixels as whole numbers (12, not 12.0).
+json coordinate(double v) {
+    if (v == std::floor(v) && std::fabs(v) < 1e15) {
+        return static_cast<int64_t>(v);
+    }
+    return v;
+}
+
+json bbox_of(const LabelBox &box) {
+    return json::array({coordinate(box.x), coordinate(box.y), coordinate(box.w), coordinate(box.h)});
+}
 
 }  // namespace
 
@@ -186,7 +197,7 @@ std::string write_coco_dataset(const LabelSet &set, const LabelWriteOptions &opt
             a["image_id"] = p.id;
             a["category_id"] = category_id_of(set, box.class_name);
             a["bbox"] = bbox_of(box);
-            a["area"] = box.area ? *box.area : box.w * box.h;
+            a["area"] = coordinate(box.area ? *box.area : box.w * box.h);
             a["iscrowd"] = box.crowd ? 1 : 0;
             if (box.score) {
                 a["score"] = *box.score;
@@ -229,7 +240,7 @@ std::string write_coco_results(const LabelSet &detections, const LabelSet *ids_f
             nlohmann::ordered_json entry;
             entry["image_id"] = image_id;
             entry["category_id"] = category;
-            entry["bbox"] = nlohmann::ordered_json::array({box.x, box.y, box.w, box.h});
+            entry["bbox"] = bbox_of(box);
             entry["score"] = box.score.value_or(1.0);
             results.push_back(entry);
         }
