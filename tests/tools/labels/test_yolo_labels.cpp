@@ -49,9 +49,10 @@ TEST_F(LabelFiles, YoloAsRoboflowLaysItOut) {
     // data.yaml one folder up, a flow list of names, Windows line ends, a blank line.
     const LabelSet set = read_labels(at("yolo_roboflow/train"));
     EXPECT_EQ(set.classes, (std::vector<std::string>{"RBC", "WBC"}));
-    ASSERT_EQ(set.pictures.size(), 1u);
+    ASSERT_EQ(set.pictures.size(), 2u);
     ASSERT_EQ(set.pictures[0].boxes.size(), 2u);
     EXPECT_EQ(rounded_rect(set.pictures[0].boxes[1]), (Rect{100, 190, 120, 100}));
+    EXPECT_TRUE(set.pictures[1].boxes.empty());  // no label file
 }
 
 TEST_F(LabelFiles, YoloSideBySide) {
