@@ -129,6 +129,16 @@ def detect_format(path: str) -> str:
             raise LabelError(f"'{path}' holds labels in several formats ({listing}): choose one with format=")
         return order[0]
     kind = _file_kind(path)
+    if kind is None:
+        # A JSON or XML file that is not well-formed: say where.
+        from ._text import parse_json
+
+        data = read_label_file(path, MAX_LABEL_SET_BYTES)
+        head = without_bom(data).lstrip(b" \t\r\n")[:1]
+        if head in (b"{", b"["):
+            parse_json(data, path)
+        elif head == b"<":
+            parse_xml(data, path)
     if kind == "coco-results":
         raise LabelError(f"'{path}' is a COCO results file (detections): pass it to evaluate() with the labels")
     if kind is None:

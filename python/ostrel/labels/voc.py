@@ -90,7 +90,9 @@ def _by_path(recorded: str, folder: str) -> Optional[str]:
 
 def read_voc(path: str) -> LabelSet:
     result = LabelSet(format="voc", source=path)
-    if os.path.isdir(path):
+    if not os.path.isfile(path):
+        if not os.path.isdir(path):
+            raise LabelError(f"cannot open VOC folder '{path}': no such folder")
         annotations = _first_dir(path, ("Annotations", "annotations")) or path
         pictures = _first_dir(path, ("JPEGImages", "images", "Images")) or annotations
         files = sorted(f for f in os.listdir(annotations)

@@ -240,6 +240,18 @@ LabelFormat detect_label_format(const std::string &path) {
         return found.begin()->first;
     }
     const FileKind kind = file_kind(path);
+    if (kind == FileKind::none) {
+        // A JSON or XML file that is not well-formed: say where.
+        const std::string text = read_label_file(path, kMaxLabelSetBytes);
+        const std::string body = without_utf8_bom(text);
+        const size_t first = body.find_first_not_of(" \t\r\n");
+        if (first != std::string::npos && (body[first] == '{' || body[first] == '[')) {
+            parse_label_json(text, path);
+        } else if (first != std::string::npos && body[first] == '<') {
+            pugi::xml_document document;
+            parse_label_xml(document, text, path);
+        }
+    }
     if (kind == FileKind::coco_results) {
         throw input_error("'" + path + "' is a COCO results file (detections): give it to `ostrel eval " +
                           "--detections` with the labels it answers");

@@ -37,7 +37,7 @@ LabelSet read_voc_labels(const std::string &path) {
     set.format = LabelFormat::voc;
     set.source = path;
     std::error_code ec;
-    if (fs::is_directory(path, ec)) {
+    if (!fs::is_regular_file(path, ec)) {  // a folder; read_voc_folder says what is wrong otherwise
         for (const VocItem &item : read_voc_folder(path, true)) {
             LabelledPicture picture = voc_picture_of(item.annotation, item.annotation_path);
             if (picture.name.empty()) {
