@@ -1,6 +1,5 @@
 #include "detection_output.h"
 
-#include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>

@@ -1,5 +1,6 @@
 #include "labels/label_formats.h"
 
+#include <cctype>
 #include <algorithm>
 #include <filesystem>
 #include <map>

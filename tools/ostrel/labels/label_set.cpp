@@ -1,5 +1,6 @@
 #include "labels/label_set.h"
 
+#include <cctype>
 #include <algorithm>
 #include <cmath>
 #include <set>

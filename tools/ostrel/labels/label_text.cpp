@@ -1,5 +1,6 @@
 #include "labels/label_text.h"
 
+#include <cctype>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>

@@ -1,5 +1,7 @@
 #include "labels/labelstudio_labels.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <filesystem>
 #include <map>

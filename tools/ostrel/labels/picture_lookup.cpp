@@ -1,5 +1,6 @@
 #include "labels/picture_lookup.h"
 
+#include <cctype>
 #include <algorithm>
 #include <fstream>
 

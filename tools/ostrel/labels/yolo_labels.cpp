@@ -1,5 +1,6 @@
 #include "labels/yolo_labels.h"
 
+#include <cctype>
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
