@@ -15,6 +15,9 @@ from ._limits import DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS
 from .batch import detect_files
 from .detector import Detector, check_model
 from .errors import Error, ModelError, NotTrainedError, PictureError
+from .evaluation import Evaluation, Figures, evaluate
+from .labels import LabelBox, LabelError, LabelledPicture, LabelSet, read_labels, write_labels
+from .labels._detections import write_detections
 from .results import COLOR_NAMES, Box, Sample, color_name
 
 __all__ = [
@@ -23,6 +26,12 @@ __all__ = [
     "DEFAULT_MAX_PICTURE_PIXELS",
     "Detector",
     "Error",
+    "Evaluation",
+    "Figures",
+    "LabelBox",
+    "LabelError",
+    "LabelSet",
+    "LabelledPicture",
     "MAX_PICTURE_PIXELS",
     "ModelError",
     "NotTrainedError",
@@ -31,7 +40,11 @@ __all__ = [
     "check_model",
     "color_name",
     "detect_files",
+    "evaluate",
     "library_path",
+    "read_labels",
+    "write_detections",
+    "write_labels",
 ]
 
 __version__ = "0.1.0"
