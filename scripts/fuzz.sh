@@ -6,7 +6,10 @@
 #   TARGET image_records: image records and box lists through the C
 #          interface, from an empty corpus;
 #   TARGET box_readers: the tool's box readers (JSON lists, `detect --json`
-#          lines, Pascal VOC), from the shipped annotations and a few lists.
+#          lines, Pascal VOC), from the shipped annotations and a few lists;
+#   TARGET studio_requests: the studio's request handling (connection,
+#          routes, query strings, headers, bodies) on a workspace of two
+#          tiny pictures, from a few whole requests.
 # It configures build-fuzz with clang and the fuzz targets switched on,
 # builds the target, runs it and prints the executions per second.
 # Exits non-zero when the fuzzer finds a crash, a leak, undefined behaviour,
@@ -27,7 +30,9 @@ case "$target" in
   model_file) build_targets=(fuzz_model_file make_seed_corpus); options=() ;;
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records or box_readers)" >&2; exit 2 ;;
+  studio_requests) build_targets=(fuzz_studio_requests); options=(-max_len=2048) ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers or studio_requests)" >&2
+     exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -52,6 +57,17 @@ if [ "$target" = box_readers ]; then
   printf '\000[[10,20,30,40],{"x":1,"y":2,"width":3,"height":4}]' > "$work/list.json"
   printf '\000{"boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.5}]}' > "$work/object.json"
   printf '\001[{"x":1,"y":2,"w":3,"h":4,"score":0.87,"label":1}]' > "$work/line.json"
+fi
+
+if [ "$target" = studio_requests ]; then
+  # Raw requests (the first byte's low three bits set): a training of the
+  # tiny picture, a detection, an upload refused, a token missing.
+  train='{"picture":"a.png","boxes":[[20,20,24,24]]}'
+  printf '\007POST /api/train HTTP/1.1\r\nHost: 127.0.0.1:0\r\nX-Ostrel-Token: %s\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n%s' \
+    0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef "${#train}" "$train" > "$work/train"
+  printf '\007GET /api/detect?picture=b.jpg&sensitivity=90 HTTP/1.1\r\nHost: 127.0.0.1:0\r\n\r\n' > "$work/detect"
+  printf '\007POST /api/pictures?name=x.png HTTP/1.1\r\nHost: 127.0.0.1:0\r\nContent-Type: text/plain\t;charset=utf-8\r\nContent-Length: 4\r\n\r\nabcd' > "$work/upload"
+  printf '\007GET /api/pictures/a.png HTTP/1.1\r\nHost: 127.0.0.1:0\r\n\r\nGET /api/status HTTP/1.1\r\n\r\n' > "$work/two"
 fi
 
 log="$build/fuzz-$target.log"
