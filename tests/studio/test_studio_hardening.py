@@ -50,9 +50,9 @@ def case(name):
     def wrap(function):
         def run(*args):
             try:
-                function(*args)
+                detail = function(*args)
                 results["passed"] += 1
-                print(f"  ok: {name}")
+                print(f"  ok: {name}" + (f": {detail}" if detail else ""))
             except Exception:  # noqa: BLE001 - report and go on with the next case
                 results["failed"] += 1
                 print(f"  FAILED: {name}")
@@ -394,7 +394,7 @@ def idle_keep_alive(c):
             assert times[-1] < PROMPT_SECONDS, f"status took {times[-1]:.2f} s with 8 idle connections open"
         finally:
             close_all(idle)
-    print(f"    status answered in at most {max(times):.3f} s")
+    return f"status answered in at most {max(times):.3f} s"
 
 
 @case("8 connections sending a header line every 2 s neither freeze the studio nor keep their workers")
@@ -411,8 +411,8 @@ def slow_headers(c):
             time.sleep(0.2)
         assert None not in slow.closed_after, f"still open after {time.monotonic() - slow.started:.0f} s"
         assert max(slow.closed_after) < 20, slow.closed_after
-        print(f"    status answered in at most {max(times):.3f} s; the slow connections were closed after "
-              f"{min(slow.closed_after):.1f} to {max(slow.closed_after):.1f} s")
+        return (f"status answered in at most {max(times):.3f} s; the slow connections were closed after "
+                f"{min(slow.closed_after):.1f} to {max(slow.closed_after):.1f} s")
     finally:
         slow.close()
 
@@ -427,7 +427,7 @@ def idle_and_slow(c):
             times.append(timed_status(c.port))
             assert times[-1] < PROMPT_SECONDS, f"status took {times[-1]:.2f} s"
             time.sleep(0.5)
-        print(f"    status answered in at most {max(times):.3f} s")
+        return f"status answered in at most {max(times):.3f} s"
     finally:
         slow.close()
         close_all(idle)
@@ -440,7 +440,7 @@ def many_slow_heads(c):
         time.sleep(0.5)
         took = timed_status(c.port)
         assert took < 2.5 * PROMPT_SECONDS, f"status took {took:.2f} s while 40 request heads trickled in"
-        print(f"    status answered in {took:.3f} s")
+        return f"status answered in {took:.3f} s"
     finally:
         slow.close()
 

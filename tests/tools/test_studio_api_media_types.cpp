@@ -7,68 +7,28 @@
 // failure.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include <unistd.h>
-
 #include <nlohmann/json.hpp>
 
-#include "picture_store.h"
-#include "studio_api.h"
-#include "support/test_data.h"
-#include "workspace.h"
+#include "studio_handlers_fixture.h"
 
 using namespace ostrel_tool::studio;
-namespace fs = std::filesystem;
 
 namespace {
 
 const char *kTrain = R"({"picture":"BloodImage_00000.jpg","boxes":[[83,336,97,100],[68,237,97,100],[219,362,97,100]]})";
 const char *kTrainOther = R"({"picture":"BloodImage_00000.jpg","boxes":[[83,336,97,100],[68,237,97,100]]})";
 
-class StudioApiMediaTypes : public ::testing::Test {
+class StudioApiMediaTypes : public ostrel_test::StudioHandlersTest {
 protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / ("ostrel-studio-media-" + std::to_string(::getpid()));
-        fs::remove_all(root_);
-        fs::create_directories(root_ / "uploads");
-        fs::create_directories(root_ / "scratch");
-        store_ = std::make_unique<PictureStore>(ostrel_test::data_path("bccd/images"), (root_ / "uploads").string());
-        WorkspaceSettings settings;
-        settings.scratch_folder = (root_ / "scratch").string();
-        workspace_ = std::make_unique<Workspace>(*store_, settings);
-        api_ = std::make_unique<StudioApi>(*store_, *workspace_);
-    }
-    void TearDown() override {
-        api_.reset();
-        workspace_.reset();
-        store_.reset();
-        fs::remove_all(root_);
-    }
-
-    ApiResponse call(const std::string &method, const std::string &path, const std::string &body,
-                     const std::string &type, std::map<std::string, std::string> query = {}) {
-        ApiRequest r;
-        r.method = method;
-        r.path = path;
-        r.body = body;
-        r.content_type = type;
-        r.query = std::move(query);
-        return api_->handle(r);
-    }
     std::string jpeg() {
         std::ifstream in(ostrel_test::data_path("bccd/images/BloodImage_00001.jpg"), std::ios::binary);
         std::ostringstream s;
         s << in.rdbuf();
         return s.str();
     }
-
-    fs::path root_;
-    std::unique_ptr<PictureStore> store_;
-    std::unique_ptr<Workspace> workspace_;
-    std::unique_ptr<StudioApi> api_;
 };
 
 }  // namespace

@@ -180,6 +180,7 @@ bool ConnectionStream::wait_for_request() {
 void ConnectionStream::begin_request() {
     phase_ = Phase::head;
     request_start_ = Clock::now();
+    reply_started_ = false;
     head_bytes_ = 0;
     head_end_match_ = 0;
 }
@@ -220,7 +221,11 @@ bool ConnectionStream::is_readable() const {
 }
 
 bool ConnectionStream::is_writable() const {
-    const Clock::time_point until = Clock::now() + limits_.write_timeout;
+    const Clock::time_point now = Clock::now();
+    Clock::time_point until = now + limits_.write_timeout;
+    if (reply_started_) {
+        until = std::min(until, reply_start_ + limits_.request_timeout);
+    }
     return wait(POLLOUT, [&](Clock::time_point) { return until; }) == 1;
 }
 
@@ -265,6 +270,10 @@ ssize_t ConnectionStream::read(char *ptr, size_t size) {
 }
 
 ssize_t ConnectionStream::write(const char *ptr, size_t size) {
+    if (!reply_started_) {
+        reply_started_ = true;
+        reply_start_ = Clock::now();
+    }
     if (!is_writable()) {
         must_close_ = true;
         return -1;

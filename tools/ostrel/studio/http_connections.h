@@ -13,7 +13,8 @@
 //     head_timeout of its first byte, or head_timeout_busy while other
 //     connections wait, and may hold at most max_head_bytes;
 //   - a whole request, body included, must arrive within request_timeout,
-//     and no read may wait longer than read_timeout;
+//     and no read may wait longer than read_timeout; a reply must be taken
+//     within request_timeout too, each wait for room at most write_timeout;
 //   - a connection whose request broke one of these rules is closed after
 //     its reply.
 // The numbers are in ConnectionLimits, with the reasons for them.
@@ -52,8 +53,9 @@ struct ConnectionLimits {
     std::chrono::milliseconds head_timeout{10000};
     std::chrono::milliseconds head_timeout_busy{1000};
     size_t max_head_bytes = 64 * 1024;
-    // Silence within a request, and a whole request with its body: a 32 MiB
-    // upload at 1 MB/s (a slow network, --host) takes half of it.
+    // Silence within a request, and a whole request with its body (and a
+    // whole reply): a 32 MiB picture at 1 MB/s (a slow network, --host)
+    // takes half of it.
     std::chrono::milliseconds read_timeout{5000};
     std::chrono::milliseconds request_timeout{60000};
     // A reply the peer does not take (each wait for room to send).
@@ -143,6 +145,8 @@ private:
     size_t buffer_end_ = 0;
     Phase phase_ = Phase::between;
     Clock::time_point request_start_;
+    bool reply_started_ = false;
+    Clock::time_point reply_start_;
     size_t head_bytes_ = 0;
     int head_end_match_ = 0;  // how much of "\r\n\r\n" the last head bytes matched
     bool must_close_ = false;

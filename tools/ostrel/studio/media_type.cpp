@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstring>
 
+#include "safe_names.h"
+
 namespace ostrel_tool {
 namespace studio {
 
@@ -29,12 +31,6 @@ bool is_quotable(char c) {
     return c == '\t' || c == ' ' || (u >= 0x21 && u <= 0x7e) || u >= 0x80;
 }
 
-std::string lower(std::string s) {
-    for (char &c : s) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return s;
-}
 
 class Reader {
 public:
@@ -82,7 +78,7 @@ private:
 }  // namespace
 
 std::string MediaType::parameter(const std::string &name) const {
-    const std::string wanted = lower(name);
+    const std::string wanted = ascii_lower(name);
     for (const auto &p : parameters) {
         if (p.first == wanted) return p.second;
     }
@@ -97,8 +93,8 @@ std::optional<MediaType> parse_media_type(const std::string &text) {
     if (!type || !r.take('/')) return std::nullopt;
     const auto subtype = r.token();
     if (!subtype) return std::nullopt;
-    m.type = lower(*type);
-    m.subtype = lower(*subtype);
+    m.type = ascii_lower(*type);
+    m.subtype = ascii_lower(*subtype);
     for (;;) {
         r.skip_ows();
         if (r.done()) return m;
@@ -109,7 +105,7 @@ std::optional<MediaType> parse_media_type(const std::string &text) {
         if (!name || !r.take('=')) return std::nullopt;
         const auto value = r.peek() == '"' ? r.quoted_string() : r.token();
         if (!value) return std::nullopt;
-        m.parameters.emplace_back(lower(*name), *value);
+        m.parameters.emplace_back(ascii_lower(*name), *value);
     }
 }
 

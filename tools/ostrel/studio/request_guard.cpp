@@ -1,22 +1,15 @@
 #include "request_guard.h"
 
-#include <cctype>
 #include <fstream>
 #include <random>
 
 #include "api_error.h"
+#include "safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {
 
 namespace {
-
-std::string lower(std::string s) {
-    for (char &c : s) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return s;
-}
 
 // Compares in time that depends on the lengths only, so that the answer's
 // timing tells nothing about how much of a guess was right.
@@ -59,8 +52,8 @@ bool RequestGuard::changes_state(const std::string &method, const std::string &p
 
 void RequestGuard::check(const GuardedRequest &request) const {
     if (request.has_origin) {
-        const std::string own = "http://" + lower(request.host);
-        if (request.host.empty() || lower(request.origin) != own) {
+        const std::string own = "http://" + ascii_lower(request.host);
+        if (request.host.empty() || ascii_lower(request.origin) != own) {
             throw ApiError(http_status::forbidden,
                            "this request comes from another origin (" + request.origin +
                                "): the studio serves only its own page");

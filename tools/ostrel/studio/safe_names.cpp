@@ -50,6 +50,15 @@ size_t utf8_length_at(const std::string &s, size_t i) {
 
 }  // namespace
 
+std::string ascii_lower(std::string text) {
+    for (char &c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
 bool is_utf8(const std::string &text) {
     for (size_t i = 0; i < text.size();) {
         const size_t n = utf8_length_at(text, i);
@@ -86,9 +95,7 @@ std::string lower_extension(const std::string &name) {
     if (dot == std::string::npos || dot == 0 || name.find_first_of("/\\", dot) != std::string::npos) {
         return {};
     }
-    std::string ext = name.substr(dot);
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
-    return ext;
+    return ascii_lower(name.substr(dot));
 }
 
 std::string upload_file_name(const std::string &suggested, const std::string &extension) {

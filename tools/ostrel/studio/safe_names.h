@@ -37,6 +37,10 @@ std::string listing_name(const std::string &file_name);
 // code points above U+10FFFF).
 bool is_utf8(const std::string &text);
 
+// Lower-case ASCII (host names, schemes, media types and extensions compare
+// without case); other bytes stay as they are.
+std::string ascii_lower(std::string text);
+
 // Lower-case extension with its dot (".JPG" -> ".jpg"), "" when none.
 std::string lower_extension(const std::string &name);
 

@@ -6,6 +6,7 @@
 #include <httplib.h>
 
 #include "api_error.h"
+#include "safe_names.h"
 #include "tool_error.h"
 #include "tool_output.h"
 
@@ -13,13 +14,6 @@ namespace ostrel_tool {
 namespace studio {
 
 namespace {
-
-std::string lower(std::string s) {
-    for (char &c : s) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return s;
-}
 
 // Sends a picture file from the open file, a block at a time.
 constexpr size_t kFileBlock = 64 * 1024;
@@ -86,7 +80,7 @@ void drop_body(const httplib::Request &req, const httplib::ContentReader &reader
 }  // namespace
 
 bool StudioServer::is_loopback(const std::string &host) {
-    const std::string h = lower(host);
+    const std::string h = ascii_lower(host);
     return h == "localhost" || h == "::1" || h == "[::1]" || h.rfind("127.", 0) == 0;
 }
 
@@ -261,9 +255,9 @@ bool StudioServer::host_header_allowed(const std::string &host_header) const {
     if (!is_loopback(options_.host) || host_header.empty()) {
         return true;
     }
-    const std::string h = lower(host_header);
+    const std::string h = ascii_lower(host_header);
     const std::string port = ":" + std::to_string(port_);
-    std::string given = lower(options_.host);
+    std::string given = ascii_lower(options_.host);
     if (given.find(':') != std::string::npos && given.front() != '[') {
         given = "[" + given + "]";
     }
