@@ -39,6 +39,32 @@ run() {
 mode_of() { stat -c %a "$1"; }
 train_args=("$picture" --box 63,237,106,99)
 
+# as_nobody: as root, cases that must not run with root's rights run the tool
+# as nobody. nobody may not be able to reach the build, the data or the case's
+# folder (a checkout under /root or a private temporary folder is mode 700),
+# so the tool, its library and the picture are copied into a folder of the
+# case's own that everyone may read, and the case works in there. Sets
+# as_user (the command prefix), user_ostrel, user_train_args and enters the
+# folder; as any other user it changes nothing.
+as_user=() user_ostrel=$ostrel user_train_args=("${train_args[@]}")
+as_nobody() {
+  [ "$(id -u)" -eq 0 ] || return 0
+  as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+  local library
+  stage=$(mktemp -d /tmp/ostrel-as-nobody-XXXXXX)  # global: the trap removes it at the end
+  chmod 755 "$stage"
+  trap 'rm -rf "$stage"' EXIT
+  library=$(ldd "$ostrel" | sed -n 's/^\s*libostrel_alg[^ ]* => \([^ ]*\) .*/\1/p')
+  cp "$ostrel" "$stage/ostrel"
+  [ -z "$library" ] || cp "$library" "$stage/"
+  cp "$picture" "$stage/picture.jpg"
+  chmod -R a+rX "$stage"
+  user_ostrel=$stage/ostrel
+  as_user=(env LD_LIBRARY_PATH="$stage" "${as_user[@]}")
+  user_train_args=("$stage/picture.jpg" "${train_args[@]:1}")
+  mkdir "$stage/work" && chmod 777 "$stage/work" && cd "$stage/work" || exit 1
+}
+
 # Model files written by hand: the classic model's records with one thing
 # changed, its CRC-32 made right again so that the library accepts the file.
 edit_model() {  # source target python-expression-on-bytearray-b
@@ -60,13 +86,10 @@ model_to_device)
   # A device given as the model is refused before training; it stays a device.
   # Run as an unprivileged user when the tests run as root: a tool that
   # failed to refuse would otherwise replace the machine's /dev/null.
-  as_user=()
-  if [ "$(id -u)" -eq 0 ]; then
-    as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  fi
+  as_nobody
   for device in /dev/null /dev/full; do
     [ -c "$device" ] || { fail "$device is not a character device before the run"; continue; }
-    (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$ostrel" train "${train_args[@]}" --model "$device") \
+    (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$user_ostrel" train "${user_train_args[@]}" --model "$device") \
       > out.txt 2> err.txt
     expect_eq "$device: exit code" 4 $?
     expect_match "$device: stderr" "not a regular file" "$(cat err.txt)"
@@ -145,14 +168,11 @@ outputs_through_symlinks)
   ;;
 
 model_in_readonly_folder)
+  # root writes anywhere: try as nobody.
+  as_nobody
   mkdir ro
   chmod 555 ro
-  as_user=()
-  if [ "$(id -u)" -eq 0 ]; then
-    # root writes anywhere: try as nobody, who may read the build and data.
-    as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  fi
-  (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$ostrel" train "${train_args[@]}" --model ro/m.model) \
+  (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$user_ostrel" train "${user_train_args[@]}" --model ro/m.model) \
     > out.txt 2> err.txt
   expect_eq "exit code" 4 $?
   expect_match "stderr" "cannot write" "$(cat err.txt)"
