@@ -7,6 +7,9 @@
 #          interface, from an empty corpus;
 #   TARGET box_readers: the tool's box readers (JSON lists, `detect --json`
 #          lines, Pascal VOC), from the shipped annotations and a few lists;
+#   TARGET label_readers: the annotation readers (COCO, YOLO, CVAT, Label
+#          Studio, imglab, VOC, format detection), from the label files of
+#          tests/tools/label_files;
 #   TARGET studio_requests: the studio's request handling (connection,
 #          routes, query strings, headers, bodies) on a workspace of two
 #          tiny pictures, from a few whole requests.
@@ -30,9 +33,10 @@ case "$target" in
   model_file) build_targets=(fuzz_model_file make_seed_corpus); options=() ;;
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
+  label_readers) build_targets=(fuzz_label_readers); options=(-max_len=4096) ;;
   studio_requests) build_targets=(fuzz_studio_requests); options=(-max_len=2048) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers or studio_requests)" >&2
-     exit 2 ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers, label_readers or" \
+          "studio_requests)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -57,6 +61,27 @@ if [ "$target" = box_readers ]; then
   printf '\000[[10,20,30,40],{"x":1,"y":2,"width":3,"height":4}]' > "$work/list.json"
   printf '\000{"boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.5}]}' > "$work/object.json"
   printf '\001[{"x":1,"y":2,"w":3,"h":4,"score":0.87,"label":1}]' > "$work/line.json"
+fi
+
+if [ "$target" = label_readers ]; then
+  # The first byte chooses the reader (see fuzz/fuzz_label_readers.cpp).
+  seed() { { printf "\\$(printf '%03o' "$1")"; head -c 4000 "$2"; } > "$work/$3"; }
+  files=tests/tools/label_files
+  seed 0 $files/coco/instances_default.json coco-cvat
+  seed 0 $files/coco/roboflow.json coco-roboflow
+  seed 1 $files/yolo_ultralytics/labels/train/BloodImage_00001.txt yolo-line
+  seed 1 $files/yolo_roboflow/train/labels/BloodImage_00001.txt yolo-crlf
+  seed 2 $files/yolo_ultralytics/data.yaml yaml-map
+  seed 2 $files/yolo_roboflow/data.yaml yaml-list
+  seed 3 $files/yolo_side_by_side/classes.txt names
+  seed 4 $files/cvat/annotations.xml cvat
+  seed 5 $files/labelstudio/export.json labelstudio
+  seed 5 $files/labelstudio/min.json labelstudio-min
+  seed 6 $files/imglab/training.xml imglab
+  seed 7 $files/voc/BloodImage_00001.xml voc
+  printf '\010[{"image_id":1,"category_id":0,"bbox":[1,2,3,4],"score":0.5}]' > "$work/results"
+  seed 9 $files/cvat/annotations.xml detect-xml
+  seed 9 $files/coco/roboflow.json detect-json
 fi
 
 if [ "$target" = studio_requests ]; then

@@ -14,6 +14,9 @@ from __future__ import annotations
 from .batch import detect_files
 from .detector import Detector, check_model
 from .errors import Error, ModelError, NotTrainedError, PictureError
+from .evaluation import Evaluation, Figures, evaluate
+from .labels import LabelBox, LabelError, LabelledPicture, LabelSet, read_labels, write_labels
+from .labels._detections import write_detections
 from .results import COLOR_NAMES, Box, Sample, color_name
 
 __all__ = [
@@ -21,6 +24,12 @@ __all__ = [
     "COLOR_NAMES",
     "Detector",
     "Error",
+    "Evaluation",
+    "Figures",
+    "LabelBox",
+    "LabelError",
+    "LabelSet",
+    "LabelledPicture",
     "ModelError",
     "NotTrainedError",
     "PictureError",
@@ -28,7 +37,11 @@ __all__ = [
     "check_model",
     "color_name",
     "detect_files",
+    "evaluate",
     "library_path",
+    "read_labels",
+    "write_detections",
+    "write_labels",
 ]
 
 __version__ = "0.1.0"
