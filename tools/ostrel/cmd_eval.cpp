@@ -26,7 +26,7 @@ struct EvalOptions {
     std::string class_name;
     double iou = 0.5;
     uint32_t sensitivity = kDefaultSensitivity;
-    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
+    int32_t profile = kProfileOfTheFile;
 };
 
 int run_eval(const EvalOptions &o) {
@@ -49,8 +49,7 @@ int run_eval(const EvalOptions &o) {
     }
 
     Engine engine;
-    if (!engine.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
-    load_model(engine, o.model, o.profile);
+    load_model(engine, o.model, o.profile);  // the engine takes the file's profile
     if (!engine.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
     }
@@ -107,7 +106,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--iou", o->iou, "overlap (intersection over union) a detection needs to count (default 0.5)")
         ->check(real_number_in(0.0, 1.0))
         ->type_name("T");
-    add_profile_option(sub, &o->profile);
+    add_model_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(whole_number_in(0, 100))
         ->type_name("N");
@@ -116,7 +115,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         "Detections (label 1) are matched to the labelled boxes of the class by falling score; each box can\n"
         "be found once; boxes marked difficult are ignored. Precision = TP / detections, recall = TP /\n"
         "objects, F1 their harmonic mean, average precision the area under the precision/recall curve\n"
-        "(all points, precision made monotone) over all pictures.\n\n" +
+        "(all points, precision made monotone) over all pictures.\n\n" + std::string(kProfileRuleHelp) + "\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_eval(*o); }; });
 }
