@@ -17,9 +17,11 @@ import os
 import tempfile
 from typing import Any, Callable, Iterable, Iterator, Optional, Sequence, Union
 
+import numpy as np
+
 from . import _inputs
 from .detector import DEFAULT_SENSITIVITY, Detector
-from .errors import Error, PictureError
+from .errors import Error, ModelError, PictureError
 from .results import Box
 
 DetectionResult = Union[list[Box], PictureError]
@@ -30,6 +32,13 @@ _CHUNKS_PER_WORKER = 4
 _MAX_CHUNK = 64
 # Chunks waiting or running per worker at any time.
 _IN_FLIGHT_PER_WORKER = 2
+# Plain grey pictures a usable model searches without failing: a small one
+# (a model of small objects may not be able to enlarge a large picture
+# enough) and a large one (a classic model trained on a large picture may
+# shrink its window below a pixel on a small one). A model that fails on
+# both cannot detect at all, and detect_files says so instead of blaming
+# every picture.
+_PROBE_SIZES = ((240, 320), (720, 1280))
 
 
 def _cv2() -> Any:
@@ -58,7 +67,23 @@ def read_picture(path: str) -> Any:
     return pixels
 
 
-def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int, profile: str) -> Iterator[DetectionResult]:
+def _require_model_detects(detector: Detector, name: str) -> None:
+    """Raises ModelError, with the library's reason, when the model loads
+    but cannot search any picture (a hand-made file whose parts do not
+    agree): decided by the library's status on the probe pictures."""
+    failure: Optional[Error] = None
+    for height, width in _PROBE_SIZES:
+        try:
+            detector.detect(np.full((height, width, 3), 128, dtype=np.uint8))
+            return
+        except Error as error:
+            failure = error
+    assert failure is not None
+    raise ModelError(f"model file '{name}' loads but cannot search any picture: {failure}", failure.log)
+
+
+def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int,
+                  profile: Optional[str]) -> Iterator[DetectionResult]:
     """Loads the model once and searches each picture; a picture that fails
     gives a PictureError in its place."""
     with tempfile.TemporaryDirectory(prefix="ostrel-") as folder:
@@ -77,7 +102,8 @@ def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int, profile:
                 yield PictureError(f"detection failed on '{path}': {error}", path, log)
 
 
-def detect_chunk(model: bytes, paths: Sequence[str], sensitivity: int, profile: str) -> list[DetectionResult]:
+def detect_chunk(model: bytes, paths: Sequence[str], sensitivity: int,
+                 profile: Optional[str]) -> list[DetectionResult]:
     """One task of :func:`detect_files`: the results of a chunk of paths.
     Runs on a worker thread or a Dask worker."""
     return list(_detect_paths(model, paths, sensitivity, profile))
@@ -107,7 +133,7 @@ def _chunks(paths: list[str], size: int) -> Iterator[list[str]]:
 
 def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], jobs: Optional[int] = None,
                  client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY,
-                 profile: str = "classic") -> Iterator[tuple[Any, DetectionResult]]:
+                 profile: Optional[str] = None) -> Iterator[tuple[Any, DetectionResult]]:
     """Searches picture files with a model; yields ``(path, boxes)`` in input order.
 
     ``boxes`` is the list :meth:`Detector.detect` returns, or, for a picture
@@ -121,9 +147,15 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
     and sent to the workers, so only the pictures must be reachable there
     under the same paths. ``jobs`` and ``client`` exclude each other.
 
-    The model is validated and the arguments are checked before this
-    function returns (ModelError, FileNotFoundError, ValueError, ...); the
-    pictures are searched as the results are consumed.
+    The model file decides the profile (see :meth:`Detector.load`);
+    ``profile``, when given, must agree with it.
+
+    The model is validated, loaded and tried on two plain pictures, and the
+    arguments are checked, before this function returns (ModelError with
+    the library's reason, FileNotFoundError, ValueError, ...): a model that
+    cannot search any picture raises ModelError here rather than giving
+    every picture a PictureError. The pictures are searched as the results
+    are consumed.
     """
     if jobs is not None and client is not None:
         raise ValueError("give jobs (threads on this machine) or client (a Dask cluster), not both")
@@ -138,7 +170,8 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
     source = _inputs.existing_file(model, "model file")
     # Loading it here checks the file, the sensitivity and the profile once,
     # before any work is handed out.
-    Detector.load(source, sensitivity=sensitivity, profile=profile).close()
+    with Detector.load(source, sensitivity=sensitivity, profile=profile) as detector:
+        _require_model_detects(detector, os.fsdecode(source))
     with open(source, "rb") as file:
         model_bytes = file.read()
     if client is None:
@@ -147,7 +180,7 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
 
 
 def _run(model: bytes, given: list[Any], names: list[str], jobs: Optional[int], client: Any, sensitivity: int,
-         profile: str) -> Iterator[tuple[Any, DetectionResult]]:
+         profile: Optional[str]) -> Iterator[tuple[Any, DetectionResult]]:
     if client is None and (jobs or os.cpu_count() or 1) == 1:
         yield from zip(given, _detect_paths(model, names, sensitivity, profile))
         return
