@@ -157,9 +157,9 @@ ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t reques
     verdict.profile = info.accurate ? OSTREL_ALG_PROFILE_ACCURATE : OSTREL_ALG_PROFILE_CLASSIC;
     if (requested != kProfileOfTheFile && requested != verdict.profile) {
         verdict.contradiction = strformat(
-            "model '%s' was made under the %s profile (the file says so), but --profile %s was given: leave out "
-            "--profile, the model file decides",
-            path.c_str(), profile_name(verdict.profile), profile_name(requested));
+            "model '%s' is a model of the %s profile (the file says so), not of the %s profile that --profile asks "
+            "for: leave out --profile (the model file decides) or give --profile %s",
+            path.c_str(), profile_name(verdict.profile), profile_name(requested), profile_name(verdict.profile));
     }
     if (info.accurate && !try_accurate_import) {
         verdict.problem = info.problems.empty() ? "" : info.problems.front();
