@@ -18,7 +18,6 @@ import pytest
 import ostrel
 from conftest import SEED, annotated_cells, blood_picture_paths
 from ostrel import _library, _log
-from ostrel._inputs import rounded_edges
 
 PROFILE_NUMBERS = {"classic": 0, "accurate": 1}
 
@@ -44,10 +43,10 @@ def cells() -> list[tuple[int, int, int, int]]:
 
 @pytest.fixture(scope="module")
 def accurate_model(tmp_path_factory, training_picture, cells, test_pictures):
-    """A model of the default profile, and the training engine's detections."""
+    """An accurate model, and the training engine's detections."""
     path = tmp_path_factory.mktemp("accurate") / "cells.model"
     pictures = list(test_pictures.values())
-    with ostrel.Detector(seed=SEED) as detector:
+    with ostrel.Detector(seed=SEED, profile="accurate") as detector:
         detector.train(training_picture, cells)
         detector.save(path)
         found = detections(detector, pictures)
@@ -124,6 +123,8 @@ def test_boxes_of_any_size_train_without_a_warning(training_picture, recwarn):
 
 
 def test_float_boxes_are_rounded_edge_by_edge():
+    from ostrel._inputs import rounded_edges
+
     rounded = rounded_edges(np.array([[10.5, 10.49, 20.2, 30.5], [-0.5, 2.5, 0.9, 1.0]]))
     # Edges: 10.5 -> 11, 30.7 -> 31; 10.49 -> 10, 40.99 -> 41; -0.5 -> 0, 0.4 -> 0; 2.5 -> 3, 3.5 -> 4.
     assert rounded.tolist() == [[11, 10, 20, 31], [0, 3, 0, 1]]
@@ -132,6 +133,8 @@ def test_float_boxes_are_rounded_edge_by_edge():
 
 
 def test_float_boxes_train_the_model_of_their_rounded_boxes(training_picture, cells, tmp_path):
+    from ostrel._inputs import rounded_edges
+
     shifted = [(x + 0.3, y - 0.2, w + 0.1, h - 0.4) for x, y, w, h in cells]
     whole = rounded_edges(np.array(shifted)).astype(int).tolist()
     models = []
