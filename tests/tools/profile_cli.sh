@@ -154,8 +154,13 @@ for line in lines[1:]:
     _, width, x, y = line["file"][:-4].split("_")[0:4]
     x, y = int(x), int(y)
     found = [dict(b, x=b["x"] - x, y=b["y"] - y) for b in line["boxes"] if b["label"] == 1]
-    matched = sum(1 for a in alone if any(iou(a, b) >= 0.7 for b in found))
-    assert matched >= 0.8 * len(alone), (line["file"], matched, len(alone))
+    # The same cells, where they were placed (the canvas adds the picture's
+    # edges and cells cut by them, so it may find more)...
+    matched = sum(1 for a in alone if any(iou(a, b) >= 0.5 for b in found))
+    assert matched >= 0.75 * len(alone), (line["file"], matched, len(alone))
+    # ...at the same sizes in pixels, not scaled with the picture.
+    low, high = min(a["h"] for a in alone), max(a["h"] for a in alone)
+    assert all(0.8 * low <= b["h"] <= 1.25 * high for b in found), (line["file"], low, high, found)
 EOF
   ;;
 
