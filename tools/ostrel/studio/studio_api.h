@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "label_store.h"
 #include "picture_store.h"
+#include "api_requests.h"
 #include "workspace.h"
 
 namespace ostrel_tool {
@@ -34,15 +36,24 @@ struct ApiResponse {
 
 class StudioApi {
 public:
-    StudioApi(PictureStore &store, Workspace &workspace) : store_(store), workspace_(workspace) {}
+    StudioApi(PictureStore &store, Workspace &workspace, LabelStore &labels)
+        : store_(store), workspace_(workspace), labels_(labels) {}
 
     ApiResponse handle(const ApiRequest &request);
 
 private:
     ApiResponse route(const ApiRequest &request);
+    ApiResponse labelling_route(const ApiRequest &request, const std::vector<std::string> &path);
+    nlohmann::ordered_json classes_json();
+    nlohmann::ordered_json accept(const AcceptRequest &request);
+    ApiResponse export_labels(const std::string &format);
+    ApiResponse export_detections(const std::string &format, uint32_t sensitivity);
+    // The class a request without one means: the first of the list.
+    std::string default_class();
 
     PictureStore &store_;
     Workspace &workspace_;
+    LabelStore &labels_;
 };
 
 // {"error": message} with the status.

@@ -1,21 +1,30 @@
-// The studio's detector: one library engine, what it was taught, and every
+// The studio's detector: what it was taught, for every class, and every
 // operation the page asks of it.
 //
+// This is the one place the studio asks to "train these classes" and to
+// "detect all classes". Until the library has models of several classes,
+// it holds one library engine per class (each learns its class as "the
+// object"); every engine runs on the same thread, so a picture's features,
+// which the library keeps per thread, are computed once for all classes.
+// When the library's several-class model arrives, the classes move into
+// one engine here and nothing above this interface changes.
+//
 // The library takes no locks and allows one thread per engine, so every
-// call into the engine happens with the workspace's mutex held; requests
+// call into an engine happens with the workspace's mutex held; requests
 // from several browser tabs queue up there instead of meeting inside the
 // library. All tabs share this one workspace: it is one person's desk.
 //
-// What was taught is kept as a list of pictures with their marked boxes, in
-// the order they were trained. Training a picture that is not on the list
-// adds it: the library adds its samples to those it holds. Training a
-// picture that is on the list again (its boxes changed), or removing a
-// sample the library cannot remove by index, rebuilds the engine from the
-// list: a fresh engine trains every listed picture in order, so the engine
-// always holds exactly what the list says.
+// What each class was taught is kept as a list of pictures with their
+// marked boxes, in the order they were trained. Training a picture that is
+// not on the list adds it: the library adds its samples to those it holds.
+// Training a picture that is on the list again (its boxes changed), or
+// removing a sample the library cannot remove by index, rebuilds that
+// class's engine from the list: a fresh engine trains every listed picture
+// in order, so the engine always holds exactly what the list says.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -36,7 +45,7 @@ struct WorkspaceSettings {
     uint32_t train_sensitivity = 80;  // the sensitivity auto-training runs at
     std::string profile = "classic";
     std::string scratch_folder;       // for model files on their way in or out
-    size_t max_boxes = 256;           // marked boxes per picture
+    size_t max_boxes = 256;           // marked boxes per picture and class
     size_t max_model_bytes = 4u << 20;
 };
 
@@ -46,19 +55,29 @@ struct TaughtPicture {
 };
 
 struct TrainOutcome {
-    int samples = 0;         // sample thumbnails the engine holds
+    int samples = 0;         // sample thumbnails the engines hold
     int passes = 0;          // auto-training passes of the picture trained last
     double ms = 0;           // wall time of the library calls
-    bool rebuilt = false;    // the engine was rebuilt from the taught list
-    bool trained = false;    // the engine holds a model afterwards
+    bool rebuilt = false;    // an engine was rebuilt from its taught list
+    bool trained = false;    // the workspace holds a model afterwards
     std::vector<TrainingStep> steps;
+    // Each class trained by the call, with the boxes it was given (made one
+    // size) and its sample count afterwards.
+    struct ClassResult {
+        std::string name;
+        std::vector<Rect> boxes;
+        int samples = 0;
+        int resized = 0;  // boxes given the class's window size
+    };
+    std::vector<ClassResult> classes;
 };
 
 struct DetectOutcome {
-    std::vector<ostrel_alg_box> boxes;  // the library's result list, as it gave it
+    std::vector<ostrel_alg_box> boxes;     // the library's result lists, class after class, as it gave them
+    std::vector<std::string> box_classes;  // the class of each box
     int width = 0;
     int height = 0;
-    double ms = 0;  // the detection call alone
+    double ms = 0;  // the detection calls alone
 };
 
 struct SampleInfo {
@@ -66,6 +85,7 @@ struct SampleInfo {
     int label = 0;
     int width = 0;  // of the thumbnail
     int height = 0;
+    std::string class_name;
     std::string picture;  // the taught picture it came from ("" when unknown)
     Rect box;
 };
@@ -75,46 +95,84 @@ public:
     Workspace(PictureStore &store, WorkspaceSettings settings);
     ~Workspace();
 
-    // Trains on a picture's marked boxes. Throws ApiError: 404 unknown
-    // picture, 422 boxes that do not fit (outside the picture, sizes that
-    // differ, a window the detector cannot learn or one that differs from
-    // the other taught pictures'), 500 when the library fails.
-    TrainOutcome train(const std::string &picture, const std::vector<Rect> &boxes);
+    // Trains a class on a picture's marked boxes, which must have one size.
+    // Throws ApiError: 404 unknown picture, 422 boxes that do not fit
+    // (outside the picture, sizes that differ, a window the detector cannot
+    // learn or one that differs from the class's other taught pictures'),
+    // 500 when the library fails.
+    TrainOutcome train(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes);
 
-    // Detects on a picture at a sensitivity (0..100). Throws 404 for an
-    // unknown picture, 409 before anything is trained or loaded.
+    // Trains every class from a picture's labels (class -> boxes of any
+    // size): each class's boxes are given the class's one window size (their
+    // middle size on its first picture, that window scaled to this picture
+    // on later ones; centred on each box), and a class taught on this
+    // picture before that has no boxes here now forgets the picture.
+    TrainOutcome train_labels(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels);
+
+    // Detects every trained class on a picture at a sensitivity (0..100).
+    // Throws 404 for an unknown picture, 409 before anything is trained.
     DetectOutcome detect(const std::string &picture, uint32_t sensitivity);
 
-    // The sample thumbnails of the engine; generation changes whenever the
-    // list may have changed.
+    // The sample thumbnails of every class (class after class); generation
+    // changes whenever the list may have changed.
     std::vector<SampleInfo> samples(uint64_t &generation);
     // Thumbnail pixels (BGR). Throws 404 for an index past the list.
     cv::Mat thumbnail(size_t index);
-    // Removes a sample and retrains. Throws 404 for an index past the list.
+    // Removes a sample and retrains its class. Throws 404 for an index past the list.
     TrainOutcome remove_sample(size_t index);
 
-    // The model file. Throws 409 before anything is trained or loaded.
-    std::string model_bytes();
-    // Validates a model file and loads it into a fresh engine; what was
-    // taught is dropped. Throws 413 for a file over the limit, 422 with the
-    // reason when it fails validation.
-    void load_model(const std::string &bytes, const std::string &name);
-    // Forgets everything: a fresh, untrained engine.
+    // The model file of a class ("" when one class is trained). Throws 409
+    // before anything is trained, 404 for a class without a model, 409 when
+    // several are trained and none is named.
+    std::string model_bytes(const std::string &class_name);
+    // Validates a model file and loads it as a class's detector (what that
+    // class was taught is dropped). replace_all drops every other class too.
+    // Throws 413 for a file over the limit, 422 with the reason when it
+    // fails validation.
+    void load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
+                    bool replace_all);
+    // Forgets everything: no class is trained.
     void reset();
+    // A class's detector takes its new name.
+    void rename_class(const std::string &from, const std::string &to);
 
+    // The taught pictures of every class, class after class.
     std::vector<TaughtPicture> taught();
+    bool trained();
     // {"trained", "model", "samples", "generation", "taught": [{"picture",
-    //  "boxes"}], "box_size", "profile", "seed", "train_sensitivity"}
+    //  "boxes", "class"}], "box_size", "profile", "seed", "train_sensitivity",
+    //  "classes": [{"name", "trained", "samples", "model"}]}
     nlohmann::ordered_json status();
     TrainingMonitor &monitor() { return monitor_; }
+    size_t max_model_bytes() const { return settings_.max_model_bytes; }
 
 private:
+    struct ClassDetector {
+        std::string name;
+        std::unique_ptr<Engine> engine;
+        bool trained = false;
+        std::string model_name;  // "" (trained here) or the name of a loaded model file
+        std::vector<TaughtPicture> taught;
+        std::vector<SampleThumbnail> thumbnails;
+        bool boxes_skipped = false;  // the library left a marked box out: sample i is no longer box i
+    };
+
+    ClassDetector &detector(const std::string &class_name);  // made when missing
+    ClassDetector *find_detector(const std::string &class_name);
     std::unique_ptr<Engine> fresh_engine();
     // The size of the library's feature map, which every window check needs.
     void learn_map_size(const Picture &picture);
-    void check_boxes(const PictureEntry &entry, const std::vector<Rect> &boxes, const std::string &replacing);
-    bool train_list(Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
-    void refresh_samples();
+    void check_boxes(const ClassDetector &d, const PictureEntry &entry, const std::vector<Rect> &boxes,
+                     const std::string &replacing);
+    bool train_list(ClassDetector &d, Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
+    // Trains one class on one picture, with the mutex held and the monitor running.
+    void train_locked(ClassDetector &d, const std::string &picture, const std::vector<Rect> &boxes,
+                      std::string &failure, bool &rebuilt);
+    // Drops a picture from a class's list and rebuilds its engine.
+    void forget_picture_locked(ClassDetector &d, const std::string &picture, std::string &failure);
+    void refresh_samples(ClassDetector &d);
+    bool trained_locked() const;
+    int sample_count_locked() const;
     TrainOutcome outcome(double ms, bool rebuilt);
     std::string scratch_path(const char *what);
 
@@ -122,16 +180,12 @@ private:
     WorkspaceSettings settings_;
     TrainingMonitor monitor_;
 
-    std::mutex mutex_;  // held around every use of engine_ and the members below
-    std::unique_ptr<Engine> engine_;
-    bool trained_ = false;
-    std::string model_name_;  // "" (trained here) or the name of a loaded model file
-    std::vector<TaughtPicture> taught_;
-    std::vector<SampleThumbnail> thumbnails_;
+    std::mutex mutex_;  // held around every use of an engine and the members below
+    std::vector<ClassDetector> detectors_;  // in the order the classes were first trained
     uint64_t generation_ = 0;
     uint32_t map_columns_ = 0, map_rows_ = 0, map_channels_ = 0;
     uint64_t scratch_counter_ = 0;
-    bool boxes_skipped_ = false;  // the library left a marked box out: sample i is no longer box i
+    std::unique_ptr<Engine> probe_;  // asks the library for the feature map's size
 };
 
 }  // namespace studio
