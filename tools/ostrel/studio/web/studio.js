@@ -107,7 +107,18 @@
 
   function svg(tag, attributes, parent) {
     const element = document.createElementNS(SVG, tag);
-    for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
+    for (const [key, value] of Object.entries(attributes)) {
+      // Styles go through the element's style object: the page's security
+      // policy refuses style attributes.
+      if (key === 'style') {
+        for (const rule of String(value).split(';')) {
+          const at = rule.indexOf(':');
+          if (at > 0) element.style.setProperty(rule.slice(0, at).trim(), rule.slice(at + 1).trim());
+        }
+      } else {
+        element.setAttribute(key, value);
+      }
+    }
     if (parent) parent.appendChild(element);
     return element;
   }
@@ -198,11 +209,14 @@
       name.addEventListener('dblclick', () => renameClass(c.name));
       const count = document.createElement('span');
       count.className = 'class-count';
-      count.textContent = String(c.boxes) + (c.trained ? ' · trained' : '');
+      count.textContent = String(c.boxes) + (c.trained ? ' ✓' : '');
+      count.title = `${c.boxes} boxes` + (c.trained ? '; the detector knows this class' : '; not trained yet');
       const rename = document.createElement('button');
       rename.type = 'button';
       rename.className = 'small quiet class-rename';
-      rename.textContent = 'Rename';
+      rename.title = 'Rename ' + c.name;
+      rename.setAttribute('aria-label', 'Rename ' + c.name);
+      rename.textContent = '✎';
       rename.addEventListener('click', () => renameClass(c.name));
       li.append(key, color, name, count, rename);
       ui.classes.appendChild(li);
