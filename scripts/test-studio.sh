@@ -4,9 +4,13 @@
 #   2. a person's session in headless Chromium (chromedriver, python3-selenium),
 #      which prints the speed a person feels and saves a screenshot,
 #   3. the same browser test against a page with its detection drawing taken
-#      out, which must fail: the browser test can tell a broken page.
+#      out, which must fail: the browser test can tell a broken page,
+#   4. the labelling routes over HTTP (labels on disk, classes, accepting
+#      found boxes, exports) and the studio as a labelling tool in the
+#      browser (zoom, pan, marks kept on disk, classes, redo, shortcuts),
+#      which saves the zoomed full-HD and the dense screenshots.
 # The unit tests of the studio's parts run with the tool's other tests (ctest).
-# --update-screenshot copies the screenshot to docs/studio.png for the README.
+# --update-screenshot copies the screenshots to docs/ for the README.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,8 +54,16 @@ grep -E "FAILED" "$out/broken.log" | head -1
 echo "  ok: it failed, as it must"
 rm -rf "$broken"
 
+echo "== studio: the labelling routes over HTTP"
+"$python" tests/studio/test_studio_labels_api.py "$ostrel" data
+
+echo "== studio: labelling in a real browser"
+"$python" tests/studio/test_studio_labelling.py "$ostrel" data "$out"
+
 if [ "$update_screenshot" = 1 ]; then
   cp "$out/studio.png" docs/studio.png
-  echo "docs/studio.png updated"
+  cp "$out/studio-zoom.png" docs/studio-zoom.png
+  cp "$out/studio-dense.png" docs/studio-dense.png
+  echo "docs/studio.png, docs/studio-zoom.png and docs/studio-dense.png updated"
 fi
-echo "studio tests: 3 passed, 0 failed"
+echo "studio tests: 5 passed, 0 failed"

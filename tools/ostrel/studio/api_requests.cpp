@@ -140,6 +140,7 @@ std::vector<LabelRequestBox> parse_labels_request(const std::string &body, size_
                     throw ApiError(http_status::bad_request, strformat("box %zu: \"class\" must be a class name", i + 1));
                 }
                 b.class_name = cls->get<std::string>();
+                b.class_given = true;
             }
         }
         out.push_back(b);

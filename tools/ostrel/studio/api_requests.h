@@ -20,7 +20,8 @@ struct TrainRequest {
 };
 
 struct LabelRequestBox {
-    std::string class_name;  // "" when the box names none
+    std::string class_name;
+    bool class_given = false;  // false: the box names no class
     Rect box;
 };
 

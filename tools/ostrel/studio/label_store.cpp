@@ -85,8 +85,9 @@ bool on_picture(Rect &r, int width, int height) {
 }  // namespace
 
 std::string default_class_color(size_t n) {
-    static const char *palette[] = {"#2563eb", "#dc2626", "#16a34a", "#d97706", "#9333ea", "#0891b2",
-                                    "#db2777", "#65a30d", "#4f46e5", "#ea580c", "#0d9488", "#a16207"};
+    // Red comes last: the page draws marked boxes the detector missed in red.
+    static const char *palette[] = {"#2563eb", "#d97706", "#16a34a", "#9333ea", "#0891b2", "#db2777",
+                                    "#65a30d", "#4f46e5", "#a16207", "#0d9488", "#64748b", "#dc2626"};
     return palette[n % (sizeof(palette) / sizeof(palette[0]))];
 }
 
@@ -231,7 +232,15 @@ void LabelStore::read_own(const std::vector<PictureEntry> &entries) {
             continue;
         }
         std::error_code ec;
-        if (!fs::exists(fs::symlink_status(file, ec))) continue;
+        const fs::file_status status = fs::symlink_status(file, ec);
+        if (!fs::exists(status)) continue;
+        if (fs::is_symlink(status) && !lies_inside(fs::path(folder_of(entry)), file)) {
+            // Neither read nor written: it leads out of the folder.
+            records_[entry.name].blocked = "its label file " + fs::path(file).filename().string() +
+                                           " is a link that leads out of the folder";
+            notes_.push_back(entry.name + ": " + records_[entry.name].blocked);
+            continue;
+        }
         try {
             if (format_ == LabelFormat::voc) {
                 const LabelSet set = read_voc_labels(file);

@@ -473,7 +473,16 @@ nlohmann::ordered_json StudioApi::accept(const AcceptRequest &request) {
             if (!known) labels.push_back(found);
         }
         if (labels.size() != before) {
-            labels_.save(name, labels);
+            try {
+                labels_.save(name, labels);
+            } catch (const ApiError &e) {
+                // Over the folder, a picture whose labels may not be written
+                // is passed over and named; the others are done.
+                if (!request.unlabelled) throw;
+                pictures.push_back({{"picture", name}, {"added", 0}, {"labels", labels_json(labels_.labels(name))},
+                                    {"error", e.what()}});
+                continue;
+            }
         }
         added_total += labels.size() - before;
         pictures.push_back({{"picture", name}, {"added", labels.size() - before}, {"labels", labels_json(labels)}});
@@ -559,7 +568,7 @@ ApiResponse StudioApi::labelling_route(const ApiRequest &request, const std::vec
             const std::string fallback = default_class();
             std::vector<StudioLabel> labels;
             for (const LabelRequestBox &b : parse_labels_request(request.body, 1000)) {
-                labels.push_back({b.class_name.empty() ? fallback : b.class_name, b.box});
+                labels.push_back({b.class_given ? b.class_name : fallback, b.box});
             }
             const std::string file = labels_.save(entry.name, labels);
             nlohmann::ordered_json j;

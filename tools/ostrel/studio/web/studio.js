@@ -497,9 +497,14 @@
           if (showScores) parts.push(group.dataset.score);
           text = parts.join(' ');
         }
-        if (text) items.push({ box: b, text, kind, color: kind === 'found' ? colorOf(group.dataset.class) : null, parent: group });
+        if (text) {
+          items.push({ box: b, text, kind, color: kind === 'found' ? colorOf(group.dataset.class) : null, parent: group,
+            score: Number(group.dataset.score) });
+        }
       }
     }
+    // The surest finds are named first: where captions would meet, theirs stay.
+    items.sort((a, b) => b.score - a.score);
     if (showNames && several) {
       for (const l of labelsOf(p.name)) items.push({ box: l, text: l.class, kind: 'mark', color: colorOf(l.class), parent: ui.captions });
     }
