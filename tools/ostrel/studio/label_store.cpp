@@ -305,8 +305,10 @@ void LabelStore::read_others(const std::vector<PictureEntry> &entries) {
 void LabelStore::read_existing() {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::vector<PictureEntry> entries = store_.list();
-    read_own(entries);
-    read_others(entries);
+    if (!settings_.in_memory) {
+        read_own(entries);
+        read_others(entries);
+    }
     for (auto &r : records_) {
         for (StudioLabel &l : r.second.labels) {
             try {
@@ -365,7 +367,7 @@ LabelledPicture LabelStore::record_of(const PictureEntry &entry, const Record &r
 }
 
 void LabelStore::write_class_names_locked() {
-    if (format_ != LabelFormat::yolo) return;
+    if (format_ != LabelFormat::yolo || settings_.in_memory) return;
     std::vector<std::string> names;
     for (const StudioClass &c : classes_) names.push_back(c.name);
     std::set<std::string> folders{folder_labels_};
@@ -380,6 +382,7 @@ void LabelStore::write_class_names_locked() {
 }
 
 void LabelStore::write_whole_set_locked(const std::string &folder) {
+    if (settings_.in_memory) return;
     LabelSet set;
     set.format = LabelFormat::coco;
     for (const StudioClass &c : classes_) set.classes.push_back(c.name);
@@ -400,6 +403,7 @@ void LabelStore::write_whole_set_locked(const std::string &folder) {
 }
 
 void LabelStore::write_locked(const PictureEntry &entry) {
+    if (settings_.in_memory) return;
     const std::string folder = folder_of(entry);
     if (format_ == LabelFormat::coco) {
         write_whole_set_locked(folder);
@@ -584,7 +588,7 @@ nlohmann::ordered_json LabelStore::where() const {
     j["format"] = format_name(format_);
     j["format_name"] = format_title(format_);
     j["folder"] = folder_labels_;
-    j["kept"] = folder_kept_;
+    j["kept"] = folder_kept_ && !settings_.in_memory;
     const std::string files = format_ == LabelFormat::coco ? std::string("in ") + kCocoFileName
                               : format_ == LabelFormat::yolo ? "as a .txt file a picture with classes.txt"
                                                             : "as an .xml file a picture";

@@ -60,6 +60,9 @@ struct LabelStoreSettings {
     // session's folder.)
     std::string folder_labels;
     bool folder_labels_kept = true;  // false: folder_labels is temporary
+    // Labels held in memory only: nothing is read or written (a host that
+    // keeps no labels, such as the handlers' own tests).
+    bool in_memory = false;
     size_t max_boxes = 1000;         // boxes a picture (the library's marked-box limit)
     size_t max_classes = 200;
 };

@@ -419,6 +419,20 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
     throw ApiError(http_status::not_found, "no such address: " + request.path);
 }
 
+namespace {
+LabelStoreSettings in_memory_labels() {
+    LabelStoreSettings s;
+    s.in_memory = true;
+    return s;
+}
+}  // namespace
+
+StudioApi::StudioApi(PictureStore &store, Workspace &workspace)
+    : own_labels_(std::make_unique<LabelStore>(store, in_memory_labels())),
+      store_(store),
+      workspace_(workspace),
+      labels_(*own_labels_) {}
+
 std::string StudioApi::default_class() {
     const auto classes = labels_.classes();
     return classes.empty() ? std::string("object") : classes.front().name;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,8 @@ class StudioApi {
 public:
     StudioApi(PictureStore &store, Workspace &workspace, LabelStore &labels)
         : store_(store), workspace_(workspace), labels_(labels) {}
+    // Labels kept in memory only (nothing is written next to the pictures).
+    StudioApi(PictureStore &store, Workspace &workspace);
 
     ApiResponse handle(const ApiRequest &request);
 
@@ -51,6 +54,7 @@ private:
     // The class a request without one means: the first of the list.
     std::string default_class();
 
+    std::unique_ptr<LabelStore> own_labels_;  // when made without a label store
     PictureStore &store_;
     Workspace &workspace_;
     LabelStore &labels_;
