@@ -9,7 +9,10 @@
 #          lines, Pascal VOC), from the shipped annotations and a few lists;
 #   TARGET label_readers: the annotation readers (COCO, YOLO, CVAT, Label
 #          Studio, imglab, VOC, format detection), from the label files of
-#          tests/tools/label_files.
+#          tests/tools/label_files;
+#   TARGET studio_requests: the studio's request handling (connection,
+#          routes, query strings, headers, bodies) on a workspace of two
+#          tiny pictures, from a few whole requests.
 # It configures build-fuzz with clang and the fuzz targets switched on,
 # builds the target, runs it and prints the executions per second.
 # Exits non-zero when the fuzzer finds a crash, a leak, undefined behaviour,
@@ -31,7 +34,9 @@ case "$target" in
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
   label_readers) build_targets=(fuzz_label_readers); options=(-max_len=4096) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers or label_readers)" >&2; exit 2 ;;
+  studio_requests) build_targets=(fuzz_studio_requests); options=(-max_len=2048) ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers, label_readers or" \
+          "studio_requests)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -77,6 +82,17 @@ if [ "$target" = label_readers ]; then
   printf '\010[{"image_id":1,"category_id":0,"bbox":[1,2,3,4],"score":0.5}]' > "$work/results"
   seed 9 $files/cvat/annotations.xml detect-xml
   seed 9 $files/coco/roboflow.json detect-json
+fi
+
+if [ "$target" = studio_requests ]; then
+  # Raw requests (the first byte's low three bits set): a training of the
+  # tiny picture, a detection, an upload refused, a token missing.
+  train='{"picture":"a.png","boxes":[[20,20,24,24]]}'
+  printf '\007POST /api/train HTTP/1.1\r\nHost: 127.0.0.1:0\r\nX-Ostrel-Token: %s\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n%s' \
+    0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef "${#train}" "$train" > "$work/train"
+  printf '\007GET /api/detect?picture=b.jpg&sensitivity=90 HTTP/1.1\r\nHost: 127.0.0.1:0\r\n\r\n' > "$work/detect"
+  printf '\007POST /api/pictures?name=x.png HTTP/1.1\r\nHost: 127.0.0.1:0\r\nContent-Type: text/plain\t;charset=utf-8\r\nContent-Length: 4\r\n\r\nabcd' > "$work/upload"
+  printf '\007GET /api/pictures/a.png HTTP/1.1\r\nHost: 127.0.0.1:0\r\n\r\nGET /api/status HTTP/1.1\r\n\r\n' > "$work/two"
 fi
 
 log="$build/fuzz-$target.log"

@@ -168,7 +168,10 @@ void LabelStore::take(const PictureEntry &entry, const LabelledPicture &picture,
     for (const LabelBox &b : picture.boxes) {
         Rect rect = rounded_rect(b);
         if (!on_picture(rect, entry.width, entry.height)) continue;
-        if (r.labels.size() >= settings_.max_boxes) break;
+        if (r.labels.size() >= settings_.max_boxes) {
+            notes_.push_back(strformat("%s: only the first %zu boxes are shown", entry.name.c_str(), settings_.max_boxes));
+            break;
+        }
         r.labels.push_back({b.class_name.empty() ? std::string("object") : b.class_name, rect});
     }
 }

@@ -63,7 +63,8 @@ struct LabelStoreSettings {
     // Labels held in memory only: nothing is read or written (a host that
     // keeps no labels, such as the handlers' own tests).
     bool in_memory = false;
-    size_t max_boxes = 1000;         // boxes a picture (the library's marked-box limit)
+    // Boxes a picture: as many as a JSON request may carry (api_requests.h).
+    size_t max_boxes = 500;
     size_t max_classes = 200;
 };
 

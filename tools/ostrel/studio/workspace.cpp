@@ -53,16 +53,18 @@ struct ScratchFile {
 
 Workspace::Workspace(PictureStore &store, WorkspaceSettings settings)
     : store_(store), settings_(std::move(settings)) {
-    probe_ = fresh_engine();
-    // Asked now rather than on the first Train, which a person waits for.
-    const auto pictures = store_.list();
-    if (!pictures.empty()) {
-        try {
-            learn_map_size(*store_.picture(pictures.front().name));
-        } catch (const ApiError &) {
-            // The first Train asks again.
+    engine_thread_.run([this] {
+        probe_ = fresh_engine();
+        // Asked now rather than on the first Train, which a person waits for.
+        const auto pictures = store_.list();
+        if (!pictures.empty()) {
+            try {
+                learn_map_size(*store_.picture(pictures.front().name));
+            } catch (const ApiError &) {
+                // The first Train asks again.
+            }
         }
-    }
+    });
 }
 
 void Workspace::learn_map_size(const Picture &picture) {
@@ -79,7 +81,12 @@ void Workspace::learn_map_size(const Picture &picture) {
     map_channels_ = map.channels;
 }
 
-Workspace::~Workspace() = default;
+Workspace::~Workspace() {
+    engine_thread_.run([this] {
+        detectors_.clear();
+        probe_.reset();
+    });
+}
 
 std::unique_ptr<Engine> Workspace::fresh_engine() {
     auto engine = std::make_unique<Engine>();
@@ -281,7 +288,7 @@ void Workspace::forget_picture_locked(ClassDetector &d, const std::string &name,
     refresh_samples(d);
 }
 
-TrainOutcome Workspace::train(const std::string &class_name, const std::string &name, const std::vector<Rect> &boxes) {
+TrainOutcome Workspace::train_here(const std::string &class_name, const std::string &name, const std::vector<Rect> &boxes) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);  // decoded before the engine is taken
 
@@ -308,7 +315,7 @@ TrainOutcome Workspace::train(const std::string &class_name, const std::string &
     return o;
 }
 
-TrainOutcome Workspace::train_labels(const std::string &name, const std::map<std::string, std::vector<Rect>> &labels) {
+TrainOutcome Workspace::train_labels_here(const std::string &name, const std::map<std::string, std::vector<Rect>> &labels) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);
 
@@ -381,7 +388,7 @@ TrainOutcome Workspace::train_labels(const std::string &name, const std::map<std
     return o;
 }
 
-DetectOutcome Workspace::detect(const std::string &name, uint32_t sensitivity) {
+DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivity) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -451,7 +458,7 @@ cv::Mat Workspace::thumbnail(size_t index) {
     throw ApiError(http_status::not_found, strformat("no sample %zu (there are %d)", index, total));
 }
 
-TrainOutcome Workspace::remove_sample(size_t index) {
+TrainOutcome Workspace::remove_sample_here(size_t index) {
     std::lock_guard<std::mutex> lock(mutex_);
     const size_t asked = index;
     ClassDetector *found = nullptr;
@@ -522,7 +529,7 @@ TrainOutcome Workspace::remove_sample(size_t index) {
     return outcome(ms, rebuilt);
 }
 
-std::string Workspace::model_bytes(const std::string &class_name) {
+std::string Workspace::model_bytes_here(const std::string &class_name) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!trained_locked()) {
         throw ApiError(http_status::conflict, "there is no model yet: mark boxes and press Train first");
@@ -559,8 +566,8 @@ std::string Workspace::model_bytes(const std::string &class_name) {
     return read_file(file.path);
 }
 
-void Workspace::load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
-                           bool replace_all) {
+void Workspace::load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
+                                bool replace_all) {
     if (bytes.size() > settings_.max_model_bytes) {
         throw ApiError(http_status::payload_too_large,
                        strformat("a model file is at most %zu KiB; this one has %zu bytes",
@@ -593,10 +600,40 @@ void Workspace::load_model(const std::string &bytes, const std::string &name, co
     refresh_samples(d);
 }
 
-void Workspace::reset() {
+void Workspace::reset_here() {
     std::lock_guard<std::mutex> lock(mutex_);
     detectors_.clear();
     ++generation_;
+}
+
+// Every operation that touches an engine runs on the engine thread.
+TrainOutcome Workspace::train(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes) {
+    return engine_thread_.run([&] { return train_here(class_name, picture, boxes); });
+}
+
+TrainOutcome Workspace::train_labels(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels) {
+    return engine_thread_.run([&] { return train_labels_here(picture, labels); });
+}
+
+DetectOutcome Workspace::detect(const std::string &picture, uint32_t sensitivity) {
+    return engine_thread_.run([&] { return detect_here(picture, sensitivity); });
+}
+
+TrainOutcome Workspace::remove_sample(size_t index) {
+    return engine_thread_.run([&] { return remove_sample_here(index); });
+}
+
+std::string Workspace::model_bytes(const std::string &class_name) {
+    return engine_thread_.run([&] { return model_bytes_here(class_name); });
+}
+
+void Workspace::load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
+                           bool replace_all) {
+    engine_thread_.run([&] { load_model_here(bytes, name, class_name, replace_all); });
+}
+
+void Workspace::reset() {
+    engine_thread_.run([&] { reset_here(); });
 }
 
 void Workspace::rename_class(const std::string &from, const std::string &to) {

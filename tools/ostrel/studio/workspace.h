@@ -10,9 +10,11 @@
 // one engine here and nothing above this interface changes.
 //
 // The library takes no locks and allows one thread per engine, so every
-// call into an engine happens with the workspace's mutex held; requests
-// from several browser tabs queue up there instead of meeting inside the
-// library. All tabs share this one workspace: it is one person's desk.
+// call into an engine happens with the workspace's mutex held, on the one
+// engine thread (engine_thread.h: the library's per-thread record of the
+// last picture stays one, and serves every class); requests from several
+// browser tabs queue up there instead of meeting inside the library. All
+// tabs share this one workspace: it is one person's desk.
 //
 // What each class was taught is kept as a list of pictures with their
 // marked boxes, in the order they were trained. Training a picture that is
@@ -34,6 +36,7 @@
 
 #include "box_geometry.h"
 #include "engine.h"
+#include "engine_thread.h"
 #include "picture_store.h"
 #include "training_monitor.h"
 
@@ -147,6 +150,16 @@ public:
     size_t max_model_bytes() const { return settings_.max_model_bytes; }
 
 private:
+    // The operations above that call the library, on the engine thread.
+    TrainOutcome train_here(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes);
+    TrainOutcome train_labels_here(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels);
+    DetectOutcome detect_here(const std::string &picture, uint32_t sensitivity);
+    TrainOutcome remove_sample_here(size_t index);
+    std::string model_bytes_here(const std::string &class_name);
+    void load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
+                         bool replace_all);
+    void reset_here();
+
     struct ClassDetector {
         std::string name;
         std::unique_ptr<Engine> engine;
@@ -180,6 +193,7 @@ private:
     WorkspaceSettings settings_;
     TrainingMonitor monitor_;
 
+    EngineThread engine_thread_;  // every call into the library is made there
     std::mutex mutex_;  // held around every use of an engine and the members below
     std::vector<ClassDetector> detectors_;  // in the order the classes were first trained
     uint64_t generation_ = 0;

@@ -66,14 +66,16 @@
 
   // ---------------------------------------------------------------- helpers
   // Every request that changes something carries the session's token, which
-  // the studio gives to its own page only.
-  let sessionToken;
+  // the studio gives to its own page only: without it the request is
+  // refused, so no other web page can make the browser send one.
+  let sessionToken = null;
   async function tokenHeader() {
-    if (sessionToken === undefined) {
+    if (sessionToken === null) {
       const response = await fetch('/api/session');
-      sessionToken = response.ok ? (await response.json()).token : null;
+      if (!response.ok) throw new Error(`the studio answered ${response.status}`);
+      sessionToken = (await response.json()).token;
     }
-    return sessionToken ? { 'X-Ostrel-Token': sessionToken } : {};
+    return { 'X-Ostrel-Token': sessionToken };
   }
 
   async function api(method, path, body, contentType) {
