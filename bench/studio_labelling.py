@@ -41,13 +41,17 @@ def load():
     return os.getloadavg()[0]
 
 
-def zoom_steps(ostrel, data, work):
+def zoom_steps(ostrel, data, work, pixel_ratio):
     folder = os.path.join(work, "frame")
     make_folder(data, folder)
     studio = StudioProcess(ostrel, folder)
     driver = start_browser(os.path.join(work, "profile"), os.path.join(work, "downloads"))
     try:
         driver.set_window_size(1920, 1080)
+        if pixel_ratio != 1:
+            # A screen of pixel_ratio device pixels a CSS pixel, as a high-density laptop's.
+            driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+                "width": 1920, "height": 1080, "deviceScaleFactor": pixel_ratio, "mobile": False})
         wait = WebDriverWait(driver, 30, poll_frequency=0.02)
         driver.get(studio.url)
         wait.until(lambda d: d.execute_script("return document.body.dataset.ready === 'true'"))
@@ -115,11 +119,14 @@ def main():
     work = tempfile.mkdtemp(prefix="ostrel-bench-studio-")
     try:
         load_before = load()
-        times, painted, low, high, ratio = zoom_steps(ostrel, data, work)
-        for what, values in (("drawn", times), ("on the screen (next frame begun)", painted)):
-            print(f"zoom step -> 1920x1080 frame {what} ({len(values)} steps, {low * 100:.0f}% to {high * 100:.0f}%, "
-                  f"device pixel ratio {ratio}): median {statistics.median(values):.1f} ms, 90th percentile "
-                  f"{sorted(values)[int(len(values) * 0.9)]:.1f} ms, max {max(values):.1f} ms (goal < 50 ms)")
+        for pixel_ratio in (1, 2):
+            times, painted, low, high, ratio = zoom_steps(ostrel, data, os.path.join(work, f"ratio{pixel_ratio}"),
+                                                          pixel_ratio)
+            for what, values in (("drawn", times), ("on the screen (next frame begun)", painted)):
+                print(f"zoom step -> 1920x1080 frame {what} ({len(values)} steps, {low * 100:.0f}% to "
+                      f"{high * 100:.0f}%, device pixel ratio {ratio}): median {statistics.median(values):.1f} ms, "
+                      f"90th percentile {sorted(values)[int(len(values) * 0.9)]:.1f} ms, max {max(values):.1f} ms "
+                      f"(goal < 50 ms)")
         wall, server, pictures, added, files = accept_hundred(ostrel, data, work)
         print(f"accept found on {pictures} pictures without labels: {wall:.2f} s over HTTP "
               f"({server:.2f} s in the studio), {added} boxes, {files} VOC files written (goal < 5 s)")

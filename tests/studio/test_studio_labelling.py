@@ -457,6 +457,7 @@ def run(args):
         if driver is not None:
             try:
                 driver.save_screenshot(os.path.join(out_dir, "studio-labelling-failure.png"))
+                print("  page notice:", driver.find_element(By.ID, "notice").text)
                 for entry in driver.get_log("browser"):
                     print("  browser:", entry["level"], entry["message"][:300])
             except Exception:  # noqa: BLE001 - the failure above is what matters

@@ -437,7 +437,10 @@
   function renderDetections() {
     const p = picture(state.current);
     ui.detections.replaceChildren();
-    const reply = p && state.detections.get(p.name);
+    // A reply of another sensitivity (the strip's counts, made while the
+    // slider stood elsewhere) is not drawn: the picture's own one follows.
+    let reply = p && state.detections.get(p.name);
+    if (reply && reply.sensitivity !== Number(ui.sensitivity.value) && !state.sliderBusy) reply = null;
     if (!reply || !state.trained) {
       ui.foundCount.textContent = '';
       ui.canvas.dataset.found = '';
@@ -837,7 +840,8 @@
   function stepText(step) {
     const who = step.class ? `${step.class} on ${step.picture}` : step.picture;
     if (step.pass === 0) {
-      return `First training of ${who}: ${step.samples} samples`;
+      // The accurate profile reports no sample count while it trains.
+      return step.samples > 0 ? `First training of ${who}: ${step.samples} samples` : `Training of ${who}`;
     }
     const wrong = step.false_positives === 1 ? '1 wrong find' : `${step.false_positives} wrong finds`;
     const weak = step.low_confidence === 1 ? '1 weak one' : `${step.low_confidence} weak ones`;
@@ -881,9 +885,10 @@
   }
 
   function trainedText(reply) {
-    const passes = reply.passes === 1 ? '1 pass' : `${reply.passes} passes`;
+    // Auto-training passes are named when the profile makes them.
+    const passes = reply.passes === 0 ? '' : (reply.passes === 1 ? ' (1 pass)' : ` (${reply.passes} passes)`);
     const what = reply.classes && reply.classes.length > 1 ? ` (${reply.classes.map((c) => c.class).join(', ')})` : '';
-    return `Trained in ${(reply.ms / 1000).toFixed(2)} s${what} (${passes}); ${reply.samples} boxes learnt`;
+    return `Trained in ${(reply.ms / 1000).toFixed(2)} s${what}${passes}; ${reply.samples} boxes learnt`;
   }
 
   async function train() {
