@@ -93,9 +93,16 @@ def view(driver):
         "const v = window.studioViewer; return {scale: v.scale, x: v.offsetX, y: v.offsetY, fitted: v.fitted};")
 
 
+def settle(driver):
+    """Waits until the view's last change is drawn (the overlay follows in the frame)."""
+    WebDriverWait(driver, 10, poll_frequency=0.01).until(
+        lambda d: d.execute_script("return !window.studioViewer.frameRequested"))
+
+
 def picture_to_client(driver, x, y):
     """Client coordinates of a picture point, from the overlay's place and its
-    viewBox (the part of the picture it shows)."""
+    viewBox (the part of the picture it shows), once the view is drawn."""
+    settle(driver)
     return driver.execute_script(
         """const o = document.getElementById('overlay');
            const r = o.getBoundingClientRect(); const v = o.viewBox.baseVal;

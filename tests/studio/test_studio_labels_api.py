@@ -253,6 +253,19 @@ def exports(c):
     expect_error(c, 404, "GET", "/api/export/nothing?format=voc")
 
 
+@case("a dropped picture's labels stay with it in the session's folder, never in the pictures' folder")
+def upload_labels(c):
+    before = sorted(os.listdir(FOLDER))
+    jpeg = open(os.path.join(FOLDER, OTHER), "rb").read()
+    added = c.json("POST", "/api/pictures?name=dropped.jpg", jpeg, "application/octet-stream", expect=201)
+    reply = c.json("PUT", "/api/labels/" + quote(added["name"]), {"boxes": boxes_of(CELLS[:2])})
+    assert reply["file"] == "dropped.xml" and len(reply["boxes"]) == 2, reply
+    assert sorted(os.listdir(FOLDER)) == before, "a file appeared in the pictures' folder"
+    assert c.json("GET", "/api/labels/" + quote(added["name"]))["boxes"] == reply["boxes"]
+    status, ctype, data = c.request("GET", "/api/export/labels?format=coco")
+    assert status == 200 and "dropped.jpg" in json.loads(data)["images"][-1]["file_name"], data[-300:]
+
+
 @case("random bodies and paths on the labelling routes never crash the server")
 def random_requests(c):
     rng = random.Random(25)
@@ -270,7 +283,7 @@ def random_requests(c):
         assert 200 <= status < 500, (method, body, status, data[:200])
         if status >= 400:
             assert rtype.startswith("application/json") and json.loads(data)["error"], data[:200]
-    assert c.json("GET", "/api/status")["pictures"] == 8
+    assert c.json("GET", "/api/status")["pictures"] == 9
 
 
 def other_formats(data):
@@ -365,7 +378,7 @@ def main():
     print(f"studio at {studio.url}")
     try:
         for test in (fresh_folder, save_labels, bad_labels, link_out, classes, train_labels, accept, exports,
-                     random_requests):
+                     upload_labels, random_requests):
             test(client)
     finally:
         code, _, err, _ = studio.stop()

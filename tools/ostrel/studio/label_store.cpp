@@ -85,9 +85,10 @@ bool on_picture(Rect &r, int width, int height) {
 }  // namespace
 
 std::string default_class_color(size_t n) {
-    // Red comes last: the page draws marked boxes the detector missed in red.
-    static const char *palette[] = {"#2563eb", "#d97706", "#16a34a", "#9333ea", "#0891b2", "#db2777",
-                                    "#65a30d", "#4f46e5", "#a16207", "#0d9488", "#64748b", "#dc2626"};
+    // Red and amber come last: the page draws marked boxes the detector
+    // missed in red, and boxes below the threshold in grey.
+    static const char *palette[] = {"#2563eb", "#16a34a", "#9333ea", "#0891b2", "#db2777", "#65a30d",
+                                    "#4f46e5", "#a16207", "#0d9488", "#d97706", "#475569", "#dc2626"};
     return palette[n % (sizeof(palette) / sizeof(palette[0]))];
 }
 

@@ -508,8 +508,12 @@
         }
       }
     }
-    // The surest finds are named first: where captions would meet, theirs stay.
+    // The surest find of each class is named first, then the surest of the
+    // rest: where captions would meet, theirs stay, and no class goes unnamed.
     items.sort((a, b) => b.score - a.score);
+    const seen = new Set();
+    const firsts = items.filter((item) => !seen.has(item.parent.dataset.class) && seen.add(item.parent.dataset.class));
+    items.splice(0, items.length, ...firsts, ...items.filter((item) => !firsts.includes(item)));
     if (showNames && several) {
       for (const l of labelsOf(p.name)) items.push({ box: l, text: l.class, kind: 'mark', color: colorOf(l.class), parent: ui.captions });
     }
