@@ -10,6 +10,9 @@
 #   TARGET label_readers: the annotation readers (COCO, YOLO, CVAT, Label
 #          Studio, imglab, VOC, format detection), from the label files of
 #          tests/tools/label_files;
+#   TARGET picture_header: the tool's picture-header reader (format, size,
+#          EXIF orientation) and JPEG end check, from the shipped pictures'
+#          first bytes and a few EXIF structures;
 #   TARGET studio_requests: the studio's request handling (connection,
 #          routes, query strings, headers, bodies) on a workspace of two
 #          tiny pictures, from a few whole requests.
@@ -34,9 +37,10 @@ case "$target" in
   image_records) build_targets=(fuzz_image_records); options=(-len_control=0 -max_len=512) ;;
   box_readers) build_targets=(fuzz_box_readers); options=(-max_len=4096) ;;
   label_readers) build_targets=(fuzz_label_readers); options=(-max_len=4096) ;;
+  picture_header) build_targets=(fuzz_picture_header); options=(-max_len=4096) ;;
   studio_requests) build_targets=(fuzz_studio_requests); options=(-max_len=2048) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers, label_readers or" \
-          "studio_requests)" >&2; exit 2 ;;
+  *) echo "fuzz: unknown target '$target' (model_file, image_records, box_readers, label_readers," \
+           "picture_header or studio_requests)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \
@@ -82,6 +86,19 @@ if [ "$target" = label_readers ]; then
   printf '\010[{"image_id":1,"category_id":0,"bbox":[1,2,3,4],"score":0.5}]' > "$work/results"
   seed 9 $files/cvat/annotations.xml detect-xml
   seed 9 $files/coco/roboflow.json detect-json
+fi
+
+if [ "$target" = picture_header ]; then
+  # The first byte chooses the form: 0 a file's first bytes, 1 the TIFF of a
+  # JPEG's APP1 segment, 2 the TIFF of a PNG's eXIf chunk.
+  for f in data/bccd/images/BloodImage_0000[0-2].jpg data/samples/*.*; do
+    if [ -f "$f" ]; then { printf '\000'; head -c 3000 "$f"; } > "$work/file-$(basename "$f")"; fi
+  done
+  tiff_mm='MM\000\052\000\000\000\010\000\001\001\022\000\003\000\000\000\001\000\006\000\000\000\000\000\000'
+  tiff_ii='II\052\000\010\000\000\000\001\000\022\001\003\000\001\000\000\000\010\000\000\000\000\000\000\000'
+  printf "\\001$tiff_mm" > "$work/app1-mm"
+  printf "\\001$tiff_ii" > "$work/app1-ii"
+  printf "\\002$tiff_mm" > "$work/exif-chunk-mm"
 fi
 
 if [ "$target" = studio_requests ]; then

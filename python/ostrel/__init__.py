@@ -11,6 +11,7 @@ output; a failing call raises :class:`Error` with those messages in ``.log``.
 """
 from __future__ import annotations
 
+from ._limits import DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS
 from .batch import detect_files
 from .detector import Detector, check_model
 from .errors import Error, ModelError, NotTrainedError, PictureError
@@ -22,6 +23,7 @@ from .results import COLOR_NAMES, Box, Sample, color_name
 __all__ = [
     "Box",
     "COLOR_NAMES",
+    "DEFAULT_MAX_PICTURE_PIXELS",
     "Detector",
     "Error",
     "Evaluation",
@@ -30,6 +32,7 @@ __all__ = [
     "LabelError",
     "LabelSet",
     "LabelledPicture",
+    "MAX_PICTURE_PIXELS",
     "ModelError",
     "NotTrainedError",
     "PictureError",
