@@ -374,6 +374,16 @@ def run(args):
         status = json.loads(fetch(studio.url + "api/status")[0])
         trained = sorted(c["name"] for c in status["classes"] if c["trained"])
         check(trained == ["RBC", "WBC"], f"the status names the trained classes {trained}")
+        # After a reload the badge and the training panel still agree.
+        driver.refresh()
+        wait.until(lambda d: d.execute_script("return document.body.dataset.ready === 'true'"))
+        badge = driver.find_element(By.ID, "model-state").text
+        panel = driver.find_element(By.ID, "training-steps").text
+        check(badge.startswith("Trained: RBC, WBC") and "classic profile" in badge and "Not trained" not in panel
+              and "Trained earlier" in panel, f"after a reload the badge ('{badge}') and the panel ('{panel}') agree")
+        slider = driver.find_element(By.ID, "sensitivity")
+        slider.send_keys(Keys.END)
+        wait.until(lambda d: d.find_element(By.ID, "sensitivity-value").text == "100")
         driver.execute_script("document.activeElement.blur()")  # arrows go to the page, not to the slider
         # Many boxes at sensitivity 100, for the README.
         open_by_key(driver, wait, "BloodImage_00002.jpg", Keys.ARROW_RIGHT + Keys.ARROW_RIGHT)

@@ -1011,7 +1011,7 @@
     // The training panel agrees with the badge after a reload too.
     if (!state.training && ui.steps.querySelector('li.muted')) {
       if (st.trained) {
-        const pictures = st.taught.map((t) => t.picture);
+        const pictures = [...new Set(st.taught.map((t) => t.picture))];
         const from = st.model && st.model !== 'trained in the studio' ? `the model ${st.model}`
           : (pictures.length ? pictures.join(', ') : 'the studio');
         renderSteps([], `Trained earlier from ${from}: ${st.samples} samples`, false);
