@@ -21,6 +21,9 @@ from typing import Any, Iterable, Mapping, Optional, Sequence, Union
 
 from .labels import LabelBox, LabelError, LabelledPicture, LabelSet, read_labels
 from .labels._index import PictureIndex
+from . import _limits
+from ._picture_file import read_picture
+from .errors import PictureError
 
 MOST_SENSITIVE = 100
 
@@ -492,9 +495,10 @@ def _detect_all(detector: Any, pictures: list[LabelledPicture], class_name: str)
             most = Detector.load(model, sensitivity=MOST_SENSITIVE, profile=detector.profile)
         try:
             for p in pictures:
-                pixels = cv2.imread(p.picture, cv2.IMREAD_COLOR)
-                if pixels is None:
-                    raise LabelError(f"cannot read picture '{p.picture}'")
+                try:
+                    pixels = read_picture(os.fsencode(p.picture), _limits.DEFAULT_MAX_PICTURE_PIXELS, cv2)
+                except PictureError as error:
+                    raise LabelError(str(error)) from None
                 found = detector.detect(pixels)
                 detections = [_box_of(b, class_name)[0] for b in found if b.label == 1]
                 ranked = found if most is None else most.detect(pixels)

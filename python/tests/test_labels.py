@@ -135,3 +135,21 @@ def test_write_detections_writes_what_detect_format_writes(ostrel_tool, model_fi
     else:
         assert [p.as_dict()["boxes"] for p in ostrel.read_labels(py_out, fmt)] == \
             [p.as_dict()["boxes"] for p in ostrel.read_labels(tool_out, fmt)]
+
+
+def test_a_phone_photo_has_its_upright_size_in_labels_as_in_the_tool(tmp_path, ostrel_tool):
+    """YOLO boxes are fractions of the picture's size: a phone photo stored on
+    its side (EXIF orientation 6) must be sized upright, as it is decoded, by
+    the package and by the tool alike."""
+    from test_input_files import exif_jpeg
+    cv2 = pytest.importorskip("cv2")
+    upright = cv2.imread(str(BCCD / "images" / "BloodImage_00001.jpg"), cv2.IMREAD_COLOR)
+    (tmp_path / "phone.jpg").write_bytes(exif_jpeg(upright))
+    (tmp_path / "phone.txt").write_text("0 0.5 0.5 0.25 0.5\n")
+    (tmp_path / "classes.txt").write_text("cell\n")
+    [picture] = ostrel.read_labels(tmp_path, format="yolo").pictures
+    assert (picture.width, picture.height) == (640, 480)
+    [box] = picture.boxes
+    assert (box.x, box.y, box.w, box.h) == (240, 120, 160, 240)
+    [record] = tool_records(ostrel_tool, tmp_path, "--format", "yolo")
+    assert (record["width"], record["height"]) == (640, 480)
