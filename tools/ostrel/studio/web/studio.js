@@ -523,15 +523,35 @@
     for (const item of items) {
       if (hit(item.box) && (!hoverItem || item.box.w * item.box.h < hoverItem.box.w * hoverItem.box.h)) hoverItem = item;
     }
+    const sameBox = (a, q) => a.x === q.x && a.y === q.y && a.w === q.w && a.h === q.h;
+    const meets = (a, q) => q.x < a.x + a.w && a.x < q.x + q.w && q.y < a.y + a.h && a.y < q.y + q.h;
+    // The middle of every other box (its outer fifth on each side left
+    // out): a caption may touch a neighbour's edge, never cover its object.
+    const cores = [...labelsOf(p.name), ...items.map((item) => item.box)].map((b) => {
+      return { x: b.x + b.w * 0.2, y: b.y + b.h * 0.2, w: b.w * 0.6, h: b.h * 0.6, owner: b };
+    });
     for (const item of items) {
       const b = item.box;
       const width = item.text.length * font * 0.6 + font * 0.6;
       const height = font * 1.3;
-      const top = b.y - height >= 0 ? b.y - height : b.y;
+      const fits = (r) => r.x >= 0 && r.y >= 0 && r.x + r.w <= p.width && r.y + r.h <= p.height;
+      // Outside the box, touching its top: above it, else beside its top
+      // edge on the right or the left; the first that covers no other
+      // caption and no other object (below a box it would read as the
+      // caption of the box underneath). Where none does, above (or inside
+      // the top edge at the picture's border) if no caption is there.
       const left = Math.max(0, Math.min(b.x, p.width - width));
-      const rect = { x: left, y: top, w: width, h: height };
+      const candidates = [
+        { x: left, y: b.y - height, w: width, h: height },
+        { x: b.x + b.w, y: b.y, w: width, h: height },
+        { x: b.x - width, y: b.y, w: width, h: height },
+      ].filter(fits);
+      const free = (r) => !placed.some((q) => meets(r, q));
+      const clear = (r) => free(r) && !cores.some((c) => c.owner !== b && !sameBox(c.owner, b) && meets(r, c));
+      const fallback = { x: left, y: b.y - height >= 0 ? b.y - height : b.y, w: width, h: height };
+      const rect = candidates.find(clear) || fallback;
       const small = b.w * s < CAPTION_MIN_BOX_PX.w || b.h * s < CAPTION_MIN_BOX_PX.h;
-      const overlaps = placed.some((q) => q.x < rect.x + rect.w && rect.x < q.x + q.w && q.y < rect.y + rect.h && rect.y < q.y + q.h);
+      const overlaps = !free(rect);
       if (item !== hoverItem && (small || overlaps)) continue;
       if (item !== hoverItem) placed.push(rect);
       drawCaption(item.parent, rect, font, item, item === hoverItem && (small || overlaps));
@@ -889,9 +909,12 @@
   }
 
   function trainedText(reply) {
-    // Auto-training passes are named when the profile makes them.
-    const passes = reply.passes === 0 ? '' : (reply.passes === 1 ? ' (1 pass)' : ` (${reply.passes} passes)`);
-    const what = reply.classes && reply.classes.length > 1 ? ` (${reply.classes.map((c) => c.class).join(', ')})` : '';
+    // Auto-training passes are named when the profile makes them, and for
+    // one class: the reply counts the last class's passes, and the steps
+    // above list every class's.
+    const several = reply.classes && reply.classes.length > 1;
+    const passes = reply.passes === 0 || several ? '' : (reply.passes === 1 ? ' (1 pass)' : ` (${reply.passes} passes)`);
+    const what = several ? ` (${reply.classes.map((c) => c.class).join(', ')})` : '';
     return `Trained in ${(reply.ms / 1000).toFixed(2)} s${what}${passes}; ${reply.samples} boxes learnt`;
   }
 
