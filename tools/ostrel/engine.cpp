@@ -105,6 +105,12 @@ bool Engine::set_profile(int32_t profile) {
     return call([&] { return ostrel_alg_setOption(handle_, OSTREL_ALG_OPTION_PROFILE, profile); }) == 0;
 }
 
+int32_t Engine::profile() {
+    int32_t value = OSTREL_ALG_PROFILE_CLASSIC;
+    call([&] { return ostrel_alg_getOption(handle_, OSTREL_ALG_OPTION_PROFILE, &value); });
+    return value;
+}
+
 bool Engine::set_random_seed(uint32_t seed) {
     return call([&] { return ostrel_alg_setRandomSeed(handle_, seed); }) == 0;
 }

@@ -55,6 +55,8 @@ public:
     bool set_random_seed(uint32_t seed);
     // OSTREL_ALG_PROFILE_CLASSIC or OSTREL_ALG_PROFILE_ACCURATE.
     bool set_profile(int32_t profile);
+    // The engine's profile now (an import takes the model file's).
+    int32_t profile();
     // Trains on one picture and its marked boxes (label 1 each).
     bool train(const Picture &picture, const std::vector<ostrel_alg_box> &boxes);
     bool trained();

@@ -218,6 +218,24 @@ std::string parse_picture_request(const std::string &body) {
     return text_member(parse_object(body, shape), "picture", shape);
 }
 
+ProfileRequest parse_profile_request(const std::string &body) {
+    const char *shape = "expected {\"profile\": \"accurate\" or \"classic\", \"model\": \"retrain\" or \"forget\"}";
+    const nlohmann::json doc = parse_object(body, shape);
+    ProfileRequest r;
+    r.profile = text_member(doc, "profile", shape);
+    if (r.profile != "accurate" && r.profile != "classic") {
+        throw ApiError(http_status::bad_request, "unknown profile '" + r.profile + "'; " + shape);
+    }
+    if (doc.contains("model")) {
+        r.model = text_member(doc, "model", shape);
+        if (r.model != "retrain" && r.model != "forget") {
+            throw ApiError(http_status::bad_request, "\"model\" is \"retrain\" or \"forget\", not '" + r.model + "'; " +
+                                                         shape);
+        }
+    }
+    return r;
+}
+
 AcceptRequest parse_accept_request(const std::string &body) {
     const char *shape = "expected {\"picture\": NAME, \"sensitivity\": N} or {\"unlabelled\": true, \"sensitivity\": N}";
     const nlohmann::json doc = parse_object(body, shape);

@@ -30,6 +30,11 @@ struct ClassRequest {
     std::optional<std::string> color;
 };
 
+struct ProfileRequest {
+    std::string profile;  // "classic" or "accurate"
+    std::string model;    // what to do with a trained detector: "", "retrain" or "forget"
+};
+
 struct AcceptRequest {
     std::string picture;     // one picture, or
     bool unlabelled = false; // every picture without labels
@@ -69,6 +74,10 @@ std::string parse_picture_request(const std::string &body);
 
 // {"picture": NAME, "sensitivity": N} or {"unlabelled": true, "sensitivity": N}.
 AcceptRequest parse_accept_request(const std::string &body);
+
+// {"profile": "accurate" | "classic", "model": "retrain" | "forget"} ("model"
+// optional: needed only when the detector is trained).
+ProfileRequest parse_profile_request(const std::string &body);
 
 // A whole number 0..100 ("80"); absent (empty) gives fallback.
 uint32_t parse_sensitivity(const std::string &text, bool present, uint32_t fallback);

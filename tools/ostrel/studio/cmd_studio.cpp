@@ -47,7 +47,10 @@ struct StudioOptions {
     bool port_given = false;
     std::string host = "127.0.0.1";
     std::string model;
-    std::string profile = "classic";
+    // The studio is a front end for people: it trains with the profile
+    // that finds objects best unless told otherwise (the C interface's own
+    // default stays classic).
+    std::string profile = "accurate";
     std::string labels;  // the format labels are written in; "" chooses
 };
 
@@ -221,7 +224,8 @@ void add_studio_command(CLI::App &app, CommandAction &action) {
         ->type_name("ADDR");
     sub->add_option("--model", o->model, "a model file to start with (checked, CRC included, before use)")
         ->type_name("M");
-    sub->add_option("--profile", o->profile, "the detector's profile: classic (default) or accurate")
+    sub->add_option("--profile", o->profile, "the profile training starts with: accurate (default) or classic; the page can switch it, and a "
+                    "model file opened brings its own")
         ->check(CLI::IsMember({"classic", "accurate"}))
         ->type_name("NAME");
     sub->add_option("--labels", o->labels,

@@ -398,21 +398,42 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
             require_file_body(request, FileKind::model);
             bool named = false;
             std::string class_name = query_value(request, "class", &named);
+            bool known = true;
             if (named) {
                 LabelStore::check_class_name(class_name);
-                bool known = false;
+                known = false;
                 for (const StudioClass &c : labels_.classes()) known = known || c.name == class_name;
-                if (!known) labels_.add_class(class_name, "");
             } else {
                 class_name = default_class();
             }
             // Without a class the model replaces the whole detector, as it
-            // did when the studio had one class.
+            // did when the studio had one class. A new class joins the list
+            // once its model is taken: a refused file changes nothing.
             workspace_.load_model(request.body, query_value(request, "name"), class_name, !named);
+            if (!known) labels_.add_class(class_name, "");
             nlohmann::ordered_json j = workspace_.status();
             return json_response(j);
         }
         return method_not_allowed(request, "GET, POST");
+    }
+
+    if (what == "profile" && n == 3) {
+        if (m == "GET") {
+            return json_response({{"profile", workspace_.profile()}, {"profiles", {"accurate", "classic"}}});
+        }
+        if (m != "POST") return method_not_allowed(request, "GET, POST");
+        require_json(request);
+        const ProfileRequest r = parse_profile_request(request.body);
+        const ProfileChange change = workspace_.set_profile(r.profile, r.model);
+        nlohmann::ordered_json j;
+        j["profile"] = change.to;
+        j["from"] = change.from;
+        j["model"] = change.model;
+        if (change.model == "retrained") {
+            j["retrained"] = train_json("", change.retrained);
+        }
+        j["status"] = workspace_.status();
+        return json_response(j);
     }
 
     if (what == "reset" && n == 3) {

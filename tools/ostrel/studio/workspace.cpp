@@ -8,6 +8,8 @@
 #include "api_error.h"
 #include "atomic_file.h"
 #include "command_support.h"
+#include "model_info.h"
+#include "model_usability.h"
 #include "tool_error.h"
 #include "tool_output.h"
 #include "training_set.h"
@@ -51,6 +53,16 @@ struct ScratchFile {
 
 }  // namespace
 
+int32_t profile_number(const std::string &name) {
+    if (name == "classic") return OSTREL_ALG_PROFILE_CLASSIC;
+    if (name == "accurate") return OSTREL_ALG_PROFILE_ACCURATE;
+    return -1;
+}
+
+const char *profile_name(int32_t profile) {
+    return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic";
+}
+
 Workspace::Workspace(PictureStore &store, WorkspaceSettings settings)
     : store_(store), settings_(std::move(settings)) {
     engine_thread_.run([this] {
@@ -89,9 +101,12 @@ Workspace::~Workspace() {
 }
 
 std::unique_ptr<Engine> Workspace::fresh_engine() {
+    return engine_of(profile_number(settings_.profile));
+}
+
+std::unique_ptr<Engine> Workspace::engine_of(int32_t profile) {
     auto engine = std::make_unique<Engine>();
     engine->set_line_handler([this](const std::string &line) { monitor_.on_library_line(line); });
-    const int32_t profile = settings_.profile == "accurate" ? OSTREL_ALG_PROFILE_ACCURATE : OSTREL_ALG_PROFILE_CLASSIC;
     if (!engine->set_profile(profile) || !engine->set_random_seed(settings_.seed) ||
         !engine->set_sensitivity(settings_.train_sensitivity)) {
         throw ApiError(http_status::internal_error, "the library refused the settings: " + engine->last_line());
@@ -111,6 +126,7 @@ Workspace::ClassDetector &Workspace::detector(const std::string &class_name) {
     ClassDetector d;
     d.name = class_name;
     d.engine = fresh_engine();
+    d.profile = profile_number(settings_.profile);
     detectors_.push_back(std::move(d));
     return detectors_.back();
 }
@@ -193,6 +209,7 @@ bool Workspace::train_list(ClassDetector &d, Engine &engine, const std::vector<T
 
 void Workspace::refresh_samples(ClassDetector &d) {
     ++generation_;
+    d.profile = d.engine->profile();
     if (!d.engine->samples(d.thumbnails)) {
         d.thumbnails.clear();
     }
@@ -308,7 +325,9 @@ TrainOutcome Workspace::train_here(const std::string &class_name, const std::str
     const double ms = ms_since(start);
     monitor_.end(failure.empty());
     if (!failure.empty()) {
-        throw ApiError(http_status::internal_error, failure);
+        // The library refused what it was given to learn (the engine is
+        // back to what it held): a request it cannot serve, not a failure.
+        throw ApiError(http_status::unprocessable, failure);
     }
     TrainOutcome o = outcome(ms, rebuilt);
     o.classes.push_back({class_name, boxes, static_cast<int>(d.thumbnails.size()), 0});
@@ -381,7 +400,7 @@ TrainOutcome Workspace::train_labels_here(const std::string &name, const std::ma
     const double ms = ms_since(start);
     monitor_.end(failure.empty());
     if (!failure.empty()) {
-        throw ApiError(http_status::internal_error, failure);
+        throw ApiError(http_status::unprocessable, failure);
     }
     TrainOutcome o = outcome(ms, rebuilt);
     o.classes = plan;
@@ -408,9 +427,12 @@ DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivi
         const bool ok = d.engine->detect(*picture, boxes);
         out.ms += ms_since(start);
         if (!ok) {
+            // Between a model and a picture (a size it cannot search there,
+            // say): the library's reason goes to the person, as a refusal.
             const std::string reason = d.engine->last_line();
-            throw ApiError(http_status::internal_error,
-                           "detection failed on '" + name + "'" + (reason.empty() ? "" : ": " + reason));
+            throw ApiError(http_status::unprocessable,
+                           "the " + d.name + " detector cannot detect on '" + name + "'" +
+                               (reason.empty() ? "" : ": " + reason));
         }
         out.boxes.insert(out.boxes.end(), boxes.begin(), boxes.end());
         out.box_classes.insert(out.box_classes.end(), boxes.size(), d.name);
@@ -580,13 +602,34 @@ void Workspace::load_model_here(const std::string &bytes, const std::string &nam
     } catch (const ToolError &e) {
         throw ApiError(http_status::internal_error, std::string("cannot keep the model file: ") + e.what());
     }
-    auto engine = fresh_engine();
-    if (!engine->check_model(file.path)) {
+    auto checker = fresh_engine();
+    if (!checker->check_model(file.path)) {
         throw ApiError(http_status::unprocessable,
-                       "this model file is not valid: " + model_problem(file.path, engine->last_line()));
+                       "this model file is not valid: " + model_problem(file.path, checker->last_line()));
     }
-    if (!engine->import_model(file.path)) {
-        throw ApiError(http_status::unprocessable, "the library could not load the model: " + engine->last_line());
+    std::string reason;
+    std::unique_ptr<Engine> engine = import_usable(file.path, reason);
+    if (!engine) {
+        throw ApiError(http_status::unprocessable, "this model cannot be used: " + reason);
+    }
+    // The file decides the profile; one studio detects under one profile.
+    const std::string file_profile = profile_name(engine->profile());
+    if (file_profile != settings_.profile) {
+        const std::string others = replace_all ? "" : other_trained_locked(class_name);
+        if (!others.empty()) {
+            throw ApiError(http_status::conflict,
+                           "this is a model of the " + file_profile + " profile, and " + others +
+                               (others.find(',') == std::string::npos ? " is" : " are") + " trained under the " +
+                               settings_.profile + " profile: switch the profile first (retraining or forgetting " +
+                               "them), or start over");
+        }
+        settings_.profile = file_profile;
+        // Detectors not trained yet hold engines of the old profile.
+        std::vector<ClassDetector> kept;
+        for (ClassDetector &c : detectors_) {
+            if (c.trained) kept.push_back(std::move(c));
+        }
+        detectors_ = std::move(kept);
     }
     if (replace_all) {
         detectors_.clear();
@@ -600,10 +643,122 @@ void Workspace::load_model_here(const std::string &bytes, const std::string &nam
     refresh_samples(d);
 }
 
+std::unique_ptr<Engine> Workspace::import_usable(const std::string &path, std::string &reason) {
+    const ModelInfo info = read_model_info(path);
+    // First an engine of the studio's profile: a library whose model files
+    // say their profile turns it into the file's. The profile is then read
+    // back from the engine, never assumed.
+    const int32_t first = profile_number(settings_.profile);
+    for (const int32_t profile : {first, 1 - first}) {
+        auto engine = engine_of(profile);
+        if (!engine->import_model(path)) {
+            if (reason.empty()) reason = engine->last_line();
+            continue;
+        }
+        // A library whose files do not say their profile imports under the
+        // engine's: the tool's reading of the file tells whether that
+        // profile can use it, and else the other profile's engine is asked.
+        const std::string problem = usability_problem(path, info, engine->profile());
+        if (problem.empty()) {
+            return engine;
+        }
+        if (profile == first) reason = problem;
+    }
+    if (reason.empty()) reason = "the library could not load it";
+    return nullptr;
+}
+
+std::string Workspace::other_trained_locked(const std::string &name) const {
+    std::string list;
+    for (const ClassDetector &c : detectors_) {
+        if (c.trained && c.name != name) list += (list.empty() ? "" : ", ") + c.name;
+    }
+    return list;
+}
+
 void Workspace::reset_here() {
     std::lock_guard<std::mutex> lock(mutex_);
     detectors_.clear();
     ++generation_;
+}
+
+ProfileChange Workspace::set_profile_here(const std::string &profile, const std::string &model) {
+    const int32_t number = profile_number(profile);
+    if (number < 0) {
+        throw ApiError(http_status::bad_request, "unknown profile '" + profile + "': accurate or classic");
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    ProfileChange change;
+    change.from = settings_.profile;
+    change.to = profile;
+    if (profile == settings_.profile) {
+        change.model = "unchanged";
+        return change;
+    }
+    if (!trained_locked()) {
+        settings_.profile = profile;
+        detectors_.clear();  // untrained engines of the old profile
+        ++generation_;
+        change.model = "none";
+        return change;
+    }
+    const std::string classes = other_trained_locked("");
+    if (model.empty()) {
+        throw ApiError(http_status::conflict,
+                       "the detector is trained (" + classes + ") under the " + settings_.profile +
+                           " profile: to switch to the " + profile + " profile, say \"model\": \"retrain\" to " +
+                           "learn every class's taught pictures again under it, or \"forget\" to drop what it " +
+                           "learnt (the labels stay)");
+    }
+    if (model == "forget") {
+        settings_.profile = profile;
+        detectors_.clear();
+        ++generation_;
+        change.model = "forgotten";
+        return change;
+    }
+    for (const ClassDetector &d : detectors_) {
+        if (d.trained && d.taught.empty()) {
+            throw ApiError(http_status::conflict,
+                           "the " + d.name + " detector comes from the model file " + d.model_name +
+                               ", which holds no pictures to learn again: save it, then switch and forget it " +
+                               "(or keep the " + settings_.profile + " profile)");
+        }
+    }
+    // Every class learns again on new engines; they replace the old ones
+    // only when all have learnt.
+    const std::string before = settings_.profile;
+    settings_.profile = profile;
+    monitor_.begin("the " + profile + " profile");
+    const auto start = Clock::now();
+    std::vector<std::unique_ptr<Engine>> engines(detectors_.size());
+    std::string failure;
+    bool skipped = false;
+    for (size_t i = 0; i < detectors_.size() && failure.empty(); ++i) {
+        if (!detectors_[i].trained) continue;
+        engines[i] = fresh_engine();
+        if (!train_list(detectors_[i], *engines[i], detectors_[i].taught, failure)) break;
+        skipped = skipped || monitor_.skipped_boxes() > 0;
+    }
+    const double ms = ms_since(start);
+    monitor_.end(failure.empty());
+    if (!failure.empty()) {
+        settings_.profile = before;
+        throw ApiError(http_status::unprocessable, "under the " + profile + " profile " + failure +
+                                                       "; nothing changed: the " + before + " profile stays");
+    }
+    std::vector<ClassDetector> kept;
+    for (size_t i = 0; i < detectors_.size(); ++i) {
+        if (!engines[i]) continue;  // untrained: made afresh when it is trained
+        detectors_[i].engine = std::move(engines[i]);
+        detectors_[i].boxes_skipped = skipped;
+        refresh_samples(detectors_[i]);
+        kept.push_back(std::move(detectors_[i]));
+    }
+    detectors_ = std::move(kept);
+    change.model = "retrained";
+    change.retrained = outcome(ms, true);
+    return change;
 }
 
 // Every operation that touches an engine runs on the engine thread.
@@ -634,6 +789,15 @@ void Workspace::load_model(const std::string &bytes, const std::string &name, co
 
 void Workspace::reset() {
     engine_thread_.run([&] { reset_here(); });
+}
+
+ProfileChange Workspace::set_profile(const std::string &profile, const std::string &model) {
+    return engine_thread_.run([&] { return set_profile_here(profile, model); });
+}
+
+std::string Workspace::profile() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return settings_.profile;
 }
 
 void Workspace::rename_class(const std::string &from, const std::string &to) {
@@ -699,7 +863,7 @@ nlohmann::ordered_json Workspace::status() {
     nlohmann::ordered_json classes = nlohmann::ordered_json::array();
     for (const ClassDetector &d : detectors_) {
         classes.push_back({{"name", d.name}, {"trained", d.trained}, {"samples", d.thumbnails.size()},
-                           {"pictures", d.taught.size()}, {"model", d.model_name}});
+                           {"pictures", d.taught.size()}, {"model", d.model_name}, {"profile", profile_name(d.profile)}});
     }
     j["detectors"] = classes;
     return j;

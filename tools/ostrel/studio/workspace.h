@@ -43,9 +43,16 @@
 namespace ostrel_tool {
 namespace studio {
 
+// The library's two profiles by the names the page, the JSON interface and
+// `--profile` give them; profile_number gives -1 for any other name.
+int32_t profile_number(const std::string &name);
+const char *profile_name(int32_t profile);
+
 struct WorkspaceSettings {
     uint32_t seed = 1;                // random background samples, as `ostrel train`
     uint32_t train_sensitivity = 80;  // the sensitivity auto-training runs at
+    // The profile training starts with (`ostrel studio` chooses it). A
+    // person may switch it (set_profile) and a model file opened brings its own.
     std::string profile = "classic";
     std::string scratch_folder;       // for model files on their way in or out
     size_t max_boxes = 256;           // marked boxes per picture and class
@@ -73,6 +80,17 @@ struct TrainOutcome {
         int resized = 0;  // boxes given the class's window size
     };
     std::vector<ClassResult> classes;
+};
+
+// What a change of profile did to the detector.
+struct ProfileChange {
+    std::string from;
+    std::string to;
+    // "unchanged" (the profile it had), "none" (nothing was trained),
+    // "retrained" (every class learnt its taught pictures again under the
+    // new profile) or "forgotten" (what it learnt was dropped).
+    std::string model;
+    TrainOutcome retrained;  // for "retrained"
 };
 
 struct DetectOutcome {
@@ -113,7 +131,8 @@ public:
     TrainOutcome train_labels(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels);
 
     // Detects every trained class on a picture at a sensitivity (0..100).
-    // Throws 404 for an unknown picture, 409 before anything is trained.
+    // Throws 404 for an unknown picture, 409 before anything is trained,
+    // 422 with the library's reason when a model cannot detect there.
     DetectOutcome detect(const std::string &picture, uint32_t sensitivity);
 
     // The sample thumbnails of every class (class after class); generation
@@ -130,10 +149,25 @@ public:
     std::string model_bytes(const std::string &class_name);
     // Validates a model file and loads it as a class's detector (what that
     // class was taught is dropped). replace_all drops every other class too.
-    // Throws 413 for a file over the limit, 422 with the reason when it
-    // fails validation.
+    // The file decides the profile: the studio takes the engine's profile
+    // after the import, as the library reports it, and trains under it
+    // from then on. Throws 413 for a file over the limit, 422 with the
+    // reason when it fails validation or no profile can use it, 409 when
+    // it is of another profile than classes it would sit beside (one
+    // studio detects under one profile).
     void load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
                     bool replace_all);
+    // Switches the profile training uses. Before anything is trained it
+    // just switches. Once trained, model says what becomes of the taught
+    // detector: "retrain" learns every class's taught pictures again under
+    // the new profile (all or nothing: 422 with the reason, and nothing
+    // changes, when one cannot be learnt; 409 for a class opened from a
+    // model file, which has no pictures to learn again), "forget" drops it;
+    // without either the answer is 409 saying so, and nothing changes.
+    // 400 for an unknown profile.
+    ProfileChange set_profile(const std::string &profile, const std::string &model);
+    // The profile training uses now.
+    std::string profile();
     // Forgets everything: no class is trained.
     void reset();
     // A class's detector takes its new name.
@@ -144,7 +178,8 @@ public:
     bool trained();
     // {"trained", "model", "samples", "generation", "taught": [{"picture",
     //  "boxes", "class"}], "box_size", "profile", "seed", "train_sensitivity",
-    //  "classes": [{"name", "trained", "samples", "model"}]}
+    //  "detectors": [{"name", "trained", "samples", "pictures", "model",
+    //  "profile"}]}; every trained detector runs under "profile".
     nlohmann::ordered_json status();
     TrainingMonitor &monitor() { return monitor_; }
     size_t max_model_bytes() const { return settings_.max_model_bytes; }
@@ -159,12 +194,21 @@ private:
     void load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
                          bool replace_all);
     void reset_here();
+    ProfileChange set_profile_here(const std::string &profile, const std::string &model);
+    // An engine of a profile, with the studio's seed and sensitivity.
+    std::unique_ptr<Engine> engine_of(int32_t profile);
+    // Imports a checked model file; the engine whose profile can use it, or
+    // null with the reason.
+    std::unique_ptr<Engine> import_usable(const std::string &path, std::string &reason);
+    // The trained classes other than name, as "A, B".
+    std::string other_trained_locked(const std::string &name) const;
 
     struct ClassDetector {
         std::string name;
         std::unique_ptr<Engine> engine;
         bool trained = false;
         std::string model_name;  // "" (trained here) or the name of a loaded model file
+        int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the engine's, as the library reports it
         std::vector<TaughtPicture> taught;
         std::vector<SampleThumbnail> thumbnails;
         bool boxes_skipped = false;  // the library left a marked box out: sample i is no longer box i
@@ -190,7 +234,7 @@ private:
     std::string scratch_path(const char *what);
 
     PictureStore &store_;
-    WorkspaceSettings settings_;
+    WorkspaceSettings settings_;  // settings_.profile: guarded by mutex_, as the detectors
     TrainingMonitor monitor_;
 
     EngineThread engine_thread_;  // every call into the library is made there

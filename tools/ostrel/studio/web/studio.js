@@ -31,7 +31,10 @@
     zoomOut: $('zoom-out'), zoomFit: $('zoom-fit'), zoomValue: $('zoom-value'), showScores: $('show-scores'),
     showNames: $('show-names'), exportFormat: $('export-format'), exportLabels: $('export-labels'),
     exportDetections: $('export-detections'), labelsWhere: $('labels-where'), help: $('help'),
-    helpButton: $('help-button'), shortcutTable: $('shortcut-table'),
+    helpButton: $('help-button'), shortcutTable: $('shortcut-table'), profileChoice: $('profile-choice'),
+    profileDialog: $('profile-dialog'), profileDialogTitle: $('profile-dialog-title'),
+    profileDialogText: $('profile-dialog-text'), profileDialogNote: $('profile-dialog-note'),
+    profileRetrain: $('profile-retrain'), profileForget: $('profile-forget'), profileCancel: $('profile-cancel'),
   };
 
   // Everything the page knows. A label is {class, x, y, w, h} in picture pixels.
@@ -580,6 +583,7 @@
     ui.undo.disabled = !h || h.undo.length === 0;
     ui.redo.disabled = !h || h.redo.length === 0;
     ui.pictureName.textContent = p ? `${p.name} · ${p.width} × ${p.height}` : '';
+    renderProfile();
     updateHint(p, boxes);
   }
 
@@ -1020,7 +1024,8 @@
       renderClasses();
     }
     const trainedClasses = (st.classes || []).filter((c) => c.trained).map((c) => c.name);
-    const profile = st.profile === 'accurate' ? 'accurate profile' : 'classic profile';
+    const profile = `${st.profile} profile`;
+    renderProfile();
     ui.modelState.dataset.trained = st.trained ? 'true' : 'false';
     if (!st.trained) ui.modelState.textContent = `Not trained yet · ${profile}`;
     else if (st.model && st.model !== 'trained in the studio') ui.modelState.textContent = `Model ${st.model} · ${trainedClasses.join(', ')} · ${profile}`;
@@ -1078,7 +1083,8 @@
   async function openModel(file) {
     try {
       const target = state.currentClass ? '&class=' + encodeURIComponent(state.currentClass) : '';
-      await api('POST', '/api/model?name=' + encodeURIComponent(file.name) + target, file, 'application/octet-stream');
+      const reply = await api('POST', '/api/model?name=' + encodeURIComponent(file.name) + target, file,
+        'application/octet-stream');
       for (const p of state.pictures) p.taught = [];
       state.detections.clear();
       renderSteps([], `Model ${file.name} loaded`, false);
@@ -1087,11 +1093,96 @@
       await detectCurrent(Number(ui.sensitivity.value));
       loadSamples();
       refreshCounts();
-      notify(`Model ${file.name} loaded. Training again starts a new model from your boxes.`);
+      // The file decides the profile; the studio says which it took.
+      notify(`Model ${file.name} loaded (${reply.profile} profile). Training again starts a new model from your boxes.`);
     } catch (error) {
       notify(`The model was not loaded: ${error.message}`, true);
       renderSteps([], `Model ${file.name} refused: ${error.message}`, true);
     }
+  }
+
+  // ------------------------------------------------------------ profile
+  // The radio buttons show the profile the studio reports, never the one
+  // clicked: a switch shows once the studio has made it.
+  function renderProfile() {
+    const current = state.status ? state.status.profile : null;
+    for (const input of ui.profileChoice.querySelectorAll('input')) {
+      input.checked = input.value === current;
+      input.disabled = state.training || state.busy;
+    }
+  }
+
+  async function chooseProfile(to) {
+    const st = state.status;
+    renderProfile();
+    if (!st || st.profile === to || state.training || state.busy) return;
+    if (!st.trained) {
+      await switchProfile(to, undefined);
+      return;
+    }
+    // Trained: the person chooses what becomes of the taught detector.
+    const trainedClasses = (st.detectors || []).filter((d) => d.trained);
+    const fromFiles = trainedClasses.filter((d) => d.model && !d.pictures);
+    const names = trainedClasses.map((d) => d.name).join(', ');
+    ui.profileDialogTitle.textContent = `Switch to the ${to} profile?`;
+    ui.profileDialogText.textContent = `The detector was trained under the ${st.profile} profile (${names}; ` +
+      `${st.samples} samples), and a model works only under the profile that made it. ` +
+      `Train every class again from its taught pictures under the ${to} profile, or forget what it learnt. ` +
+      'Your labels stay in their files either way.';
+    ui.profileRetrain.textContent = `Train again under ${to}`;
+    ui.profileRetrain.disabled = fromFiles.length > 0;
+    ui.profileCancel.textContent = `Keep ${st.profile}`;
+    ui.profileDialogNote.textContent = fromFiles.length
+      ? `${fromFiles.map((d) => d.name).join(', ')} came from a model file (${fromFiles.map((d) => d.model).join(', ')}), ` +
+        'which holds no pictures to learn again: save it first (Save model) if you want to keep it.'
+      : '';
+    ui.profileDialog.dataset.to = to;
+    ui.profileDialog.hidden = false;
+    (fromFiles.length ? ui.profileCancel : ui.profileRetrain).focus();
+  }
+
+  function closeProfileDialog() { ui.profileDialog.hidden = true; }
+
+  async function switchProfile(to, model) {
+    closeProfileDialog();
+    state.busy = true;
+    updateControls();
+    renderProfile();
+    if (model === 'retrain') renderSteps([], `Training again under the ${to} profile…`, false);
+    const stopWatching = model === 'retrain' ? watchProgress() : () => {};
+    try {
+      const reply = await postJson('/api/profile', model ? { profile: to, model } : { profile: to });
+      stopWatching();
+      state.detections.clear();
+      if (reply.model === 'retrained') {
+        renderSteps(reply.retrained.steps, `Trained again under the ${to} profile in ` +
+          `${(reply.retrained.ms / 1000).toFixed(2)} s; ${reply.retrained.samples} boxes learnt`, false);
+        ui.trainingTime.textContent = `${(reply.retrained.ms / 1000).toFixed(2)} s`;
+      } else if (reply.model === 'forgotten') {
+        for (const p of state.pictures) p.taught = [];
+        ui.steps.innerHTML = '<li class="muted">Not trained yet.</li>';
+        ui.trainingTime.textContent = '–';
+        ui.detectionTime.textContent = '–';
+      }
+      state.busy = false;
+      await refreshStatus();
+      renderMarks();
+      renderDetections();
+      if (state.trained) await detectCurrent(Number(ui.sensitivity.value));
+      loadSamples();
+      refreshCounts();
+      notify(reply.model === 'retrained' ? `Trained again under the ${to} profile.`
+        : reply.model === 'forgotten' ? `The ${to} profile now; what the detector learnt was forgotten (your labels stay).`
+          : `Training now uses the ${to} profile.`);
+    } catch (error) {
+      stopWatching();
+      state.busy = false;
+      if (model === 'retrain') renderSteps([], `The ${to} profile was not taken: ${error.message}`, true);
+      notify(`The ${to} profile was not taken: ${error.message}`, true);
+      await refreshStatus();
+    }
+    updateControls();
+    renderProfile();
   }
 
   async function startOver() {
@@ -1255,6 +1346,11 @@
     }
     const k = event.key;
     const ctrl = event.ctrlKey || event.metaKey;
+    // The profile dialog takes no shortcut: a key must not act behind it.
+    if (!ui.profileDialog.hidden) {
+      if (k === 'Escape') closeProfileDialog();
+      return;
+    }
     if (ctrl && k.toLowerCase() === 'z') {
       event.preventDefault();
       if (event.shiftKey) redo(); else undo();
@@ -1398,6 +1494,13 @@
       ui.modelFile.value = '';
     });
     ui.startOver.addEventListener('click', startOver);
+    for (const input of ui.profileChoice.querySelectorAll('input')) {
+      input.addEventListener('change', () => chooseProfile(input.value));
+    }
+    ui.profileRetrain.addEventListener('click', () => switchProfile(ui.profileDialog.dataset.to, 'retrain'));
+    ui.profileForget.addEventListener('click', () => switchProfile(ui.profileDialog.dataset.to, 'forget'));
+    ui.profileCancel.addEventListener('click', closeProfileDialog);
+    ui.profileDialog.addEventListener('click', (event) => { if (event.target === ui.profileDialog) closeProfileDialog(); });
     ui.helpButton.addEventListener('click', () => toggleHelp());
     ui.help.addEventListener('click', (event) => { if (event.target === ui.help) toggleHelp(false); });
     setUpDrop();
