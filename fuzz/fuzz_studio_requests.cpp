@@ -138,7 +138,7 @@ std::string build_request(FuzzedDataProvider &in) {
                                    "/api/detect", "/api/samples", "/api/samples/0", "/api/samples/0/thumbnail",
                                    "/api/model", "/api/reset", "/", "/studio.js", "/api/", "/api/labels/a.png",
                                    "/api/classes", "/api/classes/object", "/api/accept", "/api/train/labels",
-                                   "/api/export/labels", "/api/export/detections"};
+                                   "/api/export/labels", "/api/export/detections", "/api/profile"};
     static const char *types[] = {"application/json", "application/octet-stream", "image/png",
                                   "text/plain\t;charset=utf-8", "Application/JSON ; charset=UTF-8",
                                   "multipart/form-data; boundary=x", "application/x-www-form-urlencoded", ""};

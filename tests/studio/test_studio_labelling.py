@@ -379,7 +379,8 @@ def run(args):
         wait.until(lambda d: d.execute_script("return document.body.dataset.ready === 'true'"))
         badge = driver.find_element(By.ID, "model-state").text
         panel = driver.find_element(By.ID, "training-steps").text
-        check(badge.startswith("Trained: RBC, WBC") and "classic profile" in badge and "Not trained" not in panel
+        check(badge.startswith("Trained: RBC, WBC") and f"{status['profile']} profile" in badge
+              and "Not trained" not in panel
               and "Trained earlier" in panel, f"after a reload the badge ('{badge}') and the panel ('{panel}') agree")
         slider = driver.find_element(By.ID, "sensitivity")
         slider.send_keys(Keys.END)
