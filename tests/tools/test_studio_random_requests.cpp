@@ -132,6 +132,8 @@ TEST_F(StudioHandlers, RandomProfileRequestsNeverFail) {
     EXPECT_TRUE(profile == "classic" || profile == "accurate");
     EXPECT_EQ(status["profile"], profile);
     for (const auto &d : status["detectors"]) {
-        if (d["trained"]) EXPECT_EQ(d["profile"], profile);
+        if (d["trained"]) {
+            EXPECT_EQ(d["profile"], profile);
+        }
     }
 }
