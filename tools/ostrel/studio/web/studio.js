@@ -563,6 +563,9 @@
 
   function drawCaption(parent, rect, font, item, floating) {
     const g = floating ? ui.captions : parent;
+    // A captioned detection is drawn after the others, so that no other
+    // box's outline crosses its caption.
+    if (!floating && parent !== ui.captions && parent.parentNode) parent.parentNode.appendChild(parent);
     const bg = svg('rect', { class: 'det-caption-bg ' + item.kind + (floating ? ' floating' : ''), x: rect.x, y: rect.y,
       width: rect.w, height: rect.h }, g);
     if (item.color) bg.style.fill = item.color;
