@@ -645,27 +645,19 @@ void Workspace::load_model_here(const std::string &bytes, const std::string &nam
 
 std::unique_ptr<Engine> Workspace::import_usable(const std::string &path, std::string &reason) {
     const ModelInfo info = read_model_info(path);
-    // First an engine of the studio's profile: a library whose model files
-    // say their profile turns it into the file's. The profile is then read
-    // back from the engine, never assumed.
-    const int32_t first = profile_number(settings_.profile);
-    for (const int32_t profile : {first, 1 - first}) {
-        auto engine = engine_of(profile);
-        if (!engine->import_model(path)) {
-            if (reason.empty()) reason = engine->last_line();
-            continue;
-        }
-        // A library whose files do not say their profile imports under the
-        // engine's: the tool's reading of the file tells whether that
-        // profile can use it, and else the other profile's engine is asked.
-        const std::string problem = usability_problem(path, info, engine->profile());
-        if (problem.empty()) {
-            return engine;
-        }
-        if (profile == first) reason = problem;
+    // The file says its profile: the import turns the engine into the
+    // file's, which is read back from the engine, never assumed.
+    auto engine = engine_of(profile_number(settings_.profile));
+    if (!engine->import_model(path)) {
+        reason = engine->last_line();
+        if (reason.empty()) reason = "the library could not load it";
+        return nullptr;
     }
-    if (reason.empty()) reason = "the library could not load it";
-    return nullptr;
+    reason = usability_problem(path, info);
+    if (!reason.empty()) {
+        return nullptr;
+    }
+    return engine;
 }
 
 std::string Workspace::other_trained_locked(const std::string &name) const {
