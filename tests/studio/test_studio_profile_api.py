@@ -216,6 +216,41 @@ def classic_studio(ostrel, folder, models):
     assert code == 0, err
 
 
+# The cells of the training picture each marked at its own size (the
+# marked sizes spread over 80 to 120 pixels).
+CELLS_OF_THEIR_SIZES = [[83, 336, 97, 100], [68, 237, 88, 92], [219, 362, 104, 100], [412, 349, 97, 112],
+                        [153, 75, 84, 90], [9, 74, 97, 100], [538, 40, 100, 96], [386, 12, 110, 104]]
+
+
+def boxes_of_their_sizes(ostrel, folder):
+    """Boxes of any size: under the accurate profile the studio hands each
+    box to the library at the size it was marked; under the classic one it
+    still makes a class's boxes one size."""
+    labels = {"boxes": [{"class": "RBC", "x": x, "y": y, "w": w, "h": h} for x, y, w, h in CELLS_OF_THEIR_SIZES]}
+    for extra, profile in (((), "accurate"), (("--profile", "classic"), "classic")):
+        studio = StudioProcess(ostrel, folder, extra=extra)
+        c = Client(studio.port)
+        try:
+            @case(f"boxes marked at their own sizes train under the {profile} profile"
+                  + (" as marked" if profile == "accurate" else ", made one size"))
+            def own_sizes(c):
+                c.json("PUT", "/api/labels/" + TRAINING, labels)
+                reply = c.json("POST", "/api/train/labels", {"picture": TRAINING})
+                learnt = reply["classes"][0]
+                if profile == "accurate":
+                    assert learnt["resized"] == 0, learnt
+                    assert sorted(learnt["boxes"]) == sorted(CELLS_OF_THEIR_SIZES), learnt["boxes"]
+                    assert found(c), "no cell found on another picture"
+                else:
+                    assert learnt["resized"] > 0, learnt
+                    assert len({(w, h) for _, _, w, h in learnt["boxes"]}) == 1, learnt["boxes"]
+                c.json("PUT", "/api/labels/" + TRAINING, {"boxes": []})
+            own_sizes(c)
+        finally:
+            code, _, err, _ = studio.stop()
+        assert code == 0, err
+
+
 def main():
     global FOLDER
     ostrel, data = sys.argv[1], sys.argv[2]
@@ -233,6 +268,7 @@ def main():
     try:
         default_profile(ostrel, FOLDER, models)
         classic_studio(ostrel, FOLDER, models)
+        boxes_of_their_sizes(ostrel, FOLDER)
     finally:
         shutil.rmtree(work, ignore_errors=True)
     print(f"studio profile API: {results['passed']} passed, {results['failed']} failed")

@@ -137,6 +137,20 @@ std::string Workspace::scratch_path(const char *what) {
         .string();
 }
 
+bool Workspace::learns_any_size() const {
+    return profile_number(settings_.profile) == OSTREL_ALG_PROFILE_ACCURATE;
+}
+
+int Workspace::fit_to_class_window(std::vector<Rect> &boxes, const TaughtPicture *first, const PictureEntry &entry) {
+    Size window = median_size(boxes);
+    if (first) {
+        const PictureEntry other = store_.find(first->name);
+        window = scaled_window({first->boxes.front().w, first->boxes.front().h}, {other.width, other.height},
+                               {entry.width, entry.height}, map_columns_, map_rows_);
+    }
+    return fit_boxes_to(boxes, window, entry.width, entry.height);
+}
+
 void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, const std::vector<Rect> &boxes,
                             const std::string &replacing) {
     if (boxes.empty()) {
@@ -146,6 +160,10 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
         throw ApiError(http_status::unprocessable,
                        strformat("%zu boxes: at most %zu per picture", boxes.size(), settings_.max_boxes));
     }
+    // The classic profile learns one window: every box of a class has one
+    // size, which must give a window it can hold. The accurate profile
+    // learns boxes of any size and judges them itself (a refusal is a 422).
+    const bool one_window = !learns_any_size();
     const Rect &first = boxes.front();
     for (size_t i = 0; i < boxes.size(); ++i) {
         const Rect &b = boxes[i];
@@ -158,12 +176,15 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
                            strformat("box %zu (%s) does not lie inside the %dx%d picture", i + 1,
                                      to_string(b).c_str(), entry.width, entry.height));
         }
-        if (b.w != first.w || b.h != first.h) {
+        if (one_window && (b.w != first.w || b.h != first.h)) {
             throw ApiError(http_status::unprocessable,
                            strformat("box %zu is %dx%d; the detector learns one size, so every box must have the "
                                      "first box's size %dx%d",
                                      i + 1, b.w, b.h, first.w, first.h));
         }
+    }
+    if (!one_window) {
+        return;
     }
     const WindowCells cells = window_cells({first.w, first.h}, entry.width, entry.height, map_columns_, map_rows_,
                                            map_channels_);
@@ -343,7 +364,8 @@ TrainOutcome Workspace::train_labels_here(const std::string &name, const std::ma
     if (labels.empty()) {
         throw ApiError(http_status::unprocessable, "mark at least one box before training");
     }
-    // Every class's boxes made its one size, and checked, before any engine
+    // Every class's boxes (under the classic profile made its one size)
+    // checked before any engine
     // changes: a refusal leaves every class as it was.
     std::vector<TrainOutcome::ClassResult> plan;
     for (const auto &l : labels) {
@@ -358,13 +380,10 @@ TrainOutcome Workspace::train_labels_here(const std::string &name, const std::ma
                 }
             }
         }
-        Size window = median_size(boxes);
-        if (first) {
-            const PictureEntry other = store_.find(first->name);
-            window = scaled_window({first->boxes.front().w, first->boxes.front().h}, {other.width, other.height},
-                                   {entry.width, entry.height}, map_columns_, map_rows_);
+        int resized = 0;
+        if (!learns_any_size()) {
+            resized = fit_to_class_window(boxes, first, entry);
         }
-        int resized = fit_boxes_to(boxes, window, entry.width, entry.height);
         for (Rect &b : boxes) {
             b = moved_inside(b, entry.width, entry.height);
         }

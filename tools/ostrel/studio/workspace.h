@@ -221,6 +221,13 @@ private:
     void learn_map_size(const Picture &picture);
     void check_boxes(const ClassDetector &d, const PictureEntry &entry, const std::vector<Rect> &boxes,
                      const std::string &replacing);
+    // Whether the studio's profile learns boxes of any size (the accurate
+    // one); the classic profile learns one window a class.
+    bool learns_any_size() const;
+    // The classic profile's boxes of a class made one size: the first taught
+    // picture's window scaled to this picture, or the boxes' median size.
+    // Returns how many boxes changed.
+    int fit_to_class_window(std::vector<Rect> &boxes, const TaughtPicture *first, const PictureEntry &entry);
     bool train_list(ClassDetector &d, Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
     // Trains one class on one picture, with the mutex held and the monitor running.
     void train_locked(ClassDetector &d, const std::string &picture, const std::vector<Rect> &boxes,
