@@ -39,7 +39,7 @@ scripts/test-python.sh
 if [ -f fuzz/CMakeLists.txt ]; then
   echo "== fuzzing the model-file reader"
   scripts/fuzz.sh 60
-  scripts/fuzz.sh 30 accurate_model # the accurate model file: reader, writer, import, validation, export
+  scripts/fuzz.sh 20 accurate_model # the accurate model file: reader, writer, import, validation, export
   scripts/fuzz.sh 45 image_records  # image records and box lists of the C interface
   scripts/fuzz.sh 30 box_readers    # the tool's box readers: JSON lists, detect lines, Pascal VOC
 fi

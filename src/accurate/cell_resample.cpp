@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <vector>
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include "accurate/cpu_features.h"
+#if defined(OSTREL_HAVE_X86_VECTOR_LOOPS)
 #include <immintrin.h>
+#define OSTREL_CELL_RESAMPLE_AVX2 1
 #endif
 
 namespace ostrel {
@@ -130,8 +132,7 @@ void shrink_column(const shrink_plan &plan, const uint8_t *plane, int32_t source
     }
 }
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-#define OSTREL_CELL_RESAMPLE_AVX2 1
+#if defined(OSTREL_CELL_RESAMPLE_AVX2)
 // The same column with AVX2: eight rows at a time across, and the three
 // taps of eight target rows gathered at once. The same integers.
 __attribute__((target("avx2"))) void shrink_column_avx2(const shrink_plan &plan, const uint8_t *plane,
@@ -189,11 +190,6 @@ __attribute__((target("avx2"))) void shrink_column_avx2(const shrink_plan &plan,
         column[j] = cell_value(dw[0] * m[0] + dw[1] * m[1] + dw[2] * m[2]);
     }
 }
-
-bool has_avx2() {
-    static const bool available = __builtin_cpu_supports("avx2");
-    return available;
-}
 #endif
 
 }  // namespace
@@ -210,7 +206,7 @@ feature_map shrink_cells(const feature_map &source, int32_t columns, int32_t row
     out.data.resize(static_cast<size_t>(out.channels) * out.plane_size());
     const shrink_plan plan = plan_shrink(source.columns, source.rows, columns, rows);
 #if defined(OSTREL_CELL_RESAMPLE_AVX2)
-    const bool vectors = faster && plan.three_taps && has_avx2();
+    const bool vectors = faster && plan.three_taps && cpu_has_avx2();
 #else
     const bool vectors = false;
     (void)faster;

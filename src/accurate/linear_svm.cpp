@@ -5,6 +5,8 @@
 #include <limits>
 #include <numeric>
 
+#include "accurate/cpu_features.h"
+
 namespace ostrel {
 
 namespace {
@@ -55,33 +57,50 @@ constexpr int32_t kLanes = 16;
 float byte_dot_plain(const float *w, const uint8_t *x, int32_t n) { OSTREL_SVM_DOT_BODY }
 void add_bytes_plain(float *w, float step, const uint8_t *x, int32_t n) { OSTREL_SVM_ADD_BODY }
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#if defined(OSTREL_HAVE_X86_VECTOR_LOOPS)
+#define OSTREL_SVM_AVX2 1
+// The same loops compiled for AVX2: wider vectors, the same additions in
+// the same order (AVX2 alone brings no fused multiply-add), so the same
+// floats.
 __attribute__((target("avx2"))) float byte_dot_avx2(const float *w, const uint8_t *x, int32_t n) {
     OSTREL_SVM_DOT_BODY
 }
 __attribute__((target("avx2"))) void add_bytes_avx2(float *w, float step, const uint8_t *x, int32_t n) {
     OSTREL_SVM_ADD_BODY
 }
-bool use_avx2() {
-    static const bool available = __builtin_cpu_supports("avx2");
-    return available;
-}
-float byte_dot(const float *w, const uint8_t *x, int32_t n) {
-    return use_avx2() ? byte_dot_avx2(w, x, n) : byte_dot_plain(w, x, n);
-}
-void add_bytes(float *w, float step, const uint8_t *x, int32_t n) {
-    if (use_avx2()) {
-        add_bytes_avx2(w, step, x, n);
-    } else {
-        add_bytes_plain(w, step, x, n);
-    }
-}
-#else
-float byte_dot(const float *w, const uint8_t *x, int32_t n) { return byte_dot_plain(w, x, n); }
-void add_bytes(float *w, float step, const uint8_t *x, int32_t n) { add_bytes_plain(w, step, x, n); }
 #endif
 
+bool use_avx2(svm_kernel_path path) {
+#if defined(OSTREL_SVM_AVX2)
+    return (path == svm_kernel_path::fastest || path == svm_kernel_path::avx2) && cpu_has_avx2();
+#else
+    (void)path;
+    return false;
+#endif
+}
+
 }  // namespace
+
+bool svm_kernel_path_available(svm_kernel_path path) {
+    return path != svm_kernel_path::avx2 || use_avx2(path);
+}
+
+float byte_dot(const float *w, const uint8_t *x, int32_t n, svm_kernel_path path) {
+#if defined(OSTREL_SVM_AVX2)
+    if (use_avx2(path)) return byte_dot_avx2(w, x, n);
+#endif
+    return byte_dot_plain(w, x, n);
+}
+
+void add_bytes(float *w, float step, const uint8_t *x, int32_t n, svm_kernel_path path) {
+#if defined(OSTREL_SVM_AVX2)
+    if (use_avx2(path)) {
+        add_bytes_avx2(w, step, x, n);
+        return;
+    }
+#endif
+    add_bytes_plain(w, step, x, n);
+}
 
 linear_svm::linear_svm(int32_t dimension)
     : dimension_(std::max(dimension, 0)),

@@ -24,6 +24,19 @@ struct linear_svm_settings {
     uint32_t seed = 1;          // of the coordinate order
 };
 
+// The solver's two kernels over a row of bytes. `plain` is the portable
+// loop, `avx2` the same loop compiled for AVX2 (it gives the same floats:
+// the additions run in one fixed order in both); `fastest` takes AVX2 where
+// the processor has it. A path the processor lacks runs the plain loop.
+enum class svm_kernel_path { fastest, plain, avx2 };
+// Whether the processor runs a path (plain and fastest always).
+bool svm_kernel_path_available(svm_kernel_path path);
+// sum over j < n of w[j] * x[j], in a fixed order of additions.
+float byte_dot(const float *w, const uint8_t *x, int32_t n, svm_kernel_path path = svm_kernel_path::fastest);
+// w[j] += step * x[j] for j < n.
+void add_bytes(float *w, float step, const uint8_t *x, int32_t n,
+               svm_kernel_path path = svm_kernel_path::fastest);
+
 // The samples: rows of `dimension` bytes, each read as byte / 255 less the
 // centre of that feature, plus a constant bias feature of 1. Centring keeps
 // the features from pointing all one way, which would slow the solver down

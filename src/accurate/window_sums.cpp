@@ -8,7 +8,8 @@
 #include <emmintrin.h>
 #define OSTREL_WINDOW_SUMS_SSE2 1
 #endif
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include "accurate/cpu_features.h"
+#if defined(OSTREL_HAVE_X86_VECTOR_LOOPS)
 #include <immintrin.h>
 #define OSTREL_WINDOW_SUMS_AVX2 1
 #endif
@@ -151,11 +152,6 @@ __attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, con
     }
 }
 
-bool has_avx2() {
-    static const bool available = __builtin_cpu_supports("avx2");
-    return available;
-}
-
 // Sixteen positions per instruction with the fused multiply-add of pairs
 // (vpdpwssd), for processors with AVX-512 VNNI: 64 positions stay in four
 // registers while every tap passes. vpdpwssd adds the two products and
@@ -204,11 +200,6 @@ __attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired
         }
     }
 }
-
-bool has_avx512_vnni() {
-    static const bool available = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vnni");
-    return available;
-}
 #endif
 
 }  // namespace
@@ -226,10 +217,10 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
     std::vector<int32_t> accumulator(static_cast<size_t>(blocks) * kBlock + 4 * kBlock);
     const int32_t taps = weights.tap_pairs;
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
-    const bool vnni = (path == sums_path::fastest || path == sums_path::avx512_vnni) && has_avx512_vnni() &&
+    const bool vnni = (path == sums_path::fastest || path == sums_path::avx512_vnni) && cpu_has_avx512_vnni() &&
                       map.stride >= 2 * (4 * ((blocks + 3) / 4) * kBlock + weights.window_rows + 1);
     const bool avx2 = (path == sums_path::fastest || path == sums_path::avx2 || path == sums_path::avx512_vnni) &&
-                      has_avx2() && map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1);
+                      cpu_has_avx2() && map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1);
 #endif
     for (int32_t x = 0; x < grid.columns; ++x) {
         std::fill(accumulator.begin(), accumulator.end(), 0);
@@ -294,13 +285,13 @@ bool sums_path_available(sums_path path) {
 #endif
         case sums_path::avx2:
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
-            return has_avx2();
+            return cpu_has_avx2();
 #else
             return false;
 #endif
         case sums_path::avx512_vnni:
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
-            return has_avx512_vnni();
+            return cpu_has_avx512_vnni();
 #else
             return false;
 #endif

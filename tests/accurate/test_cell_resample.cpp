@@ -2,13 +2,16 @@
 // fast pyramid): a plane of one value keeps it, a map's means are kept, the
 // gains scale a plane and saturate at 255, the vector loop gives the plain
 // loop's bytes.
+#include <algorithm>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "accurate/cell_resample.h"
+#include "accurate/cpu_features.h"
 
 namespace {
 
@@ -61,17 +64,39 @@ TEST(CellResample, GainsScaleAPlaneAndSaturate) {
 }
 
 TEST(CellResample, TheVectorLoopGivesThePlainLoopsBytes) {
+    // `faster` takes the AVX2 loop on a processor that has it; without it
+    // both calls would run the plain loop and prove nothing.
+    if (!ostrel::cpu_has_avx2()) GTEST_SKIP() << "this processor has no AVX2: the vector loop is not run";
+    const uint32_t gains[10] = {32768, 32768, 32768, 34000, 30000, 40000, 32768, 32768, 36000, 65536};
+    auto check = [&](const ostrel::feature_map &map, int32_t columns, int32_t rows, const std::string &what) {
+        const ostrel::feature_map plain = ostrel::shrink_cells(map, columns, rows, gains, false);
+        const ostrel::feature_map fast = ostrel::shrink_cells(map, columns, rows, gains, true);
+        ASSERT_EQ(plain.columns, fast.columns) << what;
+        ASSERT_EQ(plain.rows, fast.rows) << what;
+        ASSERT_EQ(plain.data, fast.data) << what;
+    };
     for (unsigned seed = 0; seed < 6; ++seed) {
         const ostrel::feature_map map = random_map(10, 37 + 11 * static_cast<int>(seed), 29 + 7 * static_cast<int>(seed), seed);
-        const uint32_t gains[10] = {32768, 32768, 32768, 34000, 30000, 40000, 32768, 32768, 36000, 32768};
         for (const double ratio : {1.0, 1.12, 1.26, 1.41, 1.59, 1.78, 2.0, 2.5}) {
             const int32_t columns = std::max(1, static_cast<int32_t>(map.columns / ratio));
             const int32_t rows = std::max(1, static_cast<int32_t>(map.rows / ratio));
-            const ostrel::feature_map plain = ostrel::shrink_cells(map, columns, rows, gains, false);
-            const ostrel::feature_map fast = ostrel::shrink_cells(map, columns, rows, gains, true);
-            ASSERT_EQ(plain.data, fast.data) << "seed " << seed << " ratio " << ratio;
+            check(map, columns, rows, "seed " + std::to_string(seed) + " ratio " + std::to_string(ratio));
         }
     }
+    // Edges: columns shorter than one vector (tails only), exactly one or
+    // two vectors, one cell across, every byte 255 under the largest gain.
+    for (const auto &size : {std::pair<int, int>{5, 3}, {9, 7}, {13, 8}, {17, 9}, {11, 16}, {12, 17}, {1, 23}, {40, 31}}) {
+        const ostrel::feature_map map = random_map(10, size.first, size.second, 100u + static_cast<unsigned>(size.second));
+        for (const double ratio : {1.0, 1.19, 1.5, 2.0}) {
+            const int32_t columns = std::max(1, static_cast<int32_t>(map.columns / ratio));
+            const int32_t rows = std::max(1, static_cast<int32_t>(map.rows / ratio));
+            check(map, columns, rows,
+                  std::to_string(size.first) + "x" + std::to_string(size.second) + " ratio " + std::to_string(ratio));
+        }
+    }
+    ostrel::feature_map bright = random_map(10, 23, 19, 9);
+    std::fill(bright.data.begin(), bright.data.end(), 255);
+    check(bright, 17, 13, "every byte 255");
 }
 
 TEST(CellResample, SizesOutsideTheSourceAreRefused) {

@@ -248,19 +248,20 @@ void put_u32(std::string &bytes, size_t offset, uint32_t v) {
     for (int i = 0; i < 4; ++i) bytes[offset + static_cast<size_t>(i)] = static_cast<char>((v >> (8 * i)) & 0xff);
 }
 
-TEST_F(ModelFiles, DamagedAccurateFilesAreRefusedAndTheEngineStaysAsItWas) {
-    const std::string good = file_bytes(accurate_path_);
+struct damage {
+    const char *name;
+    std::string bytes;
+    const char *reason;
+};
+
+// The ways an accurate file is damaged, each with the words of its refusal.
+std::vector<damage> damaged_files(const std::string &good) {
     // Settings block: 56 bytes from offset 16; the class count at 72; the
     // first record's length at 76, its name length at 80 (0 here), its
     // weight count at 80 + 4 + 3*4 + 3*4 + 4*4 + 2*4 + 4 = 136.
-    ASSERT_EQ(u32_at(good, 12), 56u);
-    ASSERT_EQ(u32_at(good, 72), 1u);
-    ASSERT_EQ(u32_at(good, 80), 0u);
-    struct damage {
-        const char *name;
-        std::string bytes;
-        const char *reason;
-    };
+    EXPECT_EQ(u32_at(good, 12), 56u);
+    EXPECT_EQ(u32_at(good, 72), 1u);
+    EXPECT_EQ(u32_at(good, 80), 0u);
     std::vector<damage> damages;
     std::string version = good;
     put_u32(version, 8, 2);
@@ -282,6 +283,12 @@ TEST_F(ModelFiles, DamagedAccurateFilesAreRefusedAndTheEngineStaysAsItWas) {
     damages.push_back({"flipped byte", crc, "CRC-32 does not match"});
     std::string tail = good + "x";
     damages.push_back({"extra byte", tail, "trailer should end the file"});
+    return damages;
+}
+
+TEST_F(ModelFiles, DamagedAccurateFilesAreRefusedAndTheEngineStaysAsItWas) {
+    const std::vector<damage> damages = damaged_files(file_bytes(accurate_path_));
+    ASSERT_EQ(damages.size(), 9u);
 
     ostrel_alg *engine = trained_engine(OSTREL_ALG_PROFILE_CLASSIC);
     const std::vector<ostrel_alg_box> before = detections(engine);
@@ -313,6 +320,47 @@ TEST_F(ModelFiles, DamagedAccurateFilesAreRefusedAndTheEngineStaysAsItWas) {
         expect_same(detections(engine), before);
     }
     ostrel_alg_destroy(engine);
+    std::remove(path.c_str());
+}
+
+TEST_F(ModelFiles, DamagedAccurateFilesLeaveAnAccurateEngineAndAFreshOneAsTheyWere) {
+    // All or nothing for both kinds of engine: one trained under the
+    // accurate profile with options its host set keeps its profile, its
+    // options and its model; one never used stays classic, untrained and at
+    // the defaults (a damaged file's recorded options are never taken).
+    const std::vector<damage> damages = damaged_files(file_bytes(accurate_path_));
+    ostrel_alg *accurate = trained_engine(OSTREL_ALG_PROFILE_ACCURATE, {{OSTREL_ALG_OPTION_ACCURATE_OVERLAP, 45}});
+    ASSERT_EQ(ostrel_alg_setOption(accurate, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, 90), 0);
+    const std::vector<ostrel_alg_box> before = detections(accurate);
+    ostrel_alg *fresh = nullptr;
+    ASSERT_EQ(ostrel_alg_create(&fresh), 0);
+    int32_t defaults[4] = {};
+    const int32_t ids[4] = {OSTREL_ALG_OPTION_PROFILE, OSTREL_ALG_OPTION_ACCURATE_OVERLAP,
+                            OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT};
+    for (int i = 0; i < 4; ++i) defaults[i] = option(fresh, ids[i]);
+    const std::string path = testing::TempDir() + "model_files_damaged_accurate.model";
+    for (const damage &d : damages) {
+        SCOPED_TRACE(d.name);
+        write_bytes(path, d.bytes);
+        for (ostrel_alg *engine : {accurate, fresh}) {
+            int32_t status = 0;
+            const std::string printed =
+                ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(engine, path.c_str()); });
+            EXPECT_EQ(status, 1);
+            EXPECT_EQ(count_lines(printed), 1) << printed;
+            EXPECT_NE(printed.find(d.reason), std::string::npos) << printed;
+        }
+        EXPECT_EQ(option(accurate, OSTREL_ALG_OPTION_PROFILE), OSTREL_ALG_PROFILE_ACCURATE);
+        EXPECT_EQ(option(accurate, OSTREL_ALG_OPTION_ACCURATE_OVERLAP), 45);
+        EXPECT_EQ(option(accurate, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT), 90);
+        expect_same(detections(accurate), before);
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(option(fresh, ids[i]), defaults[i]) << "option " << ids[i];
+        uint8_t trained = 1;
+        ASSERT_EQ(ostrel_alg_istraied(fresh, &trained), 0);
+        EXPECT_EQ(trained, 0);
+    }
+    ostrel_alg_destroy(accurate);
+    ostrel_alg_destroy(fresh);
     std::remove(path.c_str());
 }
 

@@ -222,4 +222,61 @@ TEST(RealScenes, AHostRangeThatCannotFitThePictureIsRefused) {
     ostrel_alg_destroy(engine);
 }
 
+TEST(RealScenes, BoxesThatCannotShareTheTrainedWindowAreRefusedAndTheModelKept) {
+    // A second picture whose object has another shape than the window the
+    // first picture fixed: one line, status 1, and the engine detects as
+    // before (the picture is not added).
+    ostrel_alg *engine = three_size_engine();
+    cv::Mat test = noise_picture(640, 480, 6);
+    draw_figure(test, 100, 100, 80);
+    const std::vector<ostrel_alg_box> before = detect(engine, test);
+    ASSERT_FALSE(before.empty());
+    cv::Mat picture = noise_picture(640, 480, 7);
+    std::vector<ostrel_alg_box> marked = {draw_figure(picture, 20, 20, 80), ostrel_alg_box{300, 100, 240, 60, 0.0f, 1, 0, 0}};
+    const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, fresh_key(), 0, 0};
+    int32_t status = 0;
+    const std::string printed = ostrel_test::capture_stdout(
+        [&] { status = ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size())); });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(count_lines(printed), 1) << printed;
+    EXPECT_NE(printed.find("boxes whose shapes cannot share one window: box 1 (240 x 60"), std::string::npos) << printed;
+    uint8_t trained = 0;
+    ASSERT_EQ(ostrel_alg_istraied(engine, &trained), 0);
+    EXPECT_EQ(trained, 1);
+    const std::vector<ostrel_alg_box> after = detect(engine, test);
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 0; i < after.size(); ++i) {
+        EXPECT_EQ(after[i].x, before[i].x);
+        EXPECT_EQ(after[i].y, before[i].y);
+        EXPECT_EQ(after[i].height, before[i].height);
+        EXPECT_EQ(after[i].score, before[i].score);
+    }
+    ostrel_alg_destroy(engine);
+}
+
+TEST(RealScenes, ARefusedRangeOptionKeepsTheValueBefore) {
+    ostrel_alg *engine = three_size_engine();
+    ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, 30), 0);
+    ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, 200), 0);
+    cv::Mat picture = noise_picture(640, 480, 8);
+    draw_figure(picture, 200, 100, 100);
+    const std::vector<ostrel_alg_box> before = detect(engine, picture);
+    for (const int32_t option : {OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT}) {
+        for (const int32_t bad : {-5, 7, 16385}) {
+            int32_t status = 0;
+            (void)ostrel_test::capture_stdout([&] { status = ostrel_alg_setOption(engine, option, bad); });
+            EXPECT_EQ(status, 1);
+        }
+    }
+    int32_t value = 0;
+    ASSERT_EQ(ostrel_alg_getOption(engine, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, &value), 0);
+    EXPECT_EQ(value, 30);
+    ASSERT_EQ(ostrel_alg_getOption(engine, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, &value), 0);
+    EXPECT_EQ(value, 200);
+    const std::vector<ostrel_alg_box> after = detect(engine, picture);
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 0; i < after.size(); ++i) EXPECT_EQ(after[i].score, before[i].score);
+    ostrel_alg_destroy(engine);
+}
+
 }  // namespace
