@@ -654,8 +654,13 @@ typedef void (*ostrel_alg_log_handler)(const char *message, void *user);
  * logs, so it must be thread-safe: calls on several threads may run at the
  * same time. Each call delivers one whole message (never a part, never two
  * messages mixed). The handler must return normally (no exception, no
- * longjmp) and must not call the library; ostrel_alg_setLogHandler called
- * from inside a handler changes nothing and returns 1.
+ * longjmp) and must not call the library. A handler that does anyway is
+ * contained: ostrel_alg_setLogHandler called from inside a handler changes
+ * nothing and returns 1, without a log line (it would go to that same
+ * handler); a message the library logs while a handler runs on that thread
+ * reaches the same handler, one level deep, and a message logged from
+ * inside that second call is dropped, so the handler is never re-entered
+ * more than once.
  *
  * Changing the handler waits until the messages being delivered to the old
  * one have been delivered: once this function has returned, the old handler

@@ -1,15 +1,30 @@
-"""Records, in the installed package, where this checkout builds the library.
+"""Records, in the installed package, what it takes from this checkout.
 
 The package looks for libostrel_alg.so in the checkout's build/ folder
 among other places (see ostrel/_library.py); the folder is only known here,
 at install time, so it is written into ostrel/_build_tree.py of the build.
+The pixel limits of pictures are defined in the C sources (see
+ostrel/_c_headers.py); they are read here and written into
+ostrel/_header_values.py, so that an installed package needs no checkout.
 """
+import importlib.util
 import os
 
 from setuptools import setup
 from setuptools.command.build_py import build_py
 
-CHECKOUT_BUILD_DIR = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "build")
+HERE = os.path.dirname(os.path.abspath(__file__))
+CHECKOUT = os.path.dirname(HERE)
+CHECKOUT_BUILD_DIR = os.path.join(CHECKOUT, "build")
+
+
+def _header_values() -> dict:
+    # Loaded from its file alone: importing the package here would need its
+    # dependencies at build time.
+    spec = importlib.util.spec_from_file_location("_c_headers", os.path.join(HERE, "ostrel", "_c_headers.py"))
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module.read_values(CHECKOUT)
 
 
 class BuildPyWithBuildTree(build_py):
@@ -19,6 +34,11 @@ class BuildPyWithBuildTree(build_py):
         with open(target, "w", encoding="utf-8") as file:
             file.write('"""Written at install time: the build folder of the checkout the package came from."""\n')
             file.write(f"BUILD_DIR = {CHECKOUT_BUILD_DIR!r}\n")
+        target = os.path.join(self.build_lib, "ostrel", "_header_values.py")
+        with open(target, "w", encoding="utf-8") as file:
+            file.write('"""Written at install time from the C sources of the checkout (see _c_headers.py)."""\n')
+            for name, value in sorted(_header_values().items()):
+                file.write(f"{name} = {value}\n")
 
 
 setup(cmdclass={"build_py": BuildPyWithBuildTree})

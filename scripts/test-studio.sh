@@ -1,9 +1,15 @@
 #!/usr/bin/env bash
 # Tests of `ostrel studio` against a built tool (default: build/):
 #   1. the JSON interface through real HTTP on a free loopback port,
-#   2. a person's session in headless Chromium (chromedriver, python3-selenium),
+#   2. the studio against an adversary: the session token, origins and media
+#      types, idle and slow connections, FIFOs, odd file names, SIGHUP,
+#   3. its peak memory under the attacks that used to fill it, against the
+#      bound the README gives,
+#   4. a person's session in headless Chromium (chromedriver, python3-selenium),
 #      which prints the speed a person feels and saves a screenshot,
-#   3. the same browser test against a page with its detection drawing taken
+#   5. a page of another origin in Chromium trying every way to change the
+#      studio without its permission: nothing may change,
+#   6. the same browser test against a page with its detection drawing taken
 #      out, which must fail: the browser test can tell a broken page.
 # The unit tests of the studio's parts run with the tool's other tests (ctest).
 # --update-screenshot copies the screenshot to docs/studio.png for the README.
@@ -27,8 +33,17 @@ mkdir -p "$out"
 echo "== studio: JSON interface over HTTP"
 "$python" tests/studio/test_studio_api.py "$ostrel" data
 
+echo "== studio: under attack over HTTP"
+"$python" tests/studio/test_studio_hardening.py "$ostrel" data
+
+echo "== studio: peak memory under attack"
+"$python" tests/studio/memory_attacks.py "$ostrel" data
+
 echo "== studio: a session in a real browser"
 "$python" tests/studio/test_studio_browser.py "$ostrel" data "$out"
+
+echo "== studio: a page of another origin changes nothing, in a real browser"
+"$python" tests/studio/test_studio_cross_site.py "$ostrel" data
 
 echo "== studio: the browser test fails on a broken page"
 broken="$out/broken-web"
@@ -54,4 +69,4 @@ if [ "$update_screenshot" = 1 ]; then
   cp "$out/studio.png" docs/studio.png
   echo "docs/studio.png updated"
 fi
-echo "studio tests: 3 passed, 0 failed"
+echo "studio tests: 6 passed, 0 failed"

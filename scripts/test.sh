@@ -6,8 +6,9 @@
 #   3. the interface tests (engines on many threads, the log handler) under
 #      ThreadSanitizer,
 #   4. the fuzz targets (model files; accurate model files; image records
-#      and box lists; the tool's box readers) for a short run each, when
-#      present.
+#      and box lists; the tool's box readers and picture headers; the
+#      annotation readers; the studio's request handling) for a short run
+#      each, when present.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -42,6 +43,9 @@ if [ -f fuzz/CMakeLists.txt ]; then
   scripts/fuzz.sh 20 accurate_model # the accurate model file: reader, writer, import, validation, export
   scripts/fuzz.sh 45 image_records  # image records and box lists of the C interface
   scripts/fuzz.sh 30 box_readers    # the tool's box readers: JSON lists, detect lines, Pascal VOC
+  scripts/fuzz.sh 20 picture_header # the tool's picture headers: format, size, EXIF orientation, JPEG end
+  scripts/fuzz.sh 60 label_readers  # the annotation readers: COCO, YOLO, CVAT, Label Studio, imglab, VOC
+  scripts/fuzz.sh 25 studio_requests  # the studio's requests: connection, routes, queries, headers, bodies
 fi
 
 scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine

@@ -28,7 +28,6 @@ constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
 constexpr const char *kLongPathFormat = "[Alg.Fail] %s: the path is longer than %u UTF-16 units\n";
 constexpr const char *kUnconvertedPathFormat = "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
-constexpr const char *kInsideHandlerFormat = "[Alg.Fail] %s: cannot be called from inside a log handler\n";
 
 // Line numbers of each function's failure line; they are part of the
 // messages that hosts already match on.
@@ -391,11 +390,9 @@ int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image 
 }
 
 int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
-    if (!ostrel::set_log_handler(handler, user)) {
-        ostrel::log(kInsideHandlerFormat, __func__);
-        return 1;
-    }
-    return 0;
+    // Refused only from inside a handler. The refusal is not logged: the
+    // line would go to that same handler, which may well call again.
+    return ostrel::set_log_handler(handler, user) ? 0 : 1;
 }
 
 int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {

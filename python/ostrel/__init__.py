@@ -11,16 +11,28 @@ output; a failing call raises :class:`Error` with those messages in ``.log``.
 """
 from __future__ import annotations
 
+from ._limits import DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS
 from .batch import detect_files
 from .detector import Detector, check_model
 from .errors import Error, ModelError, NotTrainedError, PictureError
+from .evaluation import Evaluation, Figures, evaluate
+from .labels import LabelBox, LabelError, LabelledPicture, LabelSet, read_labels, write_labels
+from .labels._detections import write_detections
 from .results import COLOR_NAMES, Box, Sample, color_name
 
 __all__ = [
     "Box",
     "COLOR_NAMES",
+    "DEFAULT_MAX_PICTURE_PIXELS",
     "Detector",
     "Error",
+    "Evaluation",
+    "Figures",
+    "LabelBox",
+    "LabelError",
+    "LabelSet",
+    "LabelledPicture",
+    "MAX_PICTURE_PIXELS",
     "ModelError",
     "NotTrainedError",
     "PictureError",
@@ -28,7 +40,11 @@ __all__ = [
     "check_model",
     "color_name",
     "detect_files",
+    "evaluate",
     "library_path",
+    "read_labels",
+    "write_detections",
+    "write_labels",
 ]
 
 __version__ = "0.1.0"

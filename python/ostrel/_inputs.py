@@ -16,6 +16,8 @@ from typing import Any, Iterable, Sequence, Union
 import numpy as np
 import numpy.typing as npt
 
+from . import _files
+
 INT32_MAX = 2**31 - 1
 UINT32_MAX = 2**32 - 1
 
@@ -164,22 +166,9 @@ def path(value: Any, what: str) -> bytes:
 
 
 def existing_file(value: Any, what: str) -> bytes:
-    """A path that must name an existing file (not a folder)."""
+    """A path that must name an existing regular file: a folder raises
+    IsADirectoryError, a device, FIFO or socket OSError, at once (see
+    _files.open_regular: never waiting on a FIFO)."""
     encoded = path(value, what)
-    if os.path.isdir(encoded):
-        raise IsADirectoryError(f"{what} '{os.fsdecode(encoded)}' is a folder; give the path of a file")
-    if not os.path.exists(encoded):
-        raise FileNotFoundError(f"{what} '{os.fsdecode(encoded)}' does not exist")
-    return encoded
-
-
-def writable_file(value: Any, what: str) -> bytes:
-    """A path a file can be written to: not a folder, in an existing folder."""
-    encoded = path(value, what)
-    if os.path.isdir(encoded):
-        raise IsADirectoryError(f"{what} '{os.fsdecode(encoded)}' is a folder; give the path of a file")
-    folder = os.path.dirname(encoded) or b"."
-    if not os.path.isdir(folder):
-        raise FileNotFoundError(
-            f"{what} '{os.fsdecode(encoded)}': folder '{os.fsdecode(folder)}' does not exist")
+    _files.require_regular(encoded, what)
     return encoded

@@ -1,8 +1,12 @@
 """Detection over many picture files: on threads, or on a Dask cluster.
 
-Pictures are read with OpenCV (``cv2.imread``, 8-bit BGR, the same decoder
-the ``ostrel`` command uses), so this module needs ``cv2``; the rest of the
-package does not. The paths are cut into chunks; each chunk is one task
+Pictures are read by the ``ostrel`` command's rules (see ``_picture_file``:
+regular files only, the pixel limit from the header before decoding, JPEGs
+cut short refused, phone photos upright) and decoded with OpenCV
+(``cv2.imdecode``, 8-bit BGR, the same decoder the command uses), so this
+module needs ``cv2``; the rest of the package does not. Paths travel as
+the bytes of their names, so names that are not UTF-8 work as any other.
+The paths are cut into chunks; each chunk is one task
 that loads the model once into its own detector and searches its pictures
 one after another. Results come back in input order, with at most a few
 chunks per worker in flight, so a list of a million paths does not pile up
@@ -17,7 +21,7 @@ import os
 import tempfile
 from typing import Any, Callable, Iterable, Iterator, Optional, Sequence, Union
 
-from . import _inputs
+from . import _files, _inputs, _limits, _picture_file
 from .detector import DEFAULT_SENSITIVITY, Detector
 from .errors import Error, PictureError
 from .results import Box
@@ -41,24 +45,14 @@ def _cv2() -> Any:
     return cv2
 
 
-def read_picture(path: str) -> Any:
-    """A picture file as an H x W x 3 uint8 BGR array; raises PictureError
-    saying why when it cannot be read."""
-    if not os.path.exists(path):
-        raise PictureError(f"cannot open picture '{path}': no such file", path)
-    if os.path.isdir(path):
-        raise PictureError(f"cannot read picture '{path}': it is a folder", path)
-    cv2 = _cv2()
-    try:
-        pixels = cv2.imread(path, cv2.IMREAD_COLOR)
-    except cv2.error:
-        pixels = None
-    if pixels is None or pixels.size == 0:
-        raise PictureError(f"cannot read picture '{path}': not a picture format OpenCV can decode", path)
-    return pixels
+def read_picture(path: _inputs.PathLike, max_pixels: int = _limits.DEFAULT_MAX_PICTURE_PIXELS) -> Any:
+    """A picture file as an H x W x 3 uint8 BGR array, upright; raises
+    PictureError saying why when it is refused or cannot be read."""
+    return _picture_file.read_picture(_inputs.path(path, "picture path"), max_pixels, _cv2())
 
 
-def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int, profile: str) -> Iterator[DetectionResult]:
+def _detect_paths(model: bytes, paths: Iterable[bytes], sensitivity: int, profile: str,
+                  max_pixels: int) -> Iterator[DetectionResult]:
     """Loads the model once and searches each picture; a picture that fails
     gives a PictureError in its place."""
     with tempfile.TemporaryDirectory(prefix="ostrel-") as folder:
@@ -66,21 +60,24 @@ def _detect_paths(model: bytes, paths: Iterable[str], sensitivity: int, profile:
         with open(model_path, "wb") as file:
             file.write(model)
         detector = Detector.load(model_path, sensitivity=sensitivity, profile=profile)
+    cv2 = _cv2()
     with detector:
         for path in paths:
             try:
-                yield detector.detect(read_picture(path))
+                yield detector.detect(_picture_file.read_picture(path, max_pixels, cv2))
             except PictureError as error:
                 yield error
             except (Error, ValueError) as error:
                 log = error.log if isinstance(error, Error) else []
-                yield PictureError(f"detection failed on '{path}': {error}", path, log)
+                name = _files.display(path)
+                yield PictureError(f"detection failed on '{name}': {error}", name, log)
 
 
-def detect_chunk(model: bytes, paths: Sequence[str], sensitivity: int, profile: str) -> list[DetectionResult]:
-    """One task of :func:`detect_files`: the results of a chunk of paths.
-    Runs on a worker thread or a Dask worker."""
-    return list(_detect_paths(model, paths, sensitivity, profile))
+def detect_chunk(model: bytes, paths: Sequence[bytes], sensitivity: int, profile: str,
+                 max_pixels: int = _limits.DEFAULT_MAX_PICTURE_PIXELS) -> list[DetectionResult]:
+    """One task of :func:`detect_files`: the results of a chunk of paths
+    (the bytes of their names). Runs on a worker thread or a Dask worker."""
+    return list(_detect_paths(model, paths, sensitivity, profile, max_pixels))
 
 
 def _in_order(chunks: Iterator[list[str]], submit: Callable[[list[str]], Any], in_flight: int,
@@ -101,18 +98,27 @@ def _in_order(chunks: Iterator[list[str]], submit: Callable[[list[str]], Any], i
             cancel(future)
 
 
-def _chunks(paths: list[str], size: int) -> Iterator[list[str]]:
+def _chunks(paths: list[bytes], size: int) -> Iterator[list[bytes]]:
     return (paths[i:i + size] for i in range(0, len(paths), size))
 
 
 def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], jobs: Optional[int] = None,
-                 client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY,
-                 profile: str = "classic") -> Iterator[tuple[Any, DetectionResult]]:
+                 client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY, profile: str = "classic",
+                 max_pixels: int = _limits.DEFAULT_MAX_PICTURE_PIXELS) -> Iterator[tuple[Any, DetectionResult]]:
     """Searches picture files with a model; yields ``(path, boxes)`` in input order.
 
     ``boxes`` is the list :meth:`Detector.detect` returns, or, for a picture
     that cannot be read or searched, an :class:`ostrel.PictureError` saying
-    why (yielded, not raised: one bad file never stops the run).
+    why (yielded, not raised: one bad file never stops the run). Pictures
+    are read as the ``ostrel`` command reads them: only regular files (a
+    FIFO, device or folder is an error for its path); JPEG, PNG and BMP
+    above ``max_pixels`` (width x height, default
+    :data:`ostrel.DEFAULT_MAX_PICTURE_PIXELS`, 2**27, at most the library's
+    :data:`ostrel.MAX_PICTURE_PIXELS`, 2**28) refused from their header
+    before they are decoded, other formats after; a JPEG cut short refused;
+    phone photos turned upright by their EXIF orientation. A path may be
+    str, bytes or os.PathLike; names that are not UTF-8 are read by their
+    bytes.
 
     ``jobs``: threads on this machine, each with its own detector (default:
     one per CPU; 1 searches in the calling thread). ``client``: a
@@ -129,27 +135,41 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
         raise ValueError("give jobs (threads on this machine) or client (a Dask cluster), not both")
     if jobs is not None:
         jobs = _inputs.integer(jobs, "jobs", 1, 4096)
+    max_pixels = _inputs.integer(max_pixels, "max_pixels", 1, _limits.MAX_PICTURE_PIXELS)
     if client is not None and not (hasattr(client, "submit") and hasattr(client, "scatter")):
         raise TypeError(f"client must be a dask.distributed.Client, not {type(client).__name__}")
     if isinstance(paths, (str, bytes, os.PathLike)):
         raise TypeError("paths must be a list of paths, not a single path: wrap it in a list")
     given = list(paths)
-    names = [os.fsdecode(_inputs.path(p, "picture path")) for p in given]
+    names = [_inputs.path(p, "picture path") for p in given]
     source = _inputs.existing_file(model, "model file")
     # Loading it here checks the file, the sensitivity and the profile once,
     # before any work is handed out.
     Detector.load(source, sensitivity=sensitivity, profile=profile).close()
-    with open(source, "rb") as file:
+    descriptor = _files.open_regular(source, "model file")
+    with open(descriptor, "rb") as file:
         model_bytes = file.read()
     if client is None:
         _cv2()  # on a cluster, the workers read the pictures
-    return _run(model_bytes, given, names, jobs, client, sensitivity, profile)
+    return _as_given(given, _run(model_bytes, names, jobs, client, sensitivity, profile, max_pixels))
 
 
-def _run(model: bytes, given: list[Any], names: list[str], jobs: Optional[int], client: Any, sensitivity: int,
-         profile: str) -> Iterator[tuple[Any, DetectionResult]]:
+def _as_given(given: list[Any], results: Iterator[DetectionResult]) -> Iterator[tuple[Any, DetectionResult]]:
+    """Pairs each result with its path as the caller gave it (an error's
+    ``path`` too)."""
+    try:
+        for path, result in zip(given, results):
+            if isinstance(result, PictureError):
+                result.path = path
+            yield path, result
+    finally:
+        results.close()
+
+
+def _run(model: bytes, names: list[bytes], jobs: Optional[int], client: Any, sensitivity: int, profile: str,
+         max_pixels: int) -> Iterator[DetectionResult]:
     if client is None and (jobs or os.cpu_count() or 1) == 1:
-        yield from zip(given, _detect_paths(model, names, sensitivity, profile))
+        yield from _detect_paths(model, names, sensitivity, profile, max_pixels)
         return
     if client is not None:
         workers = max(1, sum(client.nthreads().values()))
@@ -158,24 +178,23 @@ def _run(model: bytes, given: list[Any], names: list[str], jobs: Optional[int], 
     size = max(1, min(_MAX_CHUNK, math.ceil(len(names) / (workers * _CHUNKS_PER_WORKER))))
     chunks = _chunks(names, size)
     in_flight = workers * _IN_FLIGHT_PER_WORKER
-    originals = iter(given)
     if client is not None:
         # A key of its own (hash=False): two runs with the same model must not
         # share one, or the end of the first would release the second's copy.
         shared_model = client.scatter(model, broadcast=True, hash=False)
         results = _in_order(
             chunks,
-            lambda chunk: client.submit(detect_chunk, shared_model, chunk, sensitivity, profile, pure=False),
+            lambda chunk: client.submit(detect_chunk, shared_model, chunk, sensitivity, profile, max_pixels,
+                                        pure=False),
             in_flight, lambda future: future.cancel())
         for chunk_results in results:
-            for result in chunk_results:
-                yield next(originals), result
+            yield from chunk_results
         return
     from concurrent.futures import ThreadPoolExecutor
 
     with ThreadPoolExecutor(max_workers=workers, thread_name_prefix="ostrel-detect") as pool:
-        results = _in_order(chunks, lambda chunk: pool.submit(detect_chunk, model, chunk, sensitivity, profile),
+        results = _in_order(chunks,
+                            lambda chunk: pool.submit(detect_chunk, model, chunk, sensitivity, profile, max_pixels),
                             in_flight, lambda future: future.cancel())
         for chunk_results in results:
-            for result in chunk_results:
-                yield next(originals), result
+            yield from chunk_results

@@ -2,8 +2,6 @@
 from __future__ import annotations
 
 import ctypes
-import os
-import tempfile
 import threading
 import warnings
 import weakref
@@ -12,7 +10,7 @@ from typing import Any, Optional
 import numpy as np
 import numpy.typing as npt
 
-from . import _inputs, _library, _log
+from . import _files, _inputs, _library, _log
 from . import _records as rec
 from .errors import Error, ModelError, NotTrainedError
 from .results import Box, Sample, score_of
@@ -318,24 +316,30 @@ class Detector:
     # -- model files -----------------------------------------------------------
 
     def save(self, path: _inputs.PathLike) -> None:
-        """Writes the model to ``path`` (replacing a file there). The file is
-        written under a temporary name and renamed when complete, so a
-        failure leaves no half-written file."""
-        target = _inputs.writable_file(path, "model path")
+        """Writes the model to ``path``, by the ``ostrel`` command's rules for
+        output files: the file is written under a temporary name in the same
+        folder and renamed over the target when complete, so a failure
+        leaves no half-written file; a symbolic link is written through (its
+        target replaced, the link kept); a replaced file keeps its mode, a
+        new one gets the mode the umask gives.
+
+        Raises, before anything is written: IsADirectoryError for a folder,
+        OSError for a device, FIFO or socket (each left as it is),
+        FileNotFoundError when the folder is missing, PermissionError when
+        it cannot be written into, :class:`ostrel.NotTrainedError` before
+        any training.
+        """
+        encoded = _inputs.path(path, "model path")
+        _files.output_target(encoded, "model path")
         with self._lock:
             handle = self._live_handle()
             self._require_trained("save")
-            folder = os.path.dirname(target) or b"."
-            descriptor, temporary = tempfile.mkstemp(prefix=b".ostrel-", suffix=b".model.tmp", dir=folder)
-            os.close(descriptor)
-            try:
+
+            def export(temporary: bytes) -> None:
                 self._check(self._call(self._library.exportModel_ptr, handle, temporary),
-                            f"writing the model to '{os.fsdecode(target)}' failed")
-                os.replace(temporary, target)
-            except BaseException:
-                if os.path.exists(temporary):
-                    os.unlink(temporary)
-                raise
+                            f"writing the model to '{_files.display(encoded)}' failed")
+
+            _files.write_atomically(encoded, "model path", export)
 
     @classmethod
     def load(cls, path: _inputs.PathLike, sensitivity: int = DEFAULT_SENSITIVITY,
@@ -345,13 +349,14 @@ class Detector:
         profile: give those it was trained with.
 
         Raises FileNotFoundError/IsADirectoryError for a path that is not a
-        file and :class:`ostrel.ModelError` for a file the library refuses.
+        file, OSError for a device, FIFO or socket (never read, never waited
+        on), and :class:`ostrel.ModelError` for a file the library refuses.
         """
         source = _inputs.existing_file(path, "model file")
         detector = cls(sensitivity=sensitivity, profile=profile)
         try:
             handle = detector._live_handle()
-            name = os.fsdecode(source)
+            name = _files.display(source)
             detector._check(detector._call(detector._library.checkModelValidation_ptr, handle, source),
                             f"model file '{name}' is damaged or not a model of this library",
                             ModelError)
@@ -366,7 +371,8 @@ class Detector:
 def check_model(path: _inputs.PathLike) -> bool:
     """True when ``path`` is a model file the library accepts (records and
     CRC-32), False when it is damaged or not a model. A path that is missing
-    or a folder raises FileNotFoundError/IsADirectoryError."""
+    or a folder raises FileNotFoundError/IsADirectoryError, a device, FIFO
+    or socket OSError (never read, never waited on)."""
     source = _inputs.existing_file(path, "model file")
     with Detector() as detector:
         status, _ = _log.call(detector._library.checkModelValidation_ptr, detector._live_handle(), source)

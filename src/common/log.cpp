@@ -25,17 +25,19 @@ log_destination &destination() {
     return *the_destination;
 }
 
-// True while this thread is inside a handler. A message logged from there
-// (a handler that calls the library, against the rules) goes to the same
-// handler without taking the lock again, which would be undefined.
-thread_local bool inside_handler = false;
+// How many handler calls this thread is inside. A message logged from a
+// handler (one that calls the library, against the rules) goes to the same
+// handler without taking the lock again, which would be undefined; but only
+// one level deep: what that nested call logs in turn is dropped, so that a
+// handler that calls the library on every message cannot recurse without end.
+thread_local int handler_depth = 0;
+constexpr int kDeepestNestedDelivery = 1;
 
 void deliver(const char *text, size_t length, ostrel_alg_log_handler handler, void *user) {
     if (handler != nullptr) {
         struct handler_scope {
-            bool was_inside = inside_handler;
-            handler_scope() { inside_handler = true; }
-            ~handler_scope() { inside_handler = was_inside; }
+            handler_scope() { ++handler_depth; }
+            ~handler_scope() { --handler_depth; }
         } scope;
         handler(text, user);
     } else {
@@ -71,8 +73,10 @@ void log(const char *format, ...) {
     va_end(again);
 
     log_destination &to = destination();
-    if (inside_handler) {
-        deliver(text, static_cast<size_t>(length), to.handler, to.user);
+    if (handler_depth > 0) {
+        if (handler_depth <= kDeepestNestedDelivery) {
+            deliver(text, static_cast<size_t>(length), to.handler, to.user);
+        }
         return;
     }
     std::shared_lock<std::shared_mutex> reading(to.lock);
@@ -80,7 +84,7 @@ void log(const char *format, ...) {
 }
 
 bool set_log_handler(ostrel_alg_log_handler handler, void *user) {
-    if (inside_handler) {
+    if (handler_depth > 0) {
         return false;
     }
     log_destination &to = destination();

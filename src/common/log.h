@@ -19,14 +19,16 @@ namespace ostrel {
 // host's handler when one is set, otherwise to standard output in a single
 // write followed by a flush, so that a host (or a test) reading the stream
 // sees each message as soon as it is made and never a message cut in two by
-// another thread's.
+// another thread's. A message logged from inside a handler reaches the same
+// handler one level deep; one logged from inside that nested call is dropped.
 void log(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
 
 // Installs (or, with a null handler, removes) the process-wide handler.
 // Waits until every message that is being delivered to the old handler has
 // been delivered, so that after it returns the old handler is never called
-// again. Returns false, changing nothing, when called from inside a handler
-// (the wait would never end).
+// again. Returns false, changing nothing and logging nothing, when called
+// from inside a handler (the wait would never end, and a line about it
+// would go to the very handler that called).
 bool set_log_handler(ostrel_alg_log_handler handler, void *user);
 
 }  // namespace ostrel

@@ -95,3 +95,61 @@ TEST_F(LogHandlerApi, ChangingTheHandlerWhileThreadsLogLosesNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+// A handler that breaks the rules: on every message it tries to change the
+// handler. The call must return 1 and change nothing, and its refusal must
+// not come back to the handler (which would call again, without end).
+struct changing_handler_state {
+    std::vector<std::string> messages;
+    std::vector<int32_t> statuses;
+};
+
+void change_handler_from_inside(const char *message, void *user) {
+    auto *state = static_cast<changing_handler_state *>(user);
+    state->messages.emplace_back(message);
+    if (state->messages.size() > 100) {
+        return;  // the test fails below rather than overflowing the stack
+    }
+    const int32_t status = ostrel_alg_setLogHandler(nullptr, nullptr);
+    state->statuses.push_back(status);
+}
+
+TEST_F(LogHandlerApi, AHandlerThatSetsTheHandlerIsRefusedOnceWithoutRecursion) {
+    changing_handler_state state;
+    ASSERT_EQ(ostrel_alg_setLogHandler(&change_handler_from_inside, &state), 0);
+    const std::string printed = ostrel_test::capture_stdout([] { EXPECT_EQ(ostrel_alg_init(nullptr), 1); });
+    // Nothing changed: the next message still reaches this handler.
+    EXPECT_EQ(ostrel_alg_init(nullptr), 1);
+    ASSERT_EQ(ostrel_alg_setLogHandler(nullptr, nullptr), 0);
+    EXPECT_EQ(printed, "");
+    EXPECT_EQ(state.messages, (std::vector<std::string>{"[Alg.Fail] ostrel_alg_init (ostrel_alg_lib line:128)\n",
+                                                        "[Alg.Fail] ostrel_alg_init (ostrel_alg_lib line:128)\n"}));
+    EXPECT_EQ(state.statuses, (std::vector<int32_t>{1, 1}));
+}
+
+// A handler that calls a failing library function on every message (also
+// against the rules) ends: what the library logs from inside a handler
+// reaches it one level deep, no deeper.
+struct calling_handler_state {
+    int calls = 0;
+};
+
+void call_library_from_inside(const char *, void *user) {
+    auto *state = static_cast<calling_handler_state *>(user);
+    if (++state->calls > 100) {
+        return;
+    }
+    ostrel_alg_setSensitivity(nullptr, 50);
+}
+
+TEST_F(LogHandlerApi, AHandlerThatCallsTheLibraryOnEveryMessageEnds) {
+    calling_handler_state state;
+    ASSERT_EQ(ostrel_alg_setLogHandler(&call_library_from_inside, &state), 0);
+    EXPECT_EQ(ostrel_alg_init(nullptr), 1);
+    ASSERT_EQ(ostrel_alg_setLogHandler(nullptr, nullptr), 0);
+    EXPECT_EQ(state.calls, 2);  // the message, and the one its call logged
+}
+
+}  // namespace

@@ -34,12 +34,19 @@ CELLS = [[83, 336, 97, 100], [68, 237, 97, 100], [219, 362, 97, 100], [412, 349,
 class Client:
     def __init__(self, port):
         self.port = port
+        self.token = None
 
     def request(self, method, path, body=None, content_type=None, headers=None):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
         all_headers = dict(headers or {})
         if content_type:
             all_headers["Content-Type"] = content_type
+        if method not in ("GET", "HEAD", "OPTIONS"):
+            # As a script does: the session's token with every request that
+            # changes something (test_studio_hardening.py tests the refusals).
+            if self.token is None:
+                self.token = json.loads(self.request("GET", "/api/session")[2])["token"]
+            all_headers["X-Ostrel-Token"] = self.token
         if isinstance(body, (dict, list)):
             body = json.dumps(body)
         connection.request(method, path, body=body, headers=all_headers)

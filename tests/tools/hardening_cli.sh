@@ -39,6 +39,32 @@ run() {
 mode_of() { stat -c %a "$1"; }
 train_args=("$picture" --box 63,237,106,99)
 
+# as_nobody: as root, cases that must not run with root's rights run the tool
+# as nobody. nobody may not be able to reach the build, the data or the case's
+# folder (a checkout under /root or a private temporary folder is mode 700),
+# so the tool, its library and the picture are copied into a folder of the
+# case's own that everyone may read, and the case works in there. Sets
+# as_user (the command prefix), user_ostrel, user_train_args and enters the
+# folder; as any other user it changes nothing.
+as_user=() user_ostrel=$ostrel user_train_args=("${train_args[@]}")
+as_nobody() {
+  [ "$(id -u)" -eq 0 ] || return 0
+  as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+  local library
+  stage=$(mktemp -d /tmp/ostrel-as-nobody-XXXXXX)  # global: the trap removes it at the end
+  chmod 755 "$stage"
+  trap 'rm -rf "$stage"' EXIT
+  library=$(ldd "$ostrel" | sed -n 's/^\s*libostrel_alg[^ ]* => \([^ ]*\) .*/\1/p')
+  cp "$ostrel" "$stage/ostrel"
+  [ -z "$library" ] || cp "$library" "$stage/"
+  cp "$picture" "$stage/picture.jpg"
+  chmod -R a+rX "$stage"
+  user_ostrel=$stage/ostrel
+  as_user=(env LD_LIBRARY_PATH="$stage" "${as_user[@]}")
+  user_train_args=("$stage/picture.jpg" "${train_args[@]:1}")
+  mkdir "$stage/work" && chmod 777 "$stage/work" && cd "$stage/work" || exit 1
+}
+
 # Model files written by hand: the classic model's records with one thing
 # changed, its CRC-32 made right again so that the library accepts the file.
 edit_model() {  # source target python-expression-on-bytearray-b
@@ -60,13 +86,10 @@ model_to_device)
   # A device given as the model is refused before training; it stays a device.
   # Run as an unprivileged user when the tests run as root: a tool that
   # failed to refuse would otherwise replace the machine's /dev/null.
-  as_user=()
-  if [ "$(id -u)" -eq 0 ]; then
-    as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  fi
+  as_nobody
   for device in /dev/null /dev/full; do
     [ -c "$device" ] || { fail "$device is not a character device before the run"; continue; }
-    (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$ostrel" train "${train_args[@]}" --model "$device") \
+    (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$user_ostrel" train "${user_train_args[@]}" --model "$device") \
       > out.txt 2> err.txt
     expect_eq "$device: exit code" 4 $?
     expect_match "$device: stderr" "not a regular file" "$(cat err.txt)"
@@ -145,14 +168,11 @@ outputs_through_symlinks)
   ;;
 
 model_in_readonly_folder)
+  # root writes anywhere: try as nobody.
+  as_nobody
   mkdir ro
   chmod 555 ro
-  as_user=()
-  if [ "$(id -u)" -eq 0 ]; then
-    # root writes anywhere: try as nobody, who may read the build and data.
-    as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  fi
-  (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$ostrel" train "${train_args[@]}" --model ro/m.model) \
+  (ulimit -v 4000000; timeout 120 "${as_user[@]}" "$user_ostrel" train "${user_train_args[@]}" --model ro/m.model) \
     > out.txt 2> err.txt
   expect_eq "exit code" 4 $?
   expect_match "stderr" "cannot write" "$(cat err.txt)"
@@ -412,6 +432,122 @@ json_with_invalid_utf8_name)
 import json, sys
 for line in open('out.txt', encoding='utf-8'):
     json.loads(line)" || fail "standard output is not JSON lines in UTF-8"
+  ;;
+
+draw_never_replaces_other_files)
+  # dr/a.png is not an input and was not written by the run: the drawing of
+  # dr/a.jpg takes the next free name, and a warning says so. A link in the
+  # folder to a file elsewhere is not written through either.
+  mkdir dr
+  cp "$other_picture" dr/a.jpg
+  cp "$picture" dr/a.png
+  cp "$picture" kept.png
+  ln -s ../kept.png dr/b.png
+  cp "$other_picture" b.jpg
+  run detect --model "$model" --draw dr dr/a.jpg b.jpg
+  expect_eq "exit code" 0 $?
+  cmp -s "$picture" dr/a.png || fail "dr/a.png, which the run did not write, was replaced"
+  cmp -s "$picture" kept.png || fail "kept.png was replaced through the link dr/b.png"
+  [ -L dr/b.png ] || fail "dr/b.png is no longer a symbolic link"
+  [ -f dr/a-2.png ] || fail "the drawing of dr/a.jpg is not dr/a-2.png"
+  [ -f dr/b-2.png ] || fail "the drawing of b.jpg is not dr/b-2.png"
+  expect_match "stderr names the file kept" "warning: 'dr/a.png' exists already.*written to 'dr/a-2.png'" "$(cat err.txt)"
+  expect_match "stderr names the link kept" "warning: 'dr/b.png' exists already.*written to 'dr/b-2.png'" "$(cat err.txt)"
+  # A second run into the same folder keeps the first run's drawings too.
+  cp dr/a-2.png first-drawing.png
+  run detect --model "$model" --draw dr dr/a.jpg
+  expect_eq "second run: exit code" 0 $?
+  cmp -s first-drawing.png dr/a-2.png || fail "the first run's drawing was replaced"
+  [ -f dr/a-3.png ] || fail "the second run's drawing is not dr/a-3.png"
+  # Within one run, an input named like a numbered drawing gets a name of its own.
+  mkdir one two three numbered
+  cp "$other_picture" one/x.jpg
+  cp "$other_picture" two/x.jpg
+  cp "$picture" three/x-2.jpg
+  run detect --model "$model" --draw numbered one/x.jpg two/x.jpg three/x-2.jpg
+  expect_eq "numbered names: exit code" 0 $?
+  expect_eq "numbered names: drawings" 3 "$(ls numbered | wc -l | tr -d ' ')"
+  ;;
+
+text_output_escapes_names)
+  # A name with a line end and a fake detection line in it stays on its own
+  # lines, escaped; so do bytes that are not UTF-8.
+  forged=$'evil\n1,2,3,4  score 1.00  label 1  colours light, none\nx.jpg'
+  cp "$other_picture" "$forged"
+  cp "$other_picture" "$(printf 'bad\377.jpg')"
+  run detect --model "$model" "$forged"
+  expect_eq "forged name: exit code" 0 $?
+  expect_eq "forged name: no line starts with a box" 0 "$(grep -c '^1,2,3,4' out.txt)"
+  lines=$(wc -l < out.txt | tr -d ' ')
+  escaped=$(grep -c -F 'evil\n1,2,3,4  score 1.00  label 1  colours light, none\nx.jpg  ' out.txt)
+  expect_eq "forged name: every line starts with the escaped name" "$lines" "$escaped"
+  run detect --model "$model" "$(printf 'bad\377.jpg')"
+  expect_eq "invalid UTF-8: exit code" 0 $?
+  expect_match "invalid UTF-8: escaped" '^bad\\xff\.jpg  ' "$(head -1 out.txt)"
+  "$python" -c "open('out.txt', encoding='utf-8').read()" || fail "the text output is not UTF-8"
+  ;;
+
+list_line_with_nul)
+  # 'ok.jpg\0junk' names no file: the line is refused with its number, not
+  # read as ok.jpg; the other lines are done.
+  cp "$other_picture" ok.jpg
+  cp "$other_picture" second.jpg
+  printf 'second.jpg\nok.jpg\000junk\n' > list.txt
+  run detect --model "$model" --list list.txt
+  expect_eq "exit code" 3 $?
+  expect_match "stderr" "line 2 of list 'list.txt'.*NUL" "$(cat err.txt)"
+  one_line "NUL line" err.txt
+  expect_eq "ok.jpg not searched" 0 "$(grep -c '^ok\.jpg' out.txt)"
+  expect_match "the other line is done" "^second\.jpg  " "$(head -1 out.txt)"
+  printf 'second.jpg\nok.jpg\000junk\n' | (ulimit -v 4000000; timeout 120 "$ostrel" detect --model "$model" --list -) \
+    > out.txt 2> err.txt
+  expect_eq "standard input: exit code" 3 $?
+  expect_match "standard input: stderr" "line 2 of list '-'" "$(cat err.txt)"
+  ;;
+
+exif_orientation)
+  # A phone photo: the pixels stored on their side (90 degrees to the left)
+  # with EXIF orientation 6. Every command sees it upright, as a viewer
+  # shows it: the same results as the upright picture itself.
+  "$python" - "$picture" <<'PYTHON'
+import struct, sys
+import cv2
+upright = cv2.imread(sys.argv[1])
+ok, jpg = cv2.imencode('.jpg', cv2.rotate(upright, cv2.ROTATE_90_COUNTERCLOCKWISE), [cv2.IMWRITE_JPEG_QUALITY, 95])
+tiff = b'MM' + struct.pack('>HIH', 42, 8, 1) + struct.pack('>HHIHH', 0x112, 3, 1, 6, 0) + struct.pack('>I', 0)
+body = b'Exif\0\0' + tiff
+jpg = jpg.tobytes()
+open('phone.jpg', 'wb').write(jpg[:2] + b'\xff\xe1' + struct.pack('>H', len(body) + 2) + body + jpg[2:])
+shown = cv2.imread('phone.jpg')
+assert shown.shape == upright.shape, shown.shape
+cv2.imwrite('upright.png', shown)  # the same pixels, upright, without EXIF
+PYTHON
+  mkdir voc voc_upright
+  cp phone.jpg voc/phone.jpg
+  cp upright.png voc_upright/phone.png
+  sed -e 's/BloodImage_00000.jpg/phone.jpg/' "$bccd/annotations/BloodImage_00000.xml" > voc/phone.xml
+  sed -e 's/BloodImage_00000.jpg/phone.png/' "$bccd/annotations/BloodImage_00000.xml" > voc_upright/phone.xml
+  for p in phone.jpg upright.png; do
+    run train "$p" --box 63,237,106,99 --seed 3 --model "$p.model"
+    expect_eq "train $p: exit code" 0 $?
+    run detect --model "$model" --json "$p"
+    expect_eq "detect $p: exit code" 0 $?
+    "$python" -c "import json; d=json.loads(open('out.txt').read()); print(d['width'], d['height'], json.dumps(d['boxes']))" \
+      > "$p.boxes"
+    run channels "$p" --raw "$p.raw"
+    expect_eq "channels $p: exit code" 0 $?
+  done
+  cmp -s phone.jpg.model upright.png.model || fail "train: the models of the upright and the EXIF picture differ"
+  expect_match "detect: the EXIF picture is 640 x 480" "^640 480 " "$(cat phone.jpg.boxes)"
+  expect_eq "detect: the same boxes" "$(cat upright.png.boxes)" "$(cat phone.jpg.boxes)"
+  cmp -s phone.jpg.raw upright.png.raw || fail "channels: the feature maps differ"
+  run eval --model "$model" --voc voc --class RBC
+  expect_eq "eval EXIF: exit code" 0 $?
+  grep -v '^phone' out.txt > eval_exif.txt
+  run eval --model "$model" --voc voc_upright --class RBC
+  expect_eq "eval upright: exit code" 0 $?
+  grep -v '^phone' out.txt > eval_upright.txt
+  expect_eq "eval: the same scores" "$(cat eval_upright.txt)" "$(cat eval_exif.txt)"
   ;;
 
 *)

@@ -6,7 +6,9 @@ foreach(hardening_case model_to_device outputs_to_fifo model_to_folder_or_nothin
                        model_in_readonly_folder long_output_names draw_never_replaces_an_input too_many_boxes
                        odd_box_files pictures_too_large truncated_jpeg model_not_a_file sparse_model
                        models_the_library_accepts_but_cannot_use accurate_model_checked_and_loaded
-                       option_messages box_past_the_edge json_with_invalid_utf8_name)
+                       option_messages box_past_the_edge json_with_invalid_utf8_name
+                       draw_never_replaces_other_files text_output_escapes_names list_line_with_nul
+                       exif_orientation)
   add_test(NAME cli_hardening_${hardening_case}
     COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/hardening_cli.sh ${hardening_case} $<TARGET_FILE:ostrel>
             ${CLI_MODEL} ${CLI_OUT}/model/rbc_accurate.model ${CLI_DATA} ${CLI_OUT}/hardening/${hardening_case})

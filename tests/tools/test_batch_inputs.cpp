@@ -58,6 +58,19 @@ TEST(BatchInputs, ListSkipsBlankLinesAndDropsCarriageReturns) {
     EXPECT_EQ(read_path_list(in), (std::vector<std::string>{"a.jpg", " b c.png", "last.mp4"}));
 }
 
+// A NUL byte ends every file name the system takes: a line holding one is
+// refused with its line number, never cut short to the name before it.
+TEST(BatchInputs, ListLineWithANulByteIsRefusedWithItsLineNumber) {
+    const char raw[] = "a.jpg\nok.jpg\0junk\n\nb.jpg\n";
+    std::istringstream in(std::string(raw, sizeof raw - 1));
+    std::vector<InputProblem> problems;
+    EXPECT_EQ(read_path_list(in, "list.txt", &problems), (std::vector<std::string>{"a.jpg", "b.jpg"}));
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_EQ(problems[0].path, "list.txt");
+    EXPECT_EQ(problems[0].reason,
+              "cannot use line 2 of list 'list.txt': it holds a NUL byte, which no file name can; line skipped");
+}
+
 TEST(BatchInputs, FolderGivesPicturesAndVideosSortedByName) {
     Folder f;
     f.file("b.jpg");

@@ -75,3 +75,47 @@ TEST(StudioApiRequests, SampleIndexIsDecimalDigitsOnly) {
         }
     }
 }
+
+TEST(StudioApiRequests, ANumberThatOverflowsIsAMalformedRequest) {
+    for (const char *body : {R"({"picture":"a","boxes":[[1e400,0,30,40]]})", R"({"picture":"a","boxes":[[0,0,30,-1e400]]})",
+                             R"({"picture":"a","boxes":[],"note":1e999})", R"({"picture":"a","boxes":[{"x":1E+400}]})",
+                             "1e400", "[1e400]"}) {
+        int status = 0;
+        const std::string message = refusal(body, &status);
+        EXPECT_EQ(status, 400) << body;
+        EXPECT_NE(message.find("number"), std::string::npos) << body << " -> " << message;
+    }
+}
+
+TEST(StudioApiRequests, NestingValuesAndSizeAreBoundedBeforeParsing) {
+    // A train request nests three deep and holds five values a box.
+    const std::string depth_at_limit = std::string(kMaxJsonDepth, '[') + std::string(kMaxJsonDepth, ']');
+    int status = 0;
+    EXPECT_EQ(refusal(depth_at_limit, &status).find("nested"), std::string::npos);
+    const std::pair<std::string, const char *> refused[] = {
+        {std::string(kMaxJsonDepth + 1, '[') + std::string(kMaxJsonDepth + 1, ']'), "nested"},
+        {std::string(30000, '[') + std::string(30000, ']'), "nested"},
+        {std::string(30000, '{'), "nested"},
+    };
+    for (const auto &c : refused) {
+        status = 0;
+        const std::string message = refusal(c.first, &status);
+        EXPECT_EQ(status, 400) << c.first.substr(0, 40);
+        EXPECT_NE(message.find(c.second), std::string::npos) << message;
+    }
+    std::string many = "{\"picture\":\"a\",\"boxes\":[";
+    for (size_t i = 0; i < kMaxJsonValues; ++i) many += "0,";
+    many += "0]}";
+    status = 0;
+    EXPECT_NE(refusal(many, &status).find("values"), std::string::npos);
+    EXPECT_EQ(status, 400);
+    // Brackets inside strings are text, not nesting.
+    const TrainRequest quoted = parse_train_request(
+        "{\"picture\":\"" + std::string(1000, '[') + "\\\"{{\",\"boxes\":[[1,2,30,40]]}");
+    EXPECT_EQ(quoted.picture, std::string(1000, '[') + "\"{{");
+    // A body over the size limit is refused before anything is read from it.
+    status = 0;
+    const std::string big = "{\"picture\":\"" + std::string(kMaxJsonBytes, 'a') + "\",\"boxes\":[]}";
+    EXPECT_NE(refusal(big, &status).find("KiB"), std::string::npos);
+    EXPECT_EQ(status, 413);
+}

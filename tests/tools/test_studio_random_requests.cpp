@@ -4,56 +4,19 @@
 // runs against a trained engine, so the trained paths are reached too.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <random>
 #include <thread>
 
-#include <unistd.h>
-
 #include <nlohmann/json.hpp>
 
-#include "picture_store.h"
-#include "studio_api.h"
-#include "support/test_data.h"
-#include "workspace.h"
+#include "studio_handlers_fixture.h"
 
 using namespace ostrel_tool::studio;
-namespace fs = std::filesystem;
 
 namespace {
 
-class StudioHandlers : public ::testing::Test {
+class StudioHandlers : public ostrel_test::StudioHandlersTest {
 protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / ("ostrel-studio-random-" + std::to_string(::getpid()));
-        fs::remove_all(root_);
-        fs::create_directories(root_ / "uploads");
-        fs::create_directories(root_ / "scratch");
-        store_ = std::make_unique<PictureStore>(ostrel_test::data_path("bccd/images"), (root_ / "uploads").string());
-        WorkspaceSettings settings;
-        settings.scratch_folder = (root_ / "scratch").string();
-        workspace_ = std::make_unique<Workspace>(*store_, settings);
-        api_ = std::make_unique<StudioApi>(*store_, *workspace_);
-    }
-    void TearDown() override {
-        api_.reset();
-        workspace_.reset();
-        store_.reset();
-        fs::remove_all(root_);
-    }
-
-    ApiResponse call(const std::string &method, const std::string &path, const std::string &body = "",
-                     const std::string &type = "application/json",
-                     std::map<std::string, std::string> query = {}) {
-        ApiRequest r;
-        r.method = method;
-        r.path = path;
-        r.body = body;
-        r.content_type = type;
-        r.query = std::move(query);
-        return api_->handle(r);
-    }
-
     void random_requests(unsigned seed, int count) {
         std::mt19937 rng(seed);
         const std::vector<std::string> tokens = {
@@ -93,10 +56,6 @@ protected:
         }
     }
 
-    fs::path root_;
-    std::unique_ptr<PictureStore> store_;
-    std::unique_ptr<Workspace> workspace_;
-    std::unique_ptr<StudioApi> api_;
 };
 
 }  // namespace

@@ -144,7 +144,7 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
     std::vector<std::string> paths = o.inputs;
     for (const std::string &list : o.lists) {
         if (list == "-") {
-            const auto lines = read_path_list(std::cin);
+            const auto lines = read_path_list(std::cin, list, &problems);
             paths.insert(paths.end(), lines.begin(), lines.end());
             continue;
         }
@@ -155,7 +155,7 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
                                           (std::filesystem::exists(list, ec) ? "not a readable file" : "no such file")});
             continue;
         }
-        const auto lines = read_path_list(in);
+        const auto lines = read_path_list(in, list, &problems);
         paths.insert(paths.end(), lines.begin(), lines.end());
     }
     return paths;
@@ -240,20 +240,38 @@ public:
     }
 
 private:
-    // The drawn copy's name in the --draw folder; never the file of an input
-    // of this run (the input would be lost): then the next free name, and a
-    // warning that says so.
+    // The drawn copy's name in the --draw folder; never a file the run did
+    // not write: not an input of this run, and not a file that was there
+    // before (another picture, an earlier run's drawing, a link to a file
+    // elsewhere). Then the next free name, and a warning that says so. A
+    // folder, device or FIFO in the way keeps the name: writing it is
+    // refused and reported as for any output. A name handed out once is
+    // never handed out again, so the run never replaces its own files.
     std::string output_name_for(const std::string &input, const std::string &extension) {
         const std::string first = names_.name_for(input, extension);
+        const char *why_not_first = nullptr;
         std::string name = first;
-        while (inputs_.holds(name)) {
+        for (;;) {
+            const char *why = inputs_.holds(name)    ? "is an input of this run"
+                              : holds_a_file(name) ? "exists already and was not written by this run"
+                                                   : nullptr;
+            if (why == nullptr) {
+                break;
+            }
+            why_not_first = why_not_first != nullptr ? why_not_first : why;
             name = names_.name_for(input, extension);
         }
         if (name != first) {
-            results_.note("'" + first + "' is an input of this run, so the drawn copy of '" + input +
+            results_.note("'" + first + "' " + why_not_first + ", so the drawn copy of '" + input +
                           "' is written to '" + name + "'");
         }
         return name;
+    }
+
+    // Whether writing to path would replace a file (through links).
+    static bool holds_a_file(const std::string &path) {
+        std::error_code ec;
+        return std::filesystem::is_regular_file(std::filesystem::status(path, ec));
     }
 
     void submit(DetectWork work) {

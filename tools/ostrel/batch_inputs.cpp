@@ -120,12 +120,21 @@ bool has_video_extension(const std::string &path) {
                                           ".mts", ".m2ts", ".wmv", ".flv", ".ogv", ".3gp", ".mjpeg", ".mjpg", ".y4m"});
 }
 
-std::vector<std::string> read_path_list(std::istream &in) {
+std::vector<std::string> read_path_list(std::istream &in, const std::string &list_name,
+                                        std::vector<InputProblem> *problems) {
     std::vector<std::string> paths;
     std::string line;
-    while (std::getline(in, line)) {
+    for (long long number = 1; std::getline(in, line); ++number) {
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
+        }
+        if (line.find('\0') != std::string::npos) {
+            if (problems != nullptr) {
+                problems->push_back({list_name, strformat("cannot use line %lld of list '%s': it holds a NUL byte, "
+                                                          "which no file name can; line skipped",
+                                                          number, list_name.c_str())});
+            }
+            continue;
         }
         if (line.find_first_not_of(" \t") == std::string::npos) {
             continue;

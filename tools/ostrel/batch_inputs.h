@@ -11,7 +11,9 @@
 //   warning line.
 // - A list gives one path a line (a picture, video or folder, relative to the
 //   current folder); blank lines are skipped, a trailing carriage return is
-//   dropped, nothing else of a line is changed.
+//   dropped, nothing else of a line is changed. A line that holds a NUL byte
+//   names no file (the system would read the name only up to it): it is
+//   refused with its line number, never cut short.
 // A path that does not exist or a folder that cannot be read becomes a
 // problem: reported, skipped, and the run ends with the input exit code.
 #pragma once
@@ -43,8 +45,11 @@ struct InputExpansion {
 bool has_picture_extension(const std::string &path);
 bool has_video_extension(const std::string &path);
 
-// The lines of a list (see above).
-std::vector<std::string> read_path_list(std::istream &in);
+// The paths of a list (see above). A line with a NUL byte is left out and,
+// when problems is given, reported there with the list's name and the line
+// number.
+std::vector<std::string> read_path_list(std::istream &in, const std::string &list_name = "-",
+                                        std::vector<InputProblem> *problems = nullptr);
 
 // Expands the arguments in order, then the entries of each list in order.
 InputExpansion expand_inputs(const std::vector<std::string> &arguments, bool recursive);

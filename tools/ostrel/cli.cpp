@@ -64,6 +64,7 @@ int run_cli(int argc, const char *const *argv) {
     add_info_command(app, action);
     add_eval_command(app, action);
     add_channels_command(app, action);
+    add_labels_command(app, action);
     add_studio_command(app, action);
 
     int code = 0;

@@ -12,8 +12,10 @@
 #include "batch_detection.h"
 #include "command_support.h"
 #include "commands.h"
+#include "detection_output.h"
 #include "exit_codes.h"
 #include "tool_error.h"
+#include "tool_output.h"
 #include "video_frames.h"
 
 namespace ostrel_tool {
@@ -24,7 +26,29 @@ struct DetectArguments {
     BatchDetectOptions batch;
     std::string start;
     std::string end;
+    DetectionOutputOptions output;  // --format, --out, --class, --image-ids
 };
+
+// --format: the batch prints its JSON lines into a DetectionOutput, which
+// writes them in the format asked for.
+int run_detect_into_format(DetectArguments &a) {
+    if (a.batch.json) {
+        throw usage_error("--json prints the JSON lines; --format jsonl is the same, --format writes other forms");
+    }
+    DetectionOutputOptions &o = a.output;
+    o.model = a.batch.model;
+    o.inputs = a.batch.inputs;
+    o.inputs.insert(o.inputs.end(), a.batch.lists.begin(), a.batch.lists.end());
+    o.inputs.push_back(a.batch.model);
+    DetectionOutput output(o);
+    a.batch.json = true;
+    int code = 0;
+    {
+        const ResultSink sink([&output](const std::string &text) { output.take(text); });
+        code = run_batch_detection(a.batch);
+    }
+    return output.finish(code);
+}
 
 int run_detect(DetectArguments &a) {
     if (a.batch.inputs.empty() && a.batch.lists.empty()) {
@@ -41,6 +65,12 @@ int run_detect(DetectArguments &a) {
     if (start && end && start->is_time == end->is_time &&
         (start->is_time ? end->ms <= start->ms : end->frame <= start->frame)) {
         throw usage_error("--end " + a.end + " does not come after --start " + a.start + ": no frame would be taken");
+    }
+    if (!a.output.format.empty()) {
+        return run_detect_into_format(a);
+    }
+    if (!a.output.out.empty() || a.output.class_given || !a.output.image_ids.empty()) {
+        throw usage_error("--out, --class and --image-ids go with --format");
     }
     return run_batch_detection(a.batch);
 }
@@ -69,6 +99,24 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
     sub->add_flag("--json", o.json,
                   "print one JSON line per picture or frame: {\"file\",[\"frame\",\"time_ms\",]\"width\",\"height\","
                   "\"boxes\":[{x,y,w,h,score,label,color_main,color_second,color_main_name,color_second_name}]}");
+    sub->add_option("--format", a->output.format,
+                    "write the detections as jsonl (the --json lines), coco (a COCO results file), labelstudio "
+                    "(predictions to import), cvat or imglab (one file), or voc or yolo (a file per picture in "
+                    "--out DIR)")
+        ->type_name("F");
+    sub->add_option("--out", a->output.out,
+                    "with --format: the file (jsonl, coco, labelstudio, cvat, imglab; default standard output) or "
+                    "the folder (voc, yolo)")
+        ->type_name("PATH");
+    sub->add_option("--class", a->output.classes,
+                    "with --format: the name of the class the model finds (default \"object\"); jsonl lines get "
+                    "it as \"class\" only when given")
+        ->type_name("NAME")
+        ->each([a](const std::string &) { a->output.class_given = true; });
+    sub->add_option("--image-ids", a->output.image_ids,
+                    "with --format coco: take image_id and category_id from this COCO labels file (pictures by "
+                    "file, classes by name), so that the results can be scored against it")
+        ->type_name("COCO_FILE");
     sub->add_option("--draw", o.draw_dir,
                     "write each picture with its boxes drawn to DIR/<name>.png, each video to DIR/<name>.mp4")
         ->type_name("DIR");
@@ -90,6 +138,8 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
     sub->footer(
         "Each line is: file  x,y,w,h  score  label  colours main, second (a video frame adds \"frame N\n"
         "time_ms T\" after the file). Label 1 is a detection; label -1 a box below the confidence threshold.\n"
+        "In the file name, a backslash is written \\\\, a line end \\n, \\r or \\t, other control characters\n"
+        "and bytes that are not UTF-8 \\xHH, so that a name never starts a line of its own.\n"
         "Colour classes: dark, grey, light, red, orange, yellow, green, blue, purple; the second colour is\n"
         "none when the box has no clear second colour. The library's own log lines never reach standard\n"
         "output (see --verbose), so --json output can be piped into jq.\n\n"
@@ -98,18 +148,26 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "one warning). A file with a video extension is read frame by frame; a frame's time is its index\n"
         "divided by the frame rate. Results come in input order, the same with any --jobs. An input that\n"
         "cannot be read is reported on standard error and skipped; the others are done and the exit code\n"
-        "is then 3. Ctrl-C stops handing out work, lets the running pictures finish and exits with 130;\n"
-        "a second Ctrl-C ends at once.\n\n"
-        "A drawing never replaces an input of the run: when DIR/<name>.png is one (the same file, however\n"
-        "spelt), the drawing takes the next free name and a warning says so. A folder, device or FIFO in\n"
-        "the way of a drawing is refused (exit code 4) and left as it is. Pictures above --max-pixels are\n"
+        "is then 3. A --list line holding a NUL byte is reported with its line number and skipped.\n"
+        "Ctrl-C stops handing out work, lets the running pictures finish and exits with 130; a second\n"
+        "Ctrl-C ends at once.\n\n"
+        "A drawing never replaces a file the run did not write: when DIR/<name>.png is an input of the run\n"
+        "(the same file, however spelt) or exists already (another picture, an earlier run's drawing), the\n"
+        "drawing takes the next free name and a warning says so. A folder, device or FIFO in the way of a\n"
+        "drawing is refused (exit code 4) and left as it is. Pictures above --max-pixels are\n"
         "refused from their header (JPEG, PNG, BMP) before decoding, a JPEG cut short is refused; both are\n"
         "reported and skipped. A model of the accurate profile needs --profile accurate: without it the\n"
         "model is refused at once (exit code 3) with a line that says so.\n\n"
         "Examples:\n"
         "  ostrel detect --model rbc.model --json --summary data/bccd/images > cells.jsonl\n"
         "  find /data -name '*.jpg' | ostrel detect --model rbc.model --list - --draw out\n"
-        "  ostrel detect --model car.model --every 5 --start 1:00 --end 2:00 --json --draw out street.mp4\n\n" +
+        "  ostrel detect --model car.model --every 5 --start 1:00 --end 2:00 --json --draw out street.mp4\n"
+        "  ostrel detect --model rbc.model --class RBC --format labelstudio --out tasks.json data/bccd/images\n"
+        "  ostrel detect --model rbc.model --class RBC --format yolo --out labels data/bccd/images\n\n"
+        "--format writes the detections (label 1) for other tools; the whole-run files (jsonl, coco,\n"
+        "labelstudio, cvat, imglab) when the run ends, on standard output or into --out FILE, the\n"
+        "per-picture files (voc, yolo) into --out DIR as the results come. Video frames are written by\n"
+        "jsonl only. No output replaces the model, an input or a list of the run.\n\n" +
         std::string(exit_code_help()));
     sub->callback([a, &action] { action = [a] { return run_detect(*a); }; });
 }

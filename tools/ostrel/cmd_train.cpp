@@ -8,6 +8,7 @@
 
 #include "atomic_file.h"
 #include "box_io.h"
+#include "labels/label_formats.h"
 #include "command_support.h"
 #include "commands.h"
 #include "exit_codes.h"
@@ -25,8 +26,10 @@ struct TrainOptions {
     std::vector<std::string> images;
     std::vector<std::string> box_arguments;
     std::vector<std::string> box_files;
-    std::string class_name;
+    std::vector<std::string> classes;  // --class, repeatable; "a,b" merges
     std::string voc_dir;
+    std::string labels;
+    std::string format;
     int limit = 0;
     std::string model;
     uint32_t sensitivity = kDefaultSensitivity;
@@ -48,43 +51,108 @@ void check_sizing_options(const TrainOptions &o) {
 
 // The pictures and their boxes, from IMAGE [--box ...|--boxes FILE] pairs or
 // from a VOC folder. Reads every box file; no picture is read yet.
+// The labels' pictures with boxes of the classes given (merged into the
+// one class a model holds), from --labels in any format or --voc with
+// several class names.
+std::vector<TrainingPicture> training_set_from_labels(const TrainOptions &o, const std::string &path,
+                                                      std::optional<LabelFormat> format) {
+    const LabelSet set = read_labels(path, format);
+    for (const auto &note : set.notes) {
+        warn(note);
+    }
+    const std::vector<ClassGroup> groups = class_groups_of(o.classes);
+    ClassGroup group;
+    if (groups.empty()) {
+        if (set.classes.size() != 1) {
+            std::string names;
+            for (const auto &c : set.classes) {
+                names += (names.empty() ? "" : ", ") + c;
+            }
+            throw usage_error("give the class to learn with --class NAME (the labels hold " +
+                              (names.empty() ? std::string("none") : names) + ")");
+        }
+        group.names = {set.classes.front()};
+    } else {
+        group = merged_into_one(groups);
+        if (groups.size() > 1 || group.names.size() > 1) {
+            warn("a model holds one class: " + group.display() + " are learnt as one class");
+        }
+    }
+    VocTrainingSet chosen = training_pictures_from_labels(set, group, o.limit);
+    if (chosen.without_class > 0) {
+        warn(strformat("%d labelled picture%s in '%s' hold%s no object of class '%s' and %s passed over",
+                       chosen.without_class, chosen.without_class == 1 ? "" : "s", path.c_str(),
+                       chosen.without_class == 1 ? "s" : "", group.display().c_str(),
+                       chosen.without_class == 1 ? "is" : "are"));
+    }
+    return std::move(chosen.pictures);
+}
+
 std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
     check_sizing_options(o);
+    if (!o.labels.empty() || !o.format.empty()) {
+        if (o.labels.empty()) {
+            throw usage_error("--format names the format of --labels FILE_OR_DIR");
+        }
+        if (!o.voc_dir.empty() || !o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
+            throw usage_error("--labels takes the pictures and their boxes from the labels: give no IMAGE, --box, "
+                              "--boxes or --voc with it");
+        }
+        std::optional<LabelFormat> format;
+        if (!o.format.empty()) {
+            format = format_of_name(o.format);
+            if (!format) {
+                throw usage_error("--format '" + o.format + "': one of " + format_names());
+            }
+        }
+        return training_set_from_labels(o, o.labels, format);
+    }
+    if (!o.voc_dir.empty() && (o.classes.size() > 1 || (o.classes.size() == 1 && o.classes[0].find(',') != std::string::npos))) {
+        if (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
+            throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
+                              "--boxes with it");
+        }
+        return training_set_from_labels(o, o.voc_dir, LabelFormat::voc);
+    }
+    if (o.classes.size() > 1) {
+        throw usage_error("--boxes FILE takes one --class; several classes come from --labels or --voc");
+    }
+    const std::string class_name = o.classes.empty() ? std::string() : o.classes.front();
     if (!o.voc_dir.empty()) {
         if (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
             throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
                               "--boxes with it");
         }
-        if (o.class_name.empty()) {
+        if (class_name.empty()) {
             throw usage_error("--voc needs the object class: --class NAME");
         }
-        VocTrainingSet set = training_pictures_from_voc(o.voc_dir, o.class_name, o.limit);
+        VocTrainingSet set = training_pictures_from_voc(o.voc_dir, class_name, o.limit);
         if (set.without_class > 0) {
             warn(strformat("%d annotated picture%s in '%s' hold%s no object of class '%s' and %s passed over",
                            set.without_class, set.without_class == 1 ? "" : "s", o.voc_dir.c_str(),
-                           set.without_class == 1 ? "s" : "", o.class_name.c_str(),
+                           set.without_class == 1 ? "s" : "", class_name.c_str(),
                            set.without_class == 1 ? "is" : "are"));
         }
         return std::move(set.pictures);
     }
     if (o.limit != 0) {
-        throw usage_error("--limit goes with --voc");
+        throw usage_error("--limit goes with --voc or --labels");
     }
     if (o.images.empty()) {
-        throw usage_error("give the training picture IMAGE with its boxes, or --voc DIR --class NAME");
+        throw usage_error("give the training picture IMAGE with its boxes, --labels FILE_OR_DIR or --voc DIR --class NAME");
     }
     if (o.images.size() > 1) {
         if (!o.box_arguments.empty()) {
             throw usage_error("--box marks boxes on a single picture; with several pictures give --boxes FILE "
                               "after each picture");
         }
-        return pair_pictures_with_box_files(o.images, o.box_files, o.class_name);
+        return pair_pictures_with_box_files(o.images, o.box_files, class_name);
     }
     if (o.box_arguments.empty() == o.box_files.empty()) {
         throw usage_error("give the marked boxes either with --box x,y,w,h (repeatable) or with --boxes FILE");
     }
     if (!o.box_files.empty()) {
-        return pair_pictures_with_box_files(o.images, o.box_files, o.class_name);
+        return pair_pictures_with_box_files(o.images, o.box_files, class_name);
     }
     require_box_count(o.box_arguments.size(), "--box", true);
     TrainingPicture single{o.images.front(), "--box", {}};
@@ -286,12 +354,22 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         ->type_name("FILE")
         ->allow_extra_args(false)  // one file per --boxes, so that the next IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    sub->add_option("--class", o->class_name, "the object class to take from Pascal VOC files")->type_name("NAME");
+    sub->add_option("--class", o->classes,
+                    "the object class to learn from the labels (--labels, --voc, a VOC --boxes file); give it "
+                    "again, or a,b, to learn several label classes as one (a model holds one class)")
+        ->type_name("NAME")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    sub->add_option("--labels", o->labels,
+                    "train on every picture of these labels that holds objects of --class: a file or folder in "
+                    "any of the formats " + format_names() + " (found from the content)")
+        ->type_name("FILE_OR_DIR");
+    sub->add_option("--format", o->format, "the format of --labels: " + format_names())->type_name("F");
     sub->add_option("--voc", o->voc_dir,
                     "train on every picture of a Pascal VOC folder that holds objects of --class (annotations in "
                     "Annotations/, annotations/ or the folder; pictures in JPEGImages/, images/ or next to them)")
         ->type_name("DIR");
-    sub->add_option("--limit", o->limit, "with --voc: the first N such pictures only (by annotation name)")
+    sub->add_option("--limit", o->limit, "with --voc or --labels: the first N such pictures only")
         ->check(whole_number_in(1, 2147483647))
         ->type_name("N");
     sub->add_option("--model", o->model, "where to write the model file")->type_name("OUT")->required();
@@ -328,7 +406,13 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         "Examples:\n"
         "  ostrel train a.jpg --boxes a.xml --class RBC --median-size --model rbc.model\n"
         "  ostrel train a.jpg --boxes a.json b.jpg --boxes b.json --model cells.model\n"
-        "  ostrel train --voc data/bccd --class RBC --limit 3 --median-size --model rbc3.model\n\n" +
+        "  ostrel train --voc data/bccd --class RBC --limit 3 --median-size --model rbc3.model\n"
+        "  ostrel train --labels chess/_annotations.coco.json --class white-pawn,black-pawn --limit 1 --model p.model\n\n"
+        "--labels reads Pascal VOC folders, COCO JSON (instances_*.json), YOLO folders (images/ and labels/, or\n"
+        "pictures and .txt side by side, names from data.yaml, classes.txt or obj.names), CVAT for images 1.1\n"
+        "XML, Label Studio JSON exports and dlib imglab XML. A malformed label file is refused with its line\n"
+        "or key (exit code 3) before any training. A model holds one class today: several --class names, or\n"
+        "--class a,b, are learnt as one class (say, both pawns as \"pawn\").\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_train(*o); }; });
 }

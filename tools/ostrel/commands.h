@@ -20,5 +20,6 @@ void add_eval_command(CLI::App &app, CommandAction &action);
 void add_channels_command(CLI::App &app, CommandAction &action);
 void add_demo_command(CLI::App &app, CommandAction &action);
 void add_studio_command(CLI::App &app, CommandAction &action);
+void add_labels_command(CLI::App &app, CommandAction &action);
 
 }  // namespace ostrel_tool

@@ -18,9 +18,13 @@ namespace ostrel_tool {
 // larger than any camera's photo): a picture costs three bytes a pixel
 // and more again while it is worked on, in every job at once, so larger
 // ones are taken only when asked for (--max-pixels), up to the library's
-// own limit, above which the library refuses them anyway.
-constexpr int64_t kDefaultMaxPicturePixels = int64_t{1} << 27;
+// own limit, above which the library refuses them anyway. The Python
+// package holds pictures to the same limits: it reads both numbers from
+// this line and from the library's header when it is installed, so the
+// default is written as a plain number.
+constexpr int64_t kDefaultMaxPicturePixels = 134217728;  // 2^27
 constexpr int64_t kLargestMaxPicturePixels = OSTREL_ALG_MAX_PICTURE_PIXELS;
+static_assert(kDefaultMaxPicturePixels == int64_t{1} << 27, "the default limit is 2^27 pixels");
 
 // The limit every picture read from a file is held to (width x height), for
 // the whole process; commands set it from --max-pixels.

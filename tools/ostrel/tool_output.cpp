@@ -28,7 +28,24 @@ std::string strformat(const char *format, ...) {
     return text;
 }
 
-void print(const std::string &text) { std::fwrite(text.data(), 1, text.size(), tool_out()); }
+namespace {
+std::function<void(const std::string &)> &result_sink() {
+    static std::function<void(const std::string &)> sink;
+    return sink;
+}
+}  // namespace
+
+ResultSink::ResultSink(std::function<void(const std::string &text)> sink) { result_sink() = std::move(sink); }
+
+ResultSink::~ResultSink() { result_sink() = nullptr; }
+
+void print(const std::string &text) {
+    if (result_sink()) {
+        result_sink()(text);
+        return;
+    }
+    std::fwrite(text.data(), 1, text.size(), tool_out());
+}
 
 void println(const std::string &text) {
     print(text);

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <string>
 
 namespace ostrel_tool {
@@ -21,6 +22,17 @@ std::FILE *tool_out();
 
 // printf-style formatting into a std::string.
 std::string strformat(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// While a ResultSink lives, print() hands its text to the sink instead of
+// writing it (detect --format turns the result lines into another format).
+// Used on the main thread only.
+class ResultSink {
+public:
+    explicit ResultSink(std::function<void(const std::string &text)> sink);
+    ~ResultSink();
+    ResultSink(const ResultSink &) = delete;
+    ResultSink &operator=(const ResultSink &) = delete;
+};
 
 // Writes text to tool_out() as it is (no newline added).
 void print(const std::string &text);

@@ -50,6 +50,42 @@ VocTrainingSet training_pictures_from_voc(const std::string &dir, const std::str
     return set;
 }
 
+VocTrainingSet training_pictures_from_labels(const LabelSet &set, const ClassGroup &group, int limit) {
+    VocTrainingSet out;
+    std::vector<const LabelledPicture *> chosen;
+    for (const LabelledPicture &p : set.pictures) {
+        std::vector<Rect> boxes;
+        for (const LabelBox &b : p.boxes) {
+            if (group.contains(b.class_name) && !b.crowd) {
+                boxes.push_back(rounded_rect(b));
+            }
+        }
+        require_box_count(boxes.size(), p.source, false);
+        if (boxes.empty()) {
+            ++out.without_class;
+            continue;
+        }
+        if (limit > 0 && static_cast<int>(out.pictures.size()) >= limit) {
+            continue;
+        }
+        if (p.picture_path.empty()) {
+            LabelSet one;
+            one.pictures.push_back(p);
+            throw input_error(missing_pictures_message(one));
+        }
+        out.pictures.push_back({p.picture_path, p.source, std::move(boxes)});
+    }
+    if (out.pictures.empty()) {
+        std::string names;
+        for (const auto &c : set.classes) {
+            names += (names.empty() ? "" : ", ") + c;
+        }
+        throw input_error("no object of class '" + group.display() + "' in '" + set.source + "'" +
+                          (names.empty() ? "" : " (classes there: " + names + ")"));
+    }
+    return out;
+}
+
 namespace {
 
 // The cells a length of `pixels` covers on a side of `side` pixels mapped to

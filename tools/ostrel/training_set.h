@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "box_geometry.h"
+#include "labels/label_set.h"
 
 namespace ostrel_tool {
 
@@ -38,6 +39,12 @@ struct VocTrainingSet {
     int without_class = 0;
 };
 VocTrainingSet training_pictures_from_voc(const std::string &dir, const std::string &class_name, int limit);
+
+// Every picture of a label set (any format) that holds boxes of the class
+// (crowd regions left out: a box of many objects is no window of one), in
+// the set's order; at most limit of them (0: all). Throws an input error
+// when a picture is missing or no picture holds the class.
+VocTrainingSet training_pictures_from_labels(const LabelSet &set, const ClassGroup &group, int limit);
 
 // The window in pixels on a picture of picture_size when the detector learnt
 // window on a picture of first_size: scaled with the picture, then nudged by

@@ -10,6 +10,7 @@
 
 #include <pugixml.hpp>
 
+#include "labels/label_text.h"
 #include "tool_error.h"
 
 namespace ostrel_tool {
@@ -23,33 +24,6 @@ namespace fs = std::filesystem;
 // elements, entities and character references, CDATA sections, comments,
 // byte-order marks and UTF-16, and Latin-1 files that say so in their
 // declaration - and it reports malformed XML with an offset.
-
-std::string trimmed(const std::string &text) {
-    const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos) {
-        return {};
-    }
-    const size_t last = text.find_last_not_of(" \t\r\n");
-    return text.substr(first, last - first + 1);
-}
-
-// The text of a direct child element (all its text and CDATA pieces), trimmed;
-// nothing when the child is absent. Only direct children count, so that a
-// tool's <attributes><attribute><name>...</name>... block inside an <object>
-// is never taken for the object's own <name>.
-std::optional<std::string> child_text(const pugi::xml_node &parent, const char *tag) {
-    const pugi::xml_node child = parent.child(tag);
-    if (!child) {
-        return std::nullopt;
-    }
-    std::string text;
-    for (const pugi::xml_node &piece : child.children()) {
-        if (piece.type() == pugi::node_pcdata || piece.type() == pugi::node_cdata) {
-            text += piece.value();
-        }
-    }
-    return trimmed(text);
-}
 
 std::optional<double> parse_number(const std::string &text) {
     if (text.empty()) {
@@ -80,25 +54,6 @@ bool flag_value(const std::optional<std::string> &text) {
     return number && *number != 0.0;
 }
 
-// pugixml recognises byte-order marks and UTF-16/32 by their first bytes;
-// an 8-bit encoding other than UTF-8 is known only from the declaration.
-pugi::xml_encoding declared_encoding(const std::string &xml) {
-    if (xml.rfind("<?xml", 0) != 0) {
-        return pugi::encoding_auto;
-    }
-    const size_t end = xml.find("?>");
-    std::string declaration = xml.substr(0, end == std::string::npos ? std::min<size_t>(xml.size(), 200) : end);
-    std::transform(declaration.begin(), declaration.end(), declaration.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    for (const char *latin1 : {"iso-8859-1", "latin1", "latin-1", "iso8859-1"}) {
-        if (declaration.find(std::string("\"") + latin1 + "\"") != std::string::npos ||
-            declaration.find(std::string("'") + latin1 + "'") != std::string::npos) {
-            return pugi::encoding_latin1;
-        }
-    }
-    return pugi::encoding_auto;
-}
-
 }  // namespace
 
 bool looks_like_xml(const std::string &text) {
@@ -113,7 +68,7 @@ bool looks_like_xml(const std::string &text) {
 VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &source) {
     pugi::xml_document document;
     const pugi::xml_parse_result parsed = document.load_buffer(
-        xml.data(), xml.size(), pugi::parse_default, declared_encoding(xml));
+        xml.data(), xml.size(), pugi::parse_default, declared_xml_encoding(xml));
     if (!parsed) {
         throw input_error("'" + source + "' is not well-formed XML: " + parsed.description() + " at byte " +
                           std::to_string(parsed.offset));
@@ -125,6 +80,9 @@ VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &so
     VocAnnotation annotation;
     if (auto filename = child_text(root, "filename")) {
         annotation.filename = *filename;
+    }
+    if (auto path = child_text(root, "path")) {
+        annotation.path = *path;
     }
     if (const pugi::xml_node size = root.child("size")) {
         auto w = parse_number(child_text(size, "width").value_or(""));
@@ -143,6 +101,15 @@ VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &so
         }
         obj.difficult = flag_value(child_text(object, "difficult"));
         obj.truncated = flag_value(child_text(object, "truncated"));
+        obj.occluded = flag_value(child_text(object, "occluded"));
+        for (const char *tag : {"score", "confidence"}) {
+            if (auto text = child_text(object, tag)) {
+                if (auto number = parse_number(*text)) {
+                    obj.score = *number;
+                    break;
+                }
+            }
+        }
         const pugi::xml_node bndbox = object.child("bndbox");
         if (!bndbox) {
             throw input_error(where + ": no <bndbox>");
@@ -233,7 +200,7 @@ std::optional<fs::path> first_existing_dir(const fs::path &base, std::initialize
 
 }  // namespace
 
-std::vector<VocItem> read_voc_folder(const std::string &dir) {
+std::vector<VocItem> read_voc_folder(const std::string &dir, bool use_path_element) {
     std::error_code ec;
     if (!fs::is_directory(dir, ec)) {
         throw input_error("cannot open VOC folder '" + dir + "': no such folder");
@@ -267,6 +234,13 @@ std::vector<VocItem> read_voc_folder(const std::string &dir) {
                     picture = entry.path();
                     break;
                 }
+            }
+        }
+        if (!picture && use_path_element && !item.annotation.path.empty()) {
+            const fs::path recorded(item.annotation.path);
+            const fs::path candidate = recorded.is_absolute() ? recorded : xml.parent_path() / recorded;
+            if (fs::is_regular_file(candidate, ec)) {
+                picture = candidate;
             }
         }
         if (!picture) {

@@ -11,6 +11,7 @@
 // labelling tools add (<attributes>, <part>, ...) do not disturb the reading.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,13 @@ struct VocObject {
     Rect box;
     bool difficult = false;
     bool truncated = false;
+    bool occluded = false;
+    std::optional<double> score;  // <score> or <confidence>, as detectors' VOC files add
 };
 
 struct VocAnnotation {
     std::string filename;  // the <filename> element, may be empty
+    std::string path;      // the <path> element (where the labelling tool saw the picture), may be empty
     int width = 0;         // <size>, 0 when absent
     int height = 0;
     std::vector<VocObject> objects;
@@ -57,6 +61,9 @@ struct VocItem {
 // the annotation's own name with a picture extension. Items are sorted by
 // annotation file name. Throws an input error when the folder is missing,
 // holds no annotation, or an annotation has no picture.
-std::vector<VocItem> read_voc_folder(const std::string &dir);
+// With use_path_element, a picture not found so is looked for last at the
+// annotation's <path> (absolute, or relative to the annotation's folder), as
+// LabelImg records it.
+std::vector<VocItem> read_voc_folder(const std::string &dir, bool use_path_element = false);
 
 }  // namespace ostrel_tool

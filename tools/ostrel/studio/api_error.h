@@ -31,6 +31,7 @@ constexpr int payload_too_large = 413;
 constexpr int unsupported_media_type = 415;  // an upload that is not a picture, a wrong content type
 constexpr int unprocessable = 422;       // boxes that do not fit, a model that fails validation
 constexpr int internal_error = 500;      // the library failed
+constexpr int service_unavailable = 503; // too busy: other requests hold the memory this one needs
 }  // namespace http_status
 
 }  // namespace studio

@@ -62,13 +62,68 @@ Rect box_of(const nlohmann::json &item, size_t i) {
 
 }  // namespace
 
+void check_json_shape(const std::string &body) {
+    if (body.size() > kMaxJsonBytes) {
+        throw ApiError(http_status::payload_too_large,
+                       strformat("the request has %zu bytes: a JSON request is at most %zu KiB", body.size(),
+                                 kMaxJsonBytes >> 10));
+    }
+    size_t depth = 0;
+    size_t values = 1;
+    bool in_string = false;
+    for (size_t i = 0; i < body.size(); ++i) {
+        const char c = body[i];
+        if (in_string) {
+            if (c == '\\') {
+                ++i;  // the escaped character, whatever it is
+            } else if (c == '"') {
+                in_string = false;
+            }
+            continue;
+        }
+        switch (c) {
+        case '"':
+            in_string = true;
+            break;
+        case '[':
+        case '{':
+            ++values;
+            if (++depth > kMaxJsonDepth) {
+                throw ApiError(http_status::bad_request,
+                               strformat("the request is nested deeper than %zu levels; %s", kMaxJsonDepth, kTrainShape));
+            }
+            break;
+        case ']':
+        case '}':
+            depth = depth > 0 ? depth - 1 : 0;
+            break;
+        case ',':
+            ++values;
+            break;
+        default:
+            break;
+        }
+        if (values > kMaxJsonValues) {
+            throw ApiError(http_status::bad_request,
+                           strformat("the request holds more than %zu values; %s", kMaxJsonValues, kTrainShape));
+        }
+    }
+}
+
 TrainRequest parse_train_request(const std::string &body) {
+    check_json_shape(body);
     nlohmann::json doc;
     try {
         doc = nlohmann::json::parse(body);
     } catch (const nlohmann::json::parse_error &e) {
         throw ApiError(http_status::bad_request,
                        strformat("the request is not valid JSON (at byte %zu); %s", e.byte, kTrainShape));
+    } catch (const nlohmann::json::out_of_range &) {
+        // 1e400 and the like: a number beyond any double.
+        throw ApiError(http_status::bad_request, std::string("the request holds a number too large to read; ") +
+                                                     kTrainShape);
+    } catch (const nlohmann::json::exception &) {
+        throw ApiError(http_status::bad_request, std::string("the request is not valid JSON; ") + kTrainShape);
     }
     if (!doc.is_object()) {
         throw ApiError(http_status::bad_request, std::string("the request is a JSON ") + doc.type_name() + "; " +

@@ -17,8 +17,25 @@ struct TrainRequest {
     std::vector<Rect> boxes;
 };
 
+// The most a JSON request may hold, checked before it is parsed so that
+// parsing one costs a small, known amount of memory (nlohmann::json keeps
+// a few dozen bytes a value; these bounds hold one parse to about a
+// megabyte, whatever the bytes). A train request with the most boxes a
+// picture may have (256, written as {"x", "y", "w", "h"} objects) is about
+// 12 KiB, nests three deep and holds about 1300 values.
+constexpr size_t kMaxJsonBytes = 64 * 1024;
+constexpr size_t kMaxJsonDepth = 8;
+constexpr size_t kMaxJsonValues = 4096;
+
+// Scans a JSON text without parsing it: throws ApiError(413) when it is
+// longer than kMaxJsonBytes, ApiError(400) when it nests deeper than
+// kMaxJsonDepth or holds more than kMaxJsonValues values (counted from its
+// brackets and commas outside strings).
+void check_json_shape(const std::string &body);
+
 // {"picture": NAME, "boxes": [[x, y, w, h], ...]}; a box may also be
-// {"x", "y", "w", "h"}. Numbers must be whole and fit 32 bits.
+// {"x", "y", "w", "h"}. Numbers must be whole and fit 32 bits; a number too
+// large for the parser is a malformed request like any other (400).
 TrainRequest parse_train_request(const std::string &body);
 
 // A whole number 0..100 ("80"); absent (empty) gives fallback.

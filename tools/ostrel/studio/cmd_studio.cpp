@@ -25,7 +25,6 @@
 #include "studio_server.h"
 #include "tool_error.h"
 #include "tool_output.h"
-#include "tool_output.h"
 #include "web_assets.h"
 #include "workspace.h"
 
@@ -95,13 +94,16 @@ std::string read_model_file(const std::string &path, size_t max_bytes) {
 }
 
 int run_studio(const StudioOptions &o) {
-    // Ctrl-C and SIGTERM are taken by one thread that stops the server. Every
-    // other thread must be started with them blocked: the server's, and the
-    // worker threads OpenCV starts inside the library on its first picture.
+    // Ctrl-C, SIGTERM and SIGHUP (the terminal closed) are taken by one
+    // thread that stops the server, so that the session folder is removed
+    // whichever ends the studio. Every other thread must be started with
+    // them blocked: the server's, the engine thread, and the worker threads
+    // OpenCV starts inside the library on its first picture.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     // A browser that goes away mid-reply must not end the process.
     std::signal(SIGPIPE, SIG_IGN);

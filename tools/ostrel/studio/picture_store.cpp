@@ -1,8 +1,7 @@
 #include "picture_store.h"
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
+#include <chrono>
 
 #include <opencv2/imgcodecs.hpp>
 
@@ -29,23 +28,17 @@ bool is_listed_extension(const std::string &ext) {
 
 // The first bytes of a file: enough for any header the store reads (a JPEG
 // may carry large metadata segments before its frame header).
-std::string read_head(const std::string &path, size_t bytes) {
-    std::ifstream in(path, std::ios::binary);
-    std::string head(bytes, '\0');
-    in.read(&head[0], static_cast<std::streamsize>(bytes));
-    head.resize(static_cast<size_t>(in.gcount()));
+std::string read_head(const ReadOnlyFile &file, size_t bytes) {
+    std::string head(static_cast<size_t>(std::min<uint64_t>(bytes, file.size())), '\0');
+    head.resize(file.read_at(0, &head[0], head.size()));
     return head;
 }
 
-std::string read_whole(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!in) {
-        throw ApiError(http_status::not_found, "cannot read '" + fs::path(path).filename().string() + "'");
-    }
-    return content.str();
-}
+// How long a request waits for a decoding turn before it is told the
+// studio is busy: several pictures' decoding, on a loaded machine.
+constexpr std::chrono::seconds kDecodeWait{60};
+
+size_t decoded_bytes(const Picture &picture) { return picture.pixels.total() * picture.pixels.elemSize(); }
 
 cv::Mat decode(const std::string &bytes) {
     cv::Mat pixels;
@@ -61,7 +54,7 @@ cv::Mat decode(const std::string &bytes) {
 }  // namespace
 
 PictureStore::PictureStore(const std::string &folder, const std::string &upload_folder, PictureLimits limits)
-    : limits_(limits), next_key_(kFirstKey) {
+    : limits_(limits), decoding_(std::max<size_t>(1, limits.decodes_at_once)), next_key_(kFirstKey) {
     std::error_code ec;
     if (!fs::is_directory(folder, ec)) {
         throw input_error("'" + folder + "' is not a folder");
@@ -93,39 +86,47 @@ PictureStore::PictureStore(const std::string &folder, const std::string &upload_
 
     for (const std::string &name : names) {
         const fs::path path = fs::path(folder_) / name;
+        const std::string shown = listing_name(name);
         // A link may point anywhere; only what resolves inside the folder is served.
         if (!lies_inside(folder_, path) || !fs::is_regular_file(path, ec)) {
-            skipped_.push_back(name + ": not a file inside the folder");
+            skipped_.push_back(shown + ": not a file inside the folder");
             continue;
         }
-        const auto bytes = fs::file_size(path, ec);
-        if (ec || bytes > limits_.max_file_bytes) {
-            skipped_.push_back(name + strformat(": larger than %zu MiB", limits_.max_file_bytes >> 20));
+        std::string head;
+        try {
+            const ReadOnlyFile file(path.string(), shown);
+            if (file.size() > limits_.max_file_bytes) {
+                skipped_.push_back(shown + strformat(": larger than %zu MiB", limits_.max_file_bytes >> 20));
+                continue;
+            }
+            head = read_head(file, 1u << 20);
+        } catch (const ApiError &e) {
+            skipped_.push_back(shown + ": " + e.what());
             continue;
         }
-        const PictureHeader header = read_picture_header(read_head(path.string(), 1u << 20));
+        const PictureHeader header = read_picture_header(head);
         if (header.format == PictureFormat::unknown || header.width < 1 || header.height < 1) {
-            skipped_.push_back(name + ": not a JPEG, PNG or BMP picture");
+            skipped_.push_back(shown + ": not a JPEG, PNG or BMP picture");
             continue;
         }
         try {
             check_size(header.width, header.height);
         } catch (const ApiError &e) {
-            skipped_.push_back(name + ": " + e.what());
+            skipped_.push_back(shown + ": " + e.what());
             continue;
         }
         if (entries_.size() >= limits_.max_pictures) {
-            skipped_.push_back(name + strformat(": more than %zu pictures", limits_.max_pictures));
+            skipped_.push_back(shown + strformat(": more than %zu pictures", limits_.max_pictures));
             continue;
         }
         PictureEntry entry;
-        entry.name = name;
+        entry.name = unique_name(shown);
         entry.path = path.string();
         entry.width = static_cast<int>(header.width);
         entry.height = static_cast<int>(header.height);
         entry.key = next_key_++;
         entry.format = header.format;
-        index_[name] = entries_.size();
+        index_[entry.name] = entries_.size();
         entries_.push_back(entry);
     }
 }
@@ -160,12 +161,52 @@ PictureEntry PictureStore::find(const std::string &name) const {
     return entries_[it->second];
 }
 
-std::string PictureStore::file_bytes(const std::string &name) const {
+std::shared_ptr<const ReadOnlyFile> PictureStore::open_file(const std::string &name) const {
     const PictureEntry entry = find(name);
-    if (!lies_inside(entry.uploaded ? upload_folder_ : folder_, entry.path)) {
+    const std::string &folder = entry.uploaded ? upload_folder_ : folder_;
+    auto file = std::make_shared<const ReadOnlyFile>(entry.path, name);
+    // Asked of the open file, so that no link swapped after the check can
+    // lead elsewhere (the path is the fallback where the system cannot tell).
+    const std::string opened = file->resolved_path();
+    if (!lies_inside(folder, opened.empty() ? entry.path : opened)) {
         throw ApiError(http_status::not_found, "'" + name + "' no longer lies inside the folder");
     }
-    return read_whole(entry.path);
+    return file;
+}
+
+std::string PictureStore::file_bytes(const std::string &name) const {
+    const auto file = open_file(name);
+    if (file->size() > limits_.max_file_bytes) {
+        throw ApiError(http_status::not_found,
+                       strformat("'%s' has grown beyond %zu MiB", name.c_str(), limits_.max_file_bytes >> 20));
+    }
+    return file->read_all();
+}
+
+size_t PictureStore::cached_bytes() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return cached_bytes_;
+}
+
+void PictureStore::keep(const std::shared_ptr<const Picture> &picture) {
+    const size_t bytes = decoded_bytes(*picture);
+    if (bytes > limits_.cache_bytes) {
+        return;  // larger than the whole cache: decoded for its request only
+    }
+    while (!cache_.empty() && cached_bytes_ + bytes > limits_.cache_bytes) {
+        cached_bytes_ -= cache_.back().bytes;
+        cache_.pop_back();
+    }
+    cache_.push_front({picture, bytes});
+    cached_bytes_ += bytes;
+}
+
+CountingGate::Ticket PictureStore::decoding_turn() {
+    CountingGate::Ticket turn = decoding_.acquire(1, kDecodeWait);
+    if (!turn.valid()) {
+        throw ApiError(http_status::service_unavailable, "the studio is busy decoding other pictures: try again");
+    }
+    return turn;
 }
 
 std::shared_ptr<const Picture> PictureStore::picture(const std::string &name) {
@@ -173,13 +214,15 @@ std::shared_ptr<const Picture> PictureStore::picture(const std::string &name) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto it = cache_.begin(); it != cache_.end(); ++it) {
-            if ((*it)->key == entry.key) {
+            if (it->picture->key == entry.key) {
                 cache_.splice(cache_.begin(), cache_, it);
-                return cache_.front();
+                return cache_.front().picture;
             }
         }
     }
-    // Decoded outside the lock: other requests go on meanwhile.
+    // Decoded outside the lock: other requests go on meanwhile. The turn
+    // lasts until the pixels are in the cache.
+    const CountingGate::Ticket turn = decoding_turn();
     const std::string bytes = file_bytes(name);
     cv::Mat pixels = decode(bytes);
     if (pixels.empty() || pixels.type() != CV_8UC3 || pixels.cols != entry.width || pixels.rows != entry.height) {
@@ -189,10 +232,7 @@ std::shared_ptr<const Picture> PictureStore::picture(const std::string &name) {
     decoded->key = entry.key;
 
     std::lock_guard<std::mutex> lock(mutex_);
-    cache_.push_front(decoded);
-    while (cache_.size() > limits_.cached_pictures) {
-        cache_.pop_back();
-    }
+    keep(decoded);
     return decoded;
 }
 
@@ -223,6 +263,7 @@ PictureEntry PictureStore::add_upload(const std::string &bytes, const std::strin
     if (!reaches_picture_end(bytes, header.format)) {
         throw ApiError(http_status::unsupported_media_type, "the picture is cut short: the file ends before it does");
     }
+    const CountingGate::Ticket turn = decoding_turn();  // until the pixels are in the cache
     cv::Mat pixels = decode(bytes);
     if (pixels.empty() || pixels.type() != CV_8UC3 || pixels.cols != header.width || pixels.rows != header.height) {
         throw ApiError(http_status::unsupported_media_type, "the picture is damaged: it does not decode");
@@ -247,10 +288,7 @@ PictureEntry PictureStore::add_upload(const std::string &bytes, const std::strin
     }
     auto decoded = std::make_shared<Picture>(picture_from_pixels(pixels, entry.path));
     decoded->key = entry.key;
-    cache_.push_front(decoded);
-    while (cache_.size() > limits_.cached_pictures) {
-        cache_.pop_back();
-    }
+    keep(decoded);
     index_[entry.name] = entries_.size();
     entries_.push_back(entry);
     return entry;

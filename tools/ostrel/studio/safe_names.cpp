@@ -21,14 +21,81 @@ bool is_plain_file_name(const std::string &name) {
     return true;
 }
 
+namespace {
+
+// The length of the well-formed UTF-8 character at s[i], 0 when there is none.
+size_t utf8_length_at(const std::string &s, size_t i) {
+    const auto byte = [&](size_t k) { return k < s.size() ? static_cast<unsigned char>(s[k]) : 0u; };
+    const unsigned c = byte(i);
+    const auto continuation = [&](size_t k, unsigned low, unsigned high) {
+        const unsigned b = byte(k);
+        return k < s.size() && b >= low && b <= high;
+    };
+    if (c < 0x80) return 1;
+    if (c >= 0xc2 && c <= 0xdf) return continuation(i + 1, 0x80, 0xbf) ? 2 : 0;
+    if (c >= 0xe0 && c <= 0xef) {
+        const unsigned low = c == 0xe0 ? 0xa0 : 0x80;   // no overlong forms
+        const unsigned high = c == 0xed ? 0x9f : 0xbf;  // no surrogates
+        return continuation(i + 1, low, high) && continuation(i + 2, 0x80, 0xbf) ? 3 : 0;
+    }
+    if (c >= 0xf0 && c <= 0xf4) {
+        const unsigned low = c == 0xf0 ? 0x90 : 0x80;
+        const unsigned high = c == 0xf4 ? 0x8f : 0xbf;  // nothing above U+10FFFF
+        return continuation(i + 1, low, high) && continuation(i + 2, 0x80, 0xbf) && continuation(i + 3, 0x80, 0xbf)
+                   ? 4
+                   : 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::string ascii_lower(std::string text) {
+    for (char &c : text) {
+        if (c >= 'A' && c <= 'Z') {
+            c = static_cast<char>(c - 'A' + 'a');
+        }
+    }
+    return text;
+}
+
+bool is_utf8(const std::string &text) {
+    for (size_t i = 0; i < text.size();) {
+        const size_t n = utf8_length_at(text, i);
+        if (n == 0) return false;
+        i += n;
+    }
+    return true;
+}
+
+std::string listing_name(const std::string &file_name) {
+    if (is_utf8(file_name)) {
+        return file_name;
+    }
+    static const char hex[] = "0123456789ABCDEF";
+    std::string name;
+    for (size_t i = 0; i < file_name.size();) {
+        const size_t n = utf8_length_at(file_name, i);
+        if (n == 0 || file_name[i] == '%') {
+            const unsigned char b = static_cast<unsigned char>(file_name[i]);
+            name += '%';
+            name += hex[b >> 4];
+            name += hex[b & 15];
+            ++i;
+        } else {
+            name.append(file_name, i, n);
+            i += n;
+        }
+    }
+    return name;
+}
+
 std::string lower_extension(const std::string &name) {
     const size_t dot = name.find_last_of('.');
     if (dot == std::string::npos || dot == 0 || name.find_first_of("/\\", dot) != std::string::npos) {
         return {};
     }
-    std::string ext = name.substr(dot);
-    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
-    return ext;
+    return ascii_lower(name.substr(dot));
 }
 
 std::string upload_file_name(const std::string &suggested, const std::string &extension) {

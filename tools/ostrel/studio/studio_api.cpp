@@ -8,6 +8,7 @@
 #include "api_error.h"
 #include "api_requests.h"
 #include "box_io.h"
+#include "media_type.h"
 #include "command_support.h"
 #include "tool_output.h"
 
@@ -40,30 +41,27 @@ ApiResponse json_response(const nlohmann::ordered_json &value, int status = http
     return r;
 }
 
-std::string media_type_of(const std::string &content_type) {
-    std::string type = content_type.substr(0, content_type.find(';'));
-    while (!type.empty() && type.back() == ' ') {
-        type.pop_back();
-    }
-    for (char &c : type) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return type;
-}
-
 // A page of another site can send only "simple" requests without asking
 // first (text/plain, form encodings); the studio accepts JSON and files in
-// no such form, so other sites cannot drive it from a visitor's browser.
+// no such form, so other sites cannot drive it from a visitor's browser
+// (the session token is the first guard; this is the second). Types are
+// parsed, never compared as text, and only the ones named are accepted.
 void require_json(const ApiRequest &request) {
-    if (media_type_of(request.content_type) != "application/json") {
+    const auto type = parse_media_type(request.content_type);
+    if (!type || type->essence() != "application/json") {
         throw ApiError(http_status::unsupported_media_type, "send the request as application/json");
     }
 }
 
-void require_file_body(const ApiRequest &request) {
-    const std::string type = media_type_of(request.content_type);
-    if (type.empty() || type == "text/plain" || type == "application/x-www-form-urlencoded" ||
-        type == "multipart/form-data") {
+enum class FileKind { picture, model };
+
+// application/octet-stream, or for a picture also its own image/... type.
+void require_file_body(const ApiRequest &request, FileKind kind) {
+    const auto type = parse_media_type(request.content_type);
+    const bool accepted = type && !is_sent_without_preflight(*type) &&
+                          (type->essence() == "application/octet-stream" ||
+                           (kind == FileKind::picture && type->type == "image"));
+    if (!accepted) {
         throw ApiError(http_status::unsupported_media_type,
                        "send the file's bytes as the request body, as application/octet-stream");
     }
@@ -132,6 +130,16 @@ ApiResponse error_response(int status, const std::string &message) {
     return json_response(j, status);
 }
 
+size_t StudioApi::max_body_bytes(const std::string &path) const {
+    if (path == "/api/pictures") {
+        return store_.limits().max_file_bytes;
+    }
+    if (path == "/api/model") {
+        return workspace_.max_model_bytes();
+    }
+    return kMaxJsonBytes;
+}
+
 ApiResponse StudioApi::handle(const ApiRequest &request) {
     try {
         return route(request);
@@ -158,6 +166,9 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         nlohmann::ordered_json j = workspace_.status();
         j["pictures"] = store_.list().size();
         j["folder"] = store_.folder();
+        const PictureLimits &limits = store_.limits();
+        j["limits"] = {{"megapixels", limits.max_pixels / 1000000}, {"side", limits.max_side},
+                       {"file_bytes", limits.max_file_bytes}, {"json_bytes", kMaxJsonBytes}};
         return json_response(j);
     }
 
@@ -171,7 +182,7 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
             return json_response(list);
         }
         if (m == "POST") {
-            require_file_body(request);
+            require_file_body(request, FileKind::picture);
             const PictureEntry e = store_.add_upload(request.body, query_value(request, "name"));
             return json_response(picture_json(e, {}), http_status::created);
         }
@@ -181,7 +192,7 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         if (m != "GET") return method_not_allowed(request, "GET");
         const PictureEntry e = store_.find(p[3]);
         ApiResponse r;
-        r.body = store_.file_bytes(p[3]);
+        r.file = store_.open_file(p[3]);
         r.content_type = media_type(e.format);
         return r;
     }
@@ -269,7 +280,7 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
             return r;
         }
         if (m == "POST") {
-            require_file_body(request);
+            require_file_body(request, FileKind::model);
             workspace_.load_model(request.body, query_value(request, "name"));
             nlohmann::ordered_json j = workspace_.status();
             return json_response(j);

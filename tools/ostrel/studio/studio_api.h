@@ -8,10 +8,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "picture_store.h"
+#include "read_only_file.h"
 #include "workspace.h"
 
 namespace ostrel_tool {
@@ -21,7 +23,7 @@ struct ApiRequest {
     std::string method;  // "GET", "POST", "DELETE", ...
     std::string path;    // decoded, starting with "/api/"
     std::map<std::string, std::string> query;  // decoded; the first value of each name
-    std::string content_type;                  // the Content-Type header, "" when absent
+    std::string content_type;                  // the Content-Type header, "" when absent (see media_type.h)
     std::string body;
 };
 
@@ -29,6 +31,9 @@ struct ApiResponse {
     int status = 200;
     std::string content_type = "application/json";
     std::string body;
+    // A file to send instead of body (a picture): the server streams it from
+    // the open file rather than holding it in memory.
+    std::shared_ptr<const ReadOnlyFile> file;
     std::vector<std::pair<std::string, std::string>> headers;
 };
 
@@ -37,6 +42,11 @@ public:
     StudioApi(PictureStore &store, Workspace &workspace) : store_(store), workspace_(workspace) {}
 
     ApiResponse handle(const ApiRequest &request);
+
+    // The largest body a request to path may have: a picture file for
+    // /api/pictures, a model file for /api/model, a JSON request elsewhere.
+    // The server refuses longer bodies before reading them.
+    size_t max_body_bytes(const std::string &path) const;
 
 private:
     ApiResponse route(const ApiRequest &request);

@@ -52,16 +52,18 @@ struct ScratchFile {
 
 Workspace::Workspace(PictureStore &store, WorkspaceSettings settings)
     : store_(store), settings_(std::move(settings)) {
-    engine_ = fresh_engine();
-    // Asked now rather than on the first Train, which a person waits for.
-    const auto pictures = store_.list();
-    if (!pictures.empty()) {
-        try {
-            learn_map_size(*store_.picture(pictures.front().name));
-        } catch (const ApiError &) {
-            // The first Train asks again.
+    engine_thread_.run([this] {
+        engine_ = fresh_engine();
+        // Asked now rather than on the first Train, which a person waits for.
+        const auto pictures = store_.list();
+        if (!pictures.empty()) {
+            try {
+                learn_map_size(*store_.picture(pictures.front().name));
+            } catch (const ApiError &) {
+                // The first Train asks again.
+            }
         }
-    }
+    });
 }
 
 void Workspace::learn_map_size(const Picture &picture) {
@@ -78,7 +80,9 @@ void Workspace::learn_map_size(const Picture &picture) {
     map_channels_ = map.channels;
 }
 
-Workspace::~Workspace() = default;
+Workspace::~Workspace() {
+    engine_thread_.run([this] { engine_.reset(); });
+}
 
 std::unique_ptr<Engine> Workspace::fresh_engine() {
     auto engine = std::make_unique<Engine>();
@@ -182,7 +186,7 @@ TrainOutcome Workspace::outcome(double ms, bool rebuilt) {
     return o;
 }
 
-TrainOutcome Workspace::train(const std::string &name, const std::vector<Rect> &boxes) {
+TrainOutcome Workspace::train_here(const std::string &name, const std::vector<Rect> &boxes) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);  // decoded before the engine is taken
 
@@ -246,7 +250,7 @@ TrainOutcome Workspace::train(const std::string &name, const std::vector<Rect> &
     return outcome(ms, rebuilt);
 }
 
-DetectOutcome Workspace::detect(const std::string &name, uint32_t sensitivity) {
+DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivity) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -305,7 +309,7 @@ cv::Mat Workspace::thumbnail(size_t index) {
     return thumbnails_[index].bgr.clone();
 }
 
-TrainOutcome Workspace::remove_sample(size_t index) {
+TrainOutcome Workspace::remove_sample_here(size_t index) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (index >= thumbnails_.size()) {
         throw ApiError(http_status::not_found, strformat("no sample %zu (there are %zu)", index, thumbnails_.size()));
@@ -365,7 +369,7 @@ TrainOutcome Workspace::remove_sample(size_t index) {
     return outcome(ms, rebuilt);
 }
 
-std::string Workspace::model_bytes() {
+std::string Workspace::model_bytes_here() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!trained_) {
         throw ApiError(http_status::conflict, "there is no model yet: mark boxes and press Train first");
@@ -381,7 +385,7 @@ std::string Workspace::model_bytes() {
     return read_file(file.path);
 }
 
-void Workspace::load_model(const std::string &bytes, const std::string &name) {
+void Workspace::load_model_here(const std::string &bytes, const std::string &name) {
     if (bytes.size() > settings_.max_model_bytes) {
         throw ApiError(http_status::payload_too_large,
                        strformat("a model file is at most %zu KiB; this one has %zu bytes",
@@ -410,7 +414,7 @@ void Workspace::load_model(const std::string &bytes, const std::string &name) {
     refresh_samples();
 }
 
-void Workspace::reset() {
+void Workspace::reset_here() {
     std::lock_guard<std::mutex> lock(mutex_);
     engine_ = fresh_engine();
     taught_.clear();
@@ -418,6 +422,31 @@ void Workspace::reset() {
     trained_ = false;
     model_name_.clear();
     refresh_samples();
+}
+
+// Every operation that touches the engine runs on the engine thread.
+TrainOutcome Workspace::train(const std::string &name, const std::vector<Rect> &boxes) {
+    return engine_thread_.run([&] { return train_here(name, boxes); });
+}
+
+DetectOutcome Workspace::detect(const std::string &name, uint32_t sensitivity) {
+    return engine_thread_.run([&] { return detect_here(name, sensitivity); });
+}
+
+TrainOutcome Workspace::remove_sample(size_t index) {
+    return engine_thread_.run([&] { return remove_sample_here(index); });
+}
+
+std::string Workspace::model_bytes() {
+    return engine_thread_.run([&] { return model_bytes_here(); });
+}
+
+void Workspace::load_model(const std::string &bytes, const std::string &name) {
+    engine_thread_.run([&] { load_model_here(bytes, name); });
+}
+
+void Workspace::reset() {
+    engine_thread_.run([&] { reset_here(); });
 }
 
 std::vector<TaughtPicture> Workspace::taught() {

@@ -2,9 +2,10 @@
 // operation the page asks of it.
 //
 // The library takes no locks and allows one thread per engine, so every
-// call into the engine happens with the workspace's mutex held; requests
-// from several browser tabs queue up there instead of meeting inside the
-// library. All tabs share this one workspace: it is one person's desk.
+// call into the engine happens with the workspace's mutex held, on the one
+// engine thread (engine_thread.h: the library's per-thread record of the
+// last picture stays one); requests from several browser tabs queue up
+// there instead of meeting inside the library. All tabs share this one workspace: it is one person's desk.
 //
 // What was taught is kept as a list of pictures with their marked boxes, in
 // the order they were trained. Training a picture that is not on the list
@@ -25,6 +26,7 @@
 
 #include "box_geometry.h"
 #include "engine.h"
+#include "engine_thread.h"
 #include "picture_store.h"
 #include "training_monitor.h"
 
@@ -107,8 +109,17 @@ public:
     //  "boxes"}], "box_size", "profile", "seed", "train_sensitivity"}
     nlohmann::ordered_json status();
     TrainingMonitor &monitor() { return monitor_; }
+    size_t max_model_bytes() const { return settings_.max_model_bytes; }
 
 private:
+    // The operations above, on the engine thread.
+    TrainOutcome train_here(const std::string &picture, const std::vector<Rect> &boxes);
+    DetectOutcome detect_here(const std::string &picture, uint32_t sensitivity);
+    TrainOutcome remove_sample_here(size_t index);
+    std::string model_bytes_here();
+    void load_model_here(const std::string &bytes, const std::string &name);
+    void reset_here();
+
     std::unique_ptr<Engine> fresh_engine();
     // The size of the library's feature map, which every window check needs.
     void learn_map_size(const Picture &picture);
@@ -122,6 +133,7 @@ private:
     WorkspaceSettings settings_;
     TrainingMonitor monitor_;
 
+    EngineThread engine_thread_;  // every call into the library is made there
     std::mutex mutex_;  // held around every use of engine_ and the members below
     std::unique_ptr<Engine> engine_;
     bool trained_ = false;

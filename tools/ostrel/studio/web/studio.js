@@ -46,8 +46,21 @@
   };
 
   // ---------------------------------------------------------------- helpers
+  // Every request that changes something carries the session's token, which
+  // the studio gives to its own page only: without it the request is
+  // refused, so no other web page can make the browser send one.
+  let sessionToken = null;
+  async function tokenHeader() {
+    if (sessionToken === null) {
+      const response = await fetch('/api/session');
+      if (!response.ok) throw new Error(`the studio answered ${response.status}`);
+      sessionToken = (await response.json()).token;
+    }
+    return { 'X-Ostrel-Token': sessionToken };
+  }
+
   async function api(method, path, body, contentType) {
-    const init = { method, headers: {} };
+    const init = { method, headers: method === 'GET' ? {} : await tokenHeader() };
     if (body !== undefined) {
       init.body = body;
       init.headers['Content-Type'] = contentType || 'application/json';
