@@ -22,6 +22,16 @@ int run_check(const std::string &model, int32_t profile) {
     const ModelVerdict verdict = judge_model(engine, model, profile, true);
     if (verdict.problem.empty()) {
         println(model + ": valid");
+        // A model with named classes lists them, as the library reads them.
+        Engine reader;
+        if (reader.import_model(model)) {
+            const std::vector<std::string> names = named_classes(reader);
+            if (!names.empty()) {
+                std::string listed;
+                for (const std::string &n : names) listed += (listed.empty() ? "" : ", ") + n;
+                println(strformat("classes: %zu (%s)", names.size(), listed.c_str()));
+            }
+        }
         return to_int(ExitCode::ok);
     }
     std::fflush(tool_out());
@@ -52,7 +62,7 @@ void add_check_command(CLI::App &app, CommandAction &action) {
         "--profile accurate, and the message says so), the filter matrices must fit each other and the\n"
         "weights, the trailer's length field must be right and nothing may follow the trailer. A file that\n"
         "does not follow the layout is judged by the tool alone, without the library reading it.\n"
-        "Prints \"MODEL: valid\" and exits 0, or gives the reason on standard error and exits 1; a missing\n"
+        "Prints \"MODEL: valid\" (and, for a model with named classes, \"classes: N (a, b, ...)\") and exits 0, or gives the reason on standard error and exits 1; a missing\n"
         "file, a folder, a device or a FIFO exits 3.\n\n" +
         std::string(exit_code_help()));
     sub->callback([model, profile, &action] { action = [model, profile] { return run_check(*model, *profile); }; });
