@@ -263,7 +263,11 @@ class Detector:
             if key is not None and key == self._training_key and pixels.shape != self._training_shape:
                 raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
                                  f"pixels: give this picture its own key, or none")
-            self._check_window(pixels, marked)
+            # The classic profile learns one window of feature cells; the
+            # accurate profile takes boxes of any size and says itself which
+            # box it cannot learn.
+            if self._profile == "classic":
+                self._check_window(pixels, marked)
             chosen = _inputs.key(key, pixels.shape)
             records = (rec.BoxRecord * len(marked))()
             for record, (x, y, w, h) in zip(records, marked.tolist()):
