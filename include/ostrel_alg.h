@@ -263,6 +263,8 @@ OSTREL_ALG_API int32_t ostrel_alg_destroy(ostrel_alg *handle);
  * engine still detects. What counted the discarded samples goes with them,
  * so the next set-up trains as on a new engine (with random background
  * samples, and taking a picture key it saw before as a new picture).
+ * An engine of several classes (see "Classes") keeps every class, its name
+ * and its model, and lets every class's samples go.
  */
 OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
 
