@@ -5,9 +5,6 @@
 // bytes then go through the engine as a file: validation and import must
 // agree with each other, and an imported model exported again must be the
 // same file (the import took everything the file records, nothing else).
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,47 +15,18 @@
 
 #include "engine/ostrel_alg.h"
 #include "model/accurate_model_file.h"
+#include "scratch_files.h"
 
 namespace {
 
-struct scratch_files {
-    int input_fd = -1;
-    std::string input_path;
-    std::string export_path;
-};
+using ostrel_fuzz::scratch_files;
 
-scratch_files &files() {
-    static scratch_files f = [] {
-        scratch_files s;
-        s.input_fd = memfd_create("ostrel_fuzz_accurate", 0);
-        if (s.input_fd < 0) {
-            std::perror("memfd_create");
-            std::abort();
-        }
-        s.input_path = "/proc/self/fd/" + std::to_string(s.input_fd);
-        char name[] = "/tmp/ostrel_fuzz_accurate_XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd < 0) {
-            std::perror("mkstemp");
-            std::abort();
-        }
-        close(fd);
-        s.export_path = name;
-        return s;
-    }();
+const scratch_files &files() {
+    static const scratch_files f = ostrel_fuzz::make_scratch_files("accurate");
     return f;
 }
 
-void write_input(const uint8_t *data, size_t size) {
-    const scratch_files &f = files();
-    if (ftruncate(f.input_fd, 0) != 0) std::abort();
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = pwrite(f.input_fd, data + done, size - done, static_cast<off_t>(done));
-        if (n <= 0) std::abort();
-        done += static_cast<size_t>(n);
-    }
-}
+void write_input(const uint8_t *data, size_t size) { ostrel_fuzz::write_input(files(), data, size); }
 
 std::vector<unsigned char> file_bytes(const std::string &path) {
     std::ifstream in(path, std::ios::binary);

@@ -5,9 +5,6 @@
 // bounds, leak or allocate without bound. When an import succeeds, the model
 // must also survive the round trip: exporting it gives a file that
 // validates, and importing that file gives the same record.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -16,51 +13,18 @@
 
 #include "engine/ostrel_alg.h"
 #include "fpfilter/pca_fp_filter.h"
+#include "scratch_files.h"
 
 namespace {
 
-struct scratch_files {
-    int input_fd = -1;
-    std::string input_path;   // the fuzz input, in memory
-    std::string export_path;  // round-trip exports, on disk
-};
+using ostrel_fuzz::scratch_files;
 
-scratch_files &files() {
-    static scratch_files f = [] {
-        scratch_files s;
-        s.input_fd = memfd_create("ostrel_fuzz_model", 0);
-        if (s.input_fd < 0) {
-            std::perror("memfd_create");
-            std::abort();
-        }
-        s.input_path = "/proc/self/fd/" + std::to_string(s.input_fd);
-        char name[] = "/tmp/ostrel_fuzz_export_XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd < 0) {
-            std::perror("mkstemp");
-            std::abort();
-        }
-        close(fd);
-        s.export_path = name;
-        return s;
-    }();
+const scratch_files &files() {
+    static const scratch_files f = ostrel_fuzz::make_scratch_files("model");
     return f;
 }
 
-void write_input(const uint8_t *data, size_t size) {
-    const scratch_files &f = files();
-    if (ftruncate(f.input_fd, 0) != 0) {
-        std::abort();
-    }
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = pwrite(f.input_fd, data + done, size - done, static_cast<off_t>(done));
-        if (n <= 0) {
-            std::abort();
-        }
-        done += static_cast<size_t>(n);
-    }
-}
+void write_input(const uint8_t *data, size_t size) { ostrel_fuzz::write_input(files(), data, size); }
 
 bool same_model(const ostrel::svm_model &a, const ostrel::svm_model &b) {
     if (a.class_idx != b.class_idx || a.trained_width != b.trained_width || a.trained_height != b.trained_height ||

@@ -43,8 +43,8 @@ case "$target" in
   label_readers) build_targets=(fuzz_label_readers); options=(-max_len=4096) ;;
   picture_header) build_targets=(fuzz_picture_header); options=(-max_len=4096) ;;
   studio_requests) build_targets=(fuzz_studio_requests); options=(-max_len=2048) ;;
-  *) echo "fuzz: unknown target '$target' (model_file, accurate_model, image_records, box_readers," \
-           "label_readers, picture_header or studio_requests)" >&2; exit 2 ;;
+  *) echo "fuzz: unknown target '$target' (model_file, accurate_model, image_records, box_readers, label_readers," \
+           "picture_header or studio_requests)" >&2; exit 2 ;;
 esac
 
 CC=clang CXX=clang++ cmake -S . -B "$build" \

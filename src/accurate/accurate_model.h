@@ -10,6 +10,7 @@
 #include "accurate/accurate_settings.h"
 #include "accurate/size_range.h"
 #include "accurate/window_shape.h"
+#include "model/accurate_model_file.h"
 
 namespace ostrel {
 
@@ -40,24 +41,6 @@ struct accurate_class_model {
     window_shape shape;
     height_range taught;  // heights of the marked objects, picture pixels
     score_calibration calibration;
-};
-
-// The settings of a model file that every class shares: the options and the
-// fixed choices that shape the features and the search.
-struct accurate_model_settings {
-    int32_t object_cells = 0;
-    int32_t size_steps = 0;
-    int32_t suppression_overlap_percent = 0;
-    int32_t min_height = 0;
-    int32_t max_height = 0;
-    int32_t search_margin_percent = 0;
-    int32_t levels_per_octave = 0;
-    int32_t approximation_exponent_permille = 0;
-    int32_t norm_radius = 0;
-    int32_t norm_floor = 0;
-    int32_t edge_reach_percent = 0;
-    int32_t size_prior_permille = 0;
-    int32_t suppression_contained_percent = 0;
 };
 
 // The recorded part of a settings record, and a settings record with the

@@ -24,41 +24,11 @@ constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file 
 constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
 constexpr int kExportWriteLine = 3472;
 
-ostrel::accurate_file_settings file_settings(const ostrel::accurate_model_settings &r) {
+ostrel::accurate_file_settings file_settings(const ostrel::accurate_model_settings &recorded) {
     ostrel::accurate_file_settings f;
+    static_cast<ostrel::accurate_model_settings &>(f) = recorded;
     f.profile = ostrel::kProfileAccurate;
-    f.object_cells = r.object_cells;
-    f.size_steps = r.size_steps;
-    f.suppression_overlap_percent = r.suppression_overlap_percent;
-    f.min_height = r.min_height;
-    f.max_height = r.max_height;
-    f.search_margin_percent = r.search_margin_percent;
-    f.levels_per_octave = r.levels_per_octave;
-    f.approximation_exponent_permille = r.approximation_exponent_permille;
-    f.norm_radius = r.norm_radius;
-    f.norm_floor = r.norm_floor;
-    f.edge_reach_percent = r.edge_reach_percent;
-    f.size_prior_permille = r.size_prior_permille;
-    f.suppression_contained_percent = r.suppression_contained_percent;
     return f;
-}
-
-ostrel::accurate_model_settings recorded_of(const ostrel::accurate_file_settings &f) {
-    ostrel::accurate_model_settings r;
-    r.object_cells = f.object_cells;
-    r.size_steps = f.size_steps;
-    r.suppression_overlap_percent = f.suppression_overlap_percent;
-    r.min_height = f.min_height;
-    r.max_height = f.max_height;
-    r.search_margin_percent = f.search_margin_percent;
-    r.levels_per_octave = f.levels_per_octave;
-    r.approximation_exponent_permille = f.approximation_exponent_permille;
-    r.norm_radius = f.norm_radius;
-    r.norm_floor = f.norm_floor;
-    r.edge_reach_percent = f.edge_reach_percent;
-    r.size_prior_permille = f.size_prior_permille;
-    r.suppression_contained_percent = f.suppression_contained_percent;
-    return r;
 }
 
 std::string in_range(const char *name, int32_t value, int32_t low, int32_t high) {
@@ -260,7 +230,7 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     pca_filter = ostrel::pca_fp_filter{};
     pca_filter.fp_filter_enabled = 0;
 
-    const ostrel::accurate_model_settings recorded = recorded_of(file.settings);
+    const ostrel::accurate_model_settings recorded = file.settings;
     model_settings = ostrel::with_recorded(options.accurate, recorded);
     const std::pair<int32_t, int32_t> taken[] = {{ostrel::kOptionAccurateCells, recorded.object_cells},
                                                  {ostrel::kOptionAccurateSizeSteps, recorded.size_steps},

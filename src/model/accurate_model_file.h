@@ -63,8 +63,10 @@ inline constexpr uint32_t kMaxClassNameBytes = OSTREL_ALG_MAX_CLASS_NAME_BYTES;
 // Every valid file is smaller: 64 classes of at most 5999 weights.
 inline constexpr uint64_t kMaxAccurateModelBytes = 2u << 20;
 
-struct accurate_file_settings {
-    int32_t profile = 1;
+// The settings a model records and every class shares: the options and the
+// fixed choices that shape the features and the search (the accurate
+// profile keeps them with its model, accurate/accurate_model.h).
+struct accurate_model_settings {
     int32_t object_cells = 0;
     int32_t size_steps = 0;
     int32_t suppression_overlap_percent = 0;
@@ -78,6 +80,11 @@ struct accurate_file_settings {
     int32_t edge_reach_percent = 0;
     int32_t size_prior_permille = 0;
     int32_t suppression_contained_percent = 0;
+};
+
+// The settings block of the file: the profile, then the recorded settings.
+struct accurate_file_settings : accurate_model_settings {
+    int32_t profile = 1;
 };
 
 struct accurate_file_class {
