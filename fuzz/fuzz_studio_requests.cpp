@@ -136,13 +136,15 @@ std::string build_request(FuzzedDataProvider &in) {
     static const char *routes[] = {"/api/status", "/api/session", "/api/pictures", "/api/pictures/a.png",
                                    "/api/pictures/b.jpg", "/api/pictures/", "/api/train", "/api/train/progress",
                                    "/api/detect", "/api/samples", "/api/samples/0", "/api/samples/0/thumbnail",
-                                   "/api/model", "/api/reset", "/", "/studio.js", "/api/"};
+                                   "/api/model", "/api/reset", "/", "/studio.js", "/api/", "/api/labels/a.png",
+                                   "/api/classes", "/api/classes/object", "/api/accept", "/api/train/labels",
+                                   "/api/export/labels", "/api/export/detections", "/api/profile"};
     static const char *types[] = {"application/json", "application/octet-stream", "image/png",
                                   "text/plain\t;charset=utf-8", "Application/JSON ; charset=UTF-8",
                                   "multipart/form-data; boundary=x", "application/x-www-form-urlencoded", ""};
     std::string method = in.ConsumeBool() ? methods[in.ConsumeIntegralInRange<size_t>(0, 8)]
                                           : request_line_safe(in.ConsumeRandomLengthString(8));
-    std::string target = routes[in.ConsumeIntegralInRange<size_t>(0, 16)];
+    std::string target = routes[in.ConsumeIntegralInRange<size_t>(0, sizeof(routes) / sizeof(routes[0]) - 1)];
     if (in.ConsumeBool()) {
         target += request_line_safe(in.ConsumeRandomLengthString(24));
     }

@@ -10,9 +10,16 @@
 #   5. a page of another origin in Chromium trying every way to change the
 #      studio without its permission: nothing may change,
 #   6. the same browser test against a page with its detection drawing taken
-#      out, which must fail: the browser test can tell a broken page.
+#      out, which must fail: the browser test can tell a broken page,
+#   7. the labelling routes over HTTP (labels on disk, classes, accepting
+#      found boxes, exports) and the studio as a labelling tool in the
+#      browser (zoom, pan, marks kept on disk, classes, redo, shortcuts),
+#   8. the profile over HTTP (the default, switching, models that bring
+#      their own, the refusals) and in the browser (an accurate model opened
+#      in a studio started with default options detects; switching).
 # The unit tests of the studio's parts run with the tool's other tests (ctest).
-# --update-screenshot copies the screenshot to docs/studio.png for the README.
+# --update-screenshot copies the session's screenshot to docs/ for the README
+# and retakes the labelling ones (scripts/studio-screenshots.py).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -65,8 +72,23 @@ grep -E "FAILED" "$out/broken.log" | head -1
 echo "  ok: it failed, as it must"
 rm -rf "$broken"
 
+echo "== studio: the labelling routes over HTTP"
+"$python" tests/studio/test_studio_labels_api.py "$ostrel" data
+
+echo "== studio: labelling in a real browser"
+"$python" tests/studio/test_studio_labelling.py "$ostrel" data "$out"
+
+echo "== studio: the profile over HTTP"
+"$python" tests/studio/test_studio_profile_api.py "$ostrel" data
+
+echo "== studio: the profile in a real browser (open an accurate model, switch profiles)"
+"$python" tests/studio/test_studio_profile.py "$ostrel" data "$out"
+
 if [ "$update_screenshot" = 1 ]; then
   cp "$out/studio.png" docs/studio.png
-  echo "docs/studio.png updated"
+  # The labelling screenshots come from their own script, which sets up
+  # what a reader should see (pawns of two classes, many boxes).
+  "$python" scripts/studio-screenshots.py "$ostrel" data docs
+  echo "docs/studio.png, docs/studio-zoom.png and docs/studio-dense.png updated"
 fi
-echo "studio tests: 6 passed, 0 failed"
+echo "studio tests: 10 passed, 0 failed"

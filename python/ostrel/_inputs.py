@@ -76,19 +76,40 @@ def _box_rows(boxes: Any) -> Any:
     return rows
 
 
-def boxes(value: Any, width: int, height: int) -> npt.NDArray[np.int32]:
+def rounded_edges(array: npt.NDArray[Any]) -> npt.NDArray[np.float64]:
+    """Float boxes (x, y, width, height) in whole pixels: the left and top
+    edges and the right and bottom edges (x + width, y + height) each go to
+    the nearest whole pixel, halves upwards (floor(v + 0.5)); width and
+    height are the differences. Rounding edges rather than sizes keeps
+    every edge within half a pixel of where it was marked."""
+    values = np.asarray(array, dtype=np.float64)
+    if not np.all(np.isfinite(values)):
+        raise ValueError("a box value is not a finite number (nan or inf)")
+    left_top = np.floor(values[..., 0:2] + 0.5)
+    right_bottom = np.floor(values[..., 0:2] + values[..., 2:4] + 0.5)
+    return np.concatenate([left_top, right_bottom - left_top], axis=-1)
+
+
+def boxes(value: Any, width: int, height: int, round_floats: bool = False) -> npt.NDArray[np.int32]:
     """The marked boxes as an N x 4 int32 array (x, y, width, height), each
-    at least 1 x 1 and overlapping the width x height picture."""
+    at least 1 x 1 and overlapping the width x height picture. Float values
+    are refused, or with round_floats rounded by rounded_edges()."""
     help_text = "give a sequence of (x, y, width, height) or an N x 4 integer array"
+    if round_floats:
+        help_text = "give a sequence of (x, y, width, height) or an N x 4 array of numbers"
     try:
         array = np.asarray(_box_rows(value))
     except TypeError as error:
         raise TypeError(f"boxes cannot be read ({error}); {help_text}") from None
     except ValueError as error:  # rows of different lengths
         raise ValueError(f"boxes are not N x 4 ({error}); {help_text}") from None
-    if array.dtype == object or array.dtype.kind not in "iu":
-        if array.size == 0 and array.dtype.kind == "f":
-            raise ValueError(f"boxes is empty; give at least one box: {help_text}")
+    # Floats are rounded below, once the shape is known.
+    float_boxes = round_floats and array.dtype.kind == "f"
+    if array.size == 0 and array.dtype.kind == "f":
+        raise ValueError(f"boxes is empty; give at least one box: {help_text}")
+    if not float_boxes and (array.dtype == object or array.dtype.kind not in "iu"):
+        if round_floats:
+            raise TypeError(f"boxes have dtype {array.dtype}; they must be numbers of pixels: {help_text}")
         raise TypeError(f"boxes have dtype {array.dtype}; they must be whole pixels: {help_text} "
                         f"(round them first)")
     if array.ndim == 1 and array.shape[0] == 4:
@@ -99,6 +120,8 @@ def boxes(value: Any, width: int, height: int) -> npt.NDArray[np.int32]:
         raise ValueError(f"boxes is empty; give at least one box: {help_text}")
     if array.shape[0] > INT32_MAX:
         raise ValueError(f"{array.shape[0]} boxes are more than the library takes ({INT32_MAX})")
+    if float_boxes:
+        array = rounded_edges(array)
     if array.min() < -INT32_MAX - 1 or array.max() > INT32_MAX:
         raise ValueError("a box value lies outside the 32-bit range the library takes")
     result = np.ascontiguousarray(array, dtype=np.int32)

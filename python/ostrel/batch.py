@@ -21,9 +21,11 @@ import os
 import tempfile
 from typing import Any, Callable, Iterable, Iterator, Optional, Sequence, Union
 
+import numpy as np
+
 from . import _files, _inputs, _limits, _picture_file
 from .detector import DEFAULT_SENSITIVITY, Detector
-from .errors import Error, PictureError
+from .errors import Error, ModelError, PictureError
 from .results import Box
 
 DetectionResult = Union[list[Box], PictureError]
@@ -34,6 +36,13 @@ _CHUNKS_PER_WORKER = 4
 _MAX_CHUNK = 64
 # Chunks waiting or running per worker at any time.
 _IN_FLIGHT_PER_WORKER = 2
+# Plain grey pictures a usable model searches without failing: a small one
+# (a model of small objects may not be able to enlarge a large picture
+# enough) and a large one (a classic model trained on a large picture may
+# shrink its window below a pixel on a small one). A model that fails on
+# both cannot detect at all, and detect_files says so instead of blaming
+# every picture.
+_PROBE_SIZES = ((240, 320), (720, 1280))
 
 
 def _cv2() -> Any:
@@ -51,7 +60,22 @@ def read_picture(path: _inputs.PathLike, max_pixels: int = _limits.DEFAULT_MAX_P
     return _picture_file.read_picture(_inputs.path(path, "picture path"), max_pixels, _cv2())
 
 
-def _detect_paths(model: bytes, paths: Iterable[bytes], sensitivity: int, profile: str,
+def _require_model_detects(detector: Detector, name: str) -> None:
+    """Raises ModelError, with the library's reason, when the model loads
+    but cannot search any picture (a hand-made file whose parts do not
+    agree): decided by the library's status on the probe pictures."""
+    failure: Optional[Error] = None
+    for height, width in _PROBE_SIZES:
+        try:
+            detector.detect(np.full((height, width, 3), 128, dtype=np.uint8))
+            return
+        except Error as error:
+            failure = error
+    assert failure is not None
+    raise ModelError(f"model file '{name}' loads but cannot search any picture: {failure}", failure.log)
+
+
+def _detect_paths(model: bytes, paths: Iterable[bytes], sensitivity: int, profile: Optional[str],
                   max_pixels: int) -> Iterator[DetectionResult]:
     """Loads the model once and searches each picture; a picture that fails
     gives a PictureError in its place."""
@@ -73,7 +97,7 @@ def _detect_paths(model: bytes, paths: Iterable[bytes], sensitivity: int, profil
                 yield PictureError(f"detection failed on '{name}': {error}", name, log)
 
 
-def detect_chunk(model: bytes, paths: Sequence[bytes], sensitivity: int, profile: str,
+def detect_chunk(model: bytes, paths: Sequence[bytes], sensitivity: int, profile: Optional[str],
                  max_pixels: int = _limits.DEFAULT_MAX_PICTURE_PIXELS) -> list[DetectionResult]:
     """One task of :func:`detect_files`: the results of a chunk of paths
     (the bytes of their names). Runs on a worker thread or a Dask worker."""
@@ -103,7 +127,7 @@ def _chunks(paths: list[bytes], size: int) -> Iterator[list[bytes]]:
 
 
 def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], jobs: Optional[int] = None,
-                 client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY, profile: str = "classic",
+                 client: Any = None, sensitivity: int = DEFAULT_SENSITIVITY, profile: Optional[str] = None,
                  max_pixels: int = _limits.DEFAULT_MAX_PICTURE_PIXELS) -> Iterator[tuple[Any, DetectionResult]]:
     """Searches picture files with a model; yields ``(path, boxes)`` in input order.
 
@@ -127,9 +151,15 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
     and sent to the workers, so only the pictures must be reachable there
     under the same paths. ``jobs`` and ``client`` exclude each other.
 
-    The model is validated and the arguments are checked before this
-    function returns (ModelError, FileNotFoundError, ValueError, ...); the
-    pictures are searched as the results are consumed.
+    The model file decides the profile (see :meth:`Detector.load`);
+    ``profile``, when given, must agree with it.
+
+    The model is validated, loaded and tried on two plain pictures, and the
+    arguments are checked, before this function returns (ModelError with
+    the library's reason, FileNotFoundError, ValueError, ...): a model that
+    cannot search any picture raises ModelError here rather than giving
+    every picture a PictureError. The pictures are searched as the results
+    are consumed.
     """
     if jobs is not None and client is not None:
         raise ValueError("give jobs (threads on this machine) or client (a Dask cluster), not both")
@@ -145,7 +175,8 @@ def detect_files(model: _inputs.PathLike, paths: Iterable[_inputs.PathLike], job
     source = _inputs.existing_file(model, "model file")
     # Loading it here checks the file, the sensitivity and the profile once,
     # before any work is handed out.
-    Detector.load(source, sensitivity=sensitivity, profile=profile).close()
+    with Detector.load(source, sensitivity=sensitivity, profile=profile) as detector:
+        _require_model_detects(detector, _files.display(source))
     descriptor = _files.open_regular(source, "model file")
     with open(descriptor, "rb") as file:
         model_bytes = file.read()
@@ -166,7 +197,7 @@ def _as_given(given: list[Any], results: Iterator[DetectionResult]) -> Iterator[
         results.close()
 
 
-def _run(model: bytes, names: list[bytes], jobs: Optional[int], client: Any, sensitivity: int, profile: str,
+def _run(model: bytes, names: list[bytes], jobs: Optional[int], client: Any, sensitivity: int, profile: Optional[str],
          max_pixels: int) -> Iterator[DetectionResult]:
     if client is None and (jobs or os.cpu_count() or 1) == 1:
         yield from _detect_paths(model, names, sensitivity, profile, max_pixels)

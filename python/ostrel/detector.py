@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import ctypes
+import logging
 import threading
 import warnings
 import weakref
@@ -23,12 +24,33 @@ MAX_WINDOW_VALUES = 5999
 
 OPTION_PROFILE = 1
 PROFILES = {"classic": 0, "accurate": 1}
+# What Detector() trains with: the accurate profile finds far more of what
+# was marked. "classic" reproduces the original system exactly. The C
+# interface's own default stays classic; the package asks for this one.
+DEFAULT_PROFILE = "accurate"
+# Detector.load(): the engine's profile is never set; the model file decides.
+_PROFILE_OF_THE_FILE = object()
+
+
+def _library_says(log: list[str]) -> str:
+    """The library's own words for a failed call, to show a person: the
+    messages it marked as failures (the reason comes before the line that
+    names the failing function), else its last message. Only shown, never
+    used to decide anything."""
+    lines = [line.strip() for line in log if line.strip()]
+    failures = [line for line in lines if _log.level_of(line) >= logging.WARNING]
+    chosen = failures[-3:] if failures else lines[-1:]
+    return " / ".join(chosen)
 
 
 def _failure(what: str, log: list[str], error: type = Error) -> Error:
-    """An exception whose text ends with the library's last message."""
-    last = next((line.strip() for line in reversed(log) if line.strip()), "")
-    return error(what + (f" (the library says: {last})" if last else ""), log)
+    """An exception whose text ends with the library's own reason."""
+    said = _library_says(log)
+    return error(what + (f" (the library says: {said})" if said else ""), log)
+
+
+def _profile_name(value: int) -> str:
+    return next((name for name, number in PROFILES.items() if number == value), f"unknown ({value})")
 
 
 def _destroy(library: _library.Library, handle: ctypes.c_void_p) -> None:
@@ -41,8 +63,13 @@ class Detector:
     ``sensitivity`` (0..100, default 80) sets the confidence a box needs:
     90% at 0, 50% at 80, 30% at 100. ``seed`` makes the random background
     samples of training reproducible (None: drawn from the clock).
-    ``profile`` is ``"classic"`` or ``"accurate"`` (the latter needs a
-    library that has the option interface).
+    ``profile`` is ``"accurate"`` (the default: every marked box is learnt
+    at its own size, boxes may differ in size and be given as floats, and
+    objects of those sizes in pixels are found on pictures of any size) or
+    ``"classic"`` (the original system, exactly: one window, the first
+    box's). The accurate profile needs a library with the option interface.
+    A saved model file records its profile: :meth:`load` and
+    :func:`ostrel.detect_files` take it from the file.
 
     Free it with :meth:`close` or a ``with`` block; the garbage collector
     frees it too. A detector may be used from any thread, by one thread at a
@@ -52,22 +79,24 @@ class Detector:
     """
 
     def __init__(self, sensitivity: int = DEFAULT_SENSITIVITY, seed: Optional[int] = None,
-                 profile: str = "classic") -> None:
+                 profile: str = DEFAULT_PROFILE) -> None:
         self._handle: Optional[ctypes.c_void_p] = None
         sensitivity = _inputs.integer(sensitivity, "sensitivity", 0, 100)
         if seed is not None:
             seed = _inputs.integer(seed, "seed", 0, _inputs.UINT32_MAX)
-        if not isinstance(profile, str) or profile not in PROFILES:
-            raise ValueError(f"profile must be one of {', '.join(map(repr, PROFILES))}, not {profile!r}")
+        from_file = profile is _PROFILE_OF_THE_FILE
+        if not from_file:
+            _check_profile_name(profile)
         library = _library.get()
-        if profile != "classic" and not library.has("ostrel_alg_setOption"):
+        if not from_file and profile != "classic" and not library.has("ostrel_alg_setOption"):
             raise Error(f"the {profile} profile needs a library with ostrel_alg_setOption; the library at "
                         f"{library.path} does not have it (rebuild it from a newer source checkout)")
         self._library = library
         self._lock = threading.RLock()
         self._sensitivity = sensitivity
         self._seed = seed
-        self._profile = profile
+        # Until a model is loaded, an engine whose profile is never set is classic.
+        self._profile = "classic" if from_file else profile
         self._training_key: Optional[int] = None
         self._training_shape: Optional[tuple[int, ...]] = None
 
@@ -83,7 +112,7 @@ class Detector:
             self._check(self._call(library.setSensitivity, handle, sensitivity), "the library refused the sensitivity")
             if seed is not None:
                 self._check(self._call(library.setRandomSeed, handle, seed), "the library refused the seed")
-            if library.has("ostrel_alg_setOption"):
+            if not from_file and library.has("ostrel_alg_setOption"):
                 self._check(self._call(library.setOption, handle, OPTION_PROFILE, PROFILES[profile]),
                             f"the library refused the {profile} profile")
         except BaseException:
@@ -129,7 +158,8 @@ class Detector:
 
     @property
     def profile(self) -> str:
-        """``"classic"`` or ``"accurate"``."""
+        """``"accurate"`` or ``"classic"``: the one given, or for a loaded
+        model the one its file records."""
         return self._profile
 
     @property
@@ -238,9 +268,17 @@ class Detector:
         ``image``: H x W x 3 uint8 BGR (H x W grey and H x W x 4 BGRA are
         converted; non-contiguous arrays are copied). ``boxes``: a sequence
         of ``(x, y, width, height)`` (or of :class:`Box`), or an N x 4
-        integer array; each box must overlap the picture. Mark every object
-        on the picture: whatever is not marked may be learnt as background.
-        The detector learns the first box's size as its window.
+        array; each box must overlap the picture. Mark every object on the
+        picture: whatever is not marked may be learnt as background.
+
+        Accurate profile: boxes may have any size (each is learnt at its
+        own size) and any number type; float boxes are rounded edge by
+        edge: the left and top edges ``x``, ``y`` and the right and bottom
+        edges ``x + width``, ``y + height`` each go to the nearest whole
+        pixel, halves upwards (``floor(v + 0.5)``), and width and height are
+        the differences. Classic profile: whole numbers only, and the
+        detector learns the first box's size as its window (boxes of other
+        sizes give a warning).
 
         Calling it again with another picture adds that picture's samples.
         ``key`` identifies the picture (0 .. 2**62 - 1); the same key again
@@ -253,8 +291,9 @@ class Detector:
         classes on its pictures are background to it.
         """
         pixels = _inputs.picture(image)
-        marked = _inputs.boxes(boxes, pixels.shape[1], pixels.shape[0])
         with self._lock:
+            classic = self._profile == "classic"
+            marked = _inputs.boxes(boxes, pixels.shape[1], pixels.shape[0], round_floats=not classic)
             handle = self._live_handle()
             if class_name is not None:
                 self._select_class(class_name)
@@ -263,10 +302,7 @@ class Detector:
             if key is not None and key == self._training_key and pixels.shape != self._training_shape:
                 raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
                                  f"pixels: give this picture its own key, or none")
-            # The classic profile learns one window of feature cells; the
-            # accurate profile takes boxes of any size and says itself which
-            # box it cannot learn.
-            if self._profile == "classic":
+            if classic:
                 self._check_window(pixels, marked)
             chosen = _inputs.key(key, pixels.shape)
             records = (rec.BoxRecord * len(marked))()
@@ -280,8 +316,10 @@ class Detector:
                         "training failed")
 
     def _check_window(self, pixels: npt.NDArray[np.uint8], marked: npt.NDArray[np.int32]) -> None:
-        """Refuses a first box whose window a model cannot hold, before any
-        training: the library would train it and only refuse to save it."""
+        """Classic profile: refuses a first box whose window a model cannot
+        hold, before any training (the library would train it and only
+        refuse to save it). The accurate profile chooses its own window and
+        the library says itself when a box cannot fit it."""
         height, width = pixels.shape[0], pixels.shape[1]
         box_width, box_height = int(marked[0, 2]), int(marked[0, 3])
         if any(int(w) != box_width or int(h) != box_height for w, h in marked[:, 2:4].tolist()):
@@ -398,8 +436,10 @@ class Detector:
     # -- model files -----------------------------------------------------------
 
     def save(self, path: _inputs.PathLike) -> None:
-        """Writes the model to ``path``, by the ``ostrel`` command's rules for
-        output files: the file is written under a temporary name in the same
+        """Writes the model to ``path`` in the format of the detector's
+        profile (the file records the profile and, for the accurate profile,
+        its settings, the taught size range and the calibration), by the
+        ``ostrel`` command's rules for output files: the file is written under a temporary name in the same
         folder and renamed over the target when complete, so a failure
         leaves no half-written file; a symbolic link is written through (its
         target replaced, the link kept); a replaced file keeps its mode, a
@@ -425,17 +465,25 @@ class Detector:
 
     @classmethod
     def load(cls, path: _inputs.PathLike, sensitivity: int = DEFAULT_SENSITIVITY,
-             profile: str = "classic") -> "Detector":
+             profile: Optional[str] = None) -> "Detector":
         """A detector with the model of a file, validated (records and CRC-32)
-        before it is loaded. The file does not record the sensitivity or the
-        profile: give those it was trained with.
+        before it is loaded.
+
+        The file decides the profile: the detector takes the one the file
+        records (:attr:`profile` says which). ``profile`` is not needed; when
+        given it must agree with the file, or :class:`ostrel.ModelError`
+        says so. The file does not record the sensitivity: give the one you
+        want (default 80).
 
         Raises FileNotFoundError/IsADirectoryError for a path that is not a
         file, OSError for a device, FIFO or socket (never read, never waited
-        on), and :class:`ostrel.ModelError` for a file the library refuses.
+        on), and :class:`ostrel.ModelError` for a file the library refuses,
+        with the library's reason in the text.
         """
+        if profile is not None:
+            _check_profile_name(profile)
         source = _inputs.existing_file(path, "model file")
-        detector = cls(sensitivity=sensitivity, profile=profile)
+        detector = cls(sensitivity=sensitivity, profile=_PROFILE_OF_THE_FILE)  # type: ignore[arg-type]
         try:
             handle = detector._live_handle()
             name = _files.display(source)
@@ -444,10 +492,29 @@ class Detector:
                             ModelError)
             detector._check(detector._call(detector._library.importModel_ptr, handle, source),
                             f"the library could not load model file '{name}'", ModelError)
+            detector._profile = detector._engine_profile()
+            if profile is not None and profile != detector._profile:
+                raise ModelError(f"model file '{name}' was made under the {detector._profile} profile, but "
+                                 f"profile={profile!r} was given: leave profile out, the model file decides")
         except BaseException:
             detector.close()
             raise
         return detector
+
+    def _engine_profile(self) -> str:
+        """The engine's profile as the library reports it (an import sets the
+        file's); a library without the option interface knows only classic."""
+        if not self._library.has("ostrel_alg_getOption"):
+            return "classic"
+        value = ctypes.c_int32(-1)
+        self._check(self._call(self._library.getOption, self._live_handle(), OPTION_PROFILE, ctypes.byref(value)),
+                    "the library could not say the detector's profile")
+        return _profile_name(value.value)
+
+
+def _check_profile_name(profile: Any) -> None:
+    if not isinstance(profile, str) or profile not in PROFILES:
+        raise ValueError(f"profile must be one of {', '.join(map(repr, PROFILES))}, not {profile!r}")
 
 
 def check_model(path: _inputs.PathLike) -> bool:
@@ -456,6 +523,6 @@ def check_model(path: _inputs.PathLike) -> bool:
     or a folder raises FileNotFoundError/IsADirectoryError, a device, FIFO
     or socket OSError (never read, never waited on)."""
     source = _inputs.existing_file(path, "model file")
-    with Detector() as detector:
+    with Detector(profile=_PROFILE_OF_THE_FILE) as detector:  # type: ignore[arg-type]
         status, _ = _log.call(detector._library.checkModelValidation_ptr, detector._live_handle(), source)
         return status == 0

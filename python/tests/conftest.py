@@ -78,11 +78,14 @@ def test_pictures() -> dict[str, np.ndarray]:
 
 @pytest.fixture(scope="session")
 def model_file(tmp_path_factory: pytest.TempPathFactory, training_picture, training_boxes) -> Path:
-    """A model trained through the package (seed 1) on the training picture."""
+    """A classic model trained through the package (seed 1) on the training
+    picture. The tests that read it compare with the C interface and the
+    tool on the classic system's boxes and scores; the accurate profile
+    (Detector's default) has tests of its own (test_model_profiles.py)."""
     import ostrel
 
     path = tmp_path_factory.mktemp("model") / "blood.model"
-    with ostrel.Detector(seed=SEED) as detector:
+    with ostrel.Detector(seed=SEED, profile="classic") as detector:
         detector.train(training_picture, training_boxes)
         detector.save(path)
     return path

@@ -65,7 +65,8 @@ def test_boxes_of_the_wrong_shape_are_value_errors(picture, boxes, message):
 @pytest.mark.parametrize("boxes", [[(10.5, 10, 96, 99)], np.ones((1, 4)), [("a", "b", "c", "d")],
                                    np.ones((1, 4), dtype=bool)])
 def test_boxes_that_are_not_whole_numbers_are_type_errors(picture, boxes):
-    with ostrel.Detector() as detector, pytest.raises(TypeError, match="whole pixels"):
+    # The classic profile takes whole pixels only (the accurate one rounds floats).
+    with ostrel.Detector(profile="classic") as detector, pytest.raises(TypeError, match="whole pixels"):
         detector.train(picture, boxes)
 
 
@@ -98,14 +99,16 @@ def test_box_reaching_over_the_edge_is_accepted(picture, training_boxes):
 
 @pytest.mark.parametrize("size, advice", [((10, 10), "larger"), ((400, 400), "smaller")])
 def test_window_a_model_cannot_hold_is_refused_before_training(picture, size, advice):
-    with ostrel.Detector() as detector:
+    # The classic profile's one window (the accurate one chooses its own).
+    with ostrel.Detector(profile="classic") as detector:
         with pytest.raises(ValueError, match=f"feature cells.*201 to 5999 values: use a {advice} box"):
             detector.train(picture, [(100, 50, *size)])
         assert not detector.is_trained
 
 
 def test_boxes_of_several_sizes_give_a_warning(picture):
-    with ostrel.Detector(seed=1) as detector, pytest.warns(UserWarning, match="differ in size"):
+    # The classic profile learns one window (the accurate one every box at its size).
+    with ostrel.Detector(seed=1, profile="classic") as detector, pytest.warns(UserWarning, match="differ in size"):
         detector.train(picture, [(100, 100, 96, 99), (300, 300, 90, 99)])
 
 

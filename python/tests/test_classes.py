@@ -111,6 +111,6 @@ def test_bad_names_and_the_classic_profile_are_refused():
         assert detector.classes == ["pawn"]
         with pytest.raises(ValueError, match="NUL"):
             detector.add_class("a\0b")
-    with ostrel.Detector() as classic:
+    with ostrel.Detector(profile="classic") as classic:
         with pytest.raises(ostrel.Error, match="only the accurate profile"):
             classic.add_class("pawn")

@@ -25,19 +25,21 @@ test_picture=$chess/images/$test_picture
 case $case_name in
 
 several_classes_in_one_model)
-  run train --labels "$chess" --class white-pawn --class black-pawn --limit 1 --profile accurate --model pawns.model
+  # The accurate profile is the tool's default; the model file decides the
+  # profile of check and detect.
+  run train --labels "$chess" --class white-pawn --class black-pawn --limit 1 --model pawns.model
   expect_eq "train: exit" 0 "$?"
   expect_match "train: says which class it trains" "class 1/2 white-pawn" "$(cat out.txt)"
   expect_match "train: says which class it trains" "class 2/2 black-pawn" "$(cat out.txt)"
-  run check pawns.model --profile accurate
+  run check pawns.model
   expect_eq "check: exit" 0 "$?"
-  expect_eq "check: lists the classes" "pawns.model: valid
+  expect_eq "check: lists the classes" "pawns.model: valid, a model of the accurate profile
 classes: 2 (white-pawn, black-pawn)" "$(cat out.txt)"
   run info pawns.model
   expect_match "info: two classes" "classes: 2" "$(cat out.txt)"
   expect_match "info: the second by name" 'class 2: name "black-pawn"' "$(cat out.txt)"
   # Text: every line ends with its class; JSON: every box has one.
-  run detect --model pawns.model --profile accurate "$test_picture"
+  run detect --model pawns.model "$test_picture"
   expect_eq "detect: exit" 0 "$?"
   lines=$(grep -c . out.txt)
   classed=$(grep -cE '  class (white|black)-pawn$' out.txt)
@@ -88,7 +90,7 @@ all_classes_and_merged)
   run train --labels "$chess" --class white-pawn,black-pawn --limit 1 --profile accurate --model merged.model
   expect_eq "train --class a,b: exit" 0 "$?"
   run check merged.model --profile accurate
-  expect_eq "check: one merged class" "merged.model: valid
+  expect_eq "check: one merged class" "merged.model: valid, a model of the accurate profile
 classes: 1 (white-pawn,black-pawn)" "$(cat out.txt)"
   run detect --model merged.model --profile accurate --json "$test_picture"
   "$python" - out.txt <<'PY' || fail "detect: the merged class is not every box's"
@@ -105,7 +107,7 @@ refused_command_lines)
   run train "$test_picture" --box 1,1,40,40 --all-classes --profile accurate --model x.model
   expect_eq "--all-classes without labels: exit" 2 "$?"
   expect_match "--all-classes without labels: says why" "goes with --labels or --voc" "$(cat err.txt)"
-  run train --labels "$chess" --all-classes --limit 1 --model x.model
+  run train --labels "$chess" --all-classes --limit 1 --profile classic --model x.model
   expect_eq "twelve classes under the classic profile: exit" 2 "$?"
   expect_match "twelve classes: says why" "12 classes in one model need --profile accurate" "$(cat err.txt)"
   run train --labels "$chess" --class white-pawn --class no-such-piece --limit 1 --profile accurate --model x.model

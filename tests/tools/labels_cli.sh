@@ -56,7 +56,8 @@ same_model_from_every_format)
   # 24 makes them separate classes of one model, which the classic profile
   # cannot hold: refused, pointing to the accurate profile and to a,b
   # (tests/tools/classes_cli.sh pins the several-class models).
-  run train --labels "$data/chess" --class white-pawn --class black-pawn --limit 1 --median-size --model two.model
+  run train --labels "$data/chess" --class white-pawn --class black-pawn --limit 1 --median-size --profile classic \
+    --model two.model
   expect_eq "two classes under the classic profile: exit" 2 "$?"
   expect_match "two classes need the accurate profile" "need --profile accurate.*--class a,b" "$(cat err.txt)"
   [ -e two.model ] && fail "--class a --class b under the classic profile wrote a model"

@@ -92,3 +92,48 @@ TEST_F(StudioHandlers, TheWorkspaceServesTwoThreadsAtOnceOneAtATimeInside) {
     trainer.join();
     for (int s : statuses) EXPECT_EQ(s, 200);
 }
+
+// The profile route, trained and not, under bodies of its own words and of
+// none: every answer is a status below 500 with a reason, and the
+// workspace ends on one of the two profiles with a status that says it.
+TEST_F(StudioHandlers, RandomProfileRequestsNeverFail) {
+    std::mt19937 rng(7);
+    const std::vector<std::string> tokens = {"{", "}", "[", "]", ":", ",", "\"profile\"", "\"model\"", "\"accurate\"",
+                                             "\"classic\"", "\"retrain\"", "\"forget\"", "\"\"", "null", "true", "1",
+                                             " ", "\"\xff\""};
+    const std::vector<std::string> bodies = {R"({"profile":"classic"})", R"({"profile":"accurate"})",
+                                             R"({"profile":"classic","model":"retrain"})",
+                                             R"({"profile":"accurate","model":"retrain"})",
+                                             R"({"profile":"classic","model":"forget"})",
+                                             R"({"profile":"accurate","model":"forget"})"};
+    const std::string train = R"({"picture":"BloodImage_00000.jpg","boxes":[[83,336,97,100],[68,237,97,100],)"
+                              R"([219,362,97,100],[412,349,97,100],[153,75,97,100]]})";
+    for (int i = 0; i < 300; ++i) {
+        if (i % 25 == 0) {
+            ASSERT_EQ(call("POST", "/api/train", train).status, 200);
+        }
+        std::string body;
+        if (i % 3 == 0) {
+            body = bodies[rng() % bodies.size()];
+        } else {
+            const size_t n = rng() % 12;
+            for (size_t k = 0; k < n; ++k) body += tokens[rng() % tokens.size()];
+        }
+        const ApiResponse r = call(i % 7 == 0 ? "GET" : "POST", "/api/profile", body, "application/json");
+        ASSERT_GE(r.status, 200) << body;
+        ASSERT_LT(r.status, 500) << body << " -> " << r.body;
+        if (r.status >= 400) {
+            const auto j = nlohmann::json::parse(r.body);
+            ASSERT_TRUE(j.contains("error") && j["error"].is_string()) << r.body;
+        }
+    }
+    const auto status = nlohmann::json::parse(call("GET", "/api/status").body);
+    const auto profile = nlohmann::json::parse(call("GET", "/api/profile").body)["profile"];
+    EXPECT_TRUE(profile == "classic" || profile == "accurate");
+    EXPECT_EQ(status["profile"], profile);
+    for (const auto &d : status["detectors"]) {
+        if (d["trained"]) {
+            EXPECT_EQ(d["profile"], profile);
+        }
+    }
+}

@@ -45,9 +45,7 @@ namespace {
 class DetectWorker {
 public:
     explicit DetectWorker(const BatchDetectOptions &o) : o_(o) {
-        if (!engine_.set_profile(o.profile)) {
-            throw ToolError(ExitCode::failed, "the library refused the profile: " + engine_.last_line());
-        }
+        // The import sets the engine's profile to the file's.
         load_model(engine_, o.model, o.profile);
         class_names_ = named_classes(engine_);
         if (!engine_.set_sensitivity(o.sensitivity)) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "command_support.h"
 #include "ostrel_alg.h"
 #include "video_frames.h"
 
@@ -25,7 +26,7 @@ struct BatchDetectOptions {
     std::vector<std::string> lists;   // list files, "-" for standard input
     bool recursive = false;
     uint32_t sensitivity = 80;
-    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the one the model was trained with
+    int32_t profile = kProfileOfTheFile;  // --profile as given; the model file decides
     bool json = false;
     std::string draw_dir;
     int jobs = 0;  // 0: one per core

@@ -56,7 +56,7 @@ struct DemoOptions {
     std::string out_dir = "out/demo";
     std::string data_dir = OSTREL_DATA_DIR;
     uint32_t sensitivity = kDefaultSensitivity;
-    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
+    int32_t profile = kDefaultTrainingProfile;
 };
 
 struct AnnotatedPicture {
@@ -124,12 +124,14 @@ int run_demo(const DemoOptions &o) {
     println("pictures: " + bccd.string() + " (BCCD dataset, MIT licence, see its LICENSE file)");
     println("");
 
-    // 1. Mark every annotated cell with one box size, the median annotated
-    //    size, centred on its annotation; a cell cut by the picture's edge
-    //    keeps its inner side and its box reaches over the edge, where the
-    //    rest of the cell would be. The library learns one window size, and
-    //    it treats whatever is not marked as background, so every cell is
-    //    marked.
+    // 1. Mark every annotated cell. The accurate profile learns each box at
+    //    its own size, so the annotations are marked as they are. The
+    //    classic profile learns one window size: every cell gets the median
+    //    annotated size, centred on its annotation; a cell cut by the
+    //    picture's edge keeps its inner side and its box reaches over the
+    //    edge, where the rest of the cell would be. Whatever is not marked is
+    //    background, so every cell is marked.
+    const bool classic = o.profile == OSTREL_ALG_PROFILE_CLASSIC;
     AnnotatedPicture training = load_annotated(bccd, kTrainingPicture);
     std::vector<Rect> annotated;
     for (const auto &c : training.cells) {
@@ -139,17 +141,27 @@ int run_demo(const DemoOptions &o) {
     std::vector<Rect> marked;
     std::vector<ostrel_alg_box> marked_records;
     for (const auto &a : annotated) {
-        marked.push_back(placed_on(a, box_size, training.picture.width(), training.picture.height()));
+        marked.push_back(classic ? placed_on(a, box_size, training.picture.width(), training.picture.height()) : a);
         marked_records.push_back(marked_box(marked.back()));
     }
-    println(strformat("1. Marking   %s (%dx%d): %s, each marked with a %dx%d box", file_name_of(training.picture.path).c_str(),
-                      training.picture.width(), training.picture.height(),
-                      plural(static_cast<int>(marked.size()), "annotated red blood cell", "annotated red blood cells").c_str(),
-                      box_size.w, box_size.h));
-    println("            (the median annotated size) centred on each annotation; the rest of the picture is background");
+    const std::string cells_text =
+        plural(static_cast<int>(marked.size()), "annotated red blood cell", "annotated red blood cells");
+    if (classic) {
+        println(strformat("1. Marking   %s (%dx%d): %s, each marked with a %dx%d box",
+                          file_name_of(training.picture.path).c_str(), training.picture.width(),
+                          training.picture.height(), cells_text.c_str(), box_size.w, box_size.h));
+        println("            (the median annotated size) centred on each annotation; the rest of the picture is background");
+    } else {
+        println(strformat("1. Marking   %s (%dx%d): %s, each marked with its annotated box (median %dx%d);",
+                          file_name_of(training.picture.path).c_str(), training.picture.width(),
+                          training.picture.height(), cells_text.c_str(), box_size.w, box_size.h));
+        println("            the rest of the picture is background");
+    }
 
     // 2. Train with a fixed seed, one progress line per training.
-    println(strformat("2. Training  sensitivity %u, seed %u", o.sensitivity, kSeed));
+    println(strformat("2. Training  %s profile%s, sensitivity %u, seed %u", profile_name(o.profile),
+                      classic ? " (the original system, exactly)" : " (--profile classic shows the original system)",
+                      o.sensitivity, kSeed));
     Engine engine;
     if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(kSeed)) {
         throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
@@ -246,11 +258,11 @@ int run_demo(const DemoOptions &o) {
                       static_cast<unsigned long long>(info.content_length), info.trained_width, info.trained_height));
 
     // 5. A fresh engine imports the file and detects again on new copies of
-    //    the pictures (new keys, so the features are computed afresh). Only
+    //    the pictures (new keys, so the features are computed afresh). Its
+    //    profile is never set: the file decides. Only
     //    detections are compared: an engine that trained itself also reports
     //    boxes below the threshold, an imported one does not.
     Engine reloaded;
-    if (!reloaded.set_profile(o.profile)) throw ToolError(ExitCode::failed, "the library refused the profile: " + reloaded.last_line());
     load_model(reloaded, model_path);
     if (!reloaded.set_sensitivity(o.sensitivity)) {
         throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + reloaded.last_line());
@@ -281,6 +293,7 @@ int run_demo(const DemoOptions &o) {
                        {"width", training.picture.width()},
                        {"height", training.picture.height()},
                        {"class", kClass},
+                       {"profile", profile_name(o.profile)},
                        {"box_width", box_size.w},
                        {"box_height", box_size.h},
                        {"marked_boxes", nlohmann::ordered_json::array()},
@@ -305,18 +318,25 @@ int run_demo(const DemoOptions &o) {
 
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     println("");
+    const std::string how_trained =
+        classic ? "one training on the marked boxes and random background, then " +
+                      plural(progress.passes(), "auto-training pass", "auto-training passes") +
+                      " in which it ran itself on the same picture and learnt its own mistakes as background"
+                : "the accurate profile learnt every marked cell at its own size, and the background from every "
+                  "window of the picture at every searched size, then " +
+                      plural(progress.passes(), "round", "rounds") +
+                      " in which it mined the background windows it got wrong";
     println(strformat(
         "Summary: from %zu boxes marked on one picture the library trained a red-blood-cell detector in %.2f s: "
-        "one training on the marked boxes and random background, then %s in which it ran itself on the same "
-        "picture and learnt its own mistakes as background. On %zu pictures it had never seen it reported %d "
+        "%s. On %zu pictures it had never seen it reported %d "
         "detections and found %d of the %d annotated cells at IoU %.1f (recall %.0f%%; %.0f%% at IoU %.1f). The BCCD annotations "
         "leave some cells out, so a detection on an unannotated cell is not counted as an error and precision "
         "is not scored here (ostrel eval scores it on folders you label completely). The model file of %llu "
-        "bytes passed validation, and a fresh engine that imported it %s.",
-        marked.size(), training_seconds, plural(progress.passes(), "auto-training pass", "auto-training passes").c_str(),
+        "bytes (%s profile, recorded in the file) passed validation, and a fresh engine that imported it %s.",
+        marked.size(), training_seconds, how_trained.c_str(),
         tests.size(), quality.detections, quality.true_positives, quality.objects, kMatchIou, 100.0 * quality.recall,
         100.0 * loose_quality.recall, kLooseMatchIou,
-        static_cast<unsigned long long>(info.file_size),
+        static_cast<unsigned long long>(info.file_size), profile_name(o.profile),
         identical ? "gave exactly the same detections" : "gave DIFFERENT detections"));
     println("");
     println("Files in " + out.string() + ":");
@@ -342,12 +362,16 @@ void add_demo_command(CLI::App &app, CommandAction &action) {
         ->type_name("DIR");
     sub->add_option("--data", o->data_dir, "the repository's data folder (default: the one it was built from)")
         ->type_name("DIR");
-    add_profile_option(sub, &o->profile);
+    add_training_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(whole_number_in(0, 100))
         ->type_name("N");
     add_max_pixels_option(sub);
-    sub->footer(std::string(exit_code_help()));
+    sub->footer(
+        "The demo runs the accurate profile unless --profile classic, which shows the original system\n"
+        "exactly (one window size, auto-training passes). The reloaded engine takes the profile from the\n"
+        "model file.\n\n" +
+        std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_demo(*o); }; });
 }
 

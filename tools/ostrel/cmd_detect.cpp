@@ -40,10 +40,7 @@ int run_detect_into_format(DetectArguments &a) {
     // classes in its order.
     {
         Engine engine;
-        if (!engine.set_profile(a.batch.profile)) {
-            throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
-        }
-        load_model(engine, a.batch.model, a.batch.profile);
+        load_model(engine, a.batch.model, a.batch.profile);  // the engine takes the file's profile
         const std::vector<std::string> names = named_classes(engine);
         if (!names.empty()) {
             if (o.class_given && o.classes != names) {
@@ -111,7 +108,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_flag("-r,--recursive", o.recursive, "search folders in their sub-folders too");
-    add_profile_option(sub, &o.profile);
+    add_model_profile_option(sub, &o.profile);
     sub->add_option("--sensitivity", o.sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(whole_number_in(0, 100))
         ->type_name("N");
@@ -179,8 +176,9 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "drawing takes the next free name and a warning says so. A folder, device or FIFO in the way of a\n"
         "drawing is refused (exit code 4) and left as it is. Pictures above --max-pixels are\n"
         "refused from their header (JPEG, PNG, BMP) before decoding, a JPEG cut short is refused; both are\n"
-        "reported and skipped. A model of the accurate profile needs --profile accurate: without it the\n"
-        "model is refused at once (exit code 3) with a line that says so.\n\n"
+        "reported and skipped. Pictures may have any size: an accurate model searches objects of the\n"
+        "sizes in pixels it was taught (and a margin around them) on every picture.\n\n" +
+        std::string(kProfileRuleHelp) + "\n\n"
         "Examples:\n"
         "  ostrel detect --model rbc.model --json --summary data/bccd/images > cells.jsonl\n"
         "  find /data -name '*.jpg' | ostrel detect --model rbc.model --list - --draw out\n"

@@ -37,7 +37,7 @@ struct EvalOptions {
     std::vector<std::string> skip;
     double iou = 0.5;
     uint32_t sensitivity = kDefaultSensitivity;
-    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
+    int32_t profile = kProfileOfTheFile;
     bool json = false;
     std::string plot;
 };
@@ -235,10 +235,7 @@ int run_eval(const EvalOptions &o) {
             throw input_error(missing);
         }
         Engine engine;
-        if (!engine.set_profile(o.profile)) {
-            throw ToolError(ExitCode::failed, "the library refused the profile: " + engine.last_line());
-        }
-        load_model(engine, o.model, o.profile);
+        load_model(engine, o.model, o.profile);  // the engine takes the file's profile
         // A model of several classes is measured on the evaluated class's
         // boxes only.
         std::vector<std::string> model_classes = named_classes(engine);
@@ -372,7 +369,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--iou", o->iou, "overlap (intersection over union) a detection needs to count (default 0.5)")
         ->check(real_number_in(0.0, 1.0))
         ->type_name("T");
-    add_profile_option(sub, &o->profile);
+    add_model_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
         ->check(whole_number_in(0, 100))
         ->type_name("N");
@@ -395,6 +392,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         "  ostrel eval --model pawn.model --labels chess/_annotations.coco.json --class white-pawn,black-pawn --json\n"
         "  ostrel detect --model rbc.model --json data/bccd/images > d.jsonl\n"
         "  ostrel eval --detections d.jsonl --labels data/bccd --class RBC --plot pr.png\n\n" +
+        std::string(kProfileRuleHelp) + "\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_eval(*o); }; });
 }

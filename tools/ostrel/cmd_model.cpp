@@ -17,11 +17,11 @@ namespace ostrel_tool {
 
 namespace {
 
-int run_check(const std::string &model, int32_t profile) {
+int run_check(const std::string &model, int32_t requested) {
     Engine engine;
-    const ModelVerdict verdict = judge_model(engine, model, profile, true);
-    if (verdict.problem.empty()) {
-        println(model + ": valid");
+    const ModelVerdict verdict = judge_model(engine, model, requested, true);
+    if (verdict.library_accepts && verdict.contradiction.empty() && verdict.problem.empty()) {
+        println(model + ": valid, a model of the " + profile_name(verdict.profile) + " profile");
         // A model with named classes lists them, as the library reads them.
         Engine reader;
         if (reader.import_model(model)) {
@@ -35,7 +35,11 @@ int run_check(const std::string &model, int32_t profile) {
         return to_int(ExitCode::ok);
     }
     std::fflush(tool_out());
-    std::fprintf(stderr, "ostrel: %s: not valid: %s\n", model.c_str(), verdict.problem.c_str());
+    if (verdict.library_accepts && !verdict.contradiction.empty()) {
+        std::fprintf(stderr, "ostrel: %s\n", verdict.contradiction.c_str());
+    } else {
+        std::fprintf(stderr, "ostrel: %s: not valid: %s\n", model.c_str(), verdict.problem.c_str());
+    }
     return to_int(ExitCode::failed);
 }
 
@@ -50,20 +54,21 @@ int run_info(const std::string &model) {
 
 void add_check_command(CLI::App &app, CommandAction &action) {
     auto model = std::make_shared<std::string>();
-    auto profile = std::make_shared<int32_t>(OSTREL_ALG_PROFILE_CLASSIC);
+    auto profile = std::make_shared<int32_t>(kProfileOfTheFile);
     CLI::App *sub = app.add_subcommand(
         "check", "Validate a model file with the library (records and CRC-32), then check that it can detect");
     sub->add_option("MODEL", *model, "the model file")->required();
-    add_profile_option(sub, profile.get());
+    add_model_profile_option(sub, profile.get());
     sub->footer(
         "First the library's own validation (the records' ranges and the CRC-32), then the tool's checks of\n"
-        "what the library lets pass although the model cannot detect: the trained box must give a window of\n"
-        "the weights' length under the profile (a model of the accurate profile is valid only with\n"
-        "--profile accurate, and the message says so), the filter matrices must fit each other and the\n"
-        "weights, the trailer's length field must be right and nothing may follow the trailer. A file that\n"
-        "does not follow the layout is judged by the tool alone, without the library reading it.\n"
-        "Prints \"MODEL: valid\" (and, for a model with named classes, \"classes: N (a, b, ...)\") and exits 0, or gives the reason on standard error and exits 1; a missing\n"
-        "file, a folder, a device or a FIFO exits 3.\n\n" +
+        "what the library lets pass although the model cannot detect: a classic model's trained box must\n"
+        "give a window of the weights' length, its filter matrices must fit each other and the weights; an\n"
+        "accurate model must load into a fresh engine; the trailer's length field must be right and nothing\n"
+        "may follow the trailer. A file that does not follow the layout is judged by the tool alone, without\n"
+        "the library reading it. Prints \"MODEL: valid, a model of the P profile\" (and, for a model with\n"
+        "named classes, \"classes: N (a, b, ...)\") and exits 0, or gives the reason on standard error and\n"
+        "exits 1; a missing file, a folder, a device or a FIFO exits 3.\n\n" +
+        std::string(kProfileRuleHelp) + "\n\n" +
         std::string(exit_code_help()));
     sub->callback([model, profile, &action] { action = [model, profile] { return run_check(*model, *profile); }; });
 }
@@ -73,15 +78,20 @@ void add_info_command(CLI::App &app, CommandAction &action) {
     CLI::App *sub = app.add_subcommand("info", "Show what a model file holds (read by the tool, not the library)");
     sub->add_option("MODEL", *model, "the model file")->required();
     sub->footer(
-        "Lists the model record (class_idx, trained_width, trained_height, input_width, input_height,\n"
-        "trained_acf_scale_idx, support_vector_size, bias), the weights' range, fp_threshold, the\n"
-        "false-positive filter's matrix sizes, the trailer's length L and CRC-32, the CRC computed over the\n"
-        "file and whether they match, and \"problem:\" lines for values the library would refuse and for\n"
-        "faults that make the model unusable (filter matrices that do not fit, a wrong length field, bytes\n"
-        "after the trailer). The file is read block by block, each count checked against its length, so a\n"
-        "huge or sparse file costs only what its records claim. Exits 0 when the file follows the layout with\n"
-        "no problem and a matching CRC; 1 when it follows the layout but has a problem line or another CRC;\n"
-        "3 when it does not follow the layout or is not a regular file (a folder, a device, a FIFO).\n\n" +
+        "Prints the profile the file was made under and everything it records. A classic model (no magic\n"
+        "number): the model record (class_idx, trained_width, trained_height, input_width, input_height,\n"
+        "trained_acf_scale_idx, support_vector_size, bias), the weights' range, fp_threshold and the\n"
+        "false-positive filter's matrix sizes. An accurate model (its own format and version): every\n"
+        "setting it was written with (cells, size steps, overlap, height range, search margin, pyramid\n"
+        "levels, normalisation, size prior, suppression) and, for each class, its name, window, object\n"
+        "shape, the range of object heights it was taught and the calibration of its scores. Then, for\n"
+        "both, the trailer's length L and CRC-32, the CRC computed over the file and whether they match, and\n"
+        "\"problem:\" lines for values the library would refuse and for faults that make the model unusable\n"
+        "(filter matrices that do not fit, a wrong length field, bytes after the trailer). The file is read\n"
+        "block by block, each count checked against its length, so a huge or sparse file costs only what its\n"
+        "records claim. Exits 0 when the file follows its layout with no problem and a matching CRC; 1 when\n"
+        "it follows the layout but has a problem line or another CRC; 3 when it does not follow the layout\n"
+        "or is not a regular file (a folder, a device, a FIFO).\n\n" +
         std::string(exit_code_help()));
     sub->callback([model, &action] { action = [model] { return run_info(*model); }; });
 }

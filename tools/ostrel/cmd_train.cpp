@@ -35,7 +35,7 @@ struct TrainOptions {
     std::string model;
     uint32_t sensitivity = kDefaultSensitivity;
     uint32_t seed = kDefaultSeed;
-    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;
+    int32_t profile = kDefaultTrainingProfile;
     int width = 0;
     int height = 0;
     bool median_size = false;
@@ -300,10 +300,29 @@ int train_on(Engine &engine, const Picture &picture, const std::vector<Rect> &bo
     return progress.samples();
 }
 
+// "of 106x99 px", or "of 40x80 to 106x99 px" for boxes of several sizes
+// (the smallest and the largest by area).
+std::string box_sizes_text(const std::vector<Rect> &boxes) {
+    const auto area = [](const Rect &b) { return static_cast<int64_t>(b.w) * b.h; };
+    const Rect *small = &boxes.front(), *large = &boxes.front();
+    bool one_size = true;
+    for (const auto &b : boxes) {
+        one_size = one_size && b.w == boxes.front().w && b.h == boxes.front().h;
+        small = area(b) < area(*small) ? &b : small;
+        large = area(b) > area(*large) ? &b : large;
+    }
+    return one_size ? strformat("of %dx%d px", small->w, small->h)
+                    : strformat("of %dx%d to %dx%d px", small->w, small->h, large->w, large->h);
+}
+
 // Trains the engine's current class on its pictures, one after the other.
 void train_class(Engine &engine, const TrainOptions &o, const std::vector<TrainingPicture> &set) {
     const bool several = set.size() > 1;
     const bool one_size_asked = o.width > 0 || o.median_size;
+    // The classic profile learns one window, the first box's; the accurate
+    // profile learns every box at its own size (boxes keep their sizes
+    // unless --median-size or --width/--height asks for one).
+    const bool classic = o.profile == OSTREL_ALG_PROFILE_CLASSIC;
 
     Size window{}, first_size{};
     FeatureMap map;
@@ -321,50 +340,57 @@ void train_class(Engine &engine, const TrainOptions &o, const std::vector<Traini
                 map = FeatureMap{};
             }
             here = window;
-        } else {
+        } else if (classic) {
             here = scaled_window(window, first_size, {picture.width(), picture.height()}, map.columns, map.rows);
+        } else {
+            here = window;  // boxes in pixels: one size means the same size on every picture
         }
         if (one_size_asked) {
             for (auto &b : boxes) {
                 b = placed_on(b, here, picture.width(), picture.height());
             }
-        } else if (several) {
+        } else if (several && classic) {
             changed += fit_boxes_to(boxes, here, picture.width(), picture.height());
         }
         require_inside(boxes, picture);
         if (k == 0) {
-            if (!several) {
+            if (!several && classic) {
                 for (const auto &b : boxes) {
                     if (b.w != window.w || b.h != window.h) {
                         warn(strformat("the boxes differ in size; the detector learns one window, the first box's "
-                                       "%dx%d (--median-size or --width/--height give every box one size)",
+                                       "%dx%d (--median-size or --width/--height give every box one size; the "
+                                       "accurate profile learns every box at its own size)",
                                        window.w, window.h));
                         break;
                     }
                 }
             }
             // The accurate profile chooses its own window and says itself when a box does not fit.
-            if (o.profile == OSTREL_ALG_PROFILE_CLASSIC) {
+            if (classic) {
                 require_learnable(window, picture, map);
             }
-            if (o.profile == OSTREL_ALG_PROFILE_CLASSIC && !several) {
+            if (classic && !several) {
                 // Boxes given one size on purpose reach over the edge where the object is cut.
                 require_boxes_within_map(boxes, picture, map, !one_size_asked);
             }
             if (several) {
-                println(strformat("training on %zu pictures: a window of %dx%d px from the first one, sensitivity "
-                                  "%u, seed %u",
-                                  set.size(), window.w, window.h, o.sensitivity, o.seed));
+                const std::string sizes = classic || one_size_asked
+                                              ? strformat("a window of %dx%d px from the first one", window.w, window.h)
+                                              : std::string("every box at its own size");
+                println(strformat("training on %zu pictures (%s profile): %s, sensitivity %u, seed %u", set.size(),
+                                  profile_name(o.profile), sizes.c_str(), o.sensitivity, o.seed));
             }
         }
         if (several) {
-            println(strformat("picture %zu/%zu %s (%dx%d): %zu marked box%s of %dx%d px", k + 1, set.size(),
+            println(strformat("picture %zu/%zu %s (%dx%d): %zu marked box%s %s", k + 1, set.size(),
                               picture.path.c_str(), picture.width(), picture.height(), boxes.size(),
-                              boxes.size() == 1 ? "" : "es", here.w, here.h));
+                              boxes.size() == 1 ? "" : "es", box_sizes_text(boxes).c_str()));
         } else {
-            println(strformat("training on %s (%dx%d): %zu marked box%s of %dx%d px, sensitivity %u, seed %u",
+            println(strformat("training on %s (%dx%d): %zu marked box%s %s, %s profile, sensitivity %u, seed %u",
                               picture.path.c_str(), picture.width(), picture.height(), boxes.size(),
-                              boxes.size() == 1 ? "" : "es", window.w, window.h, o.sensitivity, o.seed));
+                              boxes.size() == 1 ? "" : "es",
+                              (classic ? strformat("of %dx%d px", window.w, window.h) : box_sizes_text(boxes)).c_str(),
+                              profile_name(o.profile), o.sensitivity, o.seed));
         }
         samples = train_on(engine, picture, boxes, samples);
     }
@@ -409,7 +435,7 @@ int run_train(const TrainOptions &o) {
         train_class(engine, o, c.pictures);
     }
     export_model_atomically(engine, o.model);
-    println("model written to " + o.model);
+    println("model written to " + o.model + " (" + profile_name(o.profile) + " profile)");
     return to_int(ExitCode::ok);
 }
 
@@ -459,7 +485,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
                     "0..100, how readily the detector reports a box (default 80); used by auto-training")
         ->check(whole_number_in(0, 100))
         ->type_name("N");
-    add_profile_option(sub, &o->profile);
+    add_training_profile_option(sub, &o->profile);
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");
     sub->add_option("--width", o->width, "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
         ->check(whole_number_in(1, kLargestBoxValue))
@@ -468,40 +494,48 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         ->check(whole_number_in(1, kLargestBoxValue))
         ->type_name("H");
     sub->add_flag("--median-size", o->median_size,
-                  "give every box the median width and height of the (first picture's) boxes (placed like --width)");
+                  "give every box the median width and height of the (first picture's) boxes (placed like "
+                  "--width): what the classic profile needs when the boxes differ in size; the accurate profile "
+                  "learns every box at its own size and needs none of these three options");
     add_max_pixels_option(sub);
     sub->footer(
-        "The detector learns one window size: that of the first box. On one picture, boxes of other sizes\n"
-        "are used as they are and a warning is printed. Everything not marked may become a background\n"
-        "sample, so mark every object on the picture.\n\n"
+        "Profiles: the accurate one (the default) learns every marked box at its own size, boxes of any size\n"
+        "on one picture and across pictures, and finds objects of those sizes in pixels (and a margin around\n"
+        "them) on pictures of any size. --profile classic reproduces the original system exactly: it learns\n"
+        "one window size, that of the first box; on one picture, boxes of other sizes are used as they are\n"
+        "and a warning is printed (--median-size or --width/--height give every box one size). The model\n"
+        "file records the profile; detect, eval, check and info take it from there. Everything not marked\n"
+        "may become a background sample, so mark every object on the picture.\n\n"
         "Several pictures (IMAGE --boxes FILE IMAGE --boxes FILE ..., or --voc DIR --class NAME) go to the\n"
-        "library one after the other, each adding its samples to the same detector. The window comes from\n"
-        "the first picture's boxes (with --median-size: their median; or --width/--height); every box of\n"
-        "another size is made that size, centred on it, and one warning says how many were changed. On a\n"
-        "picture of another size the window is scaled with the picture, so it covers the same feature cells.\n"
-        "Only the first picture gets random background samples; every picture gets its auto-training passes.\n\n"
+        "library one after the other, each adding its samples to the same detector. Under the classic\n"
+        "profile the window comes from the first picture's boxes (with --median-size: their median; or\n"
+        "--width/--height); every box of another size is made that size, centred on it, and one warning says\n"
+        "how many were changed; on a picture of another size the window is scaled with the picture, so it\n"
+        "covers the same feature cells. Only the first picture gets random background samples; every picture\n"
+        "gets its auto-training passes.\n\n"
         "At most 1000 marked boxes a picture (a box file at most 1 MiB), counted before any is built. A box\n"
         "whose window reaches past the picture's edge is left out of training (a warning names it when the\n"
         "boxes are used as given; when every box is, train stops with exit code 3). --model is checked before\n"
         "any work: a folder, device or FIFO is refused with exit code 4 and left as it is, a symbolic link\n"
         "is written through, and a model written over another keeps that file's mode.\n\n"
         "Examples:\n"
-        "  ostrel train a.jpg --boxes a.xml --class RBC --median-size --model rbc.model\n"
+        "  ostrel train a.jpg --boxes a.xml --class RBC --model rbc.model\n"
         "  ostrel train a.jpg --boxes a.json b.jpg --boxes b.json --model cells.model\n"
-        "  ostrel train --voc data/bccd --class RBC --limit 3 --median-size --model rbc3.model\n"
-        "  ostrel train --labels chess/_annotations.coco.json --class white-pawn,black-pawn --limit 1 --model p.model\n\n"
+        "  ostrel train --voc data/bccd --class RBC --limit 3 --model rbc3.model\n"
+        "  ostrel train --labels chess/_annotations.coco.json --class white-pawn,black-pawn --limit 1 --model p.model\n"
+        "  ostrel train a.jpg --boxes a.xml --class RBC --median-size --profile classic --model rbc-classic.model\n\n"
         "--labels reads Pascal VOC folders, COCO JSON (instances_*.json), YOLO folders (images/ and labels/, or\n"
         "pictures and .txt side by side, names from data.yaml, classes.txt or obj.names), CVAT for images 1.1\n"
         "XML, Label Studio JSON exports and dlib imglab XML. A malformed label file is refused with its line\n"
         "or key (exit code 3) before any training.\n\n"
         "Classes: --class a --class b learns a and b as two classes of one model, --all-classes every class\n"
         "of the labels (at most 64), each from its own pictures (--limit N: the first N pictures holding it);\n"
-        "several classes need --profile accurate. --class a,b learns a and b as one class named \"a,b\" (say,\n"
-        "both pawns as one). Under the accurate profile the model records each class's name, and detect,\n"
-        "info and check show it. A picture's objects of other classes are background to a class.\n"
-        "  ostrel train --labels chess --class white-pawn --class black-pawn --limit 1 --profile accurate \\\n"
-        "      --model pawns.model\n"
-        "  ostrel train --voc data/bccd --all-classes --limit 1 --profile accurate --model blood.model\n\n" +
+        "several classes need the accurate profile (the default). --class a,b learns a and b as one class\n"
+        "named \"a,b\" (say, both pawns as one). Under the accurate profile the model records each class's\n"
+        "name, and detect, eval, info and check show it. A picture's objects of other classes are background\n"
+        "to a class.\n"
+        "  ostrel train --labels chess --class white-pawn --class black-pawn --limit 1 --model pawns.model\n"
+        "  ostrel train --voc data/bccd --all-classes --limit 1 --model blood.model\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_train(*o); }; });
 }

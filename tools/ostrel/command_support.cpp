@@ -15,11 +15,39 @@
 
 namespace ostrel_tool {
 
-void add_profile_option(CLI::App *command, int32_t *profile) {
-    command->add_option("--profile", *profile, "classic (default) or accurate: how the detector learns and searches")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, int32_t>{{"classic", OSTREL_ALG_PROFILE_CLASSIC}, {"accurate", OSTREL_ALG_PROFILE_ACCURATE}}))
+const char *profile_name(int32_t profile) {
+    return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic";
+}
+
+const char *const kProfileRuleHelp =
+    "A model file records the profile it was made under, and the file decides: detect, eval, check and\n"
+    "info read it from the file and need no --profile. A --profile that contradicts the file is refused\n"
+    "with one line (exit code 1).";
+
+namespace {
+
+CLI::Option *add_profile_names(CLI::App *command, int32_t *profile, const std::string &help) {
+    return command->add_option("--profile", *profile, help)
+        ->transform(CLI::CheckedTransformer(std::map<std::string, int32_t>{
+            {"classic", OSTREL_ALG_PROFILE_CLASSIC}, {"accurate", OSTREL_ALG_PROFILE_ACCURATE}}))
         ->type_name("NAME");
+}
+
+}  // namespace
+
+void add_training_profile_option(CLI::App *command, int32_t *profile) {
+    *profile = kDefaultTrainingProfile;
+    add_profile_names(command, profile,
+                      std::string("accurate or classic: how the detector learns and searches (default ") +
+                          profile_name(kDefaultTrainingProfile) +
+                          "; classic reproduces the original system exactly); the model file records it");
+}
+
+void add_model_profile_option(CLI::App *command, int32_t *profile) {
+    *profile = kProfileOfTheFile;
+    add_profile_names(command, profile,
+                      "not needed: the model file says its profile; given, it must agree with the file "
+                      "(a contradiction is refused)");
 }
 
 CLI::Validator whole_number_in(long long lo, long long hi) {
@@ -105,7 +133,7 @@ std::string model_problem(const std::string &path, const std::string &library_li
     return library_line.empty() ? "the library refuses it" : "the library reports: " + library_line;
 }
 
-ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t profile, bool try_accurate_import) {
+ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t requested, bool try_accurate_import) {
     require_file(path, "model");
     ModelVerdict verdict;
     ModelInfo info;
@@ -126,38 +154,44 @@ ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t profil
         return verdict;
     }
     verdict.library_accepts = true;
-    if (profile == OSTREL_ALG_PROFILE_ACCURATE && !try_accurate_import) {
+    verdict.profile = info.accurate ? OSTREL_ALG_PROFILE_ACCURATE : OSTREL_ALG_PROFILE_CLASSIC;
+    if (requested != kProfileOfTheFile && requested != verdict.profile) {
+        verdict.contradiction = strformat(
+            "model '%s' is a model of the %s profile (the file says so), not of the %s profile that --profile asks "
+            "for: leave out --profile (the model file decides) or give --profile %s",
+            path.c_str(), profile_name(verdict.profile), profile_name(requested), profile_name(verdict.profile));
+    }
+    if (info.accurate && !try_accurate_import) {
         verdict.problem = info.problems.empty() ? "" : info.problems.front();
     } else {
-        verdict.problem = usability_problem(path, info, profile);
+        verdict.problem = usability_problem(path, info);
     }
     return verdict;
 }
 
-void load_model(Engine &engine, const std::string &path, int32_t profile) {
-    // Under the accurate profile the import itself checks the window.
-    const ModelVerdict verdict = judge_model(engine, path, profile, false);
+void load_model(Engine &engine, const std::string &path, int32_t requested) {
+    // An accurate model's window is checked by the import itself.
+    const ModelVerdict verdict = judge_model(engine, path, requested, false);
     if (!verdict.library_accepts) {
         throw input_error("model '" + path + "' is not valid: " + verdict.problem);
     }
+    if (!verdict.contradiction.empty()) {
+        throw ToolError(ExitCode::failed, verdict.contradiction);
+    }
     if (!verdict.problem.empty()) {
-        throw input_error("model '" + path + "' cannot be used under the " +
-                          (profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic") +
-                          " profile: " + verdict.problem);
+        throw input_error("model '" + path + "' cannot be used: " + verdict.problem);
     }
     if (!engine.import_model(path)) {
         const std::string reason = engine.last_line();
         throw ToolError(ExitCode::failed,
                         "the library could not load model '" + path + "'" + (reason.empty() ? "" : ": " + reason));
     }
-    // The library takes the profile from the file; the tool still runs the
-    // profile it was given.
-    if (engine.profile() != profile) {
-        throw ToolError(ExitCode::failed, "model '" + path + "' is a model of the " +
-                                              (profile == OSTREL_ALG_PROFILE_ACCURATE ? "classic" : "accurate") +
-                                              " profile: the " +
-                                              (profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic") +
-                                              " profile cannot use it");
+    // The library takes the profile from the file, as the tool read it.
+    if (engine.profile() != verdict.profile) {
+        throw ToolError(ExitCode::failed, strformat("the library loaded model '%s' under the %s profile, but the file "
+                                                    "is a model of the %s profile",
+                                                    path.c_str(), profile_name(engine.profile()),
+                                                    profile_name(verdict.profile)));
     }
 }
 

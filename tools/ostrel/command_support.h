@@ -23,10 +23,26 @@ constexpr uint32_t kDefaultSensitivity = 80;
 // reproducible unless the user asks for another one.
 constexpr uint32_t kDefaultSeed = 1;
 
-// Adds --profile classic|accurate to a command (default classic). A model
-// file does not record its profile: detect, eval and demo take the one it
-// was trained with.
-void add_profile_option(CLI::App *command, int32_t *profile);
+// The profile a person gets from `train` and `demo` (and that the README's
+// figures are measured with): the accurate one finds far more of what was
+// marked. The library's own default stays classic for hosts of the C
+// interface; the tool asks for this one.
+constexpr int32_t kDefaultTrainingProfile = OSTREL_ALG_PROFILE_ACCURATE;
+// --profile left out of a command that reads a model: the file decides.
+constexpr int32_t kProfileOfTheFile = -1;
+
+// "classic" or "accurate" (the names --profile takes).
+const char *profile_name(int32_t profile);
+
+// Adds --profile classic|accurate to a command that trains (train, demo):
+// the accurate profile unless --profile classic.
+void add_training_profile_option(CLI::App *command, int32_t *profile);
+// Adds --profile classic|accurate to a command that reads a model file
+// (detect, eval, check): left out (*profile stays kProfileOfTheFile) the
+// file decides; given, it must agree with the file, or the model is refused.
+void add_model_profile_option(CLI::App *command, int32_t *profile);
+// The words of the help texts that say the rule above.
+extern const char *const kProfileRuleHelp;
 
 // A whole number lo..hi: "'abc' is not a number (a whole number lo..hi)"
 // or "'101' is not in lo..hi" (CLI11's own range check says "not in range"
@@ -46,26 +62,32 @@ void require_file(const std::string &path, const char *what);
 // reading of the file when that finds the fault, else the library's line.
 std::string model_problem(const std::string &path, const std::string &library_line);
 
-// What the tool makes of a model file under a profile: whether the
-// library's validation accepts it, and why it cannot be used (empty when it
+// What the tool makes of a model file: whether the library's validation
+// accepts it, the profile the file was made under (an accurate model file
+// says so in its first bytes, read by the tool itself), whether a --profile
+// the user gave contradicts it, and why it cannot be used (empty when it
 // can). The tool's own reading comes first, so that a file that does not
 // follow the layout, or goes on after its trailer, is judged without the
 // library reading it whole; then the library's validation; then the tool's
 // consistency checks (model_usability). Throws an input error when path is
-// missing or not a regular file. Under the accurate profile the window is
-// checked by importing the file into an engine of that profile, when
-// try_accurate_import is set (load_model leaves that to its own import).
+// missing or not a regular file. An accurate model is checked by importing
+// it into a fresh engine when try_accurate_import is set (load_model leaves
+// that to its own import).
 struct ModelVerdict {
     bool library_accepts = false;
+    int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the file's
+    std::string contradiction;  // one line when requested is not the file's profile
     std::string problem;
 };
-ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t profile, bool try_accurate_import);
+ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t requested, bool try_accurate_import);
 
-// Judges and imports a model; throws an input error (exit code 3) for a
-// missing, invalid or unusable file - "model 'M' is not valid: ..." or
-// "model 'M' cannot be used under the classic profile: ...; give --profile
-// accurate" - and ToolError(failed) when the import fails.
-void load_model(Engine &engine, const std::string &path, int32_t profile = OSTREL_ALG_PROFILE_CLASSIC);
+// Judges and imports a model; the engine takes the file's profile. Throws
+// an input error (exit code 3) for a missing, invalid or unusable file -
+// "model 'M' is not valid: ..." or "model 'M' cannot be used: ..." -,
+// ToolError(failed) with one line when requested (a --profile the user gave;
+// kProfileOfTheFile when none) contradicts the file, and ToolError(failed)
+// when the import fails.
+void load_model(Engine &engine, const std::string &path, int32_t requested = kProfileOfTheFile);
 // The class names of the engine's model when its classes have names (a
 // model of several classes, or of one named class); empty for a model of
 // one unnamed class, whose boxes carry no class.

@@ -415,7 +415,10 @@ std::string describe_accurate(const ModelInfo &info) {
     s += strformat("format: accurate model file, version %u\n", info.format_version);
     s += "profile: accurate (recorded in the file)\n";
     for (size_t i = 1; i < kAccurateSettingsCount; ++i) {
-        s += strformat("%s: %d\n", accurate_setting_name(i), info.accurate_settings[i]);
+        // Heights 0: the search covers the taught heights and the size steps' margin.
+        const bool automatic_height = (i == 4 || i == 5) && info.accurate_settings[i] == 0;
+        s += strformat("%s: %d%s\n", accurate_setting_name(i), info.accurate_settings[i],
+                       automatic_height ? " (automatic: the taught heights and the size steps' margin)" : "");
     }
     s += strformat("classes: %zu\n", info.classes.size());
     for (size_t k = 0; k < info.classes.size(); ++k) {
@@ -455,6 +458,8 @@ std::string describe_model(const ModelInfo &info) {
         return describe_accurate(info);
     }
     std::string s;
+    s += "format: classic model file (no magic number)\n";
+    s += "profile: classic (the classic layout says so; accurate models have a format of their own)\n";
     s += strformat("class_idx: %d\n", info.class_idx);
     s += strformat("trained_width: %d\n", info.trained_width);
     s += strformat("trained_height: %d\n", info.trained_height);
@@ -471,7 +476,6 @@ std::string describe_model(const ModelInfo &info) {
             s += strformat("%s: %d x %d\n", filter_matrix_name(m), info.filter[m].rows, info.filter[m].cols);
         }
     }
-    s += "profile: classic (the classic layout; accurate models have a format of their own)\n";
     s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
     s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
                    info.length_matches() ? "" : " (differs)");

@@ -74,19 +74,12 @@ std::vector<std::string> classic_window_problems(const ModelInfo &info, const Ma
 }
 
 bool accurate_profile_takes(const std::string &path, std::string *reason) {
+    // No profile is set: the import takes the file's.
     Engine engine;
-    if (!engine.set_profile(OSTREL_ALG_PROFILE_ACCURATE)) {
-        if (reason != nullptr) {
-            *reason = engine.last_line();
-        }
-        return false;
-    }
     const bool taken = engine.import_model(path);
     if (!taken && reason != nullptr) {
         *reason = engine.last_line();
     }
-    // The library takes the profile from the file: a classic model turns
-    // the engine classic.
     if (taken && engine.profile() != OSTREL_ALG_PROFILE_ACCURATE) {
         if (reason != nullptr) {
             *reason = "it is a model of the classic profile";
@@ -96,32 +89,19 @@ bool accurate_profile_takes(const std::string &path, std::string *reason) {
     return taken;
 }
 
-std::string usability_problem(const std::string &path, const ModelInfo &info, int32_t profile) {
+std::string usability_problem(const std::string &path, const ModelInfo &info) {
     if (!info.problems.empty()) {
         return info.problems.front();
     }
-    // An accurate model file says so itself.
-    if (info.accurate && profile != OSTREL_ALG_PROFILE_ACCURATE) {
-        return "it is a model of the accurate profile: give --profile accurate";
-    }
-    if (profile == OSTREL_ALG_PROFILE_ACCURATE) {
+    if (info.accurate) {
         std::string reason;
         if (accurate_profile_takes(path, &reason)) {
             return "";
         }
-        return "the accurate profile cannot use it" + (reason.empty() ? "" : ": " + reason) +
-               (classic_window_problems(info, classic_map_extent()).empty()
-                    ? " (it fits the classic profile: leave out --profile accurate)"
-                    : "");
+        return "the library cannot load it" + (reason.empty() ? "" : ": " + reason);
     }
     const std::vector<std::string> problems = classic_window_problems(info, classic_map_extent());
-    if (problems.empty()) {
-        return "";
-    }
-    if (accurate_profile_takes(path)) {
-        return problems.front() + "; it is a model of the accurate profile: give --profile accurate";
-    }
-    return problems.front();
+    return problems.empty() ? "" : problems.front();
 }
 
 }  // namespace ostrel_tool

@@ -1,7 +1,7 @@
 // Whether a model the library accepts can detect under a profile. The
 // library's validation (records in range, CRC) is a fixed contract; a file
 // can pass it and still be useless: a trained box larger than any picture,
-// weights of another window's length (a model of the other profile),
+// weights of another window's length,
 // filter matrices of other sizes. The tool checks these when it loads a
 // model (detect, eval) and in `ostrel check`, after the library.
 #pragma once
@@ -30,13 +30,14 @@ MapExtent classic_map_extent();
 // reasons it is not, empty when it is.
 std::vector<std::string> classic_window_problems(const ModelInfo &info, const MapExtent &map);
 
-// Whether an engine set to the accurate profile imports the file (the
-// library refuses an accurate model whose window does not fit).
+// Whether a fresh engine imports the file as a model of the accurate
+// profile (the library refuses an accurate model whose parts do not agree;
+// a classic file turns the engine classic and is not taken here).
 bool accurate_profile_takes(const std::string &path, std::string *reason = nullptr);
 
 // Why a model that the library's validation accepted cannot be used under
-// profile, in one phrase (with the profile to give when the other one
-// takes it); empty when it can. info is the tool's reading of the file.
-std::string usability_problem(const std::string &path, const ModelInfo &info, int32_t profile);
+// the profile it was made under (the file's: info.accurate), in one phrase;
+// empty when it can. info is the tool's reading of the file.
+std::string usability_problem(const std::string &path, const ModelInfo &info);
 
 }  // namespace ostrel_tool

@@ -222,6 +222,8 @@ std::string label_path_in(const std::string &dir, LabelFormat format) {
 
 }  // namespace
 
+std::map<LabelFormat, std::vector<std::string>> label_sources_in(const std::string &dir) { return formats_in(dir); }
+
 LabelFormat detect_label_format(const std::string &path) {
     std::error_code ec;
     if (!fs::exists(path, ec)) {

@@ -10,8 +10,10 @@
 // taken, several are refused with the list, so that --format chooses.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "labels/label_set.h"
 #include "labels/label_writing.h"
@@ -21,6 +23,12 @@ namespace ostrel_tool {
 // The format of a file or folder. Throws an input error naming what was
 // found (several formats, none, a COCO results file) otherwise.
 LabelFormat detect_label_format(const std::string &path);
+
+// Every label source a folder holds (itself, annotations/, Annotations/,
+// labels/): for each format found, the files of whole-set formats and the
+// folders of per-picture ones, in name order. Nothing is refused here: a
+// host that takes labels from several sources (the studio) reads each.
+std::map<LabelFormat, std::vector<std::string>> label_sources_in(const std::string &dir);
 
 // Reads labels in the given format, or the detected one. Pictures are
 // looked for (picture_path empty when one is not found; see

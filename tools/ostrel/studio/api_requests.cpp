@@ -60,6 +60,28 @@ Rect box_of(const nlohmann::json &item, size_t i) {
     throw ApiError(http_status::bad_request, where + ": expected [x, y, w, h], not " + std::string(item.type_name()));
 }
 
+nlohmann::json parse_object(const std::string &body, const char *shape) {
+    check_json_shape(body);
+    nlohmann::json doc;
+    try {
+        doc = nlohmann::json::parse(body);
+    } catch (const nlohmann::json::exception &e) {
+        throw ApiError(http_status::bad_request, std::string("the request is not valid JSON; ") + shape);
+    }
+    if (!doc.is_object()) {
+        throw ApiError(http_status::bad_request, std::string("the request is a JSON ") + doc.type_name() + "; " + shape);
+    }
+    return doc;
+}
+
+std::string text_member(const nlohmann::json &doc, const char *key, const char *shape) {
+    const auto it = doc.find(key);
+    if (it == doc.end() || !it->is_string()) {
+        throw ApiError(http_status::bad_request, std::string("\"") + key + "\" must be text; " + shape);
+    }
+    return it->get<std::string>();
+}
+
 }  // namespace
 
 void check_json_shape(const std::string &body) {
@@ -142,7 +164,103 @@ TrainRequest parse_train_request(const std::string &body) {
     for (size_t i = 0; i < boxes->size(); ++i) {
         request.boxes.push_back(box_of((*boxes)[i], i));
     }
+    const auto cls = doc.find("class");
+    if (cls != doc.end()) {
+        if (!cls->is_string()) {
+            throw ApiError(http_status::bad_request, std::string("\"class\" must be a class name; ") + kTrainShape);
+        }
+        request.class_name = cls->get<std::string>();
+    }
     return request;
+}
+
+std::vector<LabelRequestBox> parse_labels_request(const std::string &body, size_t max_boxes) {
+    const char *shape = "expected {\"boxes\": [{\"class\": NAME, \"x\", \"y\", \"w\", \"h\"}, ...]}";
+    const nlohmann::json doc = parse_object(body, shape);
+    const auto boxes = doc.find("boxes");
+    if (boxes == doc.end() || !boxes->is_array()) {
+        throw ApiError(http_status::bad_request, std::string("\"boxes\" must be a list of boxes; ") + shape);
+    }
+    if (boxes->size() > max_boxes) {
+        throw ApiError(http_status::unprocessable, strformat("%zu boxes: at most %zu a picture", boxes->size(), max_boxes));
+    }
+    std::vector<LabelRequestBox> out;
+    for (size_t i = 0; i < boxes->size(); ++i) {
+        const nlohmann::json &item = (*boxes)[i];
+        LabelRequestBox b;
+        b.box = box_of(item, i);
+        if (item.is_object()) {
+            const auto cls = item.find("class");
+            if (cls != item.end()) {
+                if (!cls->is_string()) {
+                    throw ApiError(http_status::bad_request, strformat("box %zu: \"class\" must be a class name", i + 1));
+                }
+                b.class_name = cls->get<std::string>();
+                b.class_given = true;
+            }
+        }
+        out.push_back(b);
+    }
+    return out;
+}
+
+ClassRequest parse_class_request(const std::string &body) {
+    const char *shape = "expected {\"name\": NAME, \"color\": \"#rrggbb\"}";
+    const nlohmann::json doc = parse_object(body, shape);
+    ClassRequest r;
+    if (doc.contains("name")) r.name = text_member(doc, "name", shape);
+    if (doc.contains("color")) r.color = text_member(doc, "color", shape);
+    return r;
+}
+
+std::string parse_picture_request(const std::string &body) {
+    const char *shape = "expected {\"picture\": NAME}";
+    return text_member(parse_object(body, shape), "picture", shape);
+}
+
+ProfileRequest parse_profile_request(const std::string &body) {
+    const char *shape = "expected {\"profile\": \"accurate\" or \"classic\", \"model\": \"retrain\" or \"forget\"}";
+    const nlohmann::json doc = parse_object(body, shape);
+    ProfileRequest r;
+    r.profile = text_member(doc, "profile", shape);
+    if (r.profile != "accurate" && r.profile != "classic") {
+        throw ApiError(http_status::bad_request, "unknown profile '" + r.profile + "'; " + shape);
+    }
+    if (doc.contains("model")) {
+        r.model = text_member(doc, "model", shape);
+        if (r.model != "retrain" && r.model != "forget") {
+            throw ApiError(http_status::bad_request, "\"model\" is \"retrain\" or \"forget\", not '" + r.model + "'; " +
+                                                         shape);
+        }
+    }
+    return r;
+}
+
+AcceptRequest parse_accept_request(const std::string &body) {
+    const char *shape = "expected {\"picture\": NAME, \"sensitivity\": N} or {\"unlabelled\": true, \"sensitivity\": N}";
+    const nlohmann::json doc = parse_object(body, shape);
+    AcceptRequest r;
+    const auto unlabelled = doc.find("unlabelled");
+    if (unlabelled != doc.end()) {
+        if (!unlabelled->is_boolean()) {
+            throw ApiError(http_status::bad_request, std::string("\"unlabelled\" must be true or false; ") + shape);
+        }
+        r.unlabelled = unlabelled->get<bool>();
+    }
+    if (doc.contains("picture")) {
+        r.picture = text_member(doc, "picture", shape);
+    }
+    if (r.unlabelled == !r.picture.empty()) {
+        throw ApiError(http_status::bad_request, std::string("name one picture or ask for every unlabelled one; ") + shape);
+    }
+    const auto sensitivity = doc.find("sensitivity");
+    if (sensitivity != doc.end()) {
+        if (!sensitivity->is_number_integer() || sensitivity->get<int64_t>() < 0 || sensitivity->get<int64_t>() > 100) {
+            throw ApiError(http_status::bad_request, "sensitivity must be a whole number from 0 to 100");
+        }
+        r.sensitivity = static_cast<uint32_t>(sensitivity->get<int64_t>());
+    }
+    return r;
 }
 
 uint32_t parse_sensitivity(const std::string &text, bool present, uint32_t fallback) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,29 @@ namespace studio {
 struct TrainRequest {
     std::string picture;
     std::vector<Rect> boxes;
+    std::string class_name;  // "class", "" when absent
+};
+
+struct LabelRequestBox {
+    std::string class_name;
+    bool class_given = false;  // false: the box names no class
+    Rect box;
+};
+
+struct ClassRequest {
+    std::optional<std::string> name;
+    std::optional<std::string> color;
+};
+
+struct ProfileRequest {
+    std::string profile;  // "classic" or "accurate"
+    std::string model;    // what to do with a trained detector: "", "retrain" or "forget"
+};
+
+struct AcceptRequest {
+    std::string picture;     // one picture, or
+    bool unlabelled = false; // every picture without labels
+    uint32_t sensitivity = 80;
 };
 
 // The most a JSON request may hold, checked before it is parsed so that
@@ -37,6 +61,23 @@ void check_json_shape(const std::string &body);
 // {"x", "y", "w", "h"}. Numbers must be whole and fit 32 bits; a number too
 // large for the parser is a malformed request like any other (400).
 TrainRequest parse_train_request(const std::string &body);
+
+// {"boxes": [{"class", "x", "y", "w", "h"}, ...]}; a box may also be
+// [x, y, w, h] (no class). At most max_boxes boxes.
+std::vector<LabelRequestBox> parse_labels_request(const std::string &body, size_t max_boxes);
+
+// {"name": NAME, "color": "#rrggbb"}, each optional (POST needs the name).
+ClassRequest parse_class_request(const std::string &body);
+
+// {"picture": NAME} (the picture to train from its labels).
+std::string parse_picture_request(const std::string &body);
+
+// {"picture": NAME, "sensitivity": N} or {"unlabelled": true, "sensitivity": N}.
+AcceptRequest parse_accept_request(const std::string &body);
+
+// {"profile": "accurate" | "classic", "model": "retrain" | "forget"} ("model"
+// optional: needed only when the detector is trained).
+ProfileRequest parse_profile_request(const std::string &body);
 
 // A whole number 0..100 ("80"); absent (empty) gives fallback.
 uint32_t parse_sensitivity(const std::string &text, bool present, uint32_t fallback);

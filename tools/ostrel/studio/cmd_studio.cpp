@@ -13,6 +13,7 @@
 #include <thread>
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -20,6 +21,8 @@
 #include "command_support.h"
 #include "commands.h"
 #include "exit_codes.h"
+#include "label_store.h"
+#include "labels/label_set.h"
 #include "picture_store.h"
 #include "studio_api.h"
 #include "studio_server.h"
@@ -44,7 +47,11 @@ struct StudioOptions {
     bool port_given = false;
     std::string host = "127.0.0.1";
     std::string model;
-    std::string profile = "classic";
+    // The studio is a front end for people: it trains with the profile
+    // that finds objects best unless told otherwise (the C interface's own
+    // default stays classic).
+    std::string profile = "accurate";
+    std::string labels;  // the format labels are written in; "" chooses
 };
 
 // A private folder for the session's uploads and model files, removed with
@@ -60,6 +67,7 @@ public:
         path_ = pattern;
         fs::create_directory(fs::path(path_) / "uploads", ec);
         fs::create_directory(fs::path(path_) / "scratch", ec);
+        fs::create_directory(fs::path(path_) / "labels", ec);
     }
     ~SessionFolder() {
         std::error_code ec;
@@ -69,6 +77,7 @@ public:
     SessionFolder &operator=(const SessionFolder &) = delete;
     std::string uploads() const { return (fs::path(path_) / "uploads").string(); }
     std::string scratch() const { return (fs::path(path_) / "scratch").string(); }
+    std::string labels() const { return (fs::path(path_) / "labels").string(); }
 
 private:
     std::string path_;
@@ -124,6 +133,28 @@ int run_studio(const StudioOptions &o) {
         warn("studio: left out " + skipped);
     }
 
+    // Labels go next to the pictures, except for the tool's own shipped
+    // pictures (the project's data, not the person's) and a folder that
+    // cannot be written: those are kept in the session's folder.
+    studio::LabelStoreSettings label_settings;
+    if (!o.labels.empty()) {
+        label_settings.format = format_of_name(o.labels);
+    }
+    std::error_code ec;
+    const bool shipped = fs::equivalent(folder, std::string(OSTREL_DATA_DIR) + "/bccd/images", ec);
+    const bool writable = ::access(store.folder().c_str(), W_OK) == 0;
+    if (shipped || !writable) {
+        label_settings.folder_labels = session.labels();
+        label_settings.folder_labels_kept = false;
+        if (!shipped) {
+            warn("studio: '" + store.folder() + "' cannot be written: labels are kept for this session only");
+        }
+    }
+    studio::LabelStore labels(store, label_settings);
+    for (const std::string &note : labels.notes()) {
+        warn("studio: labels: " + note);
+    }
+
     studio::WorkspaceSettings settings;
     settings.seed = kDefaultSeed;
     settings.train_sensitivity = kDefaultSensitivity;
@@ -132,12 +163,13 @@ int run_studio(const StudioOptions &o) {
     studio::Workspace workspace(store, settings);
     if (!o.model.empty()) {
         try {
-            workspace.load_model(read_model_file(o.model, settings.max_model_bytes), fs::path(o.model).filename().string());
+            workspace.load_model(read_model_file(o.model, settings.max_model_bytes), fs::path(o.model).filename().string(),
+                                 labels.classes().front().name, true);
         } catch (const studio::ApiError &e) {
             throw input_error("model '" + o.model + "': " + e.what());
         }
     }
-    studio::StudioApi api(store, workspace);
+    studio::StudioApi api(store, workspace, labels);
 
     studio::ServerOptions server_options;
     server_options.host = o.host;
@@ -192,12 +224,20 @@ void add_studio_command(CLI::App &app, CommandAction &action) {
         ->type_name("ADDR");
     sub->add_option("--model", o->model, "a model file to start with (checked, CRC included, before use)")
         ->type_name("M");
-    sub->add_option("--profile", o->profile, "the detector's profile: classic (default) or accurate")
+    sub->add_option("--profile", o->profile, "the profile training starts with: accurate (default) or classic; the page can switch it, and a "
+                    "model file opened brings its own")
         ->check(CLI::IsMember({"classic", "accurate"}))
         ->type_name("NAME");
+    sub->add_option("--labels", o->labels,
+                    "the format labels are saved in next to the pictures: voc (default; a file a picture), coco or "
+                    "yolo (default: the one the folder's labels are in)")
+        ->check(CLI::IsMember({"voc", "coco", "yolo"}))
+        ->type_name("FORMAT");
     sub->footer(
         "Prints `ostrel studio: http://HOST:PORT/` once it is ready; open that address in a web browser.\n"
-        "Ctrl-C stops it. Pictures added in the browser are kept in a temporary folder for the session.\n"
+        "Ctrl-C stops it. Every box marked in the browser is saved at once as a label file next to its picture\n"
+        "(Pascal VOC unless --labels says otherwise); labels other tools left in the folder are shown too.\n"
+        "Pictures added in the browser, and their labels, are kept in a temporary folder for the session.\n"
         "The JSON interface under /api/ is described in the README.\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_studio(*o); }; });

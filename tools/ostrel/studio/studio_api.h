@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "label_store.h"
 #include "picture_store.h"
+#include "api_requests.h"
 #include "read_only_file.h"
 #include "workspace.h"
 
@@ -39,7 +41,10 @@ struct ApiResponse {
 
 class StudioApi {
 public:
-    StudioApi(PictureStore &store, Workspace &workspace) : store_(store), workspace_(workspace) {}
+    StudioApi(PictureStore &store, Workspace &workspace, LabelStore &labels)
+        : store_(store), workspace_(workspace), labels_(labels) {}
+    // Labels kept in memory only (nothing is written next to the pictures).
+    StudioApi(PictureStore &store, Workspace &workspace);
 
     ApiResponse handle(const ApiRequest &request);
 
@@ -50,9 +55,18 @@ public:
 
 private:
     ApiResponse route(const ApiRequest &request);
+    ApiResponse labelling_route(const ApiRequest &request, const std::vector<std::string> &path);
+    nlohmann::ordered_json classes_json();
+    nlohmann::ordered_json accept(const AcceptRequest &request);
+    ApiResponse export_labels(const std::string &format);
+    ApiResponse export_detections(const std::string &format, uint32_t sensitivity);
+    // The class a request without one means: the first of the list.
+    std::string default_class();
 
+    std::unique_ptr<LabelStore> own_labels_;  // when made without a label store
     PictureStore &store_;
     Workspace &workspace_;
+    LabelStore &labels_;
 };
 
 // {"error": message} with the status.

@@ -35,9 +35,10 @@ int TrainingMonitor::begin(const std::string &what) {
     return run_;
 }
 
-void TrainingMonitor::picture(const std::string &name) {
+void TrainingMonitor::picture(const std::string &name, const std::string &class_name) {
     std::lock_guard<std::mutex> lock(mutex_);
     picture_ = name;
+    class_ = class_name;
     first_done_ = false;
 }
 
@@ -63,13 +64,14 @@ void TrainingMonitor::on_library_line(const std::string &line) {
         // trainings of the passes are reported by their pass lines.
         if (!first_done_) {
             first_done_ = true;
-            steps_.push_back({picture_, 0, 0, 0, samples_, elapsed_ms()});
+            steps_.push_back({picture_, class_, 0, 0, 0, samples_, elapsed_ms()});
         }
         return;
     }
     TrainingStep step;
     if (std::sscanf(line.c_str(), kPassLineFormat, &step.pass, &step.false_positives, &step.low_confidence) == 3) {
         step.picture = picture_;
+        step.class_name = class_;
         step.samples = samples_;
         step.ms = elapsed_ms();
         steps_.push_back(step);
@@ -110,6 +112,9 @@ nlohmann::ordered_json TrainingMonitor::step_json(const TrainingStep &s) {
     j["low_confidence"] = s.low_confidence;
     j["samples"] = s.samples;
     j["ms"] = std::round(s.ms * 10.0) / 10.0;
+    if (!s.class_name.empty()) {
+        j["class"] = s.class_name;
+    }
     return j;
 }
 

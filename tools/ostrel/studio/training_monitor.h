@@ -22,6 +22,7 @@ namespace studio {
 
 struct TrainingStep {
     std::string picture;
+    std::string class_name;    // the class whose detector trains ("" when the studio has one)
     int pass = 0;              // 0: the first training on the marked boxes
     int false_positives = 0;   // passes: wrong detections learnt as background
     int low_confidence = 0;    // passes: weak detections learnt as background
@@ -33,8 +34,8 @@ class TrainingMonitor {
 public:
     // Starts a run; run ids count up from 1.
     int begin(const std::string &what);
-    // The picture whose library lines follow.
-    void picture(const std::string &name);
+    // The picture (and the class) whose library lines follow.
+    void picture(const std::string &name, const std::string &class_name = "");
     void on_library_line(const std::string &line);
     void end(bool ok);
 
@@ -44,7 +45,8 @@ public:
     int passes_of_last_picture() const;
     int skipped_boxes() const;
     // {"run", "running", "what", "ok", "ms", "steps": [{"picture", "pass",
-    // "false_positives", "low_confidence", "samples", "ms"}]}
+    // "false_positives", "low_confidence", "samples", "ms"} (and "class"
+    // when a class is named)]}
     nlohmann::ordered_json to_json() const;
 
     static nlohmann::ordered_json step_json(const TrainingStep &step);
@@ -58,6 +60,7 @@ private:
     bool ok_ = false;
     std::string what_;
     std::string picture_;
+    std::string class_;
     bool first_done_ = false;
     int samples_ = 0;
     int skipped_ = 0;

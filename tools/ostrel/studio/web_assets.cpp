@@ -22,6 +22,7 @@ WebAssets::WebAssets(const std::string &folder) {
         {"index.html", "text/html; charset=utf-8"},
         {"studio.css", "text/css; charset=utf-8"},
         {"studio.js", "text/javascript; charset=utf-8"},
+        {"viewer.js", "text/javascript; charset=utf-8"},
         {"icon.svg", "image/svg+xml"},
     };
     for (const auto &f : files) {

@@ -16,7 +16,7 @@ struct WebAsset {
 
 class WebAssets {
 public:
-    // Reads index.html, studio.css, studio.js and icon.svg from folder.
+    // Reads index.html, studio.css, studio.js, viewer.js and icon.svg from folder.
     // Throws an input error naming the missing file.
     explicit WebAssets(const std::string &folder);
 

@@ -1,22 +1,32 @@
-// The studio's detector: one library engine, what it was taught, and every
+// The studio's detector: what it was taught, for every class, and every
 // operation the page asks of it.
 //
-// The library takes no locks and allows one thread per engine, so every
-// call into the engine happens with the workspace's mutex held, on the one
-// engine thread (engine_thread.h: the library's per-thread record of the
-// last picture stays one); requests from several browser tabs queue up
-// there instead of meeting inside the library. All tabs share this one workspace: it is one person's desk.
+// This is the one place the studio asks to "train these classes" and to
+// "detect all classes". Until the library has models of several classes,
+// it holds one library engine per class (each learns its class as "the
+// object"); every engine runs on the same thread, so a picture's features,
+// which the library keeps per thread, are computed once for all classes.
+// When the library's several-class model arrives, the classes move into
+// one engine here and nothing above this interface changes.
 //
-// What was taught is kept as a list of pictures with their marked boxes, in
-// the order they were trained. Training a picture that is not on the list
-// adds it: the library adds its samples to those it holds. Training a
-// picture that is on the list again (its boxes changed), or removing a
-// sample the library cannot remove by index, rebuilds the engine from the
-// list: a fresh engine trains every listed picture in order, so the engine
-// always holds exactly what the list says.
+// The library takes no locks and allows one thread per engine, so every
+// call into an engine happens with the workspace's mutex held, on the one
+// engine thread (engine_thread.h: the library's per-thread record of the
+// last picture stays one, and serves every class); requests from several
+// browser tabs queue up there instead of meeting inside the library. All
+// tabs share this one workspace: it is one person's desk.
+//
+// What each class was taught is kept as a list of pictures with their
+// marked boxes, in the order they were trained. Training a picture that is
+// not on the list adds it: the library adds its samples to those it holds.
+// Training a picture that is on the list again (its boxes changed), or
+// removing a sample the library cannot remove by index, rebuilds that
+// class's engine from the list: a fresh engine trains every listed picture
+// in order, so the engine always holds exactly what the list says.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -33,12 +43,19 @@
 namespace ostrel_tool {
 namespace studio {
 
+// The library's two profiles by the names the page, the JSON interface and
+// `--profile` give them; profile_number gives -1 for any other name.
+int32_t profile_number(const std::string &name);
+const char *profile_name(int32_t profile);
+
 struct WorkspaceSettings {
     uint32_t seed = 1;                // random background samples, as `ostrel train`
     uint32_t train_sensitivity = 80;  // the sensitivity auto-training runs at
+    // The profile training starts with (`ostrel studio` chooses it). A
+    // person may switch it (set_profile) and a model file opened brings its own.
     std::string profile = "classic";
     std::string scratch_folder;       // for model files on their way in or out
-    size_t max_boxes = 256;           // marked boxes per picture
+    size_t max_boxes = 256;           // marked boxes per picture and class
     size_t max_model_bytes = 4u << 20;
 };
 
@@ -48,19 +65,40 @@ struct TaughtPicture {
 };
 
 struct TrainOutcome {
-    int samples = 0;         // sample thumbnails the engine holds
+    int samples = 0;         // sample thumbnails the engines hold
     int passes = 0;          // auto-training passes of the picture trained last
     double ms = 0;           // wall time of the library calls
-    bool rebuilt = false;    // the engine was rebuilt from the taught list
-    bool trained = false;    // the engine holds a model afterwards
+    bool rebuilt = false;    // an engine was rebuilt from its taught list
+    bool trained = false;    // the workspace holds a model afterwards
     std::vector<TrainingStep> steps;
+    // Each class trained by the call, with the boxes it was given (made one
+    // size) and its sample count afterwards.
+    struct ClassResult {
+        std::string name;
+        std::vector<Rect> boxes;
+        int samples = 0;
+        int resized = 0;  // boxes given the class's window size
+    };
+    std::vector<ClassResult> classes;
+};
+
+// What a change of profile did to the detector.
+struct ProfileChange {
+    std::string from;
+    std::string to;
+    // "unchanged" (the profile it had), "none" (nothing was trained),
+    // "retrained" (every class learnt its taught pictures again under the
+    // new profile) or "forgotten" (what it learnt was dropped).
+    std::string model;
+    TrainOutcome retrained;  // for "retrained"
 };
 
 struct DetectOutcome {
-    std::vector<ostrel_alg_box> boxes;  // the library's result list, as it gave it
+    std::vector<ostrel_alg_box> boxes;     // the library's result lists, class after class, as it gave them
+    std::vector<std::string> box_classes;  // the class of each box
     int width = 0;
     int height = 0;
-    double ms = 0;  // the detection call alone
+    double ms = 0;  // the detection calls alone
 };
 
 struct SampleInfo {
@@ -68,6 +106,7 @@ struct SampleInfo {
     int label = 0;
     int width = 0;  // of the thumbnail
     int height = 0;
+    std::string class_name;
     std::string picture;  // the taught picture it came from ("" when unknown)
     Rect box;
 };
@@ -77,73 +116,141 @@ public:
     Workspace(PictureStore &store, WorkspaceSettings settings);
     ~Workspace();
 
-    // Trains on a picture's marked boxes. Throws ApiError: 404 unknown
-    // picture, 422 boxes that do not fit (outside the picture, sizes that
-    // differ, a window the detector cannot learn or one that differs from
-    // the other taught pictures'), 500 when the library fails.
-    TrainOutcome train(const std::string &picture, const std::vector<Rect> &boxes);
+    // Trains a class on a picture's marked boxes, which must have one size.
+    // Throws ApiError: 404 unknown picture, 422 boxes that do not fit
+    // (outside the picture, sizes that differ, a window the detector cannot
+    // learn or one that differs from the class's other taught pictures'),
+    // 500 when the library fails.
+    TrainOutcome train(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes);
 
-    // Detects on a picture at a sensitivity (0..100). Throws 404 for an
-    // unknown picture, 409 before anything is trained or loaded.
+    // Trains every class from a picture's labels (class -> boxes of any
+    // size): each class's boxes are given the class's one window size (their
+    // middle size on its first picture, that window scaled to this picture
+    // on later ones; centred on each box), and a class taught on this
+    // picture before that has no boxes here now forgets the picture.
+    TrainOutcome train_labels(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels);
+
+    // Detects every trained class on a picture at a sensitivity (0..100).
+    // Throws 404 for an unknown picture, 409 before anything is trained,
+    // 422 with the library's reason when a model cannot detect there.
     DetectOutcome detect(const std::string &picture, uint32_t sensitivity);
 
-    // The sample thumbnails of the engine; generation changes whenever the
-    // list may have changed.
+    // The sample thumbnails of every class (class after class); generation
+    // changes whenever the list may have changed.
     std::vector<SampleInfo> samples(uint64_t &generation);
     // Thumbnail pixels (BGR). Throws 404 for an index past the list.
     cv::Mat thumbnail(size_t index);
-    // Removes a sample and retrains. Throws 404 for an index past the list.
+    // Removes a sample and retrains its class. Throws 404 for an index past the list.
     TrainOutcome remove_sample(size_t index);
 
-    // The model file. Throws 409 before anything is trained or loaded.
-    std::string model_bytes();
-    // Validates a model file and loads it into a fresh engine; what was
-    // taught is dropped. Throws 413 for a file over the limit, 422 with the
-    // reason when it fails validation.
-    void load_model(const std::string &bytes, const std::string &name);
-    // Forgets everything: a fresh, untrained engine.
+    // The model file of a class ("" when one class is trained). Throws 409
+    // before anything is trained, 404 for a class without a model, 409 when
+    // several are trained and none is named.
+    std::string model_bytes(const std::string &class_name);
+    // Validates a model file and loads it as a class's detector (what that
+    // class was taught is dropped). replace_all drops every other class too.
+    // The file decides the profile: the studio takes the engine's profile
+    // after the import, as the library reports it, and trains under it
+    // from then on. Throws 413 for a file over the limit, 422 with the
+    // reason when it fails validation or no profile can use it, 409 when
+    // it is of another profile than classes it would sit beside (one
+    // studio detects under one profile).
+    void load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
+                    bool replace_all);
+    // Switches the profile training uses. Before anything is trained it
+    // just switches. Once trained, model says what becomes of the taught
+    // detector: "retrain" learns every class's taught pictures again under
+    // the new profile (all or nothing: 422 with the reason, and nothing
+    // changes, when one cannot be learnt; 409 for a class opened from a
+    // model file, which has no pictures to learn again), "forget" drops it;
+    // without either the answer is 409 saying so, and nothing changes.
+    // 400 for an unknown profile.
+    ProfileChange set_profile(const std::string &profile, const std::string &model);
+    // The profile training uses now.
+    std::string profile();
+    // Forgets everything: no class is trained.
     void reset();
+    // A class's detector takes its new name.
+    void rename_class(const std::string &from, const std::string &to);
 
+    // The taught pictures of every class, class after class.
     std::vector<TaughtPicture> taught();
+    bool trained();
     // {"trained", "model", "samples", "generation", "taught": [{"picture",
-    //  "boxes"}], "box_size", "profile", "seed", "train_sensitivity"}
+    //  "boxes", "class"}], "box_size", "profile", "seed", "train_sensitivity",
+    //  "detectors": [{"name", "trained", "samples", "pictures", "model",
+    //  "profile"}]}; every trained detector runs under "profile".
     nlohmann::ordered_json status();
     TrainingMonitor &monitor() { return monitor_; }
     size_t max_model_bytes() const { return settings_.max_model_bytes; }
 
 private:
-    // The operations above, on the engine thread.
-    TrainOutcome train_here(const std::string &picture, const std::vector<Rect> &boxes);
+    // The operations above that call the library, on the engine thread.
+    TrainOutcome train_here(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes);
+    TrainOutcome train_labels_here(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels);
     DetectOutcome detect_here(const std::string &picture, uint32_t sensitivity);
     TrainOutcome remove_sample_here(size_t index);
-    std::string model_bytes_here();
-    void load_model_here(const std::string &bytes, const std::string &name);
+    std::string model_bytes_here(const std::string &class_name);
+    void load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
+                         bool replace_all);
     void reset_here();
+    ProfileChange set_profile_here(const std::string &profile, const std::string &model);
+    // An engine of a profile, with the studio's seed and sensitivity.
+    std::unique_ptr<Engine> engine_of(int32_t profile);
+    // Imports a checked model file; the engine whose profile can use it, or
+    // null with the reason.
+    std::unique_ptr<Engine> import_usable(const std::string &path, std::string &reason);
+    // The trained classes other than name, as "A, B".
+    std::string other_trained_locked(const std::string &name) const;
 
+    struct ClassDetector {
+        std::string name;
+        std::unique_ptr<Engine> engine;
+        bool trained = false;
+        std::string model_name;  // "" (trained here) or the name of a loaded model file
+        int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the engine's, as the library reports it
+        std::vector<TaughtPicture> taught;
+        std::vector<SampleThumbnail> thumbnails;
+        bool boxes_skipped = false;  // the library left a marked box out: sample i is no longer box i
+    };
+
+    ClassDetector &detector(const std::string &class_name);  // made when missing
+    ClassDetector *find_detector(const std::string &class_name);
     std::unique_ptr<Engine> fresh_engine();
     // The size of the library's feature map, which every window check needs.
     void learn_map_size(const Picture &picture);
-    void check_boxes(const PictureEntry &entry, const std::vector<Rect> &boxes, const std::string &replacing);
-    bool train_list(Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
-    void refresh_samples();
+    void check_boxes(const ClassDetector &d, const PictureEntry &entry, const std::vector<Rect> &boxes,
+                     const std::string &replacing);
+    // Whether the studio's profile learns boxes of any size (the accurate
+    // one); the classic profile learns one window a class.
+    bool learns_any_size() const;
+    // The classic profile's boxes of a class made one size: the first taught
+    // picture's window scaled to this picture, or the boxes' median size.
+    // Returns how many boxes changed.
+    int fit_to_class_window(std::vector<Rect> &boxes, const TaughtPicture *first, const PictureEntry &entry);
+    bool train_list(ClassDetector &d, Engine &engine, const std::vector<TaughtPicture> &list, std::string &failure);
+    // Trains one class on one picture, with the mutex held and the monitor running.
+    void train_locked(ClassDetector &d, const std::string &picture, const std::vector<Rect> &boxes,
+                      std::string &failure, bool &rebuilt);
+    // Drops a picture from a class's list and rebuilds its engine.
+    void forget_picture_locked(ClassDetector &d, const std::string &picture, std::string &failure);
+    void refresh_samples(ClassDetector &d);
+    bool trained_locked() const;
+    int sample_count_locked() const;
     TrainOutcome outcome(double ms, bool rebuilt);
     std::string scratch_path(const char *what);
 
     PictureStore &store_;
-    WorkspaceSettings settings_;
+    WorkspaceSettings settings_;  // settings_.profile: guarded by mutex_, as the detectors
     TrainingMonitor monitor_;
 
     EngineThread engine_thread_;  // every call into the library is made there
-    std::mutex mutex_;  // held around every use of engine_ and the members below
-    std::unique_ptr<Engine> engine_;
-    bool trained_ = false;
-    std::string model_name_;  // "" (trained here) or the name of a loaded model file
-    std::vector<TaughtPicture> taught_;
-    std::vector<SampleThumbnail> thumbnails_;
+    std::mutex mutex_;  // held around every use of an engine and the members below
+    std::vector<ClassDetector> detectors_;  // in the order the classes were first trained
     uint64_t generation_ = 0;
     uint32_t map_columns_ = 0, map_rows_ = 0, map_channels_ = 0;
     uint64_t scratch_counter_ = 0;
-    bool boxes_skipped_ = false;  // the library left a marked box out: sample i is no longer box i
+    std::unique_ptr<Engine> probe_;  // asks the library for the feature map's size
 };
 
 }  // namespace studio
