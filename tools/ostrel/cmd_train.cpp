@@ -129,8 +129,8 @@ std::vector<ClassTrainingSet> training_sets_from_labels(const TrainOptions &o, c
 std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o);
 
 // The classes to learn and their pictures: from labels one class per
-// --class (or every class with --all-classes), otherwise one class, named
-// after --class when it is given.
+// --class (or every class with --all-classes), otherwise one class (named
+// after --class with --voc).
 std::vector<ClassTrainingSet> class_sets_from_options(const TrainOptions &o) {
     check_sizing_options(o);
     if (o.all_classes && !o.classes.empty()) {
@@ -166,7 +166,10 @@ std::vector<ClassTrainingSet> class_sets_from_options(const TrainOptions &o) {
         }
         return training_sets_from_labels(o, o.labels.empty() ? o.voc_dir : o.labels, format);
     }
-    return {{o.classes.empty() ? std::string() : o.classes.front(), training_set_from_options(o)}};
+    // A --voc folder's class names the model's class; --class with a box
+    // file only chooses the annotation's objects, and the model's one class
+    // stays unnamed, as such models always were.
+    return {{o.voc_dir.empty() || o.classes.empty() ? std::string() : o.classes.front(), training_set_from_options(o)}};
 }
 
 std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
