@@ -263,6 +263,8 @@ OSTREL_ALG_API int32_t ostrel_alg_destroy(ostrel_alg *handle);
  * engine still detects. What counted the discarded samples goes with them,
  * so the next set-up trains as on a new engine (with random background
  * samples, and taking a picture key it saw before as a new picture).
+ * An engine of several classes (see "Classes") keeps every class, its name
+ * and its model, and lets every class's samples go.
  */
 OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
 
@@ -530,6 +532,16 @@ OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *hand
  * pixel wide or high; and with a model whose parts do not agree (weights
  * that do not fit the window, a false-positive filter that cannot measure
  * it), which only a hand-made model file can hold.
+ * An engine of several classes (see "Classes") computes the picture's
+ * channels once and runs every class's classifier on them. Suppression
+ * works within each class (boxes of two classes may overlap); each class
+ * reports at most 32 detections and its own boxes below the threshold.
+ * The list holds the detections of every class by falling score, then the
+ * boxes below the threshold by falling score, then each class's boxes
+ * marked on this same picture that none of its detections found;
+ * ostrel_alg_getBoxClasses_ptr gives the class of each. The 256 records of
+ * this form come first from that list. Fails too while a class has no
+ * model.
  */
 OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                   ostrel_alg_box **boxes, uint32_t *count);
@@ -548,6 +560,78 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                     const uint8_t **data, uint32_t *channels,
                                                     uint32_t *columns, uint32_t *rows);
+
+/* ------------------------------------------------------------------------
+ * Classes: several kinds of object in one model (accurate profile)
+ *
+ * An engine learns one class of object unless its host names classes. Each
+ * class has its own marked pictures, samples, thumbnails and classifier;
+ * all share the engine's options (one window size in cells) and its
+ * sensitivity. Set-up (ostrel_alg_setDetector*), ostrel_alg_getSamples*,
+ * ostrel_alg_removeSample and ostrel_alg_temp_getNumofSamples work on the
+ * current class; detection runs every class; export writes every class
+ * into one accurate model file, and import reads every class of one.
+ *
+ * Class indices count from 0 in the order the classes were added (or as the
+ * model file lists them). An engine that never names a class holds at most
+ * one, unnamed (index 0, name ""), exactly as it always did; naming is only
+ * needed to learn more than one. Only the accurate profile holds several
+ * classes: ostrel_alg_addClass refuses under the classic profile, and
+ * classic set-up refuses on an engine of several classes.
+ *
+ * Names are 1 to OSTREL_ALG_MAX_CLASS_NAME_BYTES bytes of UTF-8 without
+ * control characters, no two alike (byte for byte). At most
+ * OSTREL_ALG_MAX_CLASSES classes (the model file's limit).
+ *
+ * Every call below returns 1, with one log line and nothing changed, for a
+ * null handle or out pointer, a bad name or an index at or above the class
+ * count. Threads: like every call on an engine, on the engine's own thread
+ * only.
+ * ---------------------------------------------------------------------- */
+#define OSTREL_ALG_MAX_CLASSES 64
+#define OSTREL_ALG_MAX_CLASS_NAME_BYTES 255
+
+/*
+ * Adds a class named name (null-terminated UTF-8, copied) and makes it the
+ * current class; *index (may be null) receives its index. On an engine that
+ * holds no class yet (new, or initialised without a model) the new class is
+ * class 0; on an engine of one unnamed class that already holds samples or
+ * a model, that class stays class 0 (still unnamed) and the new one is 1.
+ * The new class has no samples and no model until set-up trains it.
+ * Refused: the classic profile, an empty, overlong or non-UTF-8 name, a
+ * name already used, and a class beyond OSTREL_ALG_MAX_CLASSES.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_addClass(ostrel_alg *handle, const char *name, uint32_t *index);
+
+/* Makes class index the current one (for set-up, samples and sample
+ * removal). Index 0 is accepted on an engine without classes. */
+OSTREL_ALG_API int32_t ostrel_alg_setClass(ostrel_alg *handle, uint32_t index);
+
+/* Writes the current class's index to *index (0 on an engine without
+ * classes). */
+OSTREL_ALG_API int32_t ostrel_alg_getClass(ostrel_alg *handle, uint32_t *index);
+
+/* Writes the number of classes to *count: 0 for an engine that has neither
+ * a class nor a model, 1 for an engine of one class (named or not, or the
+ * classic profile's model), else the number added or imported. */
+OSTREL_ALG_API int32_t ostrel_alg_getClassCount(ostrel_alg *handle, uint32_t *count);
+
+/* Writes a pointer to class index's name (null-terminated UTF-8, "" for an
+ * unnamed class) to *name. The string is owned by the engine and stays
+ * valid until the next addClass, setClass, set-up, import, init or
+ * destroy. */
+OSTREL_ALG_API int32_t ostrel_alg_getClassName_ptr(ostrel_alg *handle, uint32_t index, const char **name);
+
+/*
+ * The class of every box of the last detection run: *classes points to
+ * *count class indices owned by the engine, the i-th the class of the i-th
+ * box the run returned (the C++ form's whole list; the pointer form's
+ * boxes are its first ones). All 0 on an engine of one class. Valid until
+ * the next detection, init or destroy; count 0 (classes null) before any
+ * run and after a failed one.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getBoxClasses_ptr(ostrel_alg *handle, const uint32_t **classes,
+                                                    uint32_t *count);
 
 /* ------------------------------------------------------------------------
  * Log handler
@@ -611,7 +695,8 @@ OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, 
  *     index, are negative, which the classic checks refuse: no file can
  *     pass as both.
  * The first bytes alone choose the reader. A file of the accurate format
- * may hold several named classes; this engine imports files of one class.
+ * holds one or more named classes (see "Classes"); export writes every
+ * class of the engine and import reads every class of the file.
  */
 
 /* Writes the trained model to path (overwriting), in the format of the
@@ -633,8 +718,9 @@ OSTREL_ALG_API int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char
  * CRC: validate first. An accurate import checks everything, the CRC
  * included, and refuses with one log line that says why: a wrong format
  * version, a file cut short, counts or lengths that do not agree, a value
- * out of its range, a CRC that does not match, several classes, or a cells
- * option the host set to another value.
+ * out of its range, class names that are not UTF-8 or not distinct, a CRC
+ * that does not match, or a cells option the host set to another value.
+ * The engine then holds the file's classes, class 0 current.
  */
 OSTREL_ALG_API int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path);
 /* Checks a model file of either format (records and CRC-32) without loading

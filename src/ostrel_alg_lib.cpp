@@ -59,6 +59,12 @@ enum LibLine : int {
     kGetFeatureMapLine = 499,
     kSetOptionLine = 515,
     kGetOptionLine = 531,
+    kAddClassLine = 547,
+    kSetClassLine = 563,
+    kGetClassLine = 579,
+    kGetClassCountLine = 595,
+    kGetClassNamePtrLine = 611,
+    kGetBoxClassesPtrLine = 627,
 };
 
 bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
@@ -426,6 +432,53 @@ int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value)
         return 1;
     }
     *value = handle->options.get(option);
+    return 0;
+}
+
+int32_t ostrel_alg_addClass(ostrel_alg *handle, const char *name, uint32_t *index) {
+    if (!handle_ok(handle, __func__, kAddClassLine) || !argument_ok(name, __func__, "name")) {
+        return 1;
+    }
+    return guarded(__func__, kAddClassLine, [&] { return handle->addClass(name, index); });
+}
+
+int32_t ostrel_alg_setClass(ostrel_alg *handle, uint32_t index) {
+    if (!handle_ok(handle, __func__, kSetClassLine)) {
+        return 1;
+    }
+    return guarded(__func__, kSetClassLine, [&] { return handle->selectClass(index); });
+}
+
+int32_t ostrel_alg_getClass(ostrel_alg *handle, uint32_t *index) {
+    if (!handle_ok(handle, __func__, kGetClassLine) || !argument_ok(index, __func__, "index")) {
+        return 1;
+    }
+    *index = handle->current_class;
+    return 0;
+}
+
+int32_t ostrel_alg_getClassCount(ostrel_alg *handle, uint32_t *count) {
+    if (!handle_ok(handle, __func__, kGetClassCountLine) || !argument_ok(count, __func__, "count")) {
+        return 1;
+    }
+    *count = handle->classCount();
+    return 0;
+}
+
+int32_t ostrel_alg_getClassName_ptr(ostrel_alg *handle, uint32_t index, const char **name) {
+    if (!handle_ok(handle, __func__, kGetClassNamePtrLine) || !argument_ok(name, __func__, "name")) {
+        return 1;
+    }
+    return handle->getClassName(index, name);
+}
+
+int32_t ostrel_alg_getBoxClasses_ptr(ostrel_alg *handle, const uint32_t **classes, uint32_t *count) {
+    if (!handle_ok(handle, __func__, kGetBoxClassesPtrLine) || !argument_ok(classes, __func__, "classes") ||
+        !argument_ok(count, __func__, "count")) {
+        return 1;
+    }
+    *classes = handle->result_classes.empty() ? nullptr : handle->result_classes.data();
+    *count = static_cast<uint32_t>(handle->result_classes.size());
     return 0;
 }
 

@@ -65,6 +65,12 @@ _REQUIRED = {
 _OPTIONAL = {
     "ostrel_alg_setOption": [ctypes.c_void_p, _c_int32, _c_int32],
     "ostrel_alg_getOption": [ctypes.c_void_p, _c_int32, _p(_c_int32)],
+    "ostrel_alg_addClass": [ctypes.c_void_p, ctypes.c_char_p, _p(_c_uint32)],
+    "ostrel_alg_setClass": [ctypes.c_void_p, _c_uint32],
+    "ostrel_alg_getClass": [ctypes.c_void_p, _p(_c_uint32)],
+    "ostrel_alg_getClassCount": [ctypes.c_void_p, _p(_c_uint32)],
+    "ostrel_alg_getClassName_ptr": [ctypes.c_void_p, _c_uint32, _p(ctypes.c_char_p)],
+    "ostrel_alg_getBoxClasses_ptr": [ctypes.c_void_p, _p(_p(_c_uint32)), _p(_c_uint32)],
 }
 
 

@@ -209,7 +209,60 @@ class Detector:
 
     # -- training --------------------------------------------------------------
 
-    def train(self, image: npt.NDArray[np.uint8], boxes: _inputs.BoxesLike, key: Optional[int] = None) -> None:
+    # -- classes -----------------------------------------------------------------
+
+    def _require_classes(self, what: str) -> None:
+        if not self._library.has("ostrel_alg_addClass"):
+            raise Error(f"cannot {what}: the library at {self._library.path} has no classes (rebuild it from a "
+                        f"newer source checkout)")
+
+    @property
+    def classes(self) -> list[str]:
+        """The names of the detector's classes, by index: ``[]`` for a new
+        detector, ``[""]`` for a detector of one unnamed class."""
+        with self._lock:
+            if not self._library.has("ostrel_alg_getClassCount"):
+                return [""] if self.is_trained else []
+            handle = self._live_handle()
+            count = ctypes.c_uint32(0)
+            self._check(self._call(self._library.getClassCount, handle, ctypes.byref(count)),
+                        "the library could not count the classes")
+            names = []
+            for k in range(count.value):
+                name = ctypes.c_char_p()
+                self._check(self._call(self._library.getClassName_ptr, handle, k, ctypes.byref(name)),
+                            f"the library could not name class {k}")
+                names.append((name.value or b"").decode("utf-8"))
+            return names
+
+    def add_class(self, name: str) -> int:
+        """Adds a class named ``name`` (accurate profile) and makes it the one
+        :meth:`train` teaches; returns its index. Several classes share one
+        detection pass (:meth:`detect` gives each box its ``class_name``)
+        and one model file. Names: 1 to 255 bytes of UTF-8 without control
+        characters, no two alike; at most 64 classes."""
+        if not isinstance(name, str):
+            raise TypeError(f"a class name must be a str, not {type(name).__name__}")
+        encoded = name.encode("utf-8", errors="strict")
+        if b"\0" in encoded:
+            raise ValueError("a class name must not hold a NUL character")
+        with self._lock:
+            self._require_classes("add a class")
+            index = ctypes.c_uint32(0)
+            self._check(self._call(self._library.addClass, self._live_handle(), encoded, ctypes.byref(index)),
+                        f"the library refused the class {name!r}")
+            return index.value
+
+    def _select_class(self, name: str) -> None:
+        names = self.classes
+        if name in names:
+            self._check(self._call(self._library.setClass, self._live_handle(), names.index(name)),
+                        f"the library could not choose the class {name!r}")
+        else:
+            self.add_class(name)
+
+    def train(self, image: npt.NDArray[np.uint8], boxes: _inputs.BoxesLike, key: Optional[int] = None,
+              class_name: Optional[str] = None) -> None:
         """Trains on one picture and the boxes marked on it.
 
         ``image``: H x W x 3 uint8 BGR (H x W grey and H x W x 4 BGRA are
@@ -231,12 +284,21 @@ class Detector:
         ``key`` identifies the picture (0 .. 2**62 - 1); the same key again
         retrains on what the detector already holds and ignores the boxes.
         Without a key every call is a new picture.
+
+        ``class_name`` (accurate profile): the class these boxes teach; a
+        name the detector does not hold yet is added (:meth:`add_class`).
+        Each class learns from its own pictures and boxes; objects of other
+        classes on its pictures are background to it.
         """
         pixels = _inputs.picture(image)
         with self._lock:
             classic = self._profile == "classic"
             marked = _inputs.boxes(boxes, pixels.shape[1], pixels.shape[0], round_floats=not classic)
             handle = self._live_handle()
+            if class_name is not None:
+                self._select_class(class_name)
+                # Each class keeps its own training picture.
+                self._training_key = self._training_shape = None
             if key is not None and key == self._training_key and pixels.shape != self._training_shape:
                 raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
                                  f"pixels: give this picture its own key, or none")
@@ -330,9 +392,25 @@ class Detector:
                                    ctypes.byref(found), ctypes.byref(count)), "detection failed")
             if count.value and not found:
                 raise Error("the library reported boxes without handing them out")
+            names = self._box_class_names(handle, count.value)
             return [Box(x=b.x, y=b.y, width=b.width, height=b.height, score=score_of(b.score), label=b.label,
-                        color_main=b.color_main, color_second=b.color_second)
-                    for b in (found[i] for i in range(count.value))]
+                        color_main=b.color_main, color_second=b.color_second, class_name=names[i])
+                    for i, b in enumerate(found[i] for i in range(count.value))]
+
+    def _box_class_names(self, handle: ctypes.c_void_p, count: int) -> list[str]:
+        """The class name of each box of the last run ("" for one unnamed class)."""
+        if not self._library.has("ostrel_alg_getBoxClasses_ptr"):
+            return [""] * count
+        classes = self.classes
+        if len(classes) <= 1 and not any(classes):
+            return [""] * count
+        indices = ctypes.POINTER(ctypes.c_uint32)()
+        indexed = ctypes.c_uint32(0)
+        self._check(self._call(self._library.getBoxClasses_ptr, handle, ctypes.byref(indices), ctypes.byref(indexed)),
+                    "the library could not say the boxes' classes")
+        if indexed.value < count:
+            raise Error("the library gave fewer classes than boxes")
+        return [classes[indices[i]] for i in range(count)]
 
     def feature_map(self, image: npt.NDArray[np.uint8]) -> npt.NDArray[np.uint8]:
         """The channel feature map the detector reads for a picture, as a

@@ -345,9 +345,9 @@ def _box_of(b: Any, class_name: str) -> tuple[LabelBox, bool]:
     """A result box as a LabelBox and whether it is a detection (label 1)."""
     if isinstance(b, LabelBox):
         return b, True
-    if hasattr(b, "score") and hasattr(b, "label"):  # ostrel.Box
-        return LabelBox(class_name, float(b.x), float(b.y), float(b.width), float(b.height),
-                        score=float(b.score)), b.label == 1
+    if hasattr(b, "score") and hasattr(b, "label"):  # ostrel.Box; a named class is its own
+        return LabelBox(getattr(b, "class_name", "") or class_name, float(b.x), float(b.y), float(b.width),
+                        float(b.height), score=float(b.score)), b.label == 1
     x, y, w, h, score = b[:5]
     label = b[5] if len(b) > 5 else 1
     return LabelBox(class_name, float(x), float(y), float(w), float(h), score=float(score)), label == 1

@@ -33,7 +33,10 @@ class Box:
     picture that nothing detected), -1 for a box below the threshold.
     ``color_main``/``color_second``: colour classes 0..8 (second: 0..9), see
     :func:`color_name`; ``color_main_name``/``color_second_name`` are their
-    names.
+    names. ``class_name``: the class of the box for a detector whose
+    classes have names (several classes, or one named class, see
+    :meth:`ostrel.Detector.add_class`); ``""`` for a detector of one unnamed
+    class.
     """
 
     x: int
@@ -44,6 +47,7 @@ class Box:
     label: int
     color_main: int
     color_second: int
+    class_name: str = ""
     color_main_name: str = field(init=False)
     color_second_name: str = field(init=False)
 

@@ -28,14 +28,19 @@ double size_prior_penalty(const accurate_search &search, double object_height) {
 
 namespace {
 
-// Whether the window at (x, y) is the strongest of its 3 x 3 neighbourhood;
-// of equal sums the first in column, row order.
-bool neighbourhood_maximum(const window_sum_grid &grid, int32_t x, int32_t y) {
+// Whether the window at (x, y) is the strongest of its 3 x 3 neighbourhood
+// among the positions searched (inset from the grid's edges); of equal sums
+// the first in column, row order.
+bool neighbourhood_maximum(const window_sum_grid &grid, int32_t x, int32_t y, int32_t inset_columns,
+                           int32_t inset_rows) {
     const int32_t sum = grid.at(x, y);
     for (int32_t dx = -1; dx <= 1; ++dx) {
         for (int32_t dy = -1; dy <= 1; ++dy) {
             const int32_t nx = x + dx, ny = y + dy;
-            if ((dx == 0 && dy == 0) || nx < 0 || ny < 0 || nx >= grid.columns || ny >= grid.rows) continue;
+            if ((dx == 0 && dy == 0) || nx < inset_columns || ny < inset_rows || nx >= grid.columns - inset_columns ||
+                ny >= grid.rows - inset_rows) {
+                continue;
+            }
             const int32_t other = grid.at(nx, ny);
             const bool earlier = dx < 0 || (dx == 0 && dy < 0);
             if (other > sum || (earlier && other == sum)) return false;
@@ -48,18 +53,24 @@ bool neighbourhood_maximum(const window_sum_grid &grid, int32_t x, int32_t y) {
 
 void search_level(const feature_map &map, const pyramid_level &level, const accurate_geometry &geometry,
                   const accurate_search &search, float floor_margin, std::vector<margin_box> *out) {
+    search_paired_level(pair_cells(map), level, geometry, search, floor_margin, 0, 0, out);
+}
+
+void search_paired_level(const paired_map &paired, const pyramid_level &level, const accurate_geometry &geometry,
+                         const accurate_search &search, float floor_margin, int32_t inset_columns, int32_t inset_rows,
+                         std::vector<margin_box> *out) {
     const double scale = search.weights->scale * search.sum_scale;
-    const window_sum_grid grid = window_sums(pair_cells(map), *search.weights);
+    const window_sum_grid grid = window_sums(paired, *search.weights);
     const double width = search.box_width * level.size_factor;
     const double height = search.box_height * level.size_factor;
     const double bias = search.bias - size_prior_penalty(search, height);
     // Sums below this cannot reach the floor (the test below is exact).
     const double floor_sum = (floor_margin - bias) / scale - 1.0;
-    for (int32_t x = 0; x < grid.columns; ++x) {
-        for (int32_t y = 0; y < grid.rows; ++y) {
+    for (int32_t x = inset_columns; x < grid.columns - inset_columns; ++x) {
+        for (int32_t y = inset_rows; y < grid.rows - inset_rows; ++y) {
             const int32_t sum = grid.at(x, y);
             if (sum < floor_sum) continue;
-            if (search.neighbourhood_maxima && !neighbourhood_maximum(grid, x, y)) continue;
+            if (search.neighbourhood_maxima && !neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) continue;
             const float margin = static_cast<float>(sum * scale + bias);
             if (margin < floor_margin) continue;
             double l, t, w, h;

@@ -58,6 +58,15 @@ std::vector<margin_box> search_pyramid(const accurate_pyramid &pyramid, const ac
 void search_level(const feature_map &map, const pyramid_level &level, const accurate_geometry &geometry,
                   const accurate_search &search, float floor_margin, std::vector<margin_box> *out);
 
+// The same on a level's map laid out in pairs (pair_cells), which several
+// classifiers may share, searching only the window positions at least
+// inset_columns and inset_rows cells from the map's edges: a classifier
+// whose window may reach less far past the picture's edge than the map's
+// padding allows searches exactly the positions its own padding gives.
+void search_paired_level(const paired_map &paired, const pyramid_level &level, const accurate_geometry &geometry,
+                         const accurate_search &search, float floor_margin, int32_t inset_columns, int32_t inset_rows,
+                         std::vector<margin_box> *out);
+
 // Greedy suppression: strongest first (earlier on equal margins), a box
 // overlapping a kept one by `max_overlap` (IoU) or more is dropped. Keeps at
 // most `limit` boxes.

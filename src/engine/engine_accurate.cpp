@@ -12,6 +12,7 @@
 #include "accurate/accurate_pyramid.h"
 #include "accurate/held_out_calibration.h"
 #include "accurate/object_window.h"
+#include "accurate/scale_set.h"
 #include "accurate/size_range.h"
 #include "accurate/window_shape.h"
 #include "accurate/working_picture.h"
@@ -103,6 +104,78 @@ void median_size(const std::vector<ostrel_alg_box> &boxes, int32_t *width, int32
     *height = h[h.size() / 2];
 }
 
+// A class's classifier in 16-bit weights for the window scan.
+ostrel::quantised_weights class_weights(const ostrel::svm_model &record, const ostrel::window_shape &shape) {
+    const std::vector<double> wide(record.vector.get(), record.vector.get() + record.support_vector_size);
+    return ostrel::quantise_weights(wide.data(), ostrel::kAccurateChannels, shape.columns, shape.rows);
+}
+
+// The search of one class over a pyramid whose factor-1 level holds objects
+// `finest_height` pixels high: its weights, its calibrated margin, its
+// shape, its taught sizes and the size prior.
+ostrel::accurate_search class_search(const ostrel::svm_model &record, const ostrel::accurate_class_model &model,
+                                     const ostrel::quantised_weights &weights,
+                                     const ostrel::accurate_settings &settings, double finest_height) {
+    const ostrel::score_calibration &calibration = model.calibration;
+    ostrel::accurate_search search;
+    search.weights = &weights;
+    // The calibrated margin: slope * (margin - offset).
+    search.sum_scale = calibration.slope / ostrel::kAccurateWeightScale;
+    search.bias = calibration.slope * (-record.bias / ostrel::kAccurateWeightScale - calibration.offset);
+    search.box_width = finest_height * model.shape.aspect;
+    search.box_height = finest_height;
+    search.taught_min = model.taught.min;
+    search.taught_max = model.taught.max;
+    search.size_penalty = settings.size_prior_permille / 1000.0;
+    search.penalty_step = settings.search_margin_percent / 100.0;
+    search.neighbourhood_maxima = ostrel::neighbours_suppressed(model.shape.columns, model.shape.rows,
+                                                                settings.suppression_overlap_percent / 100.0f);
+    return search;
+}
+
+// The candidates that survive suppression, as boxes of the picture with
+// their confidence: at most kMaxReportedDetections at or above the
+// threshold (label 1), and, when `with_below`, boxes below it (label -1).
+void split_by_threshold(const std::vector<ostrel::margin_box> &found, int32_t width, int32_t height,
+                        int32_t confidence_threshold, bool with_below, size_t max_below,
+                        std::vector<ostrel_alg_box> *detections, std::vector<ostrel_alg_box> *below) {
+    for (const ostrel::margin_box &m : found) {
+        ostrel_alg_box box = ostrel::clip_to_picture(m.box, width, height);
+        box.score = ostrel::margin_confidence(m.margin);
+        if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
+            if (detections->size() < kMaxReportedDetections) {
+                box.label = 1;
+                detections->push_back(box);
+            }
+        } else if (with_below && below->size() < max_below) {
+            box.label = -1;
+            below->push_back(box);
+        }
+    }
+}
+
+// The pyramid's channels: the thread's last picture when its key and every
+// setting that shapes its features are the same, else computed afresh.
+const ostrel::accurate_pyramid *picture_pyramid(const ostrel_alg_image *image, const ostrel::pyramid_request &request,
+                                                ostrel::picture_resample_scratch &scratch) {
+    ostrel::accurate_picture_key key;
+    key.image_key = image->image_key;
+    key.picture_columns = image->width;
+    key.picture_rows = image->height;
+    key.request = request;
+    ostrel::accurate_last_picture &last = ostrel::thread_accurate_last_picture();
+    if (!last.holds(key)) {
+        last.forget();
+        const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
+        last.pyramid = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), request, scratch);
+        if (last.pyramid.empty()) {
+            return nullptr;
+        }
+        last.key = key;
+        last.valid = true;
+    }
+    return &last.pyramid;
+}
 
 // The levels detection would search on a picture, for the calibration's
 // rescaled copies of the training pictures.
@@ -149,8 +222,11 @@ ostrel::accurate_settings ostrel_alg::modelSettings() const {
 
 // The picture and boxes are checked by setDetectorWithAutoTrain.
 int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
-    const ostrel::accurate_settings settings = accurate_pictures.empty() ? accurateSettings() : modelSettings();
-    if (!accurate_pictures.empty() && settings.object_cells != model_settings.object_cells) {
+    // The first picture of the engine's first class sets the shared
+    // settings; every later picture, and every other class, keeps them.
+    const bool first_of_engine = accurate_pictures.empty() && !otherClassTrained();
+    const ostrel::accurate_settings settings = first_of_engine ? accurateSettings() : modelSettings();
+    if (!first_of_engine && settings.object_cells != model_settings.object_cells) {
         ostrel::log("[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
                     "or start again with ostrel_alg_init\n",
                     kSetDetectorName);
@@ -279,7 +355,10 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         picture.bgr = cached_image.clone();
 
         if (accurate_pictures.empty()) {
+            // A class keeps its name through a new training.
+            std::string name = std::move(accurate_class.name);
             accurate_class = ostrel::accurate_class_model{};
+            accurate_class.name = std::move(name);
             accurate_class.shape = shape;
             model_settings = settings;
             int32_t width = first->width, height = first->height;
@@ -402,6 +481,9 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
                     kRunDetectorName);
         return 1;
     }
+    if (!class_slots.empty()) {
+        return runDetectorClasses(image, out);
+    }
     const ostrel::accurate_settings settings = modelSettings();
     const ostrel::window_shape &shape = accurate_class.shape;
     if (settings.object_cells != model_settings.object_cells ||
@@ -428,65 +510,22 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     std::vector<ostrel_alg_box> detections;
     std::vector<ostrel_alg_box> below;
     if (!nothing_to_search) {
-        // The thread's last picture is reused when its key and every setting
-        // that shapes its features are the same.
-        const ostrel::pyramid_request request = plan_request(plan, shape, settings, false);
-        ostrel::accurate_picture_key key;
-        key.image_key = image->image_key;
-        key.picture_columns = image->width;
-        key.picture_rows = image->height;
-        key.request = request;
-        ostrel::accurate_last_picture &last = ostrel::thread_accurate_last_picture();
-        if (!last.holds(key)) {
-            last.forget();
-            const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
-            last.pyramid =
-                ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), request, feat_extractor->resample_scratch);
-            if (last.pyramid.empty()) {
-                return fail(kRunDetectorName, kRunDetectorLine);
-            }
-            last.key = key;
-            last.valid = true;
+        const ostrel::accurate_pyramid *pyramid =
+            picture_pyramid(image, plan_request(plan, shape, settings, false), feat_extractor->resample_scratch);
+        if (pyramid == nullptr) {
+            return fail(kRunDetectorName, kRunDetectorLine);
         }
-        const ostrel::accurate_pyramid &pyramid = last.pyramid;
-
-        const std::vector<double> wide(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
-        const ostrel::quantised_weights weights =
-            ostrel::quantise_weights(wide.data(), ostrel::kAccurateChannels, shape.columns, shape.rows);
-        const ostrel::score_calibration &calibration = accurate_class.calibration;
-        ostrel::accurate_search search;
-        search.weights = &weights;
-        // The calibrated margin: slope * (margin - offset).
-        search.sum_scale = calibration.slope / ostrel::kAccurateWeightScale;
-        search.bias = calibration.slope * (-svm_model.bias / ostrel::kAccurateWeightScale - calibration.offset);
-        search.box_width = plan.range.min * shape.aspect;
-        search.box_height = plan.range.min;
-        search.taught_min = accurate_class.taught.min;
-        search.taught_max = accurate_class.taught.max;
-        search.size_penalty = settings.size_prior_permille / 1000.0;
-        search.penalty_step = settings.search_margin_percent / 100.0;
-        search.neighbourhood_maxima =
-            ostrel::neighbours_suppressed(shape.columns, shape.rows, settings.suppression_overlap_percent / 100.0f);
+        const ostrel::quantised_weights weights = class_weights(svm_model, shape);
+        const ostrel::accurate_search search = class_search(svm_model, accurate_class, weights, settings,
+                                                            plan.range.min);
         const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
         const ostrel::accurate_geometry geometry = shape.geometry();
         const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
-            ostrel::search_pyramid(pyramid, geometry, search, settings.floor_margin_permille / 1000.0f),
+            ostrel::search_pyramid(*pyramid, geometry, search, settings.floor_margin_permille / 1000.0f),
             settings.suppression_overlap_percent / 100.0f, keep, settings.suppression_contained_percent / 100.0f);
-
-        for (const ostrel::margin_box &m : found) {
-            ostrel_alg_box box = ostrel::clip_to_picture(m.box, image->width, image->height);
-            box.score = ostrel::margin_confidence(m.margin);
-            if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
-                if (detections.size() < kMaxReportedDetections) {
-                    box.label = 1;
-                    detections.push_back(box);
-                }
-            } else if (detector_set && below.size() < static_cast<size_t>(std::max(settings.max_below_boxes, 0))) {
-                box.label = -1;
-                below.push_back(box);
-            }
-        }
-        ostrel::label_colours_by_level(pyramid, detections);
+        split_by_threshold(found, image->width, image->height, confidence_threshold, detector_set != 0,
+                           static_cast<size_t>(std::max(settings.max_below_boxes, 0)), &detections, &below);
+        ostrel::label_colours_by_level(*pyramid, detections);
     }
 
     // As in the classic profile: boxes marked on this very picture that no
@@ -508,6 +547,204 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     if (result_boxes) {
         result_box_count = static_cast<uint32_t>(std::min<size_t>(out.size(), kResultBoxCapacity));
         std::copy(out.begin(), out.begin() + result_box_count, result_boxes.get());
+    }
+    return 0;
+}
+
+namespace {
+
+// One class's part of a detection run with several classes.
+struct class_run {
+    ostrel::level_plan plan;
+    bool searched = false;  // some of its sizes fit the picture
+    // Working pixels per picture pixel of its finest level.
+    double finest_scale = 0.0;
+    // Its levels in the shared pyramid: first and last (inclusive).
+    size_t first_level = 0;
+    size_t last_level = 0;
+    int32_t inset_columns = 0;
+    int32_t inset_rows = 0;
+    ostrel::quantised_weights weights;
+    std::vector<ostrel::margin_box> candidates;
+};
+
+}  // namespace
+
+// Several classes share one pyramid of the picture. Each class's own plan
+// says which object heights it searches and checks the bounds, as for one
+// class; the shared pyramid's levels are the finest plan's working size
+// and every 2^(1/levels per octave) step down from it, so that the class
+// with the finest level searches exactly its own levels and every other
+// class the grid's levels from the first at or above its smallest height
+// to the first at or above its largest (at most a fraction of a step off
+// its own levels; the neighbouring sizes of a step cover that). The maps
+// are padded for the class whose window reaches furthest past the edge;
+// each class searches only the positions its own padding gives.
+int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
+    const ostrel::accurate_settings settings = modelSettings();
+    const uint32_t classes = classCount();
+    std::vector<class_run> runs(classes);
+    int32_t pad_columns = 0, pad_rows = 0;
+    double finest_scale = 0.0;
+    for (uint32_t k = 0; k < classes; ++k) {
+        const class_view view = classAt(k);
+        const ostrel::window_shape &shape = view.model->shape;
+        if (settings.object_cells != model_settings.object_cells ||
+            shape.features() != view.weights->support_vector_size) {
+            ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
+                        "longer fits the model; set it back, or train or import the model again\n",
+                        kRunDetectorName);
+            return 1;
+        }
+        class_run &run = runs[k];
+        const ostrel::searched_range searched = ostrel::search_range(view.model->taught, settings);
+        const ostrel::plan_status planned =
+            ostrel::plan_levels(image->width, image->height, searched, view.model->taught, shape, settings,
+                                edge_pad(shape.columns, settings), edge_pad(shape.rows, settings), &run.plan);
+        const bool host_range = searched.min_from_host || searched.max_from_host;
+        if (planned == ostrel::plan_status::nothing_fits && !host_range) {
+            continue;  // no size of this class fits the picture: no boxes of it
+        }
+        if (planned != ostrel::plan_status::ok) {
+            log_plan_refusal(kRunDetectorName, image->width, image->height, searched, planned, run.plan);
+            return 1;
+        }
+        run.searched = true;
+        run.finest_scale = shape.object_height_working() / run.plan.range.min;
+        finest_scale = std::max(finest_scale, run.finest_scale);
+        pad_columns = std::max(pad_columns, edge_pad(shape.columns, settings));
+        pad_rows = std::max(pad_rows, edge_pad(shape.rows, settings));
+    }
+
+    std::vector<ostrel_alg_box> detections, below, reported;
+    std::vector<uint32_t> detection_classes, below_classes;
+    if (finest_scale > 0.0) {
+        const int32_t per_octave = std::max(settings.levels_per_octave, 1);
+        const double log_step = std::log(2.0) / per_octave;
+        size_t levels = 0;
+        for (class_run &run : runs) {
+            if (!run.searched) continue;
+            // The class's finest level lies `offset` steps below the grid's.
+            const double offset = std::log(finest_scale / run.finest_scale) / log_step;
+            const double last = offset + static_cast<double>(run.plan.factors.size() - 1);
+            run.first_level = static_cast<size_t>(std::max(0.0, std::ceil(offset - 1e-6)));
+            run.last_level = std::max(run.first_level, static_cast<size_t>(std::max(0.0, std::ceil(last - 1e-6))));
+            levels = std::max(levels, run.last_level + 1);
+        }
+        ostrel::pyramid_request request;
+        request.base_columns = ostrel::scaled_working_side(image->width, 1.0 / finest_scale);
+        request.base_rows = ostrel::scaled_working_side(image->height, 1.0 / finest_scale);
+        for (size_t j = 0; j < levels; ++j) request.size_factors.push_back(std::exp(log_step * static_cast<double>(j)));
+        request.marked_index = -1;
+        request.with_mirror = false;
+        request.pad_columns = pad_columns;
+        request.pad_rows = pad_rows;
+        request.recipe = recipe_of(settings);
+        request.exact_every = per_octave;
+        request.approximation_exponent_permille = settings.approximation_exponent_permille;
+        request.keep_exact_lab = true;
+        const ostrel::accurate_pyramid *pyramid = picture_pyramid(image, request, feat_extractor->resample_scratch);
+        if (pyramid == nullptr) {
+            return fail(kRunDetectorName, kRunDetectorLine);
+        }
+        std::vector<ostrel::accurate_search> searches(classes);
+        std::vector<ostrel::accurate_geometry> geometries(classes);
+        for (uint32_t k = 0; k < classes; ++k) {
+            class_run &run = runs[k];
+            if (!run.searched) continue;
+            const class_view view = classAt(k);
+            const ostrel::window_shape &shape = view.model->shape;
+            run.weights = class_weights(*view.weights, shape);
+            // Objects of the grid's factor-1 level, in this class's heights.
+            searches[k] = class_search(*view.weights, *view.model, run.weights, settings,
+                                       shape.object_height_working() / finest_scale);
+            geometries[k] = shape.geometry();
+            run.inset_columns = pad_columns - edge_pad(shape.columns, settings);
+            run.inset_rows = pad_rows - edge_pad(shape.rows, settings);
+        }
+        // Each level is laid out once and searched by every class whose
+        // sizes it holds.
+        const float floor_margin = settings.floor_margin_permille / 1000.0f;
+        for (size_t j = 0; j < pyramid->levels.size(); ++j) {
+            const ostrel::pyramid_level &level = pyramid->levels[j];
+            // A level the pyramid left out (too small a picture) shifts the
+            // indices: find the grid step by its factor.
+            const size_t step = static_cast<size_t>(std::lround(std::log(level.size_factor) / log_step));
+            ostrel::paired_map paired;
+            for (uint32_t k = 0; k < classes; ++k) {
+                const class_run &run = runs[k];
+                if (!run.searched || step < run.first_level || step > run.last_level) continue;
+                // Less than half of such an object could show on the picture.
+                const double height = searches[k].box_height * level.size_factor;
+                if (height > 2.0 * image->height || height * classAt(k).model->shape.aspect > 2.0 * image->width) {
+                    continue;
+                }
+                if (paired.data.empty()) paired = ostrel::pair_cells(level.map);
+                ostrel::search_paired_level(paired, level, geometries[k], searches[k], floor_margin,
+                                            run.inset_columns, run.inset_rows, &runs[k].candidates);
+            }
+        }
+        // Suppression within each class: boxes of two classes may overlap.
+        const size_t max_below = static_cast<size_t>(std::max(settings.max_below_boxes, 0));
+        for (uint32_t k = 0; k < classes; ++k) {
+            if (!runs[k].searched) continue;
+            const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
+                std::move(runs[k].candidates), settings.suppression_overlap_percent / 100.0f,
+                kMaxReportedDetections + max_below, settings.suppression_contained_percent / 100.0f);
+            std::vector<ostrel_alg_box> class_detections, class_below;
+            split_by_threshold(found, image->width, image->height, confidence_threshold, detector_set != 0,
+                               max_below, &class_detections, &class_below);
+            ostrel::label_colours_by_level(*pyramid, class_detections);
+            detections.insert(detections.end(), class_detections.begin(), class_detections.end());
+            detection_classes.insert(detection_classes.end(), class_detections.size(), k);
+            below.insert(below.end(), class_below.begin(), class_below.end());
+            below_classes.insert(below_classes.end(), class_below.size(), k);
+        }
+    }
+
+    // Detections of every class by falling score, then the boxes below the
+    // threshold so, then each class's boxes marked on this very picture that
+    // none of its detections covers.
+    const auto by_score = [](std::vector<ostrel_alg_box> &boxes, std::vector<uint32_t> &box_classes) {
+        std::vector<size_t> order(boxes.size());
+        for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+        std::stable_sort(order.begin(), order.end(),
+                         [&](size_t a, size_t b) { return boxes[a].score > boxes[b].score; });
+        std::vector<ostrel_alg_box> sorted;
+        std::vector<uint32_t> sorted_classes;
+        for (size_t i : order) {
+            sorted.push_back(boxes[i]);
+            sorted_classes.push_back(box_classes[i]);
+        }
+        boxes.swap(sorted);
+        box_classes.swap(sorted_classes);
+    };
+    by_score(detections, detection_classes);
+    by_score(below, below_classes);
+    reported = detections;
+    reported.insert(reported.end(), below.begin(), below.end());
+    std::vector<uint32_t> reported_classes = detection_classes;
+    reported_classes.insert(reported_classes.end(), below_classes.begin(), below_classes.end());
+    for (uint32_t k = 0; k < classes; ++k) {
+        const class_view view = classAt(k);
+        if (view.cached_image_key != image->image_key) continue;
+        for (const ostrel_alg_box &marked : *view.marked_boxes) {
+            bool covered = false;
+            for (size_t i = 0; i < detections.size(); ++i) {
+                covered = covered ||
+                          (detection_classes[i] == k && ostrel::box_overlap(marked, detections[i]) >= kMarkedBoxOverlap);
+            }
+            if (!covered && marked.label == 1) {
+                reported.push_back(marked);
+                reported_classes.push_back(k);
+            }
+        }
+    }
+    out.insert(out.end(), reported.begin(), reported.end());
+    result_classes = std::move(reported_classes);
+    if (result_boxes) {
+        result_box_count = static_cast<uint32_t>(std::min<size_t>(reported.size(), kResultBoxCapacity));
+        std::copy(reported.begin(), reported.begin() + result_box_count, result_boxes.get());
     }
     return 0;
 }

@@ -1,8 +1,10 @@
 // The accurate profile's model files: what the engine holds, written in the
 // accurate format and read back into it (model/accurate_model_file.h).
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,53 @@ std::string engine_problem(const ostrel::accurate_model_file &file, const ostrel
     return "";
 }
 
+// A class as the file keeps it.
+ostrel::accurate_file_class file_class(const ostrel::svm_model &weights, const ostrel::accurate_class_model &model) {
+    ostrel::accurate_file_class c;
+    c.name = model.name;
+    c.window_columns = model.shape.columns;
+    c.window_rows = model.shape.rows;
+    c.channels = ostrel::kAccurateChannels;
+    c.aspect = model.shape.aspect;
+    c.taught_min_height = static_cast<float>(model.taught.min);
+    c.taught_max_height = static_cast<float>(model.taught.max);
+    c.trained_width = weights.trained_width;
+    c.trained_height = weights.trained_height;
+    c.input_width = weights.input_width;
+    c.input_height = weights.input_height;
+    c.calibration_offset = model.calibration.offset;
+    c.calibration_slope = model.calibration.slope;
+    c.bias = weights.bias;
+    c.weights.assign(weights.vector.get(), weights.vector.get() + weights.support_vector_size);
+    return c;
+}
+
+// A class of the file as the engine keeps it: its weights record and what
+// the model is besides.
+void take_file_class(const ostrel::accurate_file_class &c, ostrel::svm_model *weights,
+                     ostrel::accurate_class_model *model) {
+    ostrel::svm_model record;
+    record.class_idx = 0;
+    record.trained_width = c.trained_width;
+    record.trained_height = c.trained_height;
+    record.input_width = c.input_width;
+    record.input_height = c.input_height;
+    record.trained_acf_scale_idx = 0;
+    record.support_vector_size = static_cast<int32_t>(c.weights.size());
+    record.bias = c.bias;
+    record.vector = std::make_unique<int32_t[]>(c.weights.size());
+    std::copy(c.weights.begin(), c.weights.end(), record.vector.get());
+    *weights = std::move(record);
+    *model = ostrel::accurate_class_model{};
+    model->name = c.name;
+    model->shape.columns = c.window_columns;
+    model->shape.rows = c.window_rows;
+    model->shape.aspect = c.aspect;
+    model->taught = ostrel::height_range{c.taught_min_height, c.taught_max_height};
+    model->calibration.offset = c.calibration_offset;
+    model->calibration.slope = c.calibration_slope;
+}
+
 // Reads and checks a file completely; false with *problem on any fault.
 bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults,
                         ostrel::accurate_model_file *file, std::string *problem) {
@@ -94,25 +143,15 @@ bool load_accurate_file(const std::string &path, const ostrel::accurate_settings
 }  // namespace
 
 int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
+    if (!class_slots.empty() && !everyClassTrained(kExportModelName)) {
+        return 1;
+    }
     ostrel::accurate_model_file file;
     file.settings = file_settings(ostrel::recorded_settings(modelSettings()));
-    ostrel::accurate_file_class c;
-    c.name = accurate_class.name;
-    c.window_columns = accurate_class.shape.columns;
-    c.window_rows = accurate_class.shape.rows;
-    c.channels = ostrel::kAccurateChannels;
-    c.aspect = accurate_class.shape.aspect;
-    c.taught_min_height = static_cast<float>(accurate_class.taught.min);
-    c.taught_max_height = static_cast<float>(accurate_class.taught.max);
-    c.trained_width = svm_model.trained_width;
-    c.trained_height = svm_model.trained_height;
-    c.input_width = svm_model.input_width;
-    c.input_height = svm_model.input_height;
-    c.calibration_offset = accurate_class.calibration.offset;
-    c.calibration_slope = accurate_class.calibration.slope;
-    c.bias = svm_model.bias;
-    c.weights.assign(svm_model.vector.get(), svm_model.vector.get() + svm_model.support_vector_size);
-    file.classes.push_back(std::move(c));
+    for (uint32_t k = 0; k < classCount(); ++k) {
+        const class_view view = classAt(k);
+        file.classes.push_back(file_class(*view.weights, *view.model));
+    }
     std::string problem;
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
     if (bytes.empty()) {
@@ -152,12 +191,6 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
                     problem.c_str());
         return 1;
     }
-    if (file.classes.size() != 1) {
-        ostrel::log("[Alg.Fail] %s: the accurate model file %s holds %zu classes; this engine detects one class per "
-                    "model\n",
-                    kImportModelName, path.c_str(), file.classes.size());
-        return 1;
-    }
     const ostrel::accurate_file_class &c = file.classes.front();
     // A cells option the host set to another value would give another
     // window: the weights would not fit it.
@@ -178,29 +211,24 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     if (initFeatExtractor() == 1) {
         return 1;
     }
-    ostrel::svm_model model;
-    model.class_idx = 0;
-    model.trained_width = c.trained_width;
-    model.trained_height = c.trained_height;
-    model.input_width = c.input_width;
-    model.input_height = c.input_height;
-    model.trained_acf_scale_idx = 0;
-    model.support_vector_size = static_cast<int32_t>(c.weights.size());
-    model.bias = c.bias;
-    model.vector = std::make_unique<int32_t[]>(c.weights.size());
-    std::copy(c.weights.begin(), c.weights.end(), model.vector.get());
-    svm_model = std::move(model);
+    // Class 0 goes to the engine's own fields, as the one class of a
+    // one-class file always has; every other class to a slot.
+    dropOtherClasses();
+    take_file_class(c, &svm_model, &accurate_class);
+    if (file.classes.size() > 1) {
+        class_slots.resize(file.classes.size());
+        for (size_t k = 1; k < file.classes.size(); ++k) {
+            const ostrel::accurate_file_class &other = file.classes[k];
+            ostrel::class_slot &slot = class_slots[k];
+            take_file_class(other, &slot.weights, &slot.model);
+            slot.train_width = static_cast<uint32_t>(other.trained_width);
+            slot.train_height = static_cast<uint32_t>(other.trained_height);
+            slot.train_input_width = static_cast<uint32_t>(other.input_width);
+            slot.train_input_height = static_cast<uint32_t>(other.input_height);
+        }
+    }
     pca_filter = ostrel::pca_fp_filter{};
     pca_filter.fp_filter_enabled = 0;
-
-    accurate_class = ostrel::accurate_class_model{};
-    accurate_class.name = c.name;
-    accurate_class.shape.columns = c.window_columns;
-    accurate_class.shape.rows = c.window_rows;
-    accurate_class.shape.aspect = c.aspect;
-    accurate_class.taught = ostrel::height_range{c.taught_min_height, c.taught_max_height};
-    accurate_class.calibration.offset = c.calibration_offset;
-    accurate_class.calibration.slope = c.calibration_slope;
 
     const ostrel::accurate_model_settings recorded = file.settings;
     model_settings = ostrel::with_recorded(options.accurate, recorded);

@@ -64,6 +64,22 @@ bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
 }
 
 int32_t ostrel_alg::runDetector(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
+    result_classes.clear();
+    const size_t first = out.size();
+    const int32_t status = runDetectorOnce(image, out);
+    if (status != 0) {
+        result_classes.clear();
+    } else if (class_slots.empty()) {
+        result_classes.assign(out.size() - first, 0);  // one class
+    }
+    return status;
+}
+
+int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
+    // Several classes: every one must hold a model.
+    if (!class_slots.empty() && image != nullptr && !everyClassTrained(kRunDetectorName)) {
+        return 1;
+    }
     // What every detection needs, whatever the profile: a model, a valid
     // picture within the pixel limit.
     if (!svm_model.trained() || image == nullptr) {

@@ -200,6 +200,9 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         if (initFeatExtractor() == 1) {
             return 1;
         }
+        // A classic model is one unnamed class.
+        dropOtherClasses();
+        accurate_class.name.clear();
         svm_model = std::move(read_model);
         take_filter_file_fields(pca_filter, read_filter);
 

@@ -75,6 +75,12 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
     if (options.is_accurate()) {
         return setDetectorAccurate(image, boxes);
     }
+    if (!class_slots.empty()) {
+        ostrel::log("[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
+                    "profile again, or import or start a model of one class)\n",
+                    kSetDetectorName, classCount());
+        return 1;
+    }
     // A new picture brings new marked boxes and samples. The same key again
     // means "retrain on what you have": the boxes passed now are not read.
     // An engine that holds no samples (after init or an import discarded

@@ -91,6 +91,9 @@ void ostrel_alg::release() {
     result_box_count = 0;
     exported_feature_map = ostrel::feature_map{};
     accurate_pictures.clear();
+    // The other classes' samples go too; every class keeps its model.
+    for (ostrel::class_slot &slot : class_slots) ostrel::free_slot_samples(slot);
+    result_classes.clear();
 }
 
 int32_t ostrel_alg::createSvm() {

@@ -26,6 +26,7 @@
 #include "accurate/accurate_settings.h"
 #include "accurate/accurate_trainer.h"
 #include "detect/window_scan.h"
+#include "engine/class_slot.h"
 #include "engine/engine_options.h"
 #include "fpfilter/pca_fp_filter.h"
 #include "train/svm_model.h"
@@ -161,7 +162,44 @@ public:
     uint32_t accurate_positive_count = 0;
     uint32_t accurate_negative_count = 0;
 
+    // --- classes (engine_classes.cpp) -------------------------------------
+    // The fields above hold the current class. With several classes every
+    // class has a slot here, and the current class's slot is empty (its
+    // contents are lent to the fields); with one class or none, there are
+    // no slots.
+    std::vector<ostrel::class_slot> class_slots;
+    uint32_t current_class = 0;
+    // The class of every box of the last detection run.
+    std::vector<uint32_t> result_classes;
+    // What one class is, wherever it is kept.
+    struct class_view {
+        const ostrel::svm_model *weights = nullptr;
+        const ostrel::accurate_class_model *model = nullptr;
+        const std::vector<ostrel_alg_box> *marked_boxes = nullptr;
+        int64_t cached_image_key = kNoCachedImage;
+    };
+    uint32_t classCount() const;
+    class_view classAt(uint32_t index) const;
+    // Each logs one line that says why it refuses and returns 1.
+    int32_t addClass(const std::string &name, uint32_t *index);
+    int32_t selectClass(uint32_t index);
+    int32_t getClassName(uint32_t index, const char **name) const;
+    // Whether a class other than the current one holds a model.
+    bool otherClassTrained() const;
+    // Logs the first class without a model (under `operation`'s name) and
+    // returns false; true when every class holds one.
+    bool everyClassTrained(const char *operation) const;
+    // Back to the current class alone: the other classes and their samples
+    // go.
+    void dropOtherClasses();
+    // Detection with several classes: one pyramid of the picture, every
+    // class's classifier on it.
+    int32_t runDetectorClasses(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
+
 private:
+    void swapCurrentClass(ostrel::class_slot &slot);
+    // The detection run behind runDetector (which records the boxes' classes).
+    int32_t runDetectorOnce(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out);
     void freeSampleThumbs();
     // Trains the SVM on the matrices and extracts the fixed-point record
     // into *model; false when the set cannot be trained.

@@ -81,6 +81,12 @@ private:
     size_t position_ = 0;
 };
 
+std::vector<std::string> names_of(const accurate_model_file &model) {
+    std::vector<std::string> names;
+    for (const accurate_file_class &c : model.classes) names.push_back(c.name);
+    return names;
+}
+
 bool fail(std::string *problem, const std::string &text) {
     if (problem != nullptr) *problem = text;
     return false;
@@ -108,8 +114,8 @@ static_assert(sizeof kSettingsFields / sizeof kSettingsFields[0] * 4 == kSetting
 
 // The problem with a class record's values, or an empty string.
 std::string class_problem(const accurate_file_class &c) {
-    if (c.name.size() > kMaxClassNameBytes) return "a class name is longer than 255 bytes";
-    if (c.name.find('\0') != std::string::npos) return "a class name holds a NUL byte";
+    const std::string name = class_name_problem(c.name);
+    if (!name.empty()) return name;
     if (c.channels != kChannels) return "a class has " + std::to_string(c.channels) + " channels where there are 10";
     if (c.window_columns < 1 || c.window_rows < 1 || c.window_columns > kMaxWeights || c.window_rows > kMaxWeights) {
         return "a class's window is not a size";
@@ -141,7 +147,66 @@ std::string class_problem(const accurate_file_class &c) {
     return "";
 }
 
+// The length of the UTF-8 sequence that begins at s[i] (shortest form, no
+// surrogate, at most U+10FFFF), or 0 when none does.
+size_t utf8_sequence(const std::string &s, size_t i) {
+    const auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
+    const unsigned char lead = byte(i);
+    size_t length = 0;
+    uint32_t code = 0;
+    if (lead < 0x80) return 1;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        code = lead & 0x1Fu;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        code = lead & 0x0Fu;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        code = lead & 0x07u;
+    } else {
+        return 0;
+    }
+    if (i + length > s.size()) return 0;
+    for (size_t k = 1; k < length; ++k) {
+        if ((byte(i + k) & 0xC0u) != 0x80u) return 0;
+        code = (code << 6) | (byte(i + k) & 0x3Fu);
+    }
+    const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
+    return length;
+}
+
 }  // namespace
+
+std::string class_name_problem(const std::string &name) {
+    if (name.size() > kMaxClassNameBytes) {
+        return "a class name is longer than " + std::to_string(kMaxClassNameBytes) + " bytes";
+    }
+    if (name.find('\0') != std::string::npos) return "a class name holds a NUL byte";
+    for (size_t i = 0; i < name.size();) {
+        const size_t length = utf8_sequence(name, i);
+        if (length == 0) return "a class name is not UTF-8";
+        if (length == 1 && (static_cast<unsigned char>(name[i]) < 0x20 || name[i] == 0x7F)) {
+            return "a class name holds a control character";
+        }
+        i += length;
+    }
+    return "";
+}
+
+std::string class_names_problem(const std::vector<std::string> &names) {
+    for (size_t k = 0; k < names.size(); ++k) {
+        const std::string p = class_name_problem(names[k]);
+        if (!p.empty()) return p;
+        for (size_t j = 0; j < k; ++j) {
+            if (names[j] == names[k]) {
+                return "classes " + std::to_string(j + 1) + " and " + std::to_string(k + 1) + " have the same name";
+            }
+        }
+    }
+    return "";
+}
 
 bool has_accurate_magic(const unsigned char *bytes, size_t size) {
     return size >= kMagicBytes && std::memcmp(bytes, kAccurateModelMagic, kMagicBytes) == 0;
@@ -150,7 +215,7 @@ bool has_accurate_magic(const unsigned char *bytes, size_t size) {
 std::vector<unsigned char> write_accurate_model(const accurate_model_file &model, std::string *problem) {
     std::vector<unsigned char> out;
     if (model.classes.empty() || model.classes.size() > kMaxAccurateModelClasses) {
-        fail(problem, "a model file holds 1 to 64 classes");
+        fail(problem, "a model file holds 1 to " + std::to_string(kMaxAccurateModelClasses) + " classes");
         return out;
     }
     for (const accurate_file_class &c : model.classes) {
@@ -159,6 +224,11 @@ std::vector<unsigned char> write_accurate_model(const accurate_model_file &model
             fail(problem, p);
             return out;
         }
+    }
+    const std::string names = class_names_problem(names_of(model));
+    if (!names.empty()) {
+        fail(problem, names);
+        return out;
     }
     out.insert(out.end(), kAccurateModelMagic, kAccurateModelMagic + kMagicBytes);
     put_u32(out, model.version);
@@ -226,7 +296,8 @@ bool read_accurate_model(const unsigned char *bytes, size_t size, accurate_model
     uint32_t classes = 0;
     if (!in.u32(&classes)) return fail(problem, "it ends before its class count");
     if (classes < 1 || classes > kMaxAccurateModelClasses) {
-        return fail(problem, "it holds " + std::to_string(classes) + " classes where a model holds 1 to 64");
+        return fail(problem, "it holds " + std::to_string(classes) + " classes where a model holds 1 to " +
+                                 std::to_string(kMaxAccurateModelClasses));
     }
     for (uint32_t k = 0; k < classes; ++k) {
         const std::string which = "class record " + std::to_string(k + 1);
@@ -237,7 +308,9 @@ bool read_accurate_model(const unsigned char *bytes, size_t size, accurate_model
         accurate_file_class c;
         uint32_t name_bytes = 0;
         if (!in.u32(&name_bytes)) return fail(problem, "it ends inside " + which);
-        if (name_bytes > kMaxClassNameBytes) return fail(problem, which + " has a name longer than 255 bytes");
+        if (name_bytes > kMaxClassNameBytes) {
+            return fail(problem, which + " has a name longer than " + std::to_string(kMaxClassNameBytes) + " bytes");
+        }
         int32_t weights = 0;
         if (!in.bytes(name_bytes, &c.name) || !in.i32(&c.window_columns) || !in.i32(&c.window_rows) ||
             !in.i32(&c.channels) || !in.f32(&c.aspect) || !in.f32(&c.taught_min_height) ||
@@ -261,6 +334,8 @@ bool read_accurate_model(const unsigned char *bytes, size_t size, accurate_model
         if (!p.empty()) return fail(problem, which + ": " + p);
         out->classes.push_back(std::move(c));
     }
+    const std::string names = class_names_problem(names_of(*out));
+    if (!names.empty()) return fail(problem, names);
     const size_t body = kMagicBytes + in.position();
     if (in.left() != kTrailerBytes) {
         return fail(problem, "after its class records come " + std::to_string(in.left()) +

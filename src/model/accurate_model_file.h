@@ -52,12 +52,14 @@
 #include <string>
 #include <vector>
 
+#include "ostrel_alg.h"
+
 namespace ostrel {
 
 inline constexpr unsigned char kAccurateModelMagic[8] = {0x4F, 0x53, 0x54, 0xC1, 0x0D, 0x0A, 0x1A, 0x0A};
 inline constexpr uint32_t kAccurateModelVersion = 1;
-inline constexpr uint32_t kMaxAccurateModelClasses = 64;
-inline constexpr uint32_t kMaxClassNameBytes = 255;
+inline constexpr uint32_t kMaxAccurateModelClasses = OSTREL_ALG_MAX_CLASSES;
+inline constexpr uint32_t kMaxClassNameBytes = OSTREL_ALG_MAX_CLASS_NAME_BYTES;
 // Every valid file is smaller: 64 classes of at most 5999 weights.
 inline constexpr uint64_t kMaxAccurateModelBytes = 2u << 20;
 
@@ -108,6 +110,18 @@ struct accurate_model_file {
     accurate_file_settings settings;
     std::vector<accurate_file_class> classes;
 };
+
+// What is wrong with a class name, or an empty string when nothing is: a
+// name is at most kMaxClassNameBytes bytes of UTF-8 (shortest forms, no
+// surrogates) without control characters (below 0x20, and 0x7F). The one
+// rule for names in files and names a host gives (ostrel_alg_addClass); an
+// empty name is allowed here (the unnamed class of a one-class model) and
+// refused by addClass.
+std::string class_name_problem(const std::string &name);
+
+// What is wrong with a set of class names (each as above, and no two
+// alike), or an empty string.
+std::string class_names_problem(const std::vector<std::string> &names);
 
 // Whether bytes begin with the magic (at least 8 of them).
 bool has_accurate_magic(const unsigned char *bytes, size_t size);

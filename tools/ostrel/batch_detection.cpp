@@ -47,6 +47,7 @@ public:
     explicit DetectWorker(const BatchDetectOptions &o) : o_(o) {
         // The import sets the engine's profile to the file's.
         load_model(engine_, o.model, o.profile);
+        class_names_ = named_classes(engine_);
         if (!engine_.set_sensitivity(o.sensitivity)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
         }
@@ -95,18 +96,22 @@ private:
         if (work.kind == DetectWork::Kind::frame) {
             report.frame = FramePlace{work.frame.index, work.frame.time_ms};
         }
-        if (!engine_.detect(picture, report.boxes)) {
+        std::vector<uint32_t> classes;
+        if (!engine_.detect(picture, report.boxes, class_names_.empty() ? nullptr : &classes)) {
             const std::string reason = engine_.last_line();
             r.input_problem = "detection failed on '" + work.path + "'" +
                               (report.frame ? " frame " + std::to_string(report.frame->index) : "") +
                               (reason.empty() ? "" : ": " + reason);
             return r;
         }
+        for (uint32_t k : classes) {
+            report.classes.push_back(k < class_names_.size() ? class_names_[k] : std::string());
+        }
         r.text = report_text(report, o_.json);
         r.detections = static_cast<int>(detections_only(report.boxes).size());
         if (!work.draw_path.empty() || work.draw_frame) {
             cv::Mat canvas = picture.pixels.clone();
-            draw_detections(canvas, report.boxes);
+            draw_detections(canvas, report.boxes, report.classes);
             if (work.draw_frame) {
                 r.drawn = canvas;
             } else {
@@ -124,6 +129,7 @@ private:
 
     const BatchDetectOptions &o_;
     Engine engine_;
+    std::vector<std::string> class_names_;  // empty: one unnamed class
 };
 
 // Fails before any work when nothing can be written into the folder.

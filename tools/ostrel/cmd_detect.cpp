@@ -36,6 +36,22 @@ int run_detect_into_format(DetectArguments &a) {
         throw usage_error("--json prints the JSON lines; --format jsonl is the same, --format writes other forms");
     }
     DetectionOutputOptions &o = a.output;
+    // A model with named classes names them itself: the formats number its
+    // classes in its order.
+    {
+        Engine engine;
+        load_model(engine, a.batch.model, a.batch.profile);  // the engine takes the file's profile
+        const std::vector<std::string> names = named_classes(engine);
+        if (!names.empty()) {
+            if (o.class_given && o.classes != names) {
+                std::string listed;
+                for (const std::string &n : names) listed += (listed.empty() ? "" : ", ") + n;
+                throw usage_error("the model names its classes (" + listed +
+                                  "): give no --class, or the same names in that order");
+            }
+            o.classes = names;
+        }
+    }
     o.model = a.batch.model;
     o.inputs = a.batch.inputs;
     o.inputs.insert(o.inputs.end(), a.batch.lists.begin(), a.batch.lists.end());
@@ -110,7 +126,8 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         ->type_name("PATH");
     sub->add_option("--class", a->output.classes,
                     "with --format: the name of the class the model finds (default \"object\"); jsonl lines get "
-                    "it as \"class\" only when given")
+                    "it as \"class\" only when given. A model with named classes (ostrel train --profile accurate "
+                    "with --class or --all-classes) names each box's class itself")
         ->type_name("NAME")
         ->each([a](const std::string &) { a->output.class_given = true; });
     sub->add_option("--image-ids", a->output.image_ids,
@@ -142,7 +159,10 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "and bytes that are not UTF-8 \\xHH, so that a name never starts a line of its own.\n"
         "Colour classes: dark, grey, light, red, orange, yellow, green, blue, purple; the second colour is\n"
         "none when the box has no clear second colour. The library's own log lines never reach standard\n"
-        "output (see --verbose), so --json output can be piped into jq.\n\n"
+        "output (see --verbose), so --json output can be piped into jq.\n"
+        "A model with named classes (several in one model, trained with --class a --class b or --all-classes\n"
+        "under the accurate profile) adds \"  class NAME\" to each line, \"class\" to each JSON box, the name to\n"
+        "each drawn box, and its class to every --format; one detection pass searches every class.\n\n"
         "Inputs are taken in order: the INPUT arguments, then the lines of each --list. A folder gives its\n"
         "pictures and videos sorted by name (names starting with '.' left out; other files passed over with\n"
         "one warning). A file with a video extension is read frame by frame; a frame's time is its index\n"

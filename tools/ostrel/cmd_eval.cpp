@@ -95,17 +95,30 @@ LabelBox box_of(const ostrel_alg_box &b, const std::string &class_name) {
     return box;
 }
 
+// model_classes: the model's class names when it names them (a model of
+// several classes); then only the boxes of the evaluated group's classes
+// count.
 PictureBoxes detect_everything(Engine &engine, const Picture &picture, uint32_t sensitivity,
-                               const std::string &class_name) {
+                               const ClassGroup &group, const std::vector<std::string> &model_classes) {
+    const std::string class_name = group.display();
     auto detect = [&](uint32_t s) {
         if (!engine.set_sensitivity(s)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
         }
         std::vector<ostrel_alg_box> out;
-        if (!engine.detect(picture, out)) {
+        std::vector<uint32_t> classes;
+        if (!engine.detect(picture, out, model_classes.empty() ? nullptr : &classes)) {
             const std::string reason = engine.last_line();
             throw ToolError(ExitCode::failed, "detection failed on '" + picture.path + "'" +
                                                   (reason.empty() ? "" : ": " + reason));
+        }
+        if (!model_classes.empty()) {
+            std::vector<ostrel_alg_box> mine;
+            for (size_t i = 0; i < out.size(); ++i) {
+                const std::string &name = model_classes[classes[i]];
+                if (group.contains(name) || name == class_name) mine.push_back(out[i]);
+            }
+            out.swap(mine);
         }
         return out;
     };
@@ -223,9 +236,24 @@ int run_eval(const EvalOptions &o) {
         }
         Engine engine;
         load_model(engine, o.model, o.profile);  // the engine takes the file's profile
+        // A model of several classes is measured on the evaluated class's
+        // boxes only.
+        std::vector<std::string> model_classes = named_classes(engine);
+        if (model_classes.size() > 1) {
+            const bool known = std::any_of(model_classes.begin(), model_classes.end(), [&](const std::string &n) {
+                return group.contains(n) || n == group.display();
+            });
+            if (!known) {
+                std::string listed;
+                for (const std::string &n : model_classes) listed += (listed.empty() ? "" : ", ") + n;
+                throw usage_error("the model has no class '" + group.display() + "' (its classes: " + listed + ")");
+            }
+        } else {
+            model_classes.clear();  // one class: every box is the evaluated class's
+        }
         for (size_t i = 0; i < used.size(); ++i) {
             const Picture picture = load_picture(used[i]->picture_path);
-            found[i] = detect_everything(engine, picture, o.sensitivity, group.display());
+            found[i] = detect_everything(engine, picture, o.sensitivity, group, model_classes);
         }
     }
     for (size_t i = 0; i < used.size(); ++i) {

@@ -22,6 +22,16 @@ int run_check(const std::string &model, int32_t requested) {
     const ModelVerdict verdict = judge_model(engine, model, requested, true);
     if (verdict.library_accepts && verdict.contradiction.empty() && verdict.problem.empty()) {
         println(model + ": valid, a model of the " + profile_name(verdict.profile) + " profile");
+        // A model with named classes lists them, as the library reads them.
+        Engine reader;
+        if (reader.import_model(model)) {
+            const std::vector<std::string> names = named_classes(reader);
+            if (!names.empty()) {
+                std::string listed;
+                for (const std::string &n : names) listed += (listed.empty() ? "" : ", ") + n;
+                println(strformat("classes: %zu (%s)", names.size(), listed.c_str()));
+            }
+        }
         return to_int(ExitCode::ok);
     }
     std::fflush(tool_out());
@@ -55,8 +65,9 @@ void add_check_command(CLI::App &app, CommandAction &action) {
         "give a window of the weights' length, its filter matrices must fit each other and the weights; an\n"
         "accurate model must load into a fresh engine; the trailer's length field must be right and nothing\n"
         "may follow the trailer. A file that does not follow the layout is judged by the tool alone, without\n"
-        "the library reading it. Prints \"MODEL: valid, a model of the P profile\" and exits 0, or gives the\n"
-        "reason on standard error and exits 1; a missing file, a folder, a device or a FIFO exits 3.\n\n" +
+        "the library reading it. Prints \"MODEL: valid, a model of the P profile\" (and, for a model with\n"
+        "named classes, \"classes: N (a, b, ...)\") and exits 0, or gives the reason on standard error and\n"
+        "exits 1; a missing file, a folder, a device or a FIFO exits 3.\n\n" +
         std::string(kProfileRuleHelp) + "\n\n" +
         std::string(exit_code_help()));
     sub->callback([model, profile, &action] { action = [model, profile] { return run_check(*model, *profile); }; });

@@ -26,7 +26,8 @@ struct TrainOptions {
     std::vector<std::string> images;
     std::vector<std::string> box_arguments;
     std::vector<std::string> box_files;
-    std::vector<std::string> classes;  // --class, repeatable; "a,b" merges
+    std::vector<std::string> classes;  // --class, repeatable: a class each; "a,b" merges
+    bool all_classes = false;          // --all-classes: every class of the labels, each its own
     std::string voc_dir;
     std::string labels;
     std::string format;
@@ -49,71 +50,129 @@ void check_sizing_options(const TrainOptions &o) {
     }
 }
 
-// The pictures and their boxes, from IMAGE [--box ...|--boxes FILE] pairs or
-// from a VOC folder. Reads every box file; no picture is read yet.
-// The labels' pictures with boxes of the classes given (merged into the
-// one class a model holds), from --labels in any format or --voc with
-// several class names.
-std::vector<TrainingPicture> training_set_from_labels(const TrainOptions &o, const std::string &path,
-                                                      std::optional<LabelFormat> format) {
-    const LabelSet set = read_labels(path, format);
-    for (const auto &note : set.notes) {
-        warn(note);
-    }
-    const std::vector<ClassGroup> groups = class_groups_of(o.classes);
-    ClassGroup group;
-    if (groups.empty()) {
-        if (set.classes.size() != 1) {
-            std::string names;
-            for (const auto &c : set.classes) {
-                names += (names.empty() ? "" : ", ") + c;
-            }
-            throw usage_error("give the class to learn with --class NAME (the labels hold " +
-                              (names.empty() ? std::string("none") : names) + ")");
-        }
-        group.names = {set.classes.front()};
-    } else {
-        group = merged_into_one(groups);
-        if (groups.size() > 1 || group.names.size() > 1) {
-            warn("a model holds one class: " + group.display() + " are learnt as one class");
-        }
-    }
-    VocTrainingSet chosen = training_pictures_from_labels(set, group, o.limit);
+// One class a model learns: its name (empty: the unnamed class of a model
+// of one class, as models always were) and its pictures with their boxes.
+struct ClassTrainingSet {
+    std::string name;
+    std::vector<TrainingPicture> pictures;
+};
+
+// The pictures of one class of the labels; warns of the pictures without it.
+ClassTrainingSet class_set_from_labels(const LabelSet &set, const ClassGroup &group, const std::string &path,
+                                       int limit) {
+    VocTrainingSet chosen = training_pictures_from_labels(set, group, limit);
     if (chosen.without_class > 0) {
         warn(strformat("%d labelled picture%s in '%s' hold%s no object of class '%s' and %s passed over",
                        chosen.without_class, chosen.without_class == 1 ? "" : "s", path.c_str(),
                        chosen.without_class == 1 ? "s" : "", group.display().c_str(),
                        chosen.without_class == 1 ? "is" : "are"));
     }
-    return std::move(chosen.pictures);
+    return {group.display(), std::move(chosen.pictures)};
 }
 
-std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
+// Whether any box of the labels (crowd regions aside) is of the group.
+bool labels_hold(const LabelSet &set, const ClassGroup &group) {
+    for (const LabelledPicture &p : set.pictures) {
+        for (const LabelBox &b : p.boxes) {
+            if (group.contains(b.class_name) && !b.crowd) return true;
+        }
+    }
+    return false;
+}
+
+// The classes to learn from the labels, from --labels in any format or
+// --voc: each --class its own class (its comma-separated names merged into
+// one), every class of the labels with --all-classes, or the labels' one
+// class.
+std::vector<ClassTrainingSet> training_sets_from_labels(const TrainOptions &o, const std::string &path,
+                                                        std::optional<LabelFormat> format) {
+    const LabelSet set = read_labels(path, format);
+    for (const auto &note : set.notes) {
+        warn(note);
+    }
+    std::vector<ClassGroup> groups = class_groups_of(o.classes);
+    if (o.all_classes) {
+        for (const std::string &name : set.classes) {
+            ClassGroup group;
+            group.names = {name};
+            if (labels_hold(set, group)) {
+                groups.push_back(group);
+            } else {
+                warn("class '" + name + "' of '" + path + "' has no object and is left out");
+            }
+        }
+        if (groups.empty()) {
+            throw input_error("the labels in '" + path + "' hold no object of any class");
+        }
+    } else if (groups.empty()) {
+        if (set.classes.size() != 1) {
+            std::string names;
+            for (const auto &c : set.classes) {
+                names += (names.empty() ? "" : ", ") + c;
+            }
+            throw usage_error("give the class to learn with --class NAME, or --all-classes (the labels hold " +
+                              (names.empty() ? std::string("none") : names) + ")");
+        }
+        ClassGroup group;
+        group.names = {set.classes.front()};
+        groups.push_back(group);
+    }
+    std::vector<ClassTrainingSet> out;
+    for (const ClassGroup &group : groups) {
+        out.push_back(class_set_from_labels(set, group, path, o.limit));
+    }
+    return out;
+}
+
+// The pictures and their boxes, from IMAGE [--box ...|--boxes FILE] pairs or
+// from a VOC folder. Reads every box file; no picture is read yet.
+std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o);
+
+// The classes to learn and their pictures: from labels one class per
+// --class (or every class with --all-classes), otherwise one class (named
+// after --class with --voc).
+std::vector<ClassTrainingSet> class_sets_from_options(const TrainOptions &o) {
     check_sizing_options(o);
-    if (!o.labels.empty() || !o.format.empty()) {
-        if (o.labels.empty()) {
+    if (o.all_classes && !o.classes.empty()) {
+        throw usage_error("--all-classes learns every class of the labels: give no --class with it");
+    }
+    if (o.all_classes && o.labels.empty() && o.voc_dir.empty()) {
+        throw usage_error("--all-classes goes with --labels or --voc");
+    }
+    const bool several = o.all_classes || o.classes.size() > 1 ||
+                         (o.classes.size() == 1 && o.classes[0].find(',') != std::string::npos);
+    if (!o.labels.empty() || !o.format.empty() || (!o.voc_dir.empty() && several)) {
+        if (o.labels.empty() && !o.format.empty()) {
             throw usage_error("--format names the format of --labels FILE_OR_DIR");
         }
-        if (!o.voc_dir.empty() || !o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
+        if (!o.labels.empty() && (!o.voc_dir.empty() || !o.images.empty() || !o.box_arguments.empty() ||
+                                  !o.box_files.empty())) {
             throw usage_error("--labels takes the pictures and their boxes from the labels: give no IMAGE, --box, "
                               "--boxes or --voc with it");
         }
-        std::optional<LabelFormat> format;
-        if (!o.format.empty()) {
-            format = format_of_name(o.format);
-            if (!format) {
-                throw usage_error("--format '" + o.format + "': one of " + format_names());
-            }
-        }
-        return training_set_from_labels(o, o.labels, format);
-    }
-    if (!o.voc_dir.empty() && (o.classes.size() > 1 || (o.classes.size() == 1 && o.classes[0].find(',') != std::string::npos))) {
-        if (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
+        if (o.labels.empty() && (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty())) {
             throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
                               "--boxes with it");
         }
-        return training_set_from_labels(o, o.voc_dir, LabelFormat::voc);
+        std::optional<LabelFormat> format = LabelFormat::voc;
+        if (!o.labels.empty()) {
+            format.reset();
+            if (!o.format.empty()) {
+                format = format_of_name(o.format);
+                if (!format) {
+                    throw usage_error("--format '" + o.format + "': one of " + format_names());
+                }
+            }
+        }
+        return training_sets_from_labels(o, o.labels.empty() ? o.voc_dir : o.labels, format);
     }
+    // A --voc folder's class names the model's class; --class with a box
+    // file only chooses the annotation's objects, and the model's one class
+    // stays unnamed, as such models always were.
+    return {{o.voc_dir.empty() || o.classes.empty() ? std::string() : o.classes.front(), training_set_from_options(o)}};
+}
+
+std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
     if (o.classes.size() > 1) {
         throw usage_error("--boxes FILE takes one --class; several classes come from --labels or --voc");
     }
@@ -259,10 +318,8 @@ std::string box_sizes_text(const std::vector<Rect> &boxes) {
                     : strformat("of %dx%d to %dx%d px", small->w, small->h, large->w, large->h);
 }
 
-int run_train(const TrainOptions &o) {
-    const std::vector<TrainingPicture> set = training_set_from_options(o);
-    // Fails before any work when the model could not be written anyway.
-    output_target(o.model, "model");
+// Trains the engine's current class on its pictures, one after the other.
+void train_class(Engine &engine, const TrainOptions &o, const std::vector<TrainingPicture> &set) {
     const bool several = set.size() > 1;
     const bool one_size_asked = o.width > 0 || o.median_size;
     // The classic profile learns one window, the first box's; the accurate
@@ -270,7 +327,6 @@ int run_train(const TrainOptions &o) {
     // unless --median-size or --width/--height asks for one).
     const bool classic = o.profile == OSTREL_ALG_PROFILE_CLASSIC;
 
-    Engine engine;
     Size window{}, first_size{};
     FeatureMap map;
     int samples = 0, changed = 0, boxes_in_all = 0;
@@ -320,10 +376,6 @@ int run_train(const TrainOptions &o) {
                 // Boxes given one size on purpose reach over the edge where the object is cut.
                 require_boxes_within_map(boxes, picture, map, !one_size_asked);
             }
-            if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) ||
-                !engine.set_random_seed(o.seed)) {
-                throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
-            }
             if (several) {
                 const std::string sizes = classic || one_size_asked
                                               ? strformat("a window of %dx%d px from the first one", window.w, window.h)
@@ -356,6 +408,35 @@ int run_train(const TrainOptions &o) {
                           "picture%s",
                           positives, negatives, set.size(), several ? "s" : ""));
     }
+}
+
+int run_train(const TrainOptions &o) {
+    const std::vector<ClassTrainingSet> classes = class_sets_from_options(o);
+    if (classes.size() > 1 && o.profile != OSTREL_ALG_PROFILE_ACCURATE) {
+        throw usage_error(strformat("%zu classes in one model need --profile accurate (the classic profile learns "
+                                    "one class); --class a,b learns several label classes as one",
+                                    classes.size()));
+    }
+    // Fails before any work when the model could not be written anyway.
+    output_target(o.model, "model");
+
+    Engine engine;
+    if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(o.seed)) {
+        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
+    }
+    for (size_t k = 0; k < classes.size(); ++k) {
+        const ClassTrainingSet &c = classes[k];
+        // Accurate models carry their classes' names; a classic model is
+        // one unnamed class.
+        if (o.profile == OSTREL_ALG_PROFILE_ACCURATE && !c.name.empty() && !engine.add_class(c.name)) {
+            throw ToolError(ExitCode::failed, "the library refused the class name '" + c.name +
+                                                  "': " + engine.last_line());
+        }
+        if (classes.size() > 1) {
+            println(strformat("class %zu/%zu %s", k + 1, classes.size(), c.name.c_str()));
+        }
+        train_class(engine, o, c.pictures);
+    }
     export_model_atomically(engine, o.model);
     println("model written to " + o.model + " (" + profile_name(o.profile) + " profile)");
     return to_int(ExitCode::ok);
@@ -381,11 +462,15 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         ->allow_extra_args(false)  // one file per --boxes, so that the next IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     sub->add_option("--class", o->classes,
-                    "the object class to learn from the labels (--labels, --voc, a VOC --boxes file); give it "
-                    "again, or a,b, to learn several label classes as one (a model holds one class)")
+                    "the object class to learn from the labels (--labels, --voc, a VOC --boxes file); repeat it to "
+                    "learn several classes in one model (--profile accurate), or give a,b to learn several label "
+                    "classes as one")
         ->type_name("NAME")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    sub->add_flag("--all-classes", o->all_classes,
+                  "with --labels or --voc: learn every class of the labels, each its own class in one model "
+                  "(--profile accurate)");
     sub->add_option("--labels", o->labels,
                     "train on every picture of these labels that holds objects of --class: a file or folder in "
                     "any of the formats " + format_names() + " (found from the content)")
@@ -445,8 +530,15 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         "--labels reads Pascal VOC folders, COCO JSON (instances_*.json), YOLO folders (images/ and labels/, or\n"
         "pictures and .txt side by side, names from data.yaml, classes.txt or obj.names), CVAT for images 1.1\n"
         "XML, Label Studio JSON exports and dlib imglab XML. A malformed label file is refused with its line\n"
-        "or key (exit code 3) before any training. A model holds one class today: several --class names, or\n"
-        "--class a,b, are learnt as one class (say, both pawns as \"pawn\").\n\n" +
+        "or key (exit code 3) before any training.\n\n"
+        "Classes: --class a --class b learns a and b as two classes of one model, --all-classes every class\n"
+        "of the labels (at most 64), each from its own pictures (--limit N: the first N pictures holding it);\n"
+        "several classes need the accurate profile (the default). --class a,b learns a and b as one class\n"
+        "named \"a,b\" (say, both pawns as one). Under the accurate profile the model records each class's\n"
+        "name, and detect, eval, info and check show it. A picture's objects of other classes are background\n"
+        "to a class.\n"
+        "  ostrel train --labels chess --class white-pawn --class black-pawn --limit 1 --model pawns.model\n"
+        "  ostrel train --voc data/bccd --all-classes --limit 1 --model blood.model\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_train(*o); }; });
 }

@@ -195,6 +195,14 @@ void load_model(Engine &engine, const std::string &path, int32_t requested) {
     }
 }
 
+std::vector<std::string> named_classes(Engine &engine) {
+    const std::vector<std::string> names = engine.class_names();
+    if (names.size() == 1 && names.front().empty()) {
+        return {};
+    }
+    return names;
+}
+
 void export_model_atomically(Engine &engine, const std::string &path) {
     TemporaryFile temporary(temporary_name_for(output_target(path, "model")));
     if (!engine.export_model(temporary.path())) {

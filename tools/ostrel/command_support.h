@@ -88,6 +88,10 @@ ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t reques
 // kProfileOfTheFile when none) contradicts the file, and ToolError(failed)
 // when the import fails.
 void load_model(Engine &engine, const std::string &path, int32_t requested = kProfileOfTheFile);
+// The class names of the engine's model when its classes have names (a
+// model of several classes, or of one named class); empty for a model of
+// one unnamed class, whose boxes carry no class.
+std::vector<std::string> named_classes(Engine &engine);
 
 // Exports the engine's model to a temporary file next to path, validates it
 // and renames it to path. Throws ToolError(failed) or an output error.

@@ -109,7 +109,7 @@ void DetectionOutput::take(const std::string &text) {
     if (s.jsonl) {
         if (s.o.class_given) {
             for (auto &box : line["boxes"]) {
-                box["class"] = s.o.classes.front();
+                if (!box.contains("class")) box["class"] = s.o.classes.front();
             }
         }
         const std::string out = line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
@@ -139,7 +139,9 @@ void DetectionOutput::take(const std::string &text) {
             continue;  // boxes below the threshold are not detections
         }
         LabelBox box;
-        box.class_name = s.o.classes.front();
+        // A model with named classes gives each box its own.
+        box.class_name = b.contains("class") && b["class"].is_string() ? b["class"].get<std::string>()
+                                                                        : s.o.classes.front();
         box.x = b.value("x", 0.0);
         box.y = b.value("y", 0.0);
         box.w = b.value("w", 0.0);

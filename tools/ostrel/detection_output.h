@@ -3,7 +3,8 @@
 // record); while it runs, those lines come here instead (ResultSink), are
 // read back into the neutral label record and written:
 //   jsonl        the --json lines, each box with "class" appended when
-//                --class was given; on standard output, or --out FILE;
+//                --class was given (a model with named classes gives each
+//                box its own); on standard output, or --out FILE;
 //   coco         a COCO results file [{image_id, category_id, bbox, score}]
 //                (ids from --image-ids COCO_FILE, else 1, 2, ... in input
 //                order and the classes numbered from 1);
@@ -31,7 +32,7 @@ namespace ostrel_tool {
 struct DetectionOutputOptions {
     std::string format;  // jsonl, or a label format name
     std::string out;     // file or folder; empty: standard output
-    std::vector<std::string> classes;  // the model's classes, in order ("object" by default)
+    std::vector<std::string> classes;  // the model's classes, in order (its names, else --class, else "object")
     bool class_given = false;          // --class was given: jsonl lines carry it
     std::string model;                 // for Label Studio's model_version
     std::string image_ids;             // COCO file giving image and category ids

@@ -100,6 +100,9 @@ std::string report_text(const DetectionReport &report, bool json) {
         line["width"] = report.width;
         line["height"] = report.height;
         line["boxes"] = boxes_to_json(report.boxes);
+        for (size_t i = 0; i < report.classes.size() && i < line["boxes"].size(); ++i) {
+            line["boxes"][i]["class"] = report.classes[i];
+        }
         // Invalid UTF-8 in a file name is written as U+FFFD rather than
         // stopping the run.
         return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
@@ -112,8 +115,12 @@ std::string report_text(const DetectionReport &report, bool json) {
         return prefix + "  no detections\n";
     }
     std::string text;
-    for (const auto &b : report.boxes) {
-        text += box_line(prefix, b);
+    for (size_t i = 0; i < report.boxes.size(); ++i) {
+        std::string line = box_line(prefix, report.boxes[i]);
+        if (i < report.classes.size()) {
+            line.insert(line.size() - 1, "  class " + printable_file_name(report.classes[i]));
+        }
+        text += line;
     }
     return text;
 }

@@ -4,7 +4,9 @@
 // Text: one line per box, "file  x,y,w,h  score 0.97  label 1  colours light,
 // none", or "file  no detections"; a video frame puts "frame N  time_ms T"
 // after the file. JSON: one line per picture or frame, {"file", ["frame",
-// "time_ms",] "width", "height", "boxes": [...]}.
+// "time_ms",] "width", "height", "boxes": [...]}. A model with named
+// classes gives every box its class: "  class NAME" at the end of its text
+// line, "class": NAME last in its JSON record.
 #pragma once
 
 #include <cstdint>
@@ -29,6 +31,9 @@ struct DetectionReport {
     int width = 0;
     int height = 0;
     std::vector<ostrel_alg_box> boxes;
+    // The class name of each box, for a model whose classes have names;
+    // empty for a model of one unnamed class.
+    std::vector<std::string> classes;
 };
 
 // Every line (each ending with '\n') of the report in the chosen form. In

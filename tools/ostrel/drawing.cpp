@@ -39,15 +39,18 @@ void draw_box(cv::Mat &bgr, const Rect &box, const cv::Scalar &colour, int thick
                 cv::LINE_AA);
 }
 
-void draw_detections(cv::Mat &bgr, const std::vector<ostrel_alg_box> &boxes) {
+void draw_detections(cv::Mat &bgr, const std::vector<ostrel_alg_box> &boxes, const std::vector<std::string> &classes) {
     for (const auto &b : boxes) {
         if (b.label != 1) {
             draw_box(bgr, rect_of(b), colour_for_label(b.label), 1, "");
         }
     }
-    for (const auto &b : boxes) {
+    for (size_t i = 0; i < boxes.size(); ++i) {
+        const ostrel_alg_box &b = boxes[i];
         if (b.label == 1) {
-            draw_box(bgr, rect_of(b), colour_for_label(b.label), 2, score_text(b.score));
+            const std::string caption =
+                i < classes.size() && !classes[i].empty() ? classes[i] + " " + score_text(b.score) : score_text(b.score);
+            draw_box(bgr, rect_of(b), colour_for_label(b.label), 2, caption);
         }
     }
 }

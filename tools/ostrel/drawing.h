@@ -24,8 +24,10 @@ cv::Scalar colour_for_label(int label);
 void draw_box(cv::Mat &bgr, const Rect &box, const cv::Scalar &colour, int thickness, const std::string &caption);
 
 // Draws the library's result list: label -1 boxes thin first, then the
-// detections on top, each with its score ("0.87").
-void draw_detections(cv::Mat &bgr, const std::vector<ostrel_alg_box> &boxes);
+// detections on top, each with its score ("0.87"), preceded by its class
+// name when classes names the class of each box ("white-pawn 0.87").
+void draw_detections(cv::Mat &bgr, const std::vector<ostrel_alg_box> &boxes,
+                     const std::vector<std::string> &classes = {});
 
 // Draws boxes marked for training, without captions.
 void draw_marked_boxes(cv::Mat &bgr, const std::vector<Rect> &boxes);

@@ -131,7 +131,7 @@ bool Engine::sample_counts(uint32_t &positives, uint32_t &negatives) {
     return call([&] { return ostrel_alg_temp_getNumofSamples(handle_, &positives, &negatives); }) == 0;
 }
 
-bool Engine::detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes) {
+bool Engine::detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes, std::vector<uint32_t> *classes) {
     const ostrel_alg_image image = picture.record();
     ostrel_alg_box *found = nullptr;
     uint32_t count = 0;
@@ -142,7 +142,37 @@ bool Engine::detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes) 
     if (found != nullptr) {
         boxes.assign(found, found + count);
     }
+    if (classes != nullptr) {
+        const uint32_t *indices = nullptr;
+        uint32_t indexed = 0;
+        classes->assign(boxes.size(), 0);
+        if (call([&] { return ostrel_alg_getBoxClasses_ptr(handle_, &indices, &indexed); }) != 0) {
+            return false;
+        }
+        // The pointer form's boxes are the first of the run's list.
+        for (size_t i = 0; i < boxes.size() && i < indexed; ++i) (*classes)[i] = indices[i];
+    }
     return true;
+}
+
+bool Engine::add_class(const std::string &name) {
+    return call([&] { return ostrel_alg_addClass(handle_, name.c_str(), nullptr); }) == 0;
+}
+
+std::vector<std::string> Engine::class_names() {
+    std::vector<std::string> names;
+    uint32_t count = 0;
+    if (call([&] { return ostrel_alg_getClassCount(handle_, &count); }) != 0) {
+        return names;
+    }
+    for (uint32_t k = 0; k < count; ++k) {
+        const char *name = nullptr;
+        if (call([&] { return ostrel_alg_getClassName_ptr(handle_, k, &name); }) != 0 || name == nullptr) {
+            return {};
+        }
+        names.emplace_back(name);
+    }
+    return names;
 }
 
 bool Engine::feature_map(const Picture &picture, FeatureMap &map) {

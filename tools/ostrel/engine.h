@@ -62,8 +62,16 @@ public:
     bool trained();
     // The training samples the engine holds (shifted copies included), by label.
     bool sample_counts(uint32_t &positives, uint32_t &negatives);
-    // Detects; boxes receives the engine's result list (copied).
-    bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes);
+    // Detects; boxes receives the engine's result list (copied), and
+    // classes, when given, the class index of each box.
+    bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes,
+                std::vector<uint32_t> *classes = nullptr);
+    // Adds a named class and makes it the one the next trainings teach
+    // (accurate profile).
+    bool add_class(const std::string &name);
+    // The names of the engine's classes, by index ("" for an unnamed one;
+    // empty without a class).
+    std::vector<std::string> class_names();
     bool feature_map(const Picture &picture, FeatureMap &map);
     bool export_model(const std::string &path);
     bool import_model(const std::string &path);

@@ -1,5 +1,7 @@
 #include "model_info.h"
 
+#include "ostrel_alg.h"
+
 #include <zlib.h>
 
 #include <algorithm>
@@ -184,8 +186,8 @@ void parse_accurate(Reader &r, ModelInfo &info, const std::string &source) {
     }
     for (int32_t &v : info.accurate_settings) v = r.i32("the settings");
     const uint32_t classes = r.u32("the class count");
-    if (classes < 1 || classes > 64) {
-        info.problems.push_back(strformat("%u classes, outside 1..64", classes));
+    if (classes < 1 || classes > OSTREL_ALG_MAX_CLASSES) {
+        info.problems.push_back(strformat("%u classes, outside 1..%d", classes, OSTREL_ALG_MAX_CLASSES));
         return;
     }
     for (uint32_t k = 0; k < classes; ++k) {

@@ -24,8 +24,9 @@ def _json_line(path: str, width: int, height: int, boxes: list[Any], class_name:
         entry: dict[str, Any] = {"x": b.x, "y": b.y, "w": b.width, "h": b.height, "score": round(b.score, 2),
                                  "label": b.label, "color_main": b.color_main, "color_second": b.color_second,
                                  "color_main_name": b.color_main_name, "color_second_name": b.color_second_name}
-        if class_name is not None:
-            entry["class"] = class_name
+        own = getattr(b, "class_name", "")
+        if own or class_name is not None:
+            entry["class"] = own or class_name
         out.append(entry)
     return json.dumps({"file": path, "width": width, "height": height, "boxes": out}, separators=(",", ":"),
                       ensure_ascii=False)
@@ -43,8 +44,9 @@ def write_detections(results: ResultsLike, format: str, out: "Optional[str | os.
     given, else 1, 2, ... and classes from 1), labelstudio (predictions with
     ``model_version`` "ostrel <model file name>" and scores), cvat, imglab,
     voc or yolo (a file per picture into the folder ``out``). ``classes``:
-    the detector's class names (today one; default "object"); jsonl adds
-    "class" to each box only when classes are given. Whole-run formats
+    the detector's class names (``Detector.classes`` for a detector of
+    several classes; default "object"); jsonl adds "class" to each box when
+    classes are given or the box has its own ``class_name``. Whole-run formats
     return the text when ``out`` is None."""
     fmt = "jsonl" if format in ("jsonl", "json") else format_of_name(format)
     classes = list(classes)
@@ -69,8 +71,13 @@ def write_detections(results: ResultsLike, format: str, out: "Optional[str | os.
         for b in boxes:
             if getattr(b, "label", 1) != 1:
                 continue
-            picture.boxes.append(LabelBox(classes[0], float(b.x), float(b.y), float(b.width), float(b.height),
-                                          score=round(float(b.score), 2)))
+            # A box of a detector with named classes carries its own.
+            own = getattr(b, "class_name", "")
+            if own and own not in classes:
+                raise ValueError(f"a box of class {own!r} is not among classes {classes!r}: give the detector's "
+                                 f"classes (Detector.classes)")
+            picture.boxes.append(LabelBox(own or classes[0], float(b.x), float(b.y), float(b.width),
+                                          float(b.height), score=round(float(b.score), 2)))
         detections.pictures.append(picture)
     if fmt in ("voc", "yolo"):
         if out is None:

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Twelve classes in one model: the chess set, every class taught from one
+# picture (the first, by annotation name, that holds it) in one run of
+# `ostrel train --all-classes --limit 1`, measured on the other pictures.
+#
+#   bench/multi_class_chess.sh [CHESS_VOC_DIR] [BUILD_DIR]
+#
+# CHESS_VOC_DIR: a Pascal VOC folder of the chess set (default
+# /work/shared/data/chess when present, else data/chess). Prints, per class
+# and on average: AP@0.5 over every box the model returns (below-threshold
+# boxes included), F1 at sensitivity 80 and COCO mAP@[.5:.95] (ostrel eval
+# --json, every training picture left out); then the time of one detection
+# pass of the twelve-class model against twelve one-class models (each
+# trained exactly as its class in the twelve-class model) and against one
+# of them, single thread, as ratios of one run (bench_multi_class.cpp).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+data=${1:-}
+if [ -z "$data" ]; then
+  data=/work/shared/data/chess
+  [ -d "$data" ] || data=data/chess
+fi
+build=${2:-build}
+cmake --build "$build" -j2 --target ostrel ostrel_bench > /dev/null
+ostrel=$build/tools/ostrel
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+echo "== training twelve classes from one picture each ($data)"
+"$ostrel" train --voc "$data" --all-classes --limit 1 --profile accurate --model "$work/all.model" \
+  > "$work/train.txt" 2> "$work/train-err.txt"
+mapfile -t classes < <("$ostrel" info "$work/all.model" | sed -n 's/^class [0-9]*: name "\([^"]*\)".*/\1/p')
+mapfile -t trained_on < <(sed -n 's/^training on \(.*\) ([0-9]*x[0-9]*): .*/\1/p' "$work/train.txt" | sort -u)
+skip=()
+for p in "${trained_on[@]}"; do skip+=(--skip "$p"); done
+echo "${#classes[@]} classes, trained on ${#trained_on[@]} pictures (left out of every measure)"
+
+echo "== accuracy per class (ostrel eval --json)"
+printf '%-14s %8s %8s %8s %8s\n' class objects AP@0.5 F1@80 mAP
+for c in "${classes[@]}"; do
+  "$ostrel" eval --model "$work/all.model" --profile accurate --voc "$data" --class "$c" "${skip[@]}" --json \
+    > "$work/eval-$c.json"
+  /usr/bin/python3 - "$work/eval-$c.json" "$c" <<'PY'
+import json, sys
+o = json.load(open(sys.argv[1]))["overall"]
+print(f"{sys.argv[2]:<14} {o['objects']:>8} {o['ap']:>8.3f} {o['f1']:>8.3f} {o['coco_ap'] or 0:>8.3f}")
+PY
+done
+/usr/bin/python3 - "$work" "${classes[@]}" <<'PY'
+import json, sys
+rows = [json.load(open(f"{sys.argv[1]}/eval-{c}.json"))["overall"] for c in sys.argv[2:]]
+mean = lambda k: sum((r[k] or 0) for r in rows) / len(rows)
+print(f"{'mean':<14} {sum(r['objects'] for r in rows):>8} {mean('ap'):>8.3f} {mean('f1'):>8.3f} {mean('coco_ap'):>8.3f}")
+PY
+
+echo "== time of one detection pass, single thread"
+for c in "${classes[@]}"; do
+  "$ostrel" train --voc "$data" --class "$c" --limit 1 --profile accurate --model "$work/class-$c.model" \
+    > /dev/null 2>&1
+done
+picture=$(find "$data" -name '*.jpg' | sort | tail -n 1)
+OSTREL_BENCH_CLASSES_DIR=$work OSTREL_BENCH_CLASSES_PICTURE=$picture \
+  "$build/bench/ostrel_bench" --benchmark_filter='BM_MultiClass' --benchmark_format=json \
+  > "$work/bench.json"
+/usr/bin/python3 - "$work/bench.json" "$picture" <<'PY'
+import json, sys
+runs = {b["name"]: b["real_time"] for b in json.load(open(sys.argv[1]))["benchmarks"]}
+one_pass, separate, one = runs["BM_MultiClassOnePass"], runs["BM_MultiClassSeparate"], runs["BM_MultiClassOneOfThem"]
+print(f"picture {sys.argv[2]}")
+print(f"12 classes in one pass: {one_pass:.1f} ms; 12 one-class runs: {separate:.1f} ms; one class: {one:.1f} ms")
+print(f"one pass / one class = {one_pass / one:.2f}x; one pass / the average one-class run = "
+      f"{one_pass / (separate / 12):.2f}x; 12 runs / one pass = {separate / one_pass:.2f}x")
+PY
