@@ -87,6 +87,21 @@ TEST(CocoLabels, RefusesMalformedFilesWithTheKey) {
     EXPECT_NE(refusal("{\n\"images\": [,]}").find("line 2"), std::string::npos);
 }
 
+// A number beyond any double is refused by the JSON parser as out of range,
+// not as a syntax error: it must still be the file's refusal, not a crash
+// (found by fuzz_label_readers).
+TEST(CocoLabels, NumbersBeyondAnyDoubleAreRefusedAsInvalidJson) {
+    EXPECT_NE(refusal("{\"images\": [1e888]}").find("'t.json' is not valid JSON: a number in it is out of range"),
+              std::string::npos);
+    const LabelSet dataset = parse_coco("{\"categories\":[],\"images\":[],\"annotations\":[]}", "gt.json");
+    try {
+        parse_coco_results("[0.1888888888888888e888]", "r.json", dataset);
+        FAIL() << "a results file with 1e888 was read";
+    } catch (const ToolError &e) {
+        EXPECT_NE(std::string(e.what()).find("'r.json' is not valid JSON"), std::string::npos) << e.what();
+    }
+}
+
 TEST(CocoLabels, ResultsWrittenAndReadBackAgainstTheDataset) {
     LabelSet dataset = parse_coco("{\"categories\":[{\"id\":3,\"name\":\"RBC\"}],\"images\":[{\"id\":42,"
                                   "\"file_name\":\"a.jpg\",\"width\":640,\"height\":480}],\"annotations\":[]}",

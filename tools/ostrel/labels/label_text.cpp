@@ -109,6 +109,11 @@ nlohmann::json parse_label_json(const std::string &text, const std::string &sour
             reason = reason.substr(bracket + 2);
         }
         throw input_error("'" + source + "'" + (place.empty() ? "" : " " + place) + " is not valid JSON: " + reason);
+    } catch (const nlohmann::json::exception &) {
+        // A number beyond any double (1e888) is refused while parsing, as
+        // out_of_range rather than parse_error.
+        throw input_error("'" + source + "'" + (place.empty() ? "" : " " + place) +
+                          " is not valid JSON: a number in it is out of range");
     }
 }
 
