@@ -226,10 +226,19 @@ def run(args):
         wait.until(lambda d: view(d)["fitted"])
         key(driver, "0")
         wait.until(lambda d: abs(view(d)["scale"] - 1) < 1e-9)
+        try:
+            wait.until(lambda d: d.find_element(By.ID, "zoom-value").text == "100%")
+        except TimeoutException:
+            pass
         check(driver.find_element(By.ID, "zoom-value").text == "100%", "0 toggles between fit and 1:1")
         for _ in range(4):
             key(driver, "+")
         wait.until(lambda d: abs(view(d)["scale"] - 4) < 1e-6)
+        # The zoom label is written on the next frame after the view changes.
+        try:
+            wait.until(lambda d: d.find_element(By.ID, "zoom-value").text == "400%")
+        except TimeoutException:
+            pass
         check(driver.find_element(By.ID, "zoom-value").text == "400%", "+ four times from 1:1 gives 400%")
 
         # ----------------------------------------------------------------- pan
