@@ -7,8 +7,8 @@ The pixel limits of pictures are defined in the C sources (see
 ostrel/_c_headers.py); they are read here and written into
 ostrel/_header_values.py, so that an installed package needs no checkout.
 """
-import importlib.util
 import os
+import runpy
 
 from setuptools import setup
 from setuptools.command.build_py import build_py
@@ -21,10 +21,8 @@ CHECKOUT_BUILD_DIR = os.path.join(CHECKOUT, "build")
 def _header_values() -> dict:
     # Loaded from its file alone: importing the package here would need its
     # dependencies at build time.
-    spec = importlib.util.spec_from_file_location("_c_headers", os.path.join(HERE, "ostrel", "_c_headers.py"))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module.read_values(CHECKOUT)
+    names = runpy.run_path(os.path.join(HERE, "ostrel", "_c_headers.py"))
+    return names["read_values"](CHECKOUT)
 
 
 class BuildPyWithBuildTree(build_py):

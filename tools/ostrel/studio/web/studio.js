@@ -916,9 +916,8 @@
   }
 
   function trainedText(reply) {
-    // Auto-training passes are named when the profile makes them, and for
-    // one class: the reply counts the last class's passes, and the steps
-    // above list every class's.
+    // The reply's pass count is the last class's; with several classes the
+    // step list above already shows each class's, so the count is left out.
     const several = reply.classes && reply.classes.length > 1;
     const passes = reply.passes === 0 || several ? '' : (reply.passes === 1 ? ' (1 pass)' : ` (${reply.passes} passes)`);
     const what = several ? ` (${reply.classes.map((c) => c.class).join(', ')})` : '';
