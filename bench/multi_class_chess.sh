@@ -9,7 +9,8 @@
 # /work/shared/data/chess when present, else data/chess). Prints, per class
 # and on average: AP@0.5 over every box the model returns (below-threshold
 # boxes included), F1 at sensitivity 80 and COCO mAP@[.5:.95] (ostrel eval
-# --json, every training picture left out); then the time of one detection
+# --json, every training picture left out), and the time of that one eval
+# against twelve evals of one class each; then the time of one detection
 # pass of the twelve-class model against twelve one-class models (each
 # trained exactly as its class in the twelve-class model) and against one
 # of them, single thread, as ratios of one run (bench_multi_class.cpp).
@@ -36,23 +37,34 @@ skip=()
 for p in "${trained_on[@]}"; do skip+=(--skip "$p"); done
 echo "${#classes[@]} classes, trained on ${#trained_on[@]} pictures (left out of every measure)"
 
-echo "== accuracy per class (ostrel eval --json)"
-printf '%-14s %8s %8s %8s %8s\n' class objects AP@0.5 F1@80 mAP
+echo "== accuracy per class (one ostrel eval --json for every class)"
+# One eval measures every class of the model from one detection pass per
+# picture; twelve evals with --class each (how every class was measured
+# before) detect every class twelve times. Both timed in this run.
+start=$(date +%s%N)
+"$ostrel" eval --model "$work/all.model" --profile accurate --voc "$data" "${skip[@]}" --json > "$work/eval-all.json"
+one_eval=$((($(date +%s%N) - start) / 1000000))
+start=$(date +%s%N)
 for c in "${classes[@]}"; do
   "$ostrel" eval --model "$work/all.model" --profile accurate --voc "$data" --class "$c" "${skip[@]}" --json \
     > "$work/eval-$c.json"
-  /usr/bin/python3 - "$work/eval-$c.json" "$c" <<'PY'
-import json, sys
-o = json.load(open(sys.argv[1]))["overall"]
-print(f"{sys.argv[2]:<14} {o['objects']:>8} {o['ap']:>8.3f} {o['f1']:>8.3f} {o['coco_ap'] or 0:>8.3f}")
-PY
 done
+class_evals=$((($(date +%s%N) - start) / 1000000))
+printf '%-14s %8s %8s %8s %8s\n' class objects AP@0.5 F1@80 mAP
 /usr/bin/python3 - "$work" "${classes[@]}" <<'PY'
 import json, sys
-rows = [json.load(open(f"{sys.argv[1]}/eval-{c}.json"))["overall"] for c in sys.argv[2:]]
+together = json.load(open(f"{sys.argv[1]}/eval-all.json"))
+rows = together["classes"]
+for r, c in zip(rows, sys.argv[2:]):
+    alone = json.load(open(f"{sys.argv[1]}/eval-{c}.json"))["classes"][0]
+    assert r == alone, f"{c}: one pass and its own eval differ"
+    print(f"{r['name']:<14} {r['objects']:>8} {r['ap']:>8.3f} {r['f1']:>8.3f} {r['coco_ap'] or 0:>8.3f}")
 mean = lambda k: sum((r[k] or 0) for r in rows) / len(rows)
 print(f"{'mean':<14} {sum(r['objects'] for r in rows):>8} {mean('ap'):>8.3f} {mean('f1'):>8.3f} {mean('coco_ap'):>8.3f}")
 PY
+/usr/bin/python3 -c 'import sys; one, each, n = int(sys.argv[1]), int(sys.argv[2]), sys.argv[3]
+print(f"eval of every class: {one / 1000:.1f} s; {n} evals with --class: {each / 1000:.1f} s; "
+      f"{each / max(one, 1):.2f}x (the same figures)")' "$one_eval" "$class_evals" "${#classes[@]}"
 
 echo "== time of one detection pass, single thread"
 for c in "${classes[@]}"; do

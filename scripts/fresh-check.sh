@@ -137,7 +137,7 @@ run_timed demo scripts/demo.sh
 run_timed test scripts/test.sh
 total=$(($(date +%s) - started_all))
 
-grep -h -E '^(build-windows: .*(s wall|reusing|cross-building))|^fuzz |tests passed|^== Windows' \
+grep -h -E '^(build-windows: .*(s wall|reusing|cross-building))|^fuzz |tests passed|^== Windows|^stage ' \
   "$log/test.log" > "$log/summary.txt" || true
 cat >&2 <<SUMMARY
 fresh-check: passed on a fresh clone of $(git -C "$root" rev-parse --short HEAD)

@@ -12,10 +12,10 @@ jobs=$(nproc 2>/dev/null || echo 2)
 build=build-tsan
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOSTREL_SANITIZE_THREAD=ON \
       -DOSTREL_BUILD_BENCH=OFF -DOSTREL_BUILD_TOOLS=ON > /dev/null
-cmake --build "$build" -j"$jobs" --target ostrel ostrel_tool_tests ostrel_make_test_video
+cmake --build "$build" -j"$jobs" --target ostrel ostrel_batch_tests ostrel_make_test_video
 export TSAN_OPTIONS="halt_on_error=1 suppressions=$PWD/tests/tools/tsan.supp"
 
-"$build"/tests/ostrel_tool_tests --gtest_filter='OrderedPool.*:Engine*'
+"$build"/tests/ostrel_batch_tests --gtest_filter='OrderedPool.*:Engine*'
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

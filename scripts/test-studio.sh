@@ -14,7 +14,12 @@
 #   7. the labelling routes over HTTP (labels on disk, classes, accepting
 #      found boxes, exports) and the studio as a labelling tool in the
 #      browser (zoom, pan, marks kept on disk, classes, redo, shortcuts),
-#   8. the profile over HTTP (the default, switching, models that bring
+#   8. pinch zoom in the browser (a touchpad's Ctrl+wheel, two fingers), a
+#      folder with labels in each format the tool reads (YOLO, CVAT, Label
+#      Studio, imglab) shown, one model of several classes over HTTP and
+#      opened in the browser (one engine, one file, opened
+#      with its classes; the classic profile's one class a model),
+#   9. the profile over HTTP (the default, switching, models that bring
 #      their own, the refusals) and in the browser (an accurate model opened
 #      in a studio started with default options detects; switching).
 # The unit tests of the studio's parts run with the tool's other tests (ctest).
@@ -78,6 +83,18 @@ echo "== studio: the labelling routes over HTTP"
 echo "== studio: labelling in a real browser"
 "$python" tests/studio/test_studio_labelling.py "$ostrel" data "$out"
 
+echo "== studio: pinch zoom in a real browser (touchpad and two fingers)"
+"$python" tests/studio/test_studio_pinch.py "$ostrel" data
+
+echo "== studio: a folder with labels of every format the tool reads"
+"$python" tests/studio/test_studio_label_formats.py "$ostrel" data
+
+echo "== studio: one model of several classes over HTTP"
+"$python" tests/studio/test_studio_model_classes.py "$ostrel" data
+
+echo "== studio: a model of several classes opened in a real browser"
+"$python" tests/studio/test_studio_open_model.py "$ostrel" data
+
 echo "== studio: the profile over HTTP"
 "$python" tests/studio/test_studio_profile_api.py "$ostrel" data
 
@@ -91,4 +108,4 @@ if [ "$update_screenshot" = 1 ]; then
   "$python" scripts/studio-screenshots.py "$ostrel" data docs
   echo "docs/studio.png, docs/studio-zoom.png and docs/studio-dense.png updated"
 fi
-echo "studio tests: 10 passed, 0 failed"
+echo "studio tests: 14 passed, 0 failed"

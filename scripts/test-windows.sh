@@ -6,8 +6,10 @@
 #   2. cross-platform equality: the feature maps of two shipped pictures, a
 #      model trained with a fixed seed and its detections are the same bytes
 #      from the Linux build and from the DLL, and each side loads the other's
-#      model and detects the same boxes;
-#   3. `ostrel.exe demo` prints the same report as the Linux `ostrel demo`.
+#      model and detects the same boxes; the same for a model trained under
+#      the accurate profile;
+#   3. `ostrel.exe demo` prints the same report as the Linux `ostrel demo`,
+#      under the classic and under the accurate profile.
 # The Linux build in build/ is used (and its probe built) for the comparisons.
 # Ends with one line "N passed, N failed".
 set -euo pipefail
@@ -108,6 +110,21 @@ compare "detections of the models with a filter" "$out/linux/boxes_with_filter.t
   compare "Linux model loaded by the DLL" "$out/linux/boxes.txt" "$out/windows/boxes_of_imported_model.txt" ||
   fail "the DLL could not load the Linux model"
 
+# The accurate profile: its level sizes, channels, solver, calibration and
+# scores, all in one model file and its detections.
+"$linux_build/tests/windows/ostrel_platform_probe" train-accurate "$root/data" "$out/linux" >>"$out/linux.log"
+"$wine" "$probe_exe" train-accurate "Z:$root/data" "Z:$out/windows" >>"$out/windows.log"
+compare "accurate model trained with seed 1" "$out/linux/model_accurate.bin" "$out/windows/model_accurate.bin"
+compare "detections of the accurate models" "$out/linux/boxes_accurate.txt" "$out/windows/boxes_accurate.txt"
+mkdir -p "$out/linux/accurate" "$out/windows/accurate"
+"$linux_build/tests/windows/ostrel_platform_probe" load "$root/data" "$out/windows/model_accurate.bin" \
+  "$out/linux/accurate" >>"$out/linux.log" && compare "Windows accurate model loaded on Linux" \
+  "$out/windows/boxes_accurate.txt" "$out/linux/accurate/boxes_of_imported_model.txt" ||
+  fail "Linux could not load the Windows accurate model"
+"$wine" "$probe_exe" load "Z:$root/data" "Z:$out/linux/model_accurate.bin" "Z:$out/windows/accurate" \
+  >>"$out/windows.log" && compare "Linux accurate model loaded by the DLL" "$out/linux/boxes_accurate.txt" \
+  "$out/windows/accurate/boxes_of_imported_model.txt" || fail "the DLL could not load the Linux accurate model"
+
 mkdir -p "$out/linux/filter" "$out/windows/filter"
 "$linux_build/tests/windows/ostrel_platform_probe" load "$root/data" "$filter_b" "$out/linux/filter" >>"$out/linux.log" &&
   compare "Windows model with a filter loaded on Linux" "$out/windows/boxes_with_filter.txt" \
@@ -123,19 +140,26 @@ if [ -f "$build/bin/ostrel.exe" ]; then
     tr -d '\r' <"$1" | tr '\\' / |
       sed -E "s/[0-9]+\.[0-9]+ s\b/T s/g; s#Z:/#/#g; s#demo-(linux|windows)#demo-OUT#g; /^Files in /,\$d"
   }
-  # The classic demo: the classic system gives the same bytes on both
-  # platforms. (The accurate profile's detections still differ between
-  # the two builds; until they agree this check pins the classic one.)
-  "$linux_build/tools/ostrel" demo --profile classic --out "$out/demo-linux" >"$out/demo-linux.txt"
-  "$wine" "$build/bin/ostrel.exe" demo --profile classic --data "Z:$root/data" --out "Z:$out/demo-windows" \
-    >"$out/demo-windows.txt"
-  if diff <(report "$out/demo-linux.txt") <(report "$out/demo-windows.txt") >"$out/demo.diff"; then
-    pass "ostrel.exe demo prints the Linux report ($(grep -c . "$out/demo-windows.txt") lines)"
-    grep '^Summary:' "$out/demo-windows.txt" || true
-  else
-    cat "$out/demo.diff"
-    fail "ostrel.exe demo differs from the Linux demo"
-  fi
+  # The classic demo (the classic system, the same bytes on both platforms)
+  # and the accurate one (the demo's default: the same boxes and scores too).
+  demo_on_both() {  # demo_on_both PROFILE
+    local profile=$1 linux=$out/demo-$1-linux windows=$out/demo-$1-windows
+    "$linux_build/tools/ostrel" demo --profile "$profile" --out "$out/demo-linux" >"$linux.txt"
+    "$wine" "$build/bin/ostrel.exe" demo --profile "$profile" --data "Z:$root/data" --out "Z:$out/demo-windows" \
+      >"$windows.txt"
+    if diff <(report "$linux.txt") <(report "$windows.txt") >"$out/demo-$profile.diff"; then
+      pass "ostrel.exe demo --profile $profile prints the Linux report ($(grep -c . "$windows.txt") lines)"
+      grep '^Summary:' "$windows.txt" || true
+    else
+      cat "$out/demo-$profile.diff"
+      fail "ostrel.exe demo --profile $profile differs from the Linux demo"
+    fi
+    # The model files the two demos wrote.
+    compare "demo model, $profile profile" "$out/demo-linux/rbc.model" "$out/demo-windows/rbc.model"
+    rm -rf "$out/demo-linux" "$out/demo-windows"
+  }
+  demo_on_both classic
+  demo_on_both accurate
 else
   fail "ostrel.exe was not built"
 fi

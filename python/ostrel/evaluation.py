@@ -262,6 +262,18 @@ def _groups(classes: Optional[Sequence[str]]) -> list[list[str]]:
     return groups
 
 
+def _model_groups(groups: list[list[str]], model_classes: list[str]) -> list[list[str]]:
+    """The classes measured on a detector of several classes: each group
+    given (names merged within it), else every class of the detector; a
+    group that holds none of its classes is refused."""
+    if not groups:
+        return [[name] for name in model_classes]
+    for g in groups:
+        if not any(name in g or name == _display(g) for name in model_classes):
+            raise ValueError(f"the detector has no class '{_display(g)}' (its classes: {', '.join(model_classes)})")
+    return groups
+
+
 def _display(group: list[str]) -> str:
     return ",".join(group)
 
@@ -416,23 +428,35 @@ def evaluate(detector_or_results: Any, labels: "LabelSet | str | os.PathLike[str
     :class:`LabelBox`), or the path of a ``detect --json`` / COCO results
     file. ``labels``: a :class:`LabelSet` or a label file or folder (any
     format; ``format`` names it). ``classes``: the class the detector finds
-    (names merged; "a,b" merges too), by default the labels' one class.
+    (names merged; "a,b" merges too), by default the labels' one class; for
+    a detector of several classes, each entry is measured on its own ("a,b"
+    merges), by default every class of the detector, all from one detection
+    pass per picture.
     ``skip``: pictures to leave out (paths or file names), such as the
     training picture. Returns an :class:`Evaluation`."""
     if not (0.0 <= iou <= 1.0):
         raise ValueError(f"iou {iou} is not in 0..1")
     labelled = labels if isinstance(labels, LabelSet) else read_labels(labels, format)
+    from .detector import Detector
+
     groups = _groups(classes)
-    if not groups:
-        if len(labelled.classes) != 1:
-            raise ValueError(f"give the class the detector finds with classes= (the labels hold "
-                             f"{', '.join(sorted(labelled.classes))})")
-        groups = [[labelled.classes[0]]]
-    group = [name for g in groups for name in g]
-    group = list(dict.fromkeys(group))
-    class_name = _display(group)
-    if not any(b.class_name in group for p in labelled.pictures for b in p.boxes):
-        raise LabelError(f"no object of class '{class_name}' in '{labelled.source}' (classes there: "
+    model_classes = detector_or_results.classes if isinstance(detector_or_results, Detector) else []
+    if len(model_classes) > 1:
+        # A detector of several classes is measured class by class from one
+        # detection pass per picture: each ``classes`` entry on its own, by
+        # default every class of the detector (as ``ostrel eval`` does).
+        groups = _model_groups(groups, model_classes)
+    else:
+        if not groups:
+            if len(labelled.classes) != 1:
+                raise ValueError(f"give the class the detector finds with classes= (the labels hold "
+                                 f"{', '.join(sorted(labelled.classes))})")
+            groups = [[labelled.classes[0]]]
+        groups = [list(dict.fromkeys(name for g in groups for name in g))]
+    class_name = _display(groups[0])
+    if not any(b.class_name in g for p in labelled.pictures for b in p.boxes for g in groups):
+        measured = "', '".join(_display(g) for g in groups)
+        raise LabelError(f"no object of class '{measured}' in '{labelled.source}' (classes there: "
                          f"{', '.join(sorted(labelled.classes))})")
     left_out: list[dict[str, str]] = []
     used: list[LabelledPicture] = []
@@ -454,8 +478,6 @@ def evaluate(detector_or_results: Any, labels: "LabelSet | str | os.PathLike[str
     if not used:
         raise ValueError("every picture of the labels is left out: nothing to measure")
     boxes: list[tuple[list[LabelBox], list[LabelBox]]] = []
-    from .detector import Detector
-
     if isinstance(detector_or_results, Detector):
         missing = labelled.missing_pictures()
         if missing:
@@ -476,7 +498,7 @@ def evaluate(detector_or_results: Any, labels: "LabelSet | str | os.PathLike[str
                 raise LabelError(f"the results have no detections for '{p.picture or p.name}'")
             boxes.append(([b for b, detection in found[i] if detection], [b for b, _ in found[i]]))
     pictures = [(p.picture or p.name, p.id, p.boxes, d, r) for p, (d, r) in zip(used, boxes)]
-    result = evaluate_pictures(pictures, [group], iou)
+    result = evaluate_pictures(pictures, groups, iou)
     result.left_out = left_out
     return result
 

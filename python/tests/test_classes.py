@@ -114,3 +114,23 @@ def test_bad_names_and_the_classic_profile_are_refused():
     with ostrel.Detector(profile="classic") as classic:
         with pytest.raises(ostrel.Error, match="only the accurate profile"):
             classic.add_class("pawn")
+
+
+def test_evaluate_measures_every_class_of_the_detector_from_one_pass(blood):
+    # Without classes=, a detector of several classes is measured class by
+    # class (one detection pass per picture, each box counted for its own
+    # class); each class's figures are exactly those of measuring that class
+    # alone, and classes= names the ones to measure, each on its own.
+    labels = ostrel.read_labels(BCCD)
+    taught = sorted({f"{stem}.jpg" for _, stem in TAUGHT})
+    together = ostrel.evaluate(blood, labels, skip=taught)
+    assert [c.name for c in together.classes] == ["RBC", "WBC", "Platelets"]
+    for mine in together.classes:
+        alone = ostrel.evaluate(blood, labels, classes=[mine.name], skip=taught)
+        assert len(alone.classes) == 1
+        assert mine == alone.classes[0]
+    assert together.overall.objects == sum(c.objects for c in together.classes)
+    two = ostrel.evaluate(blood, labels, classes=["RBC", "WBC"], skip=taught)
+    assert two.classes == together.classes[:2]
+    with pytest.raises(ValueError, match="the detector has no class 'pawn'"):
+        ostrel.evaluate(blood, labels, classes=["pawn"], skip=taught)

@@ -5,6 +5,7 @@
 
 #include "accurate/accurate_trainer.h"
 #include "common/box_geometry.h"
+#include "common/portable_math.h"
 #include "detect/color_labels.h"
 
 namespace ostrel {
@@ -21,9 +22,11 @@ double size_prior_penalty(const accurate_search &search, double object_height) {
         !(search.penalty_step > 1.0)) {
         return 0.0;
     }
-    const double beyond = std::max({0.0, std::log(search.taught_min / object_height),
-                                    std::log(object_height / std::max(search.taught_max, search.taught_min))});
-    return search.size_penalty * beyond / std::log(search.penalty_step);
+    // Logarithms of our own: the penalty goes into the score, which must be
+    // the same bits on every platform.
+    const double beyond = std::max({0.0, portable_log(search.taught_min / object_height),
+                                    portable_log(object_height / std::max(search.taught_max, search.taught_min))});
+    return search.size_penalty * beyond / portable_log(search.penalty_step);
 }
 
 namespace {
@@ -60,12 +63,15 @@ void search_paired_level(const paired_map &paired, const pyramid_level &level, c
                          const accurate_search &search, float floor_margin, int32_t inset_columns, int32_t inset_rows,
                          std::vector<margin_box> *out) {
     const double scale = search.weights->scale * search.sum_scale;
-    const window_sum_grid grid = window_sums(paired, *search.weights);
     const double width = search.box_width * level.size_factor;
     const double height = search.box_height * level.size_factor;
     const double bias = search.bias - size_prior_penalty(search, height);
     // Sums below this cannot reach the floor (the test below is exact).
     const double floor_sum = (floor_margin - bias) / scale - 1.0;
+    const window_sum_grid grid =
+        search.refine_margin >= 0.0 && scale > 0.0
+            ? window_sums_coarse_to_fine(paired, *search.weights, floor_sum - search.refine_margin / scale)
+            : window_sums(paired, *search.weights);
     for (int32_t x = inset_columns; x < grid.columns - inset_columns; ++x) {
         for (int32_t y = inset_rows; y < grid.rows - inset_rows; ++y) {
             const int32_t sum = grid.at(x, y);
@@ -135,7 +141,7 @@ std::vector<margin_box> suppress_by_margin(std::vector<margin_box> boxes, float 
 }
 
 float margin_confidence(float margin) {
-    return static_cast<float>(1.0 / (1.0 + std::exp(-static_cast<double>(margin))));
+    return static_cast<float>(1.0 / (1.0 + portable_exp(-static_cast<double>(margin))));
 }
 
 ostrel_alg_box clip_to_picture(const ostrel_alg_box &box, int32_t width, int32_t height) {

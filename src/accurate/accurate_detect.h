@@ -38,6 +38,10 @@ struct accurate_search {
     // Keep only the strongest window of every 3 x 3 neighbourhood of a
     // level (set when the suppression would drop the others anyway).
     bool neighbourhood_maxima = false;
+    // The coarse-to-fine scan (window_sums_coarse_to_fine): windows of the
+    // odd columns are computed only beside one within this much margin of
+    // the floor. Negative: every window is computed.
+    double refine_margin = -1.0;
 };
 
 // Whether windows one cell apart (diagonally the least) overlap by

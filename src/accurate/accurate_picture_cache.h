@@ -30,7 +30,7 @@ struct accurate_picture_key {
                a.recipe.norm_radius == b.recipe.norm_radius && a.recipe.norm_floor == b.recipe.norm_floor &&
                a.exact_every == b.exact_every &&
                a.approximation_exponent_permille == b.approximation_exponent_permille &&
-               a.keep_exact_lab == b.keep_exact_lab;
+               a.keep_exact_lab == b.keep_exact_lab && a.ties == b.ties;
     }
 };
 

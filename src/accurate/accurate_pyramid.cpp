@@ -6,6 +6,7 @@
 
 #include "accurate/cell_resample.h"
 #include "accurate/scale_set.h"
+#include "common/portable_math.h"
 
 namespace ostrel {
 
@@ -27,7 +28,7 @@ feature_map approximate_level(const feature_map &finer, int32_t columns, int32_t
     // The power law's gain of the gradient planes, in Q15 (at most 2).
     std::vector<uint32_t> gains(static_cast<size_t>(std::max(finer.channels, 0)), 1u << 15);
     if (exponent_permille != 0 && ratio > 0.0) {
-        const double gain = std::min(2.0, std::pow(ratio, -exponent_permille / 1000.0));
+        const double gain = std::min(2.0, portable_exp(portable_log(ratio) * (-exponent_permille / 1000.0)));
         for (int32_t c = kFirstGradientPlane; c < finer.channels; ++c) {
             gains[static_cast<size_t>(c)] = static_cast<uint32_t>(std::lround(gain * (1 << 15)));
         }
@@ -54,8 +55,8 @@ accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyra
     chn_image8 exact_bgr;
     for (size_t k = 0; k < request.size_factors.size(); ++k) {
         const double s = request.size_factors[k];
-        const int32_t columns = scaled_working_side(request.base_columns, s);
-        const int32_t rows = scaled_working_side(request.base_rows, s);
+        const int32_t columns = scaled_working_side(request.base_columns, s, request.ties);
+        const int32_t rows = scaled_working_side(request.base_rows, s, request.ties);
         const bool exact = request.exact_every <= 0 || k % static_cast<size_t>(request.exact_every) == 0 ||
                            exact_map.empty();
         pyramid_level level;

@@ -11,6 +11,7 @@
 #include "acf/feature_map.h"
 #include "acf/picture_resample.h"
 #include "accurate/accurate_channels.h"
+#include "accurate/scale_set.h"
 #include "accurate/working_picture.h"
 
 namespace ostrel {
@@ -60,6 +61,9 @@ struct pyramid_request {
     int32_t approximation_exponent_permille = 0;
     // Every exact level keeps its Lab planes (for the colour classes).
     bool keep_exact_lab = false;
+    // The levels' working sides exactly halfway between two even sides go
+    // this way (scaled_working_side).
+    halfway ties = halfway::up;
 };
 
 // The fast feature pyramid's step: the channel map (unpadded) of a level

@@ -73,6 +73,11 @@ struct accurate_settings {
     // The ratio (per cent) between neighbouring sizes of a fixed set of
     // sizes around one (scale_set.h).
     int32_t size_step_percent = 115;
+    // Detection's coarse-to-fine scan: every other column of window
+    // positions is computed, the columns between only beside a window
+    // within this much margin (thousandths) of the floor below; negative:
+    // every position is computed. Training always computes every position.
+    int32_t refine_margin_permille = 500;
     // Boxes overlapping a stronger one by this much (IoU, per cent) are
     // dropped. Host option.
     int32_t suppression_overlap_percent = 30;

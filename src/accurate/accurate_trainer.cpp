@@ -7,6 +7,7 @@
 #include "accurate/linear_svm.h"
 #include "accurate/window_sums.h"
 #include "common/log.h"
+#include "common/portable_math.h"
 
 namespace ostrel {
 
@@ -52,7 +53,7 @@ size_t nearest_level(const ostrel_alg_box &box, const accurate_training_picture 
     size_t best = static_cast<size_t>(picture.pyramid.marked_level);
     double best_distance = 1e300;
     for (size_t k = 0; k < picture.pyramid.levels.size(); ++k) {
-        const double d = std::fabs(std::log(ratio / picture.pyramid.levels[k].size_factor));
+        const double d = std::fabs(portable_log(ratio / picture.pyramid.levels[k].size_factor));
         if (d < best_distance - 1e-12) {
             best_distance = d;
             best = k;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "accurate/scale_set.h"
+#include "common/portable_math.h"
 
 namespace ostrel {
 
@@ -13,8 +14,11 @@ namespace {
 constexpr double kTolerance = 1e-9;
 
 double margin_factor(const accurate_settings &settings) {
+    // step^size_steps by repeated multiplication: the same bits everywhere.
     const double step = std::max(settings.search_margin_percent, 100) / 100.0;
-    return std::pow(step, std::max(settings.size_steps, 0));
+    double factor = 1.0;
+    for (int32_t k = 0; k < settings.size_steps; ++k) factor *= step;
+    return factor;
 }
 
 // Windows of a map of `cells` cells along one axis, padded on both sides.
@@ -88,8 +92,8 @@ plan_status plan_levels(int32_t picture_columns, int32_t picture_rows, const sea
         return upscale_limit <= pixel_limit ? plan_status::too_small : plan_status::too_large;
     }
     const int32_t per_octave = std::max(settings.levels_per_octave, 1);
-    const double step = std::pow(2.0, 1.0 / per_octave);
-    const double span = std::log(std::max(high / low, 1.0)) / std::log(step);
+    // Levels 2^(1 / per_octave) apart.
+    const double span = portable_log(std::max(high / low, 1.0)) * per_octave / portable_log(2.0);
     const int64_t count = static_cast<int64_t>(std::ceil(span - 1e-6)) + 1;
     if (count > std::max(settings.max_levels, 1)) {
         return plan_status::too_many_levels;
@@ -99,7 +103,7 @@ plan_status plan_levels(int32_t picture_columns, int32_t picture_rows, const sea
     out->base_columns = scaled_working_side(picture_columns, 1.0 / scale);
     out->base_rows = scaled_working_side(picture_rows, 1.0 / scale);
     for (int64_t k = 0; k < count; ++k) {
-        const double factor = std::pow(step, static_cast<double>(k));
+        const double factor = octave_factor(static_cast<int32_t>(k), per_octave);
         const double height = low * factor;
         // Less than half of such an object could show on the picture.
         if (height > 2.0 * picture_rows || height * shape.aspect > 2.0 * picture_columns) break;
@@ -111,8 +115,8 @@ plan_status plan_levels(int32_t picture_columns, int32_t picture_rows, const sea
     }
     out->range = height_range{low, out->heights.back()};
     for (double f : out->factors) {
-        out->windows += positions(scaled_working_side(out->base_columns, f), pad_columns, shape.columns) *
-                        positions(scaled_working_side(out->base_rows, f), pad_rows, shape.rows);
+        out->windows += positions(scaled_working_side(out->base_columns, f, out->ties), pad_columns, shape.columns) *
+                        positions(scaled_working_side(out->base_rows, f, out->ties), pad_rows, shape.rows);
     }
     if (out->windows > settings.max_search_windows) {
         return plan_status::too_large;

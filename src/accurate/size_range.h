@@ -29,6 +29,7 @@
 
 #include "ostrel_alg.h"
 #include "accurate/accurate_settings.h"
+#include "accurate/scale_set.h"
 #include "accurate/window_shape.h"
 
 namespace ostrel {
@@ -72,6 +73,14 @@ struct level_plan {
     int32_t base_rows = 0;
     std::vector<double> factors;
     std::vector<double> heights;
+    // How the levels' working sides go exactly halfway between two even
+    // sides (scaled_working_side): down. The level factors were once
+    // std::pow(step, k), and glibc's lay a hair above each octave (2 + 2^-51
+    // at the sixth step of six), which rounded such sides down; exact
+    // factors with this rule lay out the levels as before, so a class finds
+    // what it found. The shared grid of several classes rounds them up (its
+    // factors came from std::exp and lay on the octaves).
+    halfway ties = halfway::down;
     // The range actually searched (the automatic range may be cut at a
     // bound) and the window positions of all levels.
     height_range range;

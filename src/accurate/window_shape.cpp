@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/portable_math.h"
+
 namespace ostrel {
 
 namespace {
@@ -61,7 +63,7 @@ shape_result derive_window_shape(const std::vector<ostrel_alg_box> &boxes, int32
     for (const ostrel_alg_box &b : boxes) {
         if (b.label != 1) continue;
         if (!usable_box(b)) return result;  // bad_size
-        logs.push_back(std::log(static_cast<double>(b.width) / b.height));
+        logs.push_back(portable_log(static_cast<double>(b.width) / b.height));
     }
     if (logs.empty() || cells < 1) return result;
     std::vector<double> sorted = logs;
@@ -70,7 +72,7 @@ shape_result derive_window_shape(const std::vector<ostrel_alg_box> &boxes, int32
     // The median on a log scale: for an even count the geometric mean of
     // the two middle aspects, so that 1:2 and 2:1 give 1:1.
     const double median_log = n % 2 ? sorted[n / 2] : 0.5 * (sorted[n / 2 - 1] + sorted[n / 2]);
-    result.median_aspect = std::exp(median_log);
+    result.median_aspect = portable_exp(median_log);
 
     size_t index = 0;
     double worst = -1.0;
@@ -80,18 +82,18 @@ shape_result derive_window_shape(const std::vector<ostrel_alg_box> &boxes, int32
         if (d > worst) {
             worst = d;
             index = i;
-            result.odd_aspect = std::exp(logs[object]);
+            result.odd_aspect = portable_exp(logs[object]);
         }
         ++object;
     }
     result.odd_box = index;
     for (double l : logs) {
-        if (std::fabs(l) > std::log(kMaxObjectAspect)) {
+        if (std::fabs(l) > portable_log(kMaxObjectAspect)) {
             result.status = shape_status::aspect_extreme;
             return result;
         }
     }
-    if (worst > std::log(spread_limit(settings)) + 1e-9) {
+    if (worst > portable_log(spread_limit(settings)) + 1e-9) {
         result.status = shape_status::aspects_differ;
         return result;
     }
@@ -106,8 +108,8 @@ shape_result derive_window_shape(const std::vector<ostrel_alg_box> &boxes, int32
 
 bool aspect_fits(const ostrel_alg_box &box, const window_shape &shape, const accurate_settings &settings) {
     if (box.width < 1 || box.height < 1 || shape.empty()) return false;
-    const double d = std::fabs(std::log(static_cast<double>(box.width) / box.height / shape.aspect));
-    return d <= std::log(spread_limit(settings)) + 1e-9;
+    const double d = std::fabs(portable_log(static_cast<double>(box.width) / box.height / shape.aspect));
+    return d <= portable_log(spread_limit(settings)) + 1e-9;
 }
 
 double box_height(double width, double height, const window_shape &shape) {

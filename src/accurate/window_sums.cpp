@@ -45,7 +45,7 @@ quantised_weights quantise_weights(const double *weights, int32_t channels, int3
     const double room = kMaxSumMagnitude / 255.0 - static_cast<double>(n);  // positive for any window a model holds
     if (largest > 0.0 && std::isfinite(total) && room > 0.0) {
         const double limit = std::min(32767.0 / largest, room / total);
-        exponent = std::max(-1000, std::min(1000, static_cast<int32_t>(std::floor(std::log2(limit)))));
+        exponent = std::max(-1000, std::min(1000, std::ilogb(limit)));
         while (std::ldexp(largest, exponent) > 32767.0 ||
                (std::ldexp(total, exponent) + static_cast<double>(n)) * 255.0 > kMaxSumMagnitude) {
             --exponent;
@@ -108,7 +108,8 @@ namespace {
 // tap of the window passes, so the sums are written once. The same integer
 // sums as the loop below.
 __attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, const quantised_weights &weights,
-                                                      int32_t x, int32_t blocks8, int32_t *accumulator) {
+                                                      int32_t x, int32_t first_row, int32_t blocks8,
+                                                      int32_t *accumulator) {
     const int32_t taps = weights.tap_pairs;
     int32_t b = 0;
     for (; b < blocks8; b += 4) {
@@ -119,7 +120,7 @@ __attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, con
             for (int32_t r = 0; r < weights.window_columns; ++r) {
                 const int16_t *column = map.data.data() +
                                         (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
-                                        16 * b;
+                                        2 * first_row + 16 * b;
                 const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
                 if (chunk == 4) {
                     for (int32_t j = 0; j < taps; ++j) {
@@ -159,7 +160,8 @@ __attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, con
 // the loops below.
 __attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired_map &map,
                                                                     const quantised_weights &weights, int32_t x,
-                                                                    int32_t blocks16, int32_t *accumulator) {
+                                                                    int32_t first_row, int32_t blocks16,
+                                                                    int32_t *accumulator) {
     const int32_t taps = weights.tap_pairs;
     for (int32_t b = 0; b < blocks16; b += 4) {
         const int32_t chunk = std::min(4, blocks16 - b);
@@ -169,7 +171,7 @@ __attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired
             for (int32_t r = 0; r < weights.window_columns; ++r) {
                 const int16_t *column = map.data.data() +
                                         (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
-                                        32 * b;
+                                        2 * first_row + 32 * b;
                 const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
                 if (chunk == 4) {
                     for (int32_t j = 0; j < taps; ++j) {
@@ -204,49 +206,71 @@ __attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired
 
 }  // namespace
 
-window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights, sums_path path) {
-    window_sum_grid grid;
-    if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
-        map.columns < weights.window_columns || map.rows < weights.window_rows) {
-        return grid;
-    }
-    grid.columns = map.columns - weights.window_columns + 1;
-    grid.rows = map.rows - weights.window_rows + 1;
-    grid.sums.assign(static_cast<size_t>(grid.columns) * grid.rows, 0);
-    const int32_t blocks = (grid.rows + kBlock - 1) / kBlock;
-    std::vector<int32_t> accumulator(static_cast<size_t>(blocks) * kBlock + 4 * kBlock);
-    const int32_t taps = weights.tap_pairs;
+namespace {
+
+// The loop a scan takes.
+struct scan_choice {
+    bool vnni = false;
+    bool avx2 = false;
+    bool sse2 = false;
+    // Positions one call of the loop computes at a time (a row range starts
+    // at a multiple of it, so that it reads no further than the whole column).
+    int32_t unit() const { return vnni ? 16 : avx2 ? 8 : kBlock; }
+};
+
+scan_choice choose_loop(const paired_map &map, const quantised_weights &weights, sums_path path, int32_t grid_rows) {
+    scan_choice choice;
+    const int32_t blocks = (grid_rows + kBlock - 1) / kBlock;
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
-    const bool vnni = (path == sums_path::fastest || path == sums_path::avx512_vnni) && cpu_has_avx512_vnni() &&
-                      map.stride >= 2 * (4 * ((blocks + 3) / 4) * kBlock + weights.window_rows + 1);
-    const bool avx2 = (path == sums_path::fastest || path == sums_path::avx2 || path == sums_path::avx512_vnni) &&
-                      cpu_has_avx2() && map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1);
+    choice.vnni = (path == sums_path::fastest || path == sums_path::avx512_vnni) && cpu_has_avx512_vnni() &&
+                  map.stride >= 2 * (4 * ((blocks + 3) / 4) * kBlock + weights.window_rows + 1);
+    choice.avx2 = !choice.vnni &&
+                  (path == sums_path::fastest || path == sums_path::avx2 || path == sums_path::avx512_vnni) &&
+                  cpu_has_avx2() && map.stride >= 2 * (2 * ((blocks + 1) / 2) * kBlock + weights.window_rows + 1);
+#else
+    (void)map;
+    (void)weights;
+    (void)blocks;
 #endif
-    for (int32_t x = 0; x < grid.columns; ++x) {
-        std::fill(accumulator.begin(), accumulator.end(), 0);
-#if defined(OSTREL_WINDOW_SUMS_AVX2)
-        if (vnni) {
-            column_sums_vnni(map, weights, x, (blocks + 3) / 4, accumulator.data());
-            std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
-                      grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
-            continue;
-        }
-        if (avx2) {
-            column_sums_avx2(map, weights, x, (blocks + 1) / 2, accumulator.data());
-            std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
-                      grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
-            continue;
-        }
-#endif
-        for (int32_t c = 0; c < weights.channels; ++c) {
-            for (int32_t r = 0; r < weights.window_columns; ++r) {
-                const int16_t *column =
-                    map.data.data() + (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride);
-                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
-                for (int32_t j = 0; j < taps; ++j) {
-                    const int16_t *in = column + 4 * j;  // pair at row y + 2j starts at 2 * (y + 2j)
 #if defined(OSTREL_WINDOW_SUMS_SSE2)
-                    if (path != sums_path::portable) {
+    choice.sse2 = path != sums_path::portable;
+#endif
+    return choice;
+}
+
+// The sums of column x's positions first..end-1, written to out[first..end-1]
+// (out: the grid's column). `accumulator` holds a whole column's blocks.
+void column_sums(const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first, int32_t end,
+                 const scan_choice &choice, std::vector<int32_t> &accumulator, int32_t *out) {
+    const int32_t unit = choice.unit();
+    const int32_t start = first / unit * unit;
+    const int32_t units = (end - start + unit - 1) / unit;
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+    // These two write every sum of their blocks (no accumulator to clear).
+    if (choice.vnni) {
+        column_sums_vnni(map, weights, x, start, units, accumulator.data());
+        std::copy(accumulator.begin() + (first - start), accumulator.begin() + (end - start), out + first);
+        return;
+    }
+    if (choice.avx2) {
+        column_sums_avx2(map, weights, x, start, units, accumulator.data());
+        std::copy(accumulator.begin() + (first - start), accumulator.begin() + (end - start), out + first);
+        return;
+    }
+#endif
+    const int32_t blocks = units;  // unit == kBlock here
+    std::fill(accumulator.begin(), accumulator.begin() + static_cast<std::ptrdiff_t>(blocks) * kBlock, 0);
+    const int32_t taps = weights.tap_pairs;
+    for (int32_t c = 0; c < weights.channels; ++c) {
+        for (int32_t r = 0; r < weights.window_columns; ++r) {
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * start;
+            const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+            for (int32_t j = 0; j < taps; ++j) {
+                const int16_t *in = column + 4 * j;  // pair at row y + 2j starts at 2 * (y + 2j)
+#if defined(OSTREL_WINDOW_SUMS_SSE2)
+                if (choice.sse2) {
                     int32_t pair_bits;
                     std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
                     const __m128i wv = _mm_set1_epi32(pair_bits);
@@ -256,18 +280,91 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
                         _mm_storeu_si128(acc, _mm_add_epi32(_mm_loadu_si128(acc), _mm_madd_epi16(cells, wv)));
                     }
                     continue;
-                    }
+                }
 #endif
-                    const int32_t w0 = w[2 * j];
-                    const int32_t w1 = w[2 * j + 1];
-                    for (int32_t y = 0; y < blocks * kBlock; ++y) {
-                        accumulator[static_cast<size_t>(y)] += in[2 * y] * w0 + in[2 * y + 1] * w1;
-                    }
+                const int32_t w0 = w[2 * j];
+                const int32_t w1 = w[2 * j + 1];
+                for (int32_t y = 0; y < blocks * kBlock; ++y) {
+                    accumulator[static_cast<size_t>(y)] += in[2 * y] * w0 + in[2 * y + 1] * w1;
                 }
             }
         }
-        std::copy(accumulator.begin(), accumulator.begin() + grid.rows,
-                  grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+    }
+    std::copy(accumulator.begin() + (first - start), accumulator.begin() + (end - start), out + first);
+}
+
+// An empty grid when no window fits, else one of the right size (sums
+// unset).
+bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid) {
+    if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
+        map.columns < weights.window_columns || map.rows < weights.window_rows) {
+        return false;
+    }
+    grid->columns = map.columns - weights.window_columns + 1;
+    grid->rows = map.rows - weights.window_rows + 1;
+    grid->sums.resize(static_cast<size_t>(grid->columns) * grid->rows);
+    return true;
+}
+
+std::vector<int32_t> column_accumulator(const window_sum_grid &grid) {
+    const int32_t blocks = (grid.rows + kBlock - 1) / kBlock;
+    return std::vector<int32_t>(static_cast<size_t>(blocks) * kBlock + 4 * kBlock);
+}
+
+}  // namespace
+
+window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights, sums_path path) {
+    window_sum_grid grid;
+    if (!size_grid(map, weights, &grid)) return grid;
+    const scan_choice choice = choose_loop(map, weights, path, grid.rows);
+    std::vector<int32_t> accumulator = column_accumulator(grid);
+    for (int32_t x = 0; x < grid.columns; ++x) {
+        column_sums(map, weights, x, 0, grid.rows, choice, accumulator,
+                    grid.sums.data() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+    }
+    return grid;
+}
+
+window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
+                                           double refine_from, sums_path path) {
+    window_sum_grid grid;
+    if (!size_grid(map, weights, &grid)) return grid;
+    const scan_choice choice = choose_loop(map, weights, path, grid.rows);
+    std::vector<int32_t> accumulator = column_accumulator(grid);
+    const int32_t rows = grid.rows;
+    const auto column = [&](int32_t x) { return grid.sums.data() + static_cast<std::ptrdiff_t>(x) * rows; };
+    for (int32_t x = 0; x < grid.columns; x += 2) {
+        column_sums(map, weights, x, 0, rows, choice, accumulator, column(x));
+    }
+    // near[y]: a position of row y in an even column beside reaches
+    // refine_from. An odd column is computed in the rows within two of such
+    // a row (its 3 x 3 neighbourhood, and the neighbours above and below of
+    // what that adds), in runs; runs less than a loop's unit apart are
+    // joined.
+    std::vector<uint8_t> near(static_cast<size_t>(rows));
+    for (int32_t x = 1; x < grid.columns; x += 2) {
+        const int32_t *left = column(x - 1);
+        const int32_t *right = x + 1 < grid.columns ? column(x + 1) : nullptr;
+        for (int32_t y = 0; y < rows; ++y) {
+            bool reaches = left[y] >= refine_from || (right != nullptr && right[y] >= refine_from);
+            near[static_cast<size_t>(y)] = reaches ? 1 : 0;
+        }
+        int32_t *out = column(x);
+        std::fill(out, out + rows, kSkippedSum);
+        int32_t run_first = -1, run_end = -1;
+        for (int32_t y = 0; y < rows; ++y) {
+            if (!near[static_cast<size_t>(y)]) continue;
+            const int32_t first = std::max(0, y - 2);
+            const int32_t end = std::min(rows, y + 3);
+            if (run_first >= 0 && first <= run_end + choice.unit()) {
+                run_end = std::max(run_end, end);
+                continue;
+            }
+            if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
+            run_first = first;
+            run_end = end;
+        }
+        if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
     }
     return grid;
 }

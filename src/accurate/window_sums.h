@@ -90,6 +90,18 @@ void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_c
 // apart. Empty when no window fits.
 window_sum_grid window_sums(const paired_map &map, const quantised_weights &weights,
                             sums_path path = sums_path::fastest);
+// A position the coarse-to-fine scan did not compute: below any sum.
+inline constexpr int32_t kSkippedSum = INT32_MIN;
+
+// The coarse-to-fine scan: the sums of every even column of positions, and
+// of an odd column only in the rows within two of a row where an even
+// column beside it reaches `refine_from`; elsewhere kSkippedSum. A window
+// one cell from another has nearly its sum, so with refine_from a little
+// below the lowest sum that matters the windows that reach it are the same
+// as in the whole scan but for rare ones whose every neighbour across lies
+// far below. Every computed sum is the whole scan's integer.
+window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
+                                           double refine_from, sums_path path = sums_path::fastest);
 // The same sums by the plain loop over the map's bytes.
 window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights);
 

@@ -20,6 +20,7 @@
 #include "common/box_geometry.h"
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "common/portable_math.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
@@ -76,6 +77,7 @@ ostrel::pyramid_request plan_request(const ostrel::level_plan &plan, const ostre
     request.exact_every = std::max(settings.levels_per_octave, 1);
     request.approximation_exponent_permille = settings.approximation_exponent_permille;
     request.keep_exact_lab = !with_mirror;
+    request.ties = plan.ties;
     return request;
 }
 
@@ -130,6 +132,7 @@ ostrel::accurate_search class_search(const ostrel::svm_model &record, const ostr
     search.penalty_step = settings.search_margin_percent / 100.0;
     search.neighbourhood_maxima = ostrel::neighbours_suppressed(model.shape.columns, model.shape.rows,
                                                                 settings.suppression_overlap_percent / 100.0f);
+    search.refine_margin = settings.refine_margin_permille / 1000.0;
     return search;
 }
 
@@ -336,7 +339,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         for (const ostrel_alg_box &b : boxes) {
             if (b.label != 1) continue;
             for (int32_t v = 0; v < variants; ++v) {
-                const double ratio = std::pow(2.0, static_cast<double>(v) / std::max(settings.levels_per_octave, 1));
+                const double ratio = ostrel::octave_factor(v, settings.levels_per_octave);
                 for (bool mirrored : {false, true}) {
                     // Kept even when empty (an object outside the picture),
                     // so that object i's windows stay together.
@@ -451,10 +454,12 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
     full.weights = &weights;
     full.sum_scale = 1.0;
     full.bias = trained.bias;
-    const double half_step = 0.5 / std::max(settings.levels_per_octave, 1);
+    // Half a level's step either way: 2^(-1 / 2n) and 2^(1 / 2n).
+    const int32_t half_steps_per_octave = 2 * std::max(settings.levels_per_octave, 1);
     const ostrel::held_out_scores copies =
         ostrel::score_rescaled_copies(accurate_pictures, geometry, settings, full,
-                                      {std::pow(2.0, -half_step), std::pow(2.0, half_step)},
+                                      {ostrel::octave_factor(-1, half_steps_per_octave),
+                                       ostrel::octave_factor(1, half_steps_per_octave)},
                                       detection_levels(accurate_class, settings));
     const float prior = static_cast<float>(settings.calibration_prior_permille / 1000.0);
     const float learnt = ostrel::best_f1_margin({&held_out, &copies}, settings.calibration_bandwidth_permille / 1000.0f,
@@ -620,12 +625,12 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
     std::vector<uint32_t> detection_classes, below_classes;
     if (finest_scale > 0.0) {
         const int32_t per_octave = std::max(settings.levels_per_octave, 1);
-        const double log_step = std::log(2.0) / per_octave;
+        const double log_step = ostrel::portable_log(2.0) / per_octave;
         size_t levels = 0;
         for (class_run &run : runs) {
             if (!run.searched) continue;
             // The class's finest level lies `offset` steps below the grid's.
-            const double offset = std::log(finest_scale / run.finest_scale) / log_step;
+            const double offset = ostrel::portable_log(finest_scale / run.finest_scale) / log_step;
             const double last = offset + static_cast<double>(run.plan.factors.size() - 1);
             run.first_level = static_cast<size_t>(std::max(0.0, std::ceil(offset - 1e-6)));
             run.last_level = std::max(run.first_level, static_cast<size_t>(std::max(0.0, std::ceil(last - 1e-6))));
@@ -634,7 +639,11 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         ostrel::pyramid_request request;
         request.base_columns = ostrel::scaled_working_side(image->width, 1.0 / finest_scale);
         request.base_rows = ostrel::scaled_working_side(image->height, 1.0 / finest_scale);
-        for (size_t j = 0; j < levels; ++j) request.size_factors.push_back(std::exp(log_step * static_cast<double>(j)));
+        // The factors of plan_levels, so that a class searches the sizes it
+        // searches alone.
+        for (size_t j = 0; j < levels; ++j) {
+            request.size_factors.push_back(ostrel::octave_factor(static_cast<int32_t>(j), per_octave));
+        }
         request.marked_index = -1;
         request.with_mirror = false;
         request.pad_columns = pad_columns;
@@ -643,6 +652,10 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         request.exact_every = per_octave;
         request.approximation_exponent_permille = settings.approximation_exponent_permille;
         request.keep_exact_lab = true;
+        // Sides exactly halfway between two even ones go up on this grid (see
+        // level_plan::ties for a single class's levels): so it was laid out
+        // when its factors came from std::exp, exactly 2 and 4 at the octaves.
+        request.ties = ostrel::halfway::up;
         const ostrel::accurate_pyramid *pyramid = picture_pyramid(image, request, feat_extractor->resample_scratch);
         if (pyramid == nullptr) {
             return fail(kRunDetectorName, kRunDetectorLine);
@@ -669,7 +682,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
             const ostrel::pyramid_level &level = pyramid->levels[j];
             // A level the pyramid left out (too small a picture) shifts the
             // indices: find the grid step by its factor.
-            const size_t step = static_cast<size_t>(std::lround(std::log(level.size_factor) / log_step));
+            const size_t step = static_cast<size_t>(std::lround(ostrel::portable_log(level.size_factor) / log_step));
             ostrel::paired_map paired;
             for (uint32_t k = 0; k < classes; ++k) {
                 const class_run &run = runs[k];

@@ -54,4 +54,27 @@ TEST(AccuratePyramid, MirrorImagesWhenAsked) {
     }
 }
 
+// A level whose working side lands exactly halfway between two even sides
+// (222 and 150 pixels halved: 55.5 and 37.5 pairs) takes the side the
+// request's tie rule says.
+TEST(AccuratePyramid, LevelSidesExactlyHalfwayGoAsTheRequestSays) {
+    cv::Mat bgr(300, 444, CV_8UC3, cv::Scalar(30, 90, 200));
+    cv::circle(bgr, cv::Point(222, 150), 60, cv::Scalar::all(250), 5);
+    ostrel::picture_resample_scratch scratch;
+    for (ostrel::halfway tie : {ostrel::halfway::down, ostrel::halfway::up}) {
+        ostrel::pyramid_request r = request(false);
+        r.base_columns = 222;
+        r.base_rows = 150;
+        r.size_factors = {1.0, ostrel::octave_factor(6, 6)};
+        r.marked_index = 0;
+        r.ties = tie;
+        const ostrel::accurate_pyramid p = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), r, scratch);
+        ASSERT_EQ(p.levels.size(), 2u);
+        const bool down = tie == ostrel::halfway::down;
+        EXPECT_FLOAT_EQ(p.levels[0].scale_x, 222.0f / 444.0f);
+        EXPECT_FLOAT_EQ(p.levels[1].scale_x, (down ? 110.0f : 112.0f) / 444.0f);
+        EXPECT_FLOAT_EQ(p.levels[1].scale_y, (down ? 74.0f : 76.0f) / 300.0f);
+    }
+}
+
 }  // namespace

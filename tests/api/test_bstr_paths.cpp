@@ -260,6 +260,7 @@ TEST_F(Utf16Paths, LongestAcceptedPathIsConverted) {
     status = call.status;
 #else
     out = capture_stdout([&] {
+        // A thread for its default stack only, joined at once: one thread at a time.
         std::thread thread([&] { status = ostrel_alg_checkModelValidation_bstr(engine_, path.c_str()); });
         thread.join();
     });

@@ -122,6 +122,16 @@ def picture_bytes(c):
     assert data == open(os.path.join(DATA_IMAGES, OTHER), "rb").read()
 
 
+@case("HEAD answers as GET does, without the body: a picture's type, the status, 404")
+def head_requests(c):
+    for path, ctype in (("/api/pictures/" + quote(OTHER), "image/jpeg"), ("/api/status", "application/json")):
+        status, got_type, data = c.request("HEAD", path)
+        assert status == 200 and got_type.startswith(ctype), (path, status, got_type)
+        assert data == b"", (path, data[:100])
+    status, _, data = c.request("HEAD", "/api/pictures/nothere.jpg")
+    assert status == 404 and data == b"", status
+
+
 @case("no path outside the folder can be named: .., absolute, encoded slashes, links out")
 def path_safety(c):
     for name in ("..", "../README.md", "/etc/passwd", "..%2F..%2FREADME.md", "%2Fetc%2Fpasswd",
@@ -420,7 +430,7 @@ def main():
     client = Client(studio.port)
     print(f"studio at {studio.url}")
     try:
-        for test in (page_files, pictures, picture_bytes, path_safety, detect_untrained, train, samples, detect,
+        for test in (page_files, pictures, picture_bytes, head_requests, path_safety, detect_untrained, train, samples, detect,
                      detect_matches_cli, model_refused, second_picture, remove_sample, bad_train, bad_detect,
                      uploads, host_header, port_taken, random_requests):
             test(client)

@@ -203,7 +203,9 @@ def run(args):
         check(driver.find_element(By.ID, "detection-time").text.endswith(" ms"), "the detection time is shown")
         wait.until(lambda d: "found" in d.find_element(
             By.CSS_SELECTOR, f"#picture-list li[data-name='{TRAINING_PICTURE}'] .caption").text)
-        check(True, "the strip shows the number found under the pictures")
+        check("found" in driver.find_element(
+            By.CSS_SELECTOR, f"#picture-list li[data-name='{TRAINING_PICTURE}'] .caption").text,
+            "the strip shows the number found under the pictures")
 
         # The slider: fewer boxes at sensitivity 0; timings of redraws.
         slider = driver.find_element(By.ID, "sensitivity")
@@ -238,7 +240,8 @@ def run(args):
         # Remove a sample: one thumbnail fewer, retrained.
         driver.find_element(By.CSS_SELECTOR, "#samples li.sample button.remove-sample").click()
         wait.until(lambda d: count(d, "#samples li.sample") == samples_before - 1)
-        check(True, f"a sample removed: {samples_before - 1} left, retrained")
+        check(count(driver, "#samples li.sample") == samples_before - 1,
+              f"a sample removed: {samples_before - 1} left, retrained")
         check("Sample removed" in driver.find_element(By.ID, "training-steps").text, "the page says it retrained")
         wait.until(lambda d: d.execute_script("return document.getElementById('canvas').dataset.found !== ''"))
         found_after_removal = found_on_page(driver)

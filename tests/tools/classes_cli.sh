@@ -2,7 +2,8 @@
 # Command-line cases of models of several classes (issue 24): train with
 # repeated --class, --all-classes and a merged --class a,b; the classes in
 # check and info; detect giving every box its class in text, JSON, drawings
-# and the --format writers; the command lines refused. Run by CTest, one
+# and the --format writers (read back); eval measuring every class from one
+# detection pass per picture; the command lines refused. Run by CTest, one
 # case per test:
 #
 #   classes_cli.sh CASE OSTREL DATA WORKDIR
@@ -118,6 +119,119 @@ refused_command_lines)
   expect_match "--help: --all-classes" "--all-classes" "$(cat out.txt)"
   expect_match "--help: repeated --class" "--class a --class b learns a and b as two classes" "$(cat out.txt)"
   expect_match "--help: merged --class" "--class a,b learns a and b as one class" "$(cat out.txt)"
+  ;;
+
+eval_every_class_in_one_pass)
+  # A model of two classes measured by `eval` without --class: every class
+  # of the model from one detection pass per picture, each box counted for
+  # its own class. Each class's figures must be exactly those of an eval of
+  # that class alone (which measures it as one class, the other class's
+  # boxes dropped), and the overall ones their sum and mean.
+  run train --labels "$chess" --class white-pawn --class black-pawn --limit 1 --model pawns.model
+  expect_eq "train: exit" 0 "$?"
+  for c in white-pawn black-pawn; do
+    run eval --model pawns.model --labels "$chess" --class "$c" --json
+    expect_eq "eval --class $c: exit" 0 "$?"
+    cp out.txt "alone-$c.json"
+  done
+  run eval --model pawns.model --labels "$chess" --json
+  expect_eq "eval of every class: exit ($(cat err.txt))" 0 "$?"
+  cp out.txt together.json
+  run eval --model pawns.model --labels "$chess" --class white-pawn --class black-pawn --json
+  expect_eq "eval --class a --class b: exit" 0 "$?"
+  cmp -s out.txt together.json || fail "eval --class a --class b is not every class measured on its own"
+  "$python" - together.json alone-white-pawn.json alone-black-pawn.json <<'PY' || fail "per-class figures differ"
+import json, sys
+together = json.load(open(sys.argv[1]))
+alone = [json.load(open(p)) for p in sys.argv[2:]]
+assert [c["name"] for c in together["classes"]] == ["white-pawn", "black-pawn"], together["classes"]
+for mine, own in zip(together["classes"], alone):
+    assert len(own["classes"]) == 1
+    # Exactly equal: the same boxes, split by class instead of filtered.
+    assert mine == own["classes"][0], (mine, own["classes"][0])
+    assert mine["objects"] > 0 and mine["ranked"] > 0
+overall = together["overall"]
+for key in ("objects", "detections", "true_positives", "false_positives", "ranked"):
+    assert overall[key] == sum(c[key] for c in together["classes"]), key
+assert overall["ap"] == sum(c["ap"] for c in together["classes"]) / 2
+PY
+  run eval --model pawns.model --labels "$chess"
+  expect_eq "eval text: exit" 0 "$?"
+  expect_match "eval text: a row per class" "white-pawn +[0-9]+ +[0-9]+" "$(cat out.txt)"
+  expect_match "eval text: the overall line" "class all 2 \(APs averaged\)" "$(cat out.txt)"
+  run eval --model pawns.model --labels "$chess" --class white-king
+  expect_eq "eval of a class the model lacks: exit" 2 "$?"
+  expect_match "eval of a class the model lacks: says why" \
+    "the model has no class 'white-king' \(its classes: white-pawn, black-pawn\)" "$(cat err.txt)"
+  ;;
+
+every_output_names_the_class)
+  # Each --format, read back by the labels reader, gives every box the
+  # class the model gave it in the JSON lines; scores keep the library's
+  # digits (the accurate profile does not round them to two decimals).
+  run train --labels "$chess" --class white-pawn --class black-pawn --limit 1 --model pawns.model
+  expect_eq "train: exit" 0 "$?"
+  mkdir -p set/images && cp "$test_picture" set/images/
+  run detect --model pawns.model --json set/images
+  expect_eq "detect --json: exit" 0 "$?"
+  cp out.txt lines.jsonl
+  # Suppression works within each class: no two detections of one class
+  # overlap by the default 30% (IoU) or more, while a white and a black
+  # pawn detection may lie on the same piece.
+  "$python" - lines.jsonl <<'PY' || fail "detect: suppression is not per class"
+import itertools, json, sys
+line = json.loads(open(sys.argv[1]).read())
+found = [b for b in line["boxes"] if b["label"] == 1]
+def iou(a, b):
+    ix = max(0, min(a["x"] + a["w"], b["x"] + b["w"]) - max(a["x"], b["x"]))
+    iy = max(0, min(a["y"] + a["h"], b["y"] + b["h"]) - max(a["y"], b["y"]))
+    return ix * iy / (a["w"] * a["h"] + b["w"] * b["h"] - ix * iy)
+pairs = list(itertools.combinations(found, 2))
+assert all(iou(a, b) < 0.3 for a, b in pairs if a["class"] == b["class"])
+assert any(iou(a, b) >= 0.3 for a, b in pairs if a["class"] != b["class"]), "no two classes on one piece"
+PY
+  for format in coco labelstudio cvat imglab voc yolo; do
+    case $format in
+      voc|yolo) out=found-$format ;;
+      *) out=found.$format ;;
+    esac
+    run detect --model pawns.model --format "$format" --out "$out" set/images
+    expect_eq "$format: exit ($(cat err.txt))" 0 "$?"
+    if [ "$format" = voc ]; then
+      ln -sfn "$PWD/set/images" "$out/images"
+    elif [ "$format" = yolo ]; then
+      mkdir -p rb-yolo && ln -sfn "$PWD/set/images" rb-yolo/images && ln -sfn "$PWD/$out" rb-yolo/labels
+      mv "$out/classes.txt" rb-yolo/classes.txt
+      out=rb-yolo
+    elif [ "$format" = coco ]; then
+      # A results file names no pictures: scored, it must give the JSON
+      # lines' figures class by class.
+      "$python" - "$out" lines.jsonl <<'PY' || fail "coco: not the detections of the JSON lines"
+import json, sys
+results = json.load(open(sys.argv[1]))
+line = json.loads(open(sys.argv[2]).read())
+names = ["white-pawn", "black-pawn"]
+found = sorted((names[r["category_id"] - 1], tuple(round(v) for v in r["bbox"])) for r in results)
+expected = sorted((b["class"], (b["x"], b["y"], b["w"], b["h"])) for b in line["boxes"] if b["label"] == 1)
+assert found == expected, (found, expected)
+# Two decimals in the JSON lines; the results keep what the library gave.
+assert any(r["score"] != round(r["score"], 2) for r in results), "every score rounded to two decimals"
+PY
+      continue
+    fi
+    run labels "$out" --format "$format" --json
+    expect_eq "$format read back: exit ($(cat err.txt))" 0 "$?"
+    "$python" - lines.jsonl out.txt "$format" <<'PY' || fail "$format: boxes or classes read back differ"
+import json, sys
+line = json.loads(open(sys.argv[1]).read())
+expected = sorted((b["class"], b["x"], b["y"], b["w"], b["h"]) for b in line["boxes"] if b["label"] == 1)
+back = [r for r in map(json.loads, open(sys.argv[2]))]
+assert len(back) == 1, back
+found = sorted((b["class"], round(b["x"]), round(b["y"]), round(b["w"]), round(b["h"])) for b in back[0]["boxes"])
+assert {c for c, *_ in expected} == {"white-pawn", "black-pawn"}, expected
+assert found == expected, (sys.argv[3], found, expected)
+PY
+  done
   ;;
 
 *)

@@ -2,7 +2,8 @@
 # b, --all-classes, --class a,b; check, info and detect with classes):
 # tests/tools/classes_cli.sh, one CTest case each. Included by
 # tests/CMakeLists.txt inside its ostrel-tool block (CLI_* come from there).
-foreach(classes_case several_classes_in_one_model all_classes_and_merged refused_command_lines)
+foreach(classes_case several_classes_in_one_model all_classes_and_merged refused_command_lines
+                     eval_every_class_in_one_pass every_output_names_the_class)
   add_test(NAME cli_classes_${classes_case}
     COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tools/classes_cli.sh ${classes_case} $<TARGET_FILE:ostrel>
             ${CLI_DATA} ${CLI_OUT}/classes/${classes_case})

@@ -22,7 +22,7 @@ ostrel_alg_box box(int x, float score, int label) {
 }  // namespace
 
 TEST(DetectionReport, PictureTextIsOneLinePerBox) {
-    DetectionReport r{"a.jpg", std::nullopt, 640, 480, {box(10, 0.97f, 1), box(30, 0.4f, -1)}};
+    DetectionReport r{"a.jpg", std::nullopt, 640, 480, {box(10, 0.97f, 1), box(30, 0.4f, -1)}, {}};
     EXPECT_EQ(report_text(r, false),
               "a.jpg  10,20,97,100  score 0.97  label 1  colours light, none\n"
               "a.jpg  30,20,97,100  score 0.40  label -1  colours light, none\n");
@@ -31,12 +31,12 @@ TEST(DetectionReport, PictureTextIsOneLinePerBox) {
 }
 
 TEST(DetectionReport, PictureJsonHasNoFrameFields) {
-    const DetectionReport r{"a.jpg", std::nullopt, 640, 480, {}};
+    const DetectionReport r{"a.jpg", std::nullopt, 640, 480, {}, {}};
     EXPECT_EQ(report_text(r, true), "{\"file\":\"a.jpg\",\"width\":640,\"height\":480,\"boxes\":[]}\n");
 }
 
 TEST(DetectionReport, FramesCarryIndexAndTime) {
-    DetectionReport r{"clip.mp4", FramePlace{3, 375.0}, 640, 480, {box(10, 0.97f, 1)}};
+    DetectionReport r{"clip.mp4", FramePlace{3, 375.0}, 640, 480, {box(10, 0.97f, 1)}, {}};
     EXPECT_EQ(report_text(r, true),
               "{\"file\":\"clip.mp4\",\"frame\":3,\"time_ms\":375,\"width\":640,\"height\":480,\"boxes\":[{\"x\":10,"
               "\"y\":20,\"w\":97,\"h\":100,\"score\":0.97,\"label\":1,\"color_main\":2,\"color_second\":9,"
@@ -49,7 +49,7 @@ TEST(DetectionReport, FramesCarryIndexAndTime) {
 }
 
 TEST(DetectionReport, InvalidUtf8InAFileNameDoesNotStopTheJson) {
-    const DetectionReport r{"bad\xff.jpg", std::nullopt, 1, 1, {}};
+    const DetectionReport r{"bad\xff.jpg", std::nullopt, 1, 1, {}, {}};
     EXPECT_EQ(report_text(r, true), "{\"file\":\"bad\xef\xbf\xbd.jpg\",\"width\":1,\"height\":1,\"boxes\":[]}\n");
 }
 
@@ -65,7 +65,7 @@ TEST(OutputNames, SameStemGetsANumberPerExtension) {
 // hide bytes: control characters and bytes that are not UTF-8 become
 // escapes (\n, \r, \t, \\, \xHH), everything else is written as it is.
 TEST(DetectionReport, NamesAreEscapedInTextSoTheyCannotForgeLines) {
-    DetectionReport r{"evil\n1,2,3,4  score 1.00.jpg", std::nullopt, 640, 480, {box(10, 0.97f, 1)}};
+    DetectionReport r{"evil\n1,2,3,4  score 1.00.jpg", std::nullopt, 640, 480, {box(10, 0.97f, 1)}, {}};
     EXPECT_EQ(report_text(r, false), "evil\\n1,2,3,4  score 1.00.jpg  10,20,97,100  score 0.97  label 1  colours light, none\n");
     r.boxes.clear();
     r.file = std::string("tab\there\rcr\x01\x7f\\back\xff\xc3(.jpg");

@@ -107,7 +107,6 @@ private:
         for (uint32_t k : classes) {
             report.classes.push_back(k < class_names_.size() ? class_names_[k] : std::string());
         }
-        r.text = report_text(report, o_.json);
         r.detections = static_cast<int>(detections_only(report.boxes).size());
         if (!work.draw_path.empty() || work.draw_frame) {
             cv::Mat canvas = picture.pixels.clone();
@@ -123,6 +122,11 @@ private:
                     r.output_problem = e.what();
                 }
             }
+        }
+        if (o_.take_report) {
+            r.report = std::move(report);
+        } else {
+            r.text = report_text(report, o_.json);
         }
         return r;
     }
@@ -415,7 +419,7 @@ int run_batch_detection(const BatchDetectOptions &o) {
         pictures_total += input.kind == InputKind::picture ? 1 : 0;
         any_video = any_video || input.kind == InputKind::video;
     }
-    BatchResults results(o.progress, pictures_total);
+    BatchResults results(o.progress, pictures_total, o.take_report);
     for (const auto &note : expansion.notes) {
         results.note(note);
     }

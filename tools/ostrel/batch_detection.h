@@ -11,10 +11,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "command_support.h"
+#include "detection_report.h"
 #include "ostrel_alg.h"
 #include "video_frames.h"
 
@@ -33,6 +35,11 @@ struct BatchDetectOptions {
     FrameChoice frames;
     bool summary = false;
     bool progress = false;
+    // When set, each picture's and frame's detection goes here, on the
+    // main thread and in input order, instead of being printed: the boxes
+    // as the library returned them (scores unrounded), their classes and
+    // the picture's size (detect --format writes them in other forms).
+    std::function<void(const DetectionReport &)> take_report;
 };
 
 // Runs the detection and returns the exit code: 0 when every input was

@@ -8,17 +8,17 @@
 
 namespace ostrel_tool {
 
-BatchResults::BatchResults(bool progress, int64_t pictures_total)
-    : progress_(stderr, progress || stderr_is_terminal(), stderr_is_terminal()),
+BatchResults::BatchResults(bool progress, int64_t pictures_total,
+                           std::function<void(const DetectionReport &)> take_report)
+    : take_report_(std::move(take_report)),
+      progress_(stderr, progress || stderr_is_terminal(), stderr_is_terminal()),
       start_(std::chrono::steady_clock::now()) {
     state_.pictures_total = pictures_total;
 }
 
 void BatchResults::problem(const std::string &message) {
     progress_.clear();
-    std::fflush(tool_out());
-    std::fprintf(stderr, "ostrel: %s\n", message.c_str());
-    std::fflush(stderr);
+    complain(message);
 }
 
 void BatchResults::note(const std::string &message) { problem("warning: " + message); }
@@ -72,7 +72,11 @@ void BatchResults::take(DetectResult &r) {
     } else {
         ++(r.kind == Kind::frame ? frames_ : pictures_);
         detections_ += r.detections;
-        print(r.text);
+        if (take_report_ && r.report) {
+            take_report_(*r.report);
+        } else {
+            print(r.text);
+        }
     }
     if (!r.output_problem.empty()) {
         problem(r.output_problem);
@@ -104,8 +108,7 @@ void BatchResults::summary(bool interrupted) {
                       detections_ == 1 ? "" : "s", failed_inputs_, s,
                       s > 0 ? static_cast<double>(state_.items_done) / s : 0.0,
                       video_count_ > 0 ? "pictures and frames" : "pictures", interrupted ? " (interrupted)" : "");
-    std::fprintf(stderr, "ostrel: %s\n", text.c_str());
-    std::fflush(stderr);
+    complain(text);
 }
 
 double BatchResults::seconds() const {

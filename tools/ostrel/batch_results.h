@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -19,8 +20,10 @@ namespace ostrel_tool {
 class BatchResults {
 public:
     // progress: show the progress line also off a terminal (on a terminal
-    // it is always shown, rewritten in place).
-    BatchResults(bool progress, int64_t pictures_total);
+    // it is always shown, rewritten in place). take_report, when set, gets
+    // each result's detection instead of its text being printed.
+    BatchResults(bool progress, int64_t pictures_total,
+                 std::function<void(const DetectionReport &)> take_report = nullptr);
 
     // One line on standard error, "ostrel: <message>" (the progress line
     // cleared first).
@@ -59,6 +62,7 @@ private:
         double total_ms = 0.0;
     };
 
+    std::function<void(const DetectionReport &)> take_report_;
     ProgressLine progress_;
     ProgressState state_;
     std::chrono::steady_clock::time_point start_;

@@ -2,10 +2,12 @@
 // comes back, in input order.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include <opencv2/core.hpp>
 
+#include "detection_report.h"
 #include "video_frames.h"
 
 namespace ostrel_tool {
@@ -25,6 +27,9 @@ struct DetectWork {
 struct DetectResult {
     DetectWork::Kind kind = DetectWork::Kind::picture;
     std::string text;            // the lines to print
+    // The detection itself (boxes, scores, classes, picture size), when the
+    // run hands its results on instead of printing them (take_report).
+    std::optional<DetectionReport> report;
     int detections = 0;
     std::string input_problem;   // the input could not be used
     std::string output_problem;  // an output could not be written

@@ -1,11 +1,13 @@
 #include "box_io.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <system_error>
 #include <sstream>
 
 #include "color_names.h"
@@ -203,6 +205,20 @@ std::vector<Rect> read_box_file(const std::string &path, const std::string &clas
 }
 
 double rounded_score(float score) { return std::round(static_cast<double>(score) * 100.0) / 100.0; }
+
+double exact_score(float score) {
+    if (!std::isfinite(score)) {
+        return static_cast<double>(score);
+    }
+    // to_chars and from_chars: the shortest round trip, whatever the locale.
+    char text[64];
+    const auto written = std::to_chars(text, text + sizeof text, score);
+    double value = static_cast<double>(score);
+    if (written.ec == std::errc()) {
+        std::from_chars(text, written.ptr, value);
+    }
+    return value;
+}
 
 nlohmann::ordered_json box_to_json(const ostrel_alg_box &box) {
     nlohmann::ordered_json j;

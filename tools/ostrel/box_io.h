@@ -50,6 +50,12 @@ std::vector<Rect> read_box_file(const std::string &path, const std::string &clas
 // double so that JSON shows 0.87 rather than 0.8700000047683716.
 double rounded_score(float score);
 
+// A score at the full precision of the library's float, as the shortest
+// decimal that reads back as that float (0.8765f gives 0.8765, not
+// 0.87649995088577271): what the label formats write, so that a score
+// keeps every digit the library gave without digits it did not.
+double exact_score(float score);
+
 // One detection: x, y, w, h, score, label, color_main, color_second and the
 // two colour names.
 nlohmann::ordered_json box_to_json(const ostrel_alg_box &box);

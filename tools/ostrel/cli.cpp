@@ -22,9 +22,7 @@ namespace ostrel_tool {
 namespace {
 
 int report(const std::string &message, ExitCode code) {
-    std::fflush(tool_out());
-    std::fprintf(stderr, "ostrel: %s\n", message.c_str());
-    std::fflush(stderr);
+    complain(message);
     return to_int(code);
 }
 

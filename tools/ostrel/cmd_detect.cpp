@@ -29,8 +29,9 @@ struct DetectArguments {
     DetectionOutputOptions output;  // --format, --out, --class, --image-ids
 };
 
-// --format: the batch prints its JSON lines into a DetectionOutput, which
-// writes them in the format asked for.
+// --format: the batch hands every detection (boxes, unrounded scores,
+// classes, picture size) to a DetectionOutput, which writes it in the
+// format asked for.
 int run_detect_into_format(DetectArguments &a) {
     if (a.batch.json) {
         throw usage_error("--json prints the JSON lines; --format jsonl is the same, --format writes other forms");
@@ -57,12 +58,9 @@ int run_detect_into_format(DetectArguments &a) {
     o.inputs.insert(o.inputs.end(), a.batch.lists.begin(), a.batch.lists.end());
     o.inputs.push_back(a.batch.model);
     DetectionOutput output(o);
-    a.batch.json = true;
-    int code = 0;
-    {
-        const ResultSink sink([&output](const std::string &text) { output.take(text); });
-        code = run_batch_detection(a.batch);
-    }
+    a.batch.take_report = [&output](const DetectionReport &report) { output.take(report); };
+    const int code = run_batch_detection(a.batch);
+    a.batch.take_report = nullptr;
     return output.finish(code);
 }
 
@@ -185,7 +183,8 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "  ostrel detect --model car.model --every 5 --start 1:00 --end 2:00 --json --draw out street.mp4\n"
         "  ostrel detect --model rbc.model --class RBC --format labelstudio --out tasks.json data/bccd/images\n"
         "  ostrel detect --model rbc.model --class RBC --format yolo --out labels data/bccd/images\n\n"
-        "--format writes the detections (label 1) for other tools; the whole-run files (jsonl, coco,\n"
+        "--format writes the detections (label 1) for other tools, each score as the library gives it (the\n"
+        "text and JSON lines round to two decimals; jsonl is the JSON lines); the whole-run files (jsonl, coco,\n"
         "labelstudio, cvat, imglab) when the run ends, on standard output or into --out FILE, the\n"
         "per-picture files (voc, yolo) into --out DIR as the results come. Video frames are written by\n"
         "jsonl only. No output replaces the model, an input or a list of the run.\n\n" +

@@ -56,6 +56,44 @@ std::string class_list(const LabelSet &set) {
     return names;
 }
 
+// The groups' names for a message: "a,b', 'c" with separator "', '".
+std::string groups_text(const std::vector<ClassGroup> &groups, const std::string &separator) {
+    std::string text;
+    for (const ClassGroup &g : groups) {
+        text += (text.empty() ? "" : separator) + g.display();
+    }
+    return text;
+}
+
+// Whether a labelled box of this class counts for one of the groups.
+bool measured_label(const std::vector<ClassGroup> &groups, const std::string &name) {
+    return std::any_of(groups.begin(), groups.end(), [&](const ClassGroup &g) { return g.contains(name); });
+}
+
+// The classes measured on a model of several classes: each --class its
+// own (a,b merges names into one), by default every class of the model.
+// A --class that holds none of the model's classes is refused.
+std::vector<ClassGroup> model_groups(const EvalOptions &o, const std::vector<std::string> &model_classes) {
+    std::vector<ClassGroup> groups = class_groups_of(o.classes);
+    if (groups.empty()) {
+        for (const std::string &name : model_classes) {
+            groups.push_back(ClassGroup{{name}});
+        }
+        return groups;
+    }
+    for (const ClassGroup &group : groups) {
+        const bool known = std::any_of(model_classes.begin(), model_classes.end(), [&](const std::string &n) {
+            return group.contains(n) || n == group.display();
+        });
+        if (!known) {
+            std::string listed;
+            for (const std::string &n : model_classes) listed += (listed.empty() ? "" : ", ") + n;
+            throw usage_error("the model has no class '" + group.display() + "' (its classes: " + listed + ")");
+        }
+    }
+    return groups;
+}
+
 LabelSet labels_of(const EvalOptions &o) {
     if (!o.voc_dir.empty()) {
         return read_voc_labels(o.voc_dir);
@@ -95,12 +133,19 @@ LabelBox box_of(const ostrel_alg_box &b, const std::string &class_name) {
     return box;
 }
 
-// model_classes: the model's class names when it names them (a model of
-// several classes); then only the boxes of the evaluated group's classes
-// count.
+// Whether a box of the model's class name is measured by one of groups.
+bool measured(const std::vector<ClassGroup> &groups, const std::string &name) {
+    return std::any_of(groups.begin(), groups.end(),
+                       [&](const ClassGroup &g) { return g.contains(name) || name == g.display(); });
+}
+
+// One detection pass over the picture at each of the two settings, every
+// class of the model at once. model_classes: the model's class names when
+// it has several; then each box keeps its own class name (the figures split
+// the boxes by class) and boxes of classes no group measures are dropped.
+// A model of one class: every box is the one group's.
 PictureBoxes detect_everything(Engine &engine, const Picture &picture, uint32_t sensitivity,
-                               const ClassGroup &group, const std::vector<std::string> &model_classes) {
-    const std::string class_name = group.display();
+                               const std::vector<ClassGroup> &groups, const std::vector<std::string> &model_classes) {
     auto detect = [&](uint32_t s) {
         if (!engine.set_sensitivity(s)) {
             throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
@@ -112,27 +157,26 @@ PictureBoxes detect_everything(Engine &engine, const Picture &picture, uint32_t 
             throw ToolError(ExitCode::failed, "detection failed on '" + picture.path + "'" +
                                                   (reason.empty() ? "" : ": " + reason));
         }
-        if (!model_classes.empty()) {
-            std::vector<ostrel_alg_box> mine;
-            for (size_t i = 0; i < out.size(); ++i) {
-                const std::string &name = model_classes[classes[i]];
-                if (group.contains(name) || name == class_name) mine.push_back(out[i]);
+        // Each measured box, and whether it is a detection (label 1).
+        std::vector<std::pair<LabelBox, bool>> boxes;
+        for (size_t i = 0; i < out.size(); ++i) {
+            const std::string &name = model_classes.empty() ? groups.front().display() : model_classes[classes[i]];
+            if (model_classes.empty() || measured(groups, name)) {
+                boxes.emplace_back(box_of(out[i], name), out[i].label == 1);
             }
-            out.swap(mine);
         }
-        return out;
+        return boxes;
     };
     PictureBoxes boxes;
-    const std::vector<ostrel_alg_box> at_threshold = detect(sensitivity);
-    for (const auto &b : at_threshold) {
-        if (b.label == 1) {
-            boxes.detections.push_back(box_of(b, class_name));
+    const auto at_threshold = detect(sensitivity);
+    for (const auto &[box, detection] : at_threshold) {
+        if (detection) {
+            boxes.detections.push_back(box);
         }
     }
     // The same picture key: the second run only scans the windows again.
-    const std::vector<ostrel_alg_box> all = sensitivity == kMostSensitive ? at_threshold : detect(kMostSensitive);
-    for (const auto &b : all) {
-        boxes.ranked.push_back(box_of(b, class_name));
+    for (const auto &[box, detection] : sensitivity == kMostSensitive ? at_threshold : detect(kMostSensitive)) {
+        boxes.ranked.push_back(box);
     }
     return boxes;
 }
@@ -161,6 +205,20 @@ nlohmann::ordered_json figures_json(const QualityFigures &f) {
     return j;
 }
 
+// The labels must hold at least one object that groups measure.
+void require_objects(const LabelSet &set, const std::vector<ClassGroup> &groups, const std::string &where) {
+    for (const auto &p : set.pictures) {
+        for (const auto &b : p.boxes) {
+            if (measured_label(groups, b.class_name)) {
+                return;
+            }
+        }
+    }
+    const std::string names = class_list(set);
+    throw input_error("no object of class '" + groups_text(groups, "', '") + "' in '" + where + "'" +
+                      (names.empty() ? "" : " (classes there: " + names + ")"));
+}
+
 std::string coco_text(double v) { return v >= 0.0 ? strformat("%.3f", v) : std::string("-"); }
 
 int run_eval(const EvalOptions &o) {
@@ -175,18 +233,30 @@ int run_eval(const EvalOptions &o) {
     }
     const LabelSet set = labels_of(o);
     const std::string where = o.voc_dir.empty() ? o.labels : o.voc_dir;
-    const ClassGroup group = chosen_class(o, set);
-    int objects = 0;
-    for (const auto &p : set.pictures) {
-        for (const auto &b : p.boxes) {
-            objects += group.contains(b.class_name) ? 1 : 0;
+    // A model of several classes is measured class by class, all in one
+    // detection pass per picture; any other model (and detections made
+    // earlier) as one class.
+    // Classes named on the command line are checked against the labels
+    // before the model is read: a misspelt class is named as such even when
+    // the model is the wrong file too.
+    const std::vector<ClassGroup> asked = class_groups_of(o.classes);
+    if (!asked.empty()) {
+        require_objects(set, asked, where);
+    }
+    std::unique_ptr<Engine> engine;
+    std::vector<std::string> model_classes;
+    if (!o.model.empty()) {
+        engine = std::make_unique<Engine>();
+        load_model(*engine, o.model, o.profile);  // the engine takes the file's profile
+        model_classes = named_classes(*engine);
+        if (model_classes.size() < 2) {
+            model_classes.clear();  // one class: every box is the evaluated class's
         }
     }
-    if (objects == 0) {
-        const std::string names = class_list(set);
-        throw input_error("no object of class '" + group.display() + "' in '" + where + "'" +
-                          (names.empty() ? "" : " (classes there: " + names + ")"));
-    }
+    const std::vector<ClassGroup> groups =
+        model_classes.empty() ? std::vector<ClassGroup>{chosen_class(o, set)} : model_groups(o, model_classes);
+    const ClassGroup &group = groups.front();
+    require_objects(set, groups, where);
     for (const auto &note : set.notes) {
         warn(note);
     }
@@ -234,26 +304,9 @@ int run_eval(const EvalOptions &o) {
         if (!missing.empty()) {
             throw input_error(missing);
         }
-        Engine engine;
-        load_model(engine, o.model, o.profile);  // the engine takes the file's profile
-        // A model of several classes is measured on the evaluated class's
-        // boxes only.
-        std::vector<std::string> model_classes = named_classes(engine);
-        if (model_classes.size() > 1) {
-            const bool known = std::any_of(model_classes.begin(), model_classes.end(), [&](const std::string &n) {
-                return group.contains(n) || n == group.display();
-            });
-            if (!known) {
-                std::string listed;
-                for (const std::string &n : model_classes) listed += (listed.empty() ? "" : ", ") + n;
-                throw usage_error("the model has no class '" + group.display() + "' (its classes: " + listed + ")");
-            }
-        } else {
-            model_classes.clear();  // one class: every box is the evaluated class's
-        }
         for (size_t i = 0; i < used.size(); ++i) {
             const Picture picture = load_picture(used[i]->picture_path);
-            found[i] = detect_everything(engine, picture, o.sensitivity, group, model_classes);
+            found[i] = detect_everything(*engine, picture, o.sensitivity, groups, model_classes);
         }
     }
     for (size_t i = 0; i < used.size(); ++i) {
@@ -265,7 +318,7 @@ int run_eval(const EvalOptions &o) {
         e.ranked = std::move(found[i].ranked);
         pictures.push_back(std::move(e));
     }
-    const QualityReport report = evaluate_detections(pictures, {group}, o.iou);
+    const QualityReport report = evaluate_detections(pictures, groups, o.iou);
     const QualityFigures &s = report.overall;
 
     if (o.json) {
@@ -310,12 +363,25 @@ int run_eval(const EvalOptions &o) {
                               p.true_positives, p.false_positives,
                               p.objects > 0 ? 100.0 * p.true_positives / p.objects : 0.0));
         }
+        if (report.classes.size() > 1) {
+            println(strformat("%-20s %7s %10s %4s %4s %9s %6s %6s %6s %8s", "class", "objects", "detections", "TP",
+                              "FP", "precision", "recall", "F1", "AP", "COCO AP"));
+            for (const QualityFigures &c : report.classes) {
+                println(strformat("%-20s %7d %10d %4d %4d %9.3f %6.3f %6.3f %6.3f %8s", c.name.c_str(), c.objects,
+                                  c.detections, c.true_positives, c.false_positives, c.precision, c.recall, c.f1,
+                                  c.ap, coco_text(c.coco_ap).c_str()));
+            }
+        }
+        // Several classes: the counts summed, the APs averaged over the
+        // classes with objects.
+        const std::string measured_classes =
+            report.classes.size() == 1 ? group.display()
+                                       : strformat("all %zu (APs averaged)", report.classes.size());
         const std::string setting =
             o.model.empty() ? "detections " + o.detections : strformat("sensitivity %u", o.sensitivity);
-        println(strformat("class %s, IoU >= %.2f, %s: %zu pictures, %d objects, %d detections", s.name == "all"
-                                                                                             ? group.display().c_str()
-                                                                                             : s.name.c_str(),
-                          o.iou, setting.c_str(), report.pictures.size(), s.objects, s.detections));
+        println(strformat("class %s, IoU >= %.2f, %s: %zu pictures, %d objects, %d detections",
+                          measured_classes.c_str(), o.iou, setting.c_str(), report.pictures.size(), s.objects,
+                          s.detections));
         println(strformat("true positives %d, false positives %d, missed %d", s.true_positives, s.false_positives,
                           s.false_negatives));
         println(strformat("precision %.3f", s.precision));
@@ -352,8 +418,9 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
                     "pictures (JPEGImages/, images/ or next to the annotations)")
         ->type_name("DIR");
     sub->add_option("--class", o->classes,
-                    "the class the model finds; repeat it or give a,b to count several label classes as that one "
-                    "(a model holds one class today); may be left out when the labels hold one class")
+                    "the class the model finds; repeat it or give a,b to count several label classes as that one; "
+                    "may be left out when the labels hold one class. A model of several classes: each --class is "
+                    "measured on its own (a,b merges), by default every class of the model")
         ->type_name("NAME")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -385,6 +452,9 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         "IoU .50:.05:.95, at most 100 boxes a picture) rank every box the detector returns: the\n"
         "detections and the boxes below the threshold: all that sensitivity 100 finds (a second run).\n"
         "Pictures without labelled objects count too: what is found there is a false positive.\n\n"
+        "A model of several classes is measured class by class from one detection pass per picture (per\n"
+        "setting): each box counts for its own class; the overall figures sum the counts and average the\n"
+        "APs over the classes that have objects.\n\n"
         "A model scored on its own training picture looks better than it is: leave that picture out with\n"
         "--skip PICTURE (model files do not record their training pictures). Left-out pictures are listed.\n\n"
         "Examples:\n"

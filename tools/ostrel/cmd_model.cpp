@@ -34,11 +34,10 @@ int run_check(const std::string &model, int32_t requested) {
         }
         return to_int(ExitCode::ok);
     }
-    std::fflush(tool_out());
     if (verdict.library_accepts && !verdict.contradiction.empty()) {
-        std::fprintf(stderr, "ostrel: %s\n", verdict.contradiction.c_str());
+        complain(verdict.contradiction);
     } else {
-        std::fprintf(stderr, "ostrel: %s: not valid: %s\n", model.c_str(), verdict.problem.c_str());
+        complain(model + ": not valid: " + verdict.problem);
     }
     return to_int(ExitCode::failed);
 }

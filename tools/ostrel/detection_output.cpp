@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "atomic_file.h"
+#include "box_io.h"
 #include "exit_codes.h"
 #include "labels/coco_labels.h"
 #include "labels/label_formats.h"
@@ -30,11 +31,7 @@ bool same_file(const std::string &a, const std::string &b) {
     return fs::exists(a, ec) && fs::exists(b, ec) && fs::equivalent(a, b, ec);
 }
 
-void problem(const std::string &message) {
-    std::fflush(tool_out());
-    std::fprintf(stderr, "ostrel: %s\n", message.c_str());
-    std::fflush(stderr);
-}
+void problem(const std::string &message) { complain(message); }
 
 }  // namespace
 
@@ -98,21 +95,17 @@ DetectionOutput::DetectionOutput(DetectionOutputOptions options) : state_(std::m
 
 DetectionOutput::~DetectionOutput() = default;
 
-void DetectionOutput::take(const std::string &text) {
+void DetectionOutput::take(const DetectionReport &report) {
     State &s = *state_;
-    nlohmann::ordered_json line;
-    try {
-        line = nlohmann::ordered_json::parse(text);
-    } catch (const std::exception &) {
-        return;  // not a result line
-    }
     if (s.jsonl) {
-        if (s.o.class_given) {
-            for (auto &box : line["boxes"]) {
-                if (!box.contains("class")) box["class"] = s.o.classes.front();
-            }
+        std::string out;
+        if (s.o.class_given && report.classes.empty()) {
+            DetectionReport named = report;
+            named.classes.assign(named.boxes.size(), s.o.classes.front());
+            out = report_text(named, true);
+        } else {
+            out = report_text(report, true);
         }
-        const std::string out = line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
         if (s.o.out.empty()) {
             std::fwrite(out.data(), 1, out.size(), tool_out());
         } else {
@@ -120,8 +113,8 @@ void DetectionOutput::take(const std::string &text) {
         }
         return;
     }
-    const std::string file = line.value("file", std::string());
-    if (line.contains("frame")) {
+    const std::string &file = report.file;
+    if (report.frame) {
         if (s.videos_passed_over.insert(file).second) {
             problem("video '" + file + "': --format " + std::string(format_name(s.format)) +
                     " describes pictures; the frames are passed over (--format jsonl writes them)");
@@ -131,22 +124,17 @@ void DetectionOutput::take(const std::string &text) {
     LabelledPicture picture;
     picture.picture_path = file;
     picture.name = file_name_of(file);
-    picture.width = line.value("width", 0);
-    picture.height = line.value("height", 0);
+    picture.width = report.width;
+    picture.height = report.height;
     picture.id = static_cast<int64_t>(s.run.pictures.size() + 1);
-    for (const auto &b : line["boxes"]) {
-        if (b.value("label", 1) != 1) {
+    for (size_t i = 0; i < report.boxes.size(); ++i) {
+        const ostrel_alg_box &b = report.boxes[i];
+        if (b.label != 1) {
             continue;  // boxes below the threshold are not detections
         }
-        LabelBox box;
         // A model with named classes gives each box its own.
-        box.class_name = b.contains("class") && b["class"].is_string() ? b["class"].get<std::string>()
-                                                                        : s.o.classes.front();
-        box.x = b.value("x", 0.0);
-        box.y = b.value("y", 0.0);
-        box.w = b.value("w", 0.0);
-        box.h = b.value("h", 0.0);
-        box.score = b.value("score", 0.0);
+        LabelBox box = label_box_of(rect_of(b), i < report.classes.size() ? report.classes[i] : s.o.classes.front());
+        box.score = exact_score(b.score);
         picture.boxes.push_back(box);
     }
     if (!writes_file_per_picture(s.format)) {

@@ -1,7 +1,7 @@
 // detect --format: the detections of a run written as labels of another
-// tool. The batch detection prints a JSON line per picture (its one result
-// record); while it runs, those lines come here instead (ResultSink), are
-// read back into the neutral label record and written:
+// tool. The batch detection hands each picture's detection here (its
+// DetectionReport: boxes, unrounded scores, classes, picture size), which
+// is turned into the neutral label record and written:
 //   jsonl        the --json lines, each box with "class" appended when
 //                --class was given (a model with named classes gives each
 //                box its own); on standard output, or --out FILE;
@@ -16,8 +16,9 @@
 // with the pictures done), atomically; per-picture files as the results
 // come. No output replaces the model, an input or a list of the run, and
 // the tool's output rules hold (no folder, device or FIFO is written over).
-// Scores are those of the JSON lines: two decimals (the classic profile's
-// own steps).
+// Scores: the jsonl lines are the --json lines (two decimals); every other
+// format gets the library's score whole (exact_score), written to the
+// format's own precision.
 #pragma once
 
 #include <memory>
@@ -25,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "detection_report.h"
 #include "labels/label_set.h"
 
 namespace ostrel_tool {
@@ -46,8 +48,8 @@ public:
     explicit DetectionOutput(DetectionOutputOptions options);
     ~DetectionOutput();
 
-    // One result line of the batch detection (a JSON line per picture).
-    void take(const std::string &text);
+    // One picture's or video frame's detection, in input order.
+    void take(const DetectionReport &report);
 
     // Writes the whole-run output and returns the run's exit code from the
     // batch's: 4 when an output could not be written, 3 when video frames

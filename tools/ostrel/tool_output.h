@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdio>
-#include <functional>
 #include <string>
 
 namespace ostrel_tool {
@@ -23,22 +22,25 @@ std::FILE *tool_out();
 // printf-style formatting into a std::string.
 std::string strformat(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// While a ResultSink lives, print() hands its text to the sink instead of
-// writing it (detect --format turns the result lines into another format).
-// Used on the main thread only.
-class ResultSink {
-public:
-    explicit ResultSink(std::function<void(const std::string &text)> sink);
-    ~ResultSink();
-    ResultSink(const ResultSink &) = delete;
-    ResultSink &operator=(const ResultSink &) = delete;
-};
-
 // Writes text to tool_out() as it is (no newline added).
 void print(const std::string &text);
 // Writes text and a newline to tool_out().
 void println(const std::string &text);
-// Writes one line to standard error: "ostrel: warning: <text>".
+// Text that stays one line wherever the tool writes it: control characters
+// (C0, DEL and C1) and bytes that are not UTF-8 become escapes (\n, \r, \t,
+// \xHH); everything else is written as it is. With escape_backslashes a
+// backslash becomes \\ too, so that no name can pass for an escape (file
+// names in the detection lines); messages keep theirs, as Windows paths
+// hold them.
+std::string printable_text(const std::string &text, bool escape_backslashes);
+
+// Writes one line to standard error: "ostrel: <text>", with text made
+// printable (above), so that a file name in a message can never start a
+// line of its own or send the terminal a control sequence. Flushes the
+// tool's standard output first, so the order of the two streams is kept.
+void complain(const std::string &text);
+
+// Writes one line to standard error: "ostrel: warning: <text>" (as complain).
 void warn(const std::string &text);
 
 }  // namespace ostrel_tool

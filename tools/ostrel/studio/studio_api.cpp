@@ -260,7 +260,10 @@ ApiResponse StudioApi::handle(const ApiRequest &request) {
 
 ApiResponse StudioApi::route(const ApiRequest &request) {
     const std::vector<std::string> p = split_path(request.path);
-    const std::string &m = request.method;
+    // HEAD is GET without the body (the server leaves the body out), so a
+    // client that checks a picture or a reply's size first is answered as
+    // GET is, never with 405.
+    const std::string m = request.method == "HEAD" ? std::string("GET") : request.method;
     if (p.size() < 3 || p[0] != "" || p[1] != "api") {
         throw ApiError(http_status::not_found, "no such address: " + request.path);
     }
@@ -398,19 +401,22 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
             require_file_body(request, FileKind::model);
             bool named = false;
             std::string class_name = query_value(request, "class", &named);
-            bool known = true;
             if (named) {
                 LabelStore::check_class_name(class_name);
-                known = false;
-                for (const StudioClass &c : labels_.classes()) known = known || c.name == class_name;
             } else {
                 class_name = default_class();
             }
             // Without a class the model replaces the whole detector, as it
             // did when the studio had one class. A new class joins the list
             // once its model is taken: a refused file changes nothing.
-            workspace_.load_model(request.body, query_value(request, "name"), class_name, !named);
-            if (!known) labels_.add_class(class_name, "");
+            // The file's classes (a file of several names its own) join the list.
+            const std::vector<std::string> loaded =
+                workspace_.load_model(request.body, query_value(request, "name"), class_name, !named);
+            for (const std::string &c : loaded) {
+                bool listed = false;
+                for (const StudioClass &k : labels_.classes()) listed = listed || k.name == c;
+                if (!listed) labels_.add_class(c, "");
+            }
             nlohmann::ordered_json j = workspace_.status();
             return json_response(j);
         }

@@ -1,5 +1,6 @@
 #include "workspace.h"
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include "api_error.h"
 #include "atomic_file.h"
 #include "command_support.h"
+#include "label_store.h"
 #include "model_info.h"
 #include "model_usability.h"
 #include "tool_error.h"
@@ -50,6 +52,14 @@ struct ScratchFile {
         fs::remove(path, ec);
     }
 };
+
+// Makes a class the current one of an engine. The tool's Engine has no call
+// for this; the C interface does (index 0 is accepted on an engine of one
+// class). Its log line on a refusal is of no use to a person: the caller
+// says what failed.
+bool select_class_of(Engine &engine, uint32_t index) {
+    return ostrel_alg_setClass(engine.handle(), index) == 0;
+}
 
 }  // namespace
 
@@ -231,9 +241,132 @@ bool Workspace::train_list(ClassDetector &d, Engine &engine, const std::vector<T
 void Workspace::refresh_samples(ClassDetector &d) {
     ++generation_;
     d.profile = d.engine->profile();
-    if (!d.engine->samples(d.thumbnails)) {
+    if (!d.trained || !select_class(d) || !d.engine->samples(d.thumbnails)) {
         d.thumbnails.clear();
     }
+}
+
+bool Workspace::select_class(ClassDetector &d) {
+    return select_class_of(*d.engine, d.class_index);
+}
+
+bool Workspace::shares_engine(const ClassDetector &d) const {
+    return learns_any_size() && !d.own_engine;
+}
+
+std::vector<Workspace::ClassDetector *> Workspace::shared_classes() {
+    std::vector<ClassDetector *> out;
+    for (ClassDetector &d : detectors_) {
+        if (d.trained && shares_engine(d)) out.push_back(&d);
+    }
+    std::sort(out.begin(), out.end(),
+              [](const ClassDetector *a, const ClassDetector *b) { return a->class_index < b->class_index; });
+    return out;
+}
+
+bool Workspace::rebuild_shared(ClassDetector &changed, const std::vector<TaughtPicture> &list, std::string &failure) {
+    // The classes that learn: every sharing class with pictures to learn
+    // from, in the order the classes were first trained.
+    std::vector<ClassDetector *> members;
+    for (ClassDetector &d : detectors_) {
+        if (!shares_engine(d)) continue;
+        const std::vector<TaughtPicture> &l = &d == &changed ? list : d.taught;
+        if (!l.empty()) members.push_back(&d);
+    }
+    std::shared_ptr<Engine> engine = fresh_engine();
+    // One class stays unnamed, in an engine as it always was; several are
+    // named, which is what lets the library hold them in one engine.
+    const bool named = members.size() > 1;
+    bool skipped = false;
+    for (ClassDetector *m : members) {
+        const std::vector<TaughtPicture> &l = m == &changed ? list : m->taught;
+        if (named && !engine->add_class(m->name)) {
+            const std::string reason = engine->last_line();
+            failure = "the class '" + m->name + "' cannot join the model" + (reason.empty() ? "" : ": " + reason);
+            return false;
+        }
+        if (!engine->set_sensitivity(settings_.train_sensitivity) || !train_list(*m, *engine, l, failure)) {
+            if (failure.empty()) failure = "the library refused the settings: " + engine->last_line();
+            return false;
+        }
+        skipped = skipped || monitor_.skipped_boxes() > 0;
+    }
+    for (ClassDetector &d : detectors_) {
+        if (!shares_engine(d)) continue;
+        d.taught = &d == &changed ? list : d.taught;
+        const auto at = std::find(members.begin(), members.end(), &d);
+        if (at == members.end()) {
+            // Nothing left to learn from (or only a model file's knowledge,
+            // which a rebuild cannot keep).
+            d.engine = fresh_engine();
+            d.class_index = 0;
+            d.taught.clear();
+            d.trained = false;
+        } else {
+            d.engine = engine;
+            d.class_index = static_cast<uint32_t>(at - members.begin());
+            d.trained = true;
+            d.model_name.clear();
+        }
+        d.boxes_skipped = skipped;
+        refresh_samples(d);
+    }
+    return true;
+}
+
+void Workspace::train_shared_locked(ClassDetector &d, const std::string &name, const std::vector<Rect> &boxes,
+                                    std::string &failure, bool &rebuilt) {
+    bool known = false;
+    for (const TaughtPicture &t : d.taught) {
+        known = known || t.name == name;
+    }
+    std::vector<ClassDetector *> shared = shared_classes();
+    const bool member = d.trained && std::find(shared.begin(), shared.end(), &d) != shared.end();
+    // A new picture of a class the engine holds, or a new class beside
+    // named ones: the library adds to what it holds. Anything else (a
+    // picture taught again, the second class of an unnamed engine) is a
+    // rebuild, which keeps the engine exactly what the lists say.
+    const bool adds = !known && (member || shared.empty() || shared.size() > 1);
+    if (adds) {
+        std::shared_ptr<Engine> engine = shared.empty() ? d.engine : shared.front()->engine;
+        uint32_t index = member ? d.class_index : 0;
+        bool ok = engine->set_sensitivity(settings_.train_sensitivity);
+        if (ok && !member && !shared.empty()) {
+            ok = engine->add_class(d.name);
+            index = static_cast<uint32_t>(shared.size());
+        }
+        ok = ok && select_class_of(*engine, index);
+        monitor_.picture(name, detectors_.size() > 1 ? d.name : "");
+        const auto picture = store_.picture(name);
+        if (ok && engine->train(*picture, marked_boxes(boxes))) {
+            d.engine = engine;
+            d.class_index = index;
+            d.taught.push_back({name, boxes});
+            d.boxes_skipped = d.boxes_skipped || monitor_.skipped_boxes() > 0;
+            d.trained = true;
+            d.model_name.clear();
+            for (ClassDetector *c : shared) refresh_samples(*c);
+            refresh_samples(d);
+            return;
+        }
+        const std::string reason = engine->last_line();
+        failure = "training on '" + name + "' failed" + (reason.empty() ? "" : ": " + reason);
+        // The failed call may have left part of the picture (or a class) in
+        // the engine: go back to what the lists say.
+        std::string ignored;
+        rebuild_shared(d, d.taught, ignored);
+        return;
+    }
+    std::vector<TaughtPicture> list = d.taught;
+    if (known) {
+        for (TaughtPicture &t : list) {
+            if (t.name == name) t.boxes = boxes;
+        }
+    } else {
+        list.push_back({name, boxes});
+    }
+    rebuilt = true;
+    rebuild_shared(d, list, failure);
 }
 
 bool Workspace::trained_locked() const {
@@ -262,6 +395,10 @@ TrainOutcome Workspace::outcome(double ms, bool rebuilt) {
 
 void Workspace::train_locked(ClassDetector &d, const std::string &name, const std::vector<Rect> &boxes,
                              std::string &failure, bool &rebuilt) {
+    if (shares_engine(d)) {
+        train_shared_locked(d, name, boxes, failure, rebuilt);
+        return;
+    }
     const auto picture = store_.picture(name);
     bool known = false;
     for (const TaughtPicture &t : d.taught) {
@@ -316,6 +453,10 @@ void Workspace::forget_picture_locked(ClassDetector &d, const std::string &name,
         if (t.name != name) list.push_back(t);
     }
     if (list.size() == d.taught.size()) return;
+    if (shares_engine(d)) {
+        rebuild_shared(d, list, failure);
+        return;
+    }
     auto engine = fresh_engine();
     if (list.empty() || train_list(d, *engine, list, failure)) {
         d.engine = std::move(engine);
@@ -436,25 +577,44 @@ DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivi
     DetectOutcome out;
     out.width = entry.width;
     out.height = entry.height;
+    // Each engine runs once: the shared one finds every class it holds.
+    std::vector<Engine *> done;
     for (ClassDetector &d : detectors_) {
-        if (!d.trained) continue;
-        if (!d.engine->set_sensitivity(sensitivity)) {
+        if (!d.trained || std::find(done.begin(), done.end(), d.engine.get()) != done.end()) continue;
+        Engine &engine = *d.engine;
+        done.push_back(&engine);
+        std::map<uint32_t, std::string> names;
+        std::string who;
+        for (const ClassDetector &c : detectors_) {
+            if (c.trained && c.engine.get() == &engine) {
+                names[c.class_index] = c.name;
+                who += (who.empty() ? "" : ", ") + c.name;
+            }
+        }
+        if (!engine.set_sensitivity(sensitivity)) {
             throw ApiError(http_status::bad_request, strformat("the library refused sensitivity %u", sensitivity));
         }
         std::vector<ostrel_alg_box> boxes;
+        std::vector<uint32_t> classes;
         const auto start = Clock::now();
-        const bool ok = d.engine->detect(*picture, boxes);
+        const bool ok = engine.detect(*picture, boxes, &classes);
         out.ms += ms_since(start);
         if (!ok) {
             // Between a model and a picture (a size it cannot search there,
             // say): the library's reason goes to the person, as a refusal.
-            const std::string reason = d.engine->last_line();
+            const std::string reason = engine.last_line();
             throw ApiError(http_status::unprocessable,
-                           "the " + d.name + " detector cannot detect on '" + name + "'" +
+                           "the " + who + " detector cannot detect on '" + name + "'" +
                                (reason.empty() ? "" : ": " + reason));
         }
-        out.boxes.insert(out.boxes.end(), boxes.begin(), boxes.end());
-        out.box_classes.insert(out.box_classes.end(), boxes.size(), d.name);
+        for (size_t i = 0; i < boxes.size(); ++i) {
+            const auto n = names.find(i < classes.size() ? classes[i] : 0);
+            // Every class of an engine is a detector here; a box of any other
+            // would be the library's error, and is left out rather than misnamed.
+            if (n == names.end()) continue;
+            out.boxes.push_back(boxes[i]);
+            out.box_classes.push_back(n->second);
+        }
     }
     return out;
 }
@@ -538,7 +698,12 @@ TrainOutcome Workspace::remove_sample_here(size_t index) {
     const auto start = Clock::now();
     std::string failure;
     bool rebuilt = false;
-    if (list.empty()) {
+    const bool alone = !shares_engine(d) || shared_classes().size() == 1;
+    if (shares_engine(d) && (!alone || list.empty())) {
+        // The shared engine learns every class's list again.
+        rebuild_shared(d, list, failure);
+        rebuilt = true;
+    } else if (list.empty()) {
         // The last sample: nothing is left to learn from.
         d.engine = fresh_engine();
         d.trained = false;
@@ -577,24 +742,31 @@ std::string Workspace::model_bytes_here(const std::string &class_name) {
     }
     ClassDetector *d = nullptr;
     if (class_name.empty()) {
-        std::vector<std::string> names;
+        // One model file holds every trained class when they are in one engine.
+        std::vector<Engine *> engines;
         for (ClassDetector &c : detectors_) {
-            if (c.trained) {
-                names.push_back(c.name);
+            if (c.trained && std::find(engines.begin(), engines.end(), c.engine.get()) == engines.end()) {
+                engines.push_back(c.engine.get());
                 d = &c;
             }
         }
-        if (names.size() > 1) {
-            std::string list;
-            for (const std::string &n : names) list += (list.empty() ? "" : ", ") + n;
-            throw ApiError(http_status::conflict, "several classes are trained (" + list +
-                                                      "): a model file holds one class, name it with ?class=NAME");
+        if (engines.size() > 1) {
+            // Why they are apart, and what makes them one.
+            const std::string why = learns_any_size()
+                                        ? "a class opened from its own model file keeps it"
+                                        : "the classic profile learns one class a model; one model of several "
+                                          "classes needs the accurate profile";
+            throw ApiError(http_status::conflict, "the classes " + other_trained_locked("") + " are in " +
+                                                      std::to_string(engines.size()) + " models (" + why +
+                                                      "): name the class of one with ?class=NAME");
         }
     } else {
         d = find_detector(class_name);
         if (d == nullptr || !d->trained) {
             throw ApiError(http_status::not_found, "no model of the class '" + class_name + "' yet");
         }
+        // A class of the shared engine: its file is the one of every class
+        // the engine holds (the library writes them together).
     }
     ScratchFile file{scratch_path("export")};
     if (!d->engine->export_model(file.path)) {
@@ -607,8 +779,8 @@ std::string Workspace::model_bytes_here(const std::string &class_name) {
     return read_file(file.path);
 }
 
-void Workspace::load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
-                                bool replace_all) {
+std::vector<std::string> Workspace::load_model_here(const std::string &bytes, const std::string &name,
+                                                    const std::string &class_name, bool replace_all) {
     if (bytes.size() > settings_.max_model_bytes) {
         throw ApiError(http_status::payload_too_large,
                        strformat("a model file is at most %zu KiB; this one has %zu bytes",
@@ -627,9 +799,24 @@ void Workspace::load_model_here(const std::string &bytes, const std::string &nam
                        "this model file is not valid: " + model_problem(file.path, checker->last_line()));
     }
     std::string reason;
-    std::unique_ptr<Engine> engine = import_usable(file.path, reason);
+    std::shared_ptr<Engine> engine = import_usable(file.path, reason);
     if (!engine) {
         throw ApiError(http_status::unprocessable, "this model cannot be used: " + reason);
+    }
+    // A file of several classes names them; one of one class (named or
+    // not) becomes the class the person chose.
+    const std::vector<std::string> file_classes = engine->class_names();
+    const bool several = file_classes.size() > 1;
+    // A file of several classes brings the detector whole: its classes
+    // replace every class's model, whichever class the person had chosen.
+    replace_all = replace_all || several;
+    // Its names become the studio's classes (label files carry them).
+    for (const std::string &n : several ? file_classes : std::vector<std::string>{}) {
+        try {
+            LabelStore::check_class_name(n);
+        } catch (const ApiError &e) {
+            throw ApiError(http_status::unprocessable, std::string("this model file's class cannot be a label: ") + e.what());
+        }
     }
     // The file decides the profile; one studio detects under one profile.
     const std::string file_profile = profile_name(engine->profile());
@@ -653,13 +840,23 @@ void Workspace::load_model_here(const std::string &bytes, const std::string &nam
     if (replace_all) {
         detectors_.clear();
     }
-    ClassDetector &d = detector(class_name);
-    d.engine = std::move(engine);
-    d.taught.clear();
-    d.boxes_skipped = false;
-    d.trained = true;
-    d.model_name = name.empty() ? "model file" : name;
-    refresh_samples(d);
+    const std::vector<std::string> classes = several ? file_classes : std::vector<std::string>{class_name};
+    for (size_t i = 0; i < classes.size(); ++i) {
+        ClassDetector &d = detector(classes[i]);
+        d.engine = engine;
+        d.class_index = static_cast<uint32_t>(i);
+        // The classes of one file stay in its engine, which the studio's
+        // training under the accurate profile adds to; the class of a
+        // one-class file keeps its own engine beside the studio's (a
+        // rebuild of the shared engine would drop what it learnt).
+        d.own_engine = !several;
+        d.taught.clear();
+        d.boxes_skipped = false;
+        d.trained = true;
+        d.model_name = name.empty() ? "model file" : name;
+        refresh_samples(d);
+    }
+    return classes;
 }
 
 std::unique_ptr<Engine> Workspace::import_usable(const std::string &path, std::string &reason) {
@@ -745,11 +942,28 @@ ProfileChange Workspace::set_profile_here(const std::string &profile, const std:
     std::vector<std::unique_ptr<Engine>> engines(detectors_.size());
     std::string failure;
     bool skipped = false;
-    for (size_t i = 0; i < detectors_.size() && failure.empty(); ++i) {
-        if (!detectors_[i].trained) continue;
-        engines[i] = fresh_engine();
-        if (!train_list(detectors_[i], *engines[i], detectors_[i].taught, failure)) break;
-        skipped = skipped || monitor_.skipped_boxes() > 0;
+    if (learns_any_size()) {
+        // Every class learns again in one engine (each class's list is kept).
+        std::vector<bool> own;
+        for (ClassDetector &d : detectors_) {
+            own.push_back(d.own_engine);
+            d.own_engine = false;
+        }
+        ClassDetector *first = nullptr;
+        for (ClassDetector &d : detectors_) {
+            if (d.trained && first == nullptr) first = &d;
+        }
+        std::vector<TaughtPicture> list = first->taught;
+        if (!rebuild_shared(*first, list, failure)) {
+            for (size_t i = 0; i < detectors_.size(); ++i) detectors_[i].own_engine = own[i];
+        }
+    } else {
+        for (size_t i = 0; i < detectors_.size() && failure.empty(); ++i) {
+            if (!detectors_[i].trained) continue;
+            engines[i] = fresh_engine();
+            if (!train_list(detectors_[i], *engines[i], detectors_[i].taught, failure)) break;
+            skipped = skipped || monitor_.skipped_boxes() > 0;
+        }
     }
     const double ms = ms_since(start);
     monitor_.end(failure.empty());
@@ -760,10 +974,14 @@ ProfileChange Workspace::set_profile_here(const std::string &profile, const std:
     }
     std::vector<ClassDetector> kept;
     for (size_t i = 0; i < detectors_.size(); ++i) {
-        if (!engines[i]) continue;  // untrained: made afresh when it is trained
-        detectors_[i].engine = std::move(engines[i]);
-        detectors_[i].boxes_skipped = skipped;
-        refresh_samples(detectors_[i]);
+        if (!detectors_[i].trained) continue;  // made afresh when it is trained
+        if (engines[i]) {
+            detectors_[i].engine = std::move(engines[i]);
+            detectors_[i].class_index = 0;
+            detectors_[i].own_engine = false;
+            detectors_[i].boxes_skipped = skipped;
+            refresh_samples(detectors_[i]);
+        }
         kept.push_back(std::move(detectors_[i]));
     }
     detectors_ = std::move(kept);
@@ -793,9 +1011,9 @@ std::string Workspace::model_bytes(const std::string &class_name) {
     return engine_thread_.run([&] { return model_bytes_here(class_name); });
 }
 
-void Workspace::load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
-                           bool replace_all) {
-    engine_thread_.run([&] { load_model_here(bytes, name, class_name, replace_all); });
+std::vector<std::string> Workspace::load_model(const std::string &bytes, const std::string &name,
+                                               const std::string &class_name, bool replace_all) {
+    return engine_thread_.run([&] { return load_model_here(bytes, name, class_name, replace_all); });
 }
 
 void Workspace::reset() {
@@ -812,14 +1030,36 @@ std::string Workspace::profile() {
 }
 
 void Workspace::rename_class(const std::string &from, const std::string &to) {
+    engine_thread_.run([&] { rename_class_here(from, to); });
+}
+
+void Workspace::rename_class_here(const std::string &from, const std::string &to) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (find_detector(to) != nullptr) {
         throw ApiError(http_status::conflict, "there is a detector of the class '" + to + "' already");
     }
-    if (ClassDetector *d = find_detector(from)) {
-        d->name = to;
-        ++generation_;
+    ClassDetector *d = find_detector(from);
+    if (d == nullptr) return;
+    d->name = to;
+    ++generation_;
+    // The library keeps the names of a shared engine's classes, which its
+    // model file carries: it learns again under the new name. A class
+    // known only from a model file cannot learn again; detection names it
+    // right all the same (the studio maps class indices to its own names),
+    // and its model file keeps the old name.
+    bool named = false, rebuildable = true;
+    for (const ClassDetector &c : detectors_) {
+        if (&c != d && c.trained && c.engine == d->engine) named = true;
     }
+    for (const ClassDetector &c : detectors_) {
+        if (c.trained && c.engine == d->engine && c.taught.empty()) rebuildable = false;
+    }
+    if (!named || !rebuildable || !shares_engine(*d)) return;
+    monitor_.begin("rename " + from);
+    std::string failure;
+    const std::vector<TaughtPicture> list = d->taught;
+    rebuild_shared(*d, list, failure);
+    monitor_.end(failure.empty());
 }
 
 std::vector<TaughtPicture> Workspace::taught() {
@@ -871,10 +1111,22 @@ nlohmann::ordered_json Workspace::status() {
     j["profile"] = settings_.profile;
     j["seed"] = settings_.seed;
     j["train_sensitivity"] = settings_.train_sensitivity;
+    std::vector<const Engine *> engines;
+    for (const ClassDetector &d : detectors_) {
+        if (d.trained && std::find(engines.begin(), engines.end(), d.engine.get()) == engines.end()) {
+            engines.push_back(d.engine.get());
+        }
+    }
+    j["model_files"] = engines.size();
     nlohmann::ordered_json classes = nlohmann::ordered_json::array();
     for (const ClassDetector &d : detectors_) {
+        bool shared = false;
+        for (const ClassDetector &c : detectors_) {
+            shared = shared || (&c != &d && c.trained && d.trained && c.engine == d.engine);
+        }
         classes.push_back({{"name", d.name}, {"trained", d.trained}, {"samples", d.thumbnails.size()},
-                           {"pictures", d.taught.size()}, {"model", d.model_name}, {"profile", profile_name(d.profile)}});
+                           {"pictures", d.taught.size()}, {"model", d.model_name}, {"profile", profile_name(d.profile)},
+                           {"shared", shared}});
     }
     j["detectors"] = classes;
     return j;

@@ -2,12 +2,13 @@
 // operation the page asks of it.
 //
 // This is the one place the studio asks to "train these classes" and to
-// "detect all classes". Until the library has models of several classes,
-// it holds one library engine per class (each learns its class as "the
-// object"); every engine runs on the same thread, so a picture's features,
-// which the library keeps per thread, are computed once for all classes.
-// When the library's several-class model arrives, the classes move into
-// one engine here and nothing above this interface changes.
+// "detect all classes". Under the accurate profile every class the studio
+// trains lives in one library engine of several classes (one class stays
+// the unnamed class of an engine of its own, so its model file is the one
+// it always was): a picture is detected once for all classes, and the
+// model is one file holding every class. The classic profile learns one
+// class an engine, so there each class has an engine of its own; a class
+// opened from a one-class model file keeps the engine of that file too.
 //
 // The library takes no locks and allows one thread per engine, so every
 // call into an engine happens with the workspace's mutex held, on the one
@@ -22,7 +23,10 @@
 // Training a picture that is on the list again (its boxes changed), or
 // removing a sample the library cannot remove by index, rebuilds that
 // class's engine from the list: a fresh engine trains every listed picture
-// in order, so the engine always holds exactly what the list says.
+// in order, so the engine always holds exactly what the list says. The one
+// engine of the accurate profile's classes is rebuilt from every class's
+// list (a class it holds only from a model file, with no list, is dropped
+// by a rebuild, as a one-class model file's knowledge always was).
 #pragma once
 
 #include <cstdint>
@@ -143,20 +147,25 @@ public:
     // Removes a sample and retrains its class. Throws 404 for an index past the list.
     TrainOutcome remove_sample(size_t index);
 
-    // The model file of a class ("" when one class is trained). Throws 409
-    // before anything is trained, 404 for a class without a model, 409 when
-    // several are trained and none is named.
+    // The model file of a class (for a class of the shared engine, the file
+    // of every class it holds), or ("") the one model file of every trained
+    // class. Throws 409 before anything is trained, 404 for a class without
+    // a model, 409 when the trained classes are in several engines (classic
+    // profile, a class opened from its own file) and none is named.
     std::string model_bytes(const std::string &class_name);
     // Validates a model file and loads it as a class's detector (what that
     // class was taught is dropped). replace_all drops every other class too.
+    // A model file of several classes brings its classes by their names
+    // and always replaces the whole detector (class_name is not used).
+    // Returns the classes the detector holds from the file.
     // The file decides the profile: the studio takes the engine's profile
     // after the import, as the library reports it, and trains under it
     // from then on. Throws 413 for a file over the limit, 422 with the
     // reason when it fails validation or no profile can use it, 409 when
     // it is of another profile than classes it would sit beside (one
     // studio detects under one profile).
-    void load_model(const std::string &bytes, const std::string &name, const std::string &class_name,
-                    bool replace_all);
+    std::vector<std::string> load_model(const std::string &bytes, const std::string &name,
+                                        const std::string &class_name, bool replace_all);
     // Switches the profile training uses. Before anything is trained it
     // just switches. Once trained, model says what becomes of the taught
     // detector: "retrain" learns every class's taught pictures again under
@@ -170,7 +179,8 @@ public:
     std::string profile();
     // Forgets everything: no class is trained.
     void reset();
-    // A class's detector takes its new name.
+    // A class's detector takes its new name (a shared engine learns its
+    // classes again under their names, which its model file carries).
     void rename_class(const std::string &from, const std::string &to);
 
     // The taught pictures of every class, class after class.
@@ -178,8 +188,11 @@ public:
     bool trained();
     // {"trained", "model", "samples", "generation", "taught": [{"picture",
     //  "boxes", "class"}], "box_size", "profile", "seed", "train_sensitivity",
-    //  "detectors": [{"name", "trained", "samples", "pictures", "model",
-    //  "profile"}]}; every trained detector runs under "profile".
+    //  "model_files", "detectors": [{"name", "trained", "samples", "pictures",
+    //  "model", "profile", "shared"}]}; every trained detector runs under
+    //  "profile"; "model_files" counts the engines the trained classes are
+    //  in (1: one model file holds them all), "shared" says a class is in an
+    //  engine with other classes.
     nlohmann::ordered_json status();
     TrainingMonitor &monitor() { return monitor_; }
     size_t max_model_bytes() const { return settings_.max_model_bytes; }
@@ -191,9 +204,10 @@ private:
     DetectOutcome detect_here(const std::string &picture, uint32_t sensitivity);
     TrainOutcome remove_sample_here(size_t index);
     std::string model_bytes_here(const std::string &class_name);
-    void load_model_here(const std::string &bytes, const std::string &name, const std::string &class_name,
-                         bool replace_all);
+    std::vector<std::string> load_model_here(const std::string &bytes, const std::string &name,
+                                             const std::string &class_name, bool replace_all);
     void reset_here();
+    void rename_class_here(const std::string &from, const std::string &to);
     ProfileChange set_profile_here(const std::string &profile, const std::string &model);
     // An engine of a profile, with the studio's seed and sensitivity.
     std::unique_ptr<Engine> engine_of(int32_t profile);
@@ -205,7 +219,10 @@ private:
 
     struct ClassDetector {
         std::string name;
-        std::unique_ptr<Engine> engine;
+        // Shared by every class of the accurate profile's one engine.
+        std::shared_ptr<Engine> engine;
+        uint32_t class_index = 0;  // the class's index in its engine
+        bool own_engine = false;   // opened from a one-class model file: never joins the shared engine
         bool trained = false;
         std::string model_name;  // "" (trained here) or the name of a loaded model file
         int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the engine's, as the library reports it
@@ -235,6 +252,22 @@ private:
     // Drops a picture from a class's list and rebuilds its engine.
     void forget_picture_locked(ClassDetector &d, const std::string &picture, std::string &failure);
     void refresh_samples(ClassDetector &d);
+    // Whether a class learns in the accurate profile's shared engine.
+    bool shares_engine(const ClassDetector &d) const;
+    // The trained classes of the shared engine, in class-index order.
+    std::vector<ClassDetector *> shared_classes();
+    // A fresh shared engine learns every sharing class's list (changed's
+    // list replaced by list): classes named when there are several, one
+    // class unnamed. On success every sharing class takes it (a class left
+    // with no list is untrained); on failure nothing changes.
+    bool rebuild_shared(ClassDetector &changed, const std::vector<TaughtPicture> &list, std::string &failure);
+    // Trains one class of the shared engine on one picture (with the mutex
+    // held and the monitor running): added to what the engine holds when it
+    // can, else the shared engine is rebuilt.
+    void train_shared_locked(ClassDetector &d, const std::string &picture, const std::vector<Rect> &boxes,
+                             std::string &failure, bool &rebuilt);
+    // Makes a class the current one of its engine (for samples and training).
+    bool select_class(ClassDetector &d);
     bool trained_locked() const;
     int sample_count_locked() const;
     TrainOutcome outcome(double ms, bool rebuilt);

@@ -25,7 +25,7 @@
     foundCount: $('found-count'), sensitivity: $('sensitivity'), sensitivityValue: $('sensitivity-value'),
     threshold: $('threshold'), steps: $('training-steps'), trainingTime: $('training-time'),
     detectionTime: $('detection-time'), samples: $('samples'), sampleCount: $('sample-count'),
-    saveModel: $('save-model'), openModel: $('open-model'), modelFile: $('model-file'), modelButtons: $('model-buttons'),
+    saveModel: $('save-model'), openModel: $('open-model'), modelFile: $('model-file'), modelButtons: $('model-buttons'), modelNote: $('model-note'),
     startOver: $('start-over'), notice: $('notice'), dropOverlay: $('drop-overlay'), classes: $('classes'),
     addClass: $('add-class'), newClass: $('new-class'), acceptAll: $('accept-all'), zoomIn: $('zoom-in'),
     zoomOut: $('zoom-out'), zoomFit: $('zoom-fit'), zoomValue: $('zoom-value'), showScores: $('show-scores'),
@@ -54,6 +54,9 @@
     detections: new Map(), // picture name -> last /api/detect reply
     detectSeq: 0,          // makes a late reply for an old picture or value harmless
     sliderBusy: false,
+    sliderPicture: null,  // the picture the slider's detections run on
+    countsInFlight: null, // the strip's detection request under way
+    detectInFlight: null, // the shown picture's detection request under way
     sliderPending: null,   // {sensitivity, t0} waiting for the request in flight
     countsSeq: 0,
     saves: new Map(),      // picture name -> {inFlight, again, error}
@@ -442,8 +445,12 @@
     ui.detections.replaceChildren();
     // A reply of another sensitivity (the strip's counts, made while the
     // slider stood elsewhere) is not drawn: the picture's own one follows.
+    // While the slider's detections run on this picture, its last reply
+    // stays until the next one comes; on another picture (the person moved
+    // on while they ran) it is not drawn either.
     let reply = p && state.detections.get(p.name);
-    if (reply && reply.sensitivity !== Number(ui.sensitivity.value) && !state.sliderBusy) reply = null;
+    const following = state.sliderBusy && state.sliderPicture === (p && p.name);
+    if (reply && reply.sensitivity !== Number(ui.sensitivity.value) && !following) reply = null;
     if (!reply || !state.trained) {
       ui.foundCount.textContent = '';
       ui.canvas.dataset.found = '';
@@ -702,6 +709,11 @@
     state.current = name;
     state.selected = -1;
     state.hover = null;
+    // A reply of another sensitivity (the strip's, made before the slider
+    // moved) is never drawn on the opened picture, also while the slider's
+    // detections follow it there: its own reply comes next.
+    const kept = state.detections.get(name);
+    if (kept && kept.sensitivity !== Number(ui.sensitivity.value)) state.detections.delete(name);
     ui.detections.replaceChildren();
     ui.foundCount.textContent = '';
     ui.detectionTime.textContent = '–';
@@ -757,7 +769,8 @@
     if (!name || !state.trained) return null;
     const seq = ++state.detectSeq;
     try {
-      const reply = await api('GET', `/api/detect?picture=${encodeURIComponent(name)}&sensitivity=${sensitivity}`);
+      state.detectInFlight = api('GET', `/api/detect?picture=${encodeURIComponent(name)}&sensitivity=${sensitivity}`);
+      const reply = await state.detectInFlight;
       state.detections.set(name, reply);
       if (seq === state.detectSeq && name === state.current) {
         renderDetections();
@@ -772,6 +785,15 @@
     }
   }
 
+  // Before the detector is forgotten: the strip's counts stop, and the
+  // detections already asked for are answered first (asked after the
+  // reset, they would be refused as "nothing is trained").
+  async function quietDetections() {
+    state.countsSeq++;
+    const pending = [state.countsInFlight, state.detectInFlight].filter(Boolean);
+    await Promise.all(pending.map((p) => p.catch(() => null)));
+  }
+
   // The number found on every picture of the strip, one request at a time.
   async function refreshCounts() {
     const seq = ++state.countsSeq;
@@ -781,7 +803,8 @@
       if (seq !== state.countsSeq || state.sliderBusy) return;
       if (p.name === state.current) continue;
       try {
-        const reply = await api('GET', `/api/detect?picture=${encodeURIComponent(p.name)}&sensitivity=${sensitivity}`);
+        state.countsInFlight = api('GET', `/api/detect?picture=${encodeURIComponent(p.name)}&sensitivity=${sensitivity}`);
+        const reply = await state.countsInFlight;
         if (seq !== state.countsSeq) return;
         state.detections.set(p.name, reply);
         updateStripInfo();
@@ -804,6 +827,7 @@
   }
   async function runSlider(request) {
     state.sliderBusy = true;
+    state.sliderPicture = state.current;
     await detectCurrent(request.sensitivity);
     await nextFrame();
     metrics.sliderToDrawnMs.push(performance.now() - request.t0);
@@ -1029,11 +1053,15 @@
     const profile = `${st.profile} profile`;
     renderProfile();
     ui.modelState.dataset.trained = st.trained ? 'true' : 'false';
+    // A model of many classes (a chess set's twelve) is named by their
+    // number in the badge, and by their names in its tooltip.
+    const named = trainedClasses.length > 4 ? `${trainedClasses.length} classes` : trainedClasses.join(', ');
+    ui.modelState.title = trainedClasses.join(', ');
     if (!st.trained) ui.modelState.textContent = `Not trained yet · ${profile}`;
-    else if (st.model && st.model !== 'trained in the studio') ui.modelState.textContent = `Model ${st.model} · ${trainedClasses.join(', ')} · ${profile}`;
-    else ui.modelState.textContent = `Trained: ${trainedClasses.join(', ') || 'ready'} · ${st.samples} samples · ${profile}`;
+    else if (st.model && st.model !== 'trained in the studio') ui.modelState.textContent = `Model ${st.model} · ${named} · ${profile}`;
+    else ui.modelState.textContent = `Trained: ${named || 'ready'} · ${st.samples} samples · ${profile}`;
     ui.saveModel.setAttribute('aria-disabled', st.trained ? 'false' : 'true');
-    renderModelButtons(trainedClasses);
+    renderModelButtons(st, trainedClasses);
     if (st.labels) {
       ui.labelsWhere.textContent = st.labels.description;
       showSaveState();
@@ -1057,22 +1085,42 @@
     updateControls();
   }
 
-  // One "Save model" link, or one a class when several classes are trained:
-  // each class has its own model file until the library's several-class
-  // model arrives.
-  function renderModelButtons(trainedClasses) {
+  // One "Save model" link while every trained class is in one model file
+  // (one class, or the accurate profile's model of several classes); else
+  // one a model file: the classic profile learns one class a model, and a
+  // class opened from its own model file keeps it. The page says why.
+  function renderModelButtons(st, trainedClasses) {
     for (const a of ui.modelButtons.querySelectorAll('a.class-model')) a.remove();
-    ui.saveModel.hidden = trainedClasses.length > 1;
-    if (trainedClasses.length > 1) {
-      for (const name of trainedClasses.slice().reverse()) {
+    const files = st.model_files || 0;
+    ui.saveModel.hidden = files > 1;
+    ui.saveModel.textContent = trainedClasses.length > 1 && files <= 1
+      ? `Save model (${trainedClasses.length} classes)` : 'Save model';
+    const detectors = (st.detectors || []).filter((d) => d.trained);
+    if (files > 1) {
+      // A link a model file: a shared file's link is named by all its classes.
+      const shared = detectors.filter((d) => d.shared).map((d) => d.name);
+      const links = detectors.filter((d) => !d.shared).map((d) => [d.name, d.name]);
+      if (shared.length) links.push([shared[0], shared.join(', ')]);
+      for (const [name, label] of links.reverse()) {
         const a = document.createElement('a');
         a.className = 'button class-model';
         a.href = '/api/model?class=' + encodeURIComponent(name);
         a.download = `${name}.model`;
-        a.textContent = `Save ${name} model`;
+        a.textContent = `Save ${label} model`;
         ui.modelButtons.prepend(a);
       }
     }
+    const labelled = state.classes.length;
+    if (st.profile === 'classic' && Math.max(labelled, trainedClasses.length) > 1) {
+      ui.modelNote.textContent = 'The classic profile learns one class a model: one model of every class, ' +
+        'detected in one pass, needs the accurate profile.';
+    } else if (files > 1) {
+      ui.modelNote.textContent = 'A class opened from its own model file keeps that file; the other classes ' +
+        'share one model.';
+    } else {
+      ui.modelNote.textContent = '';
+    }
+    ui.modelNote.hidden = !ui.modelNote.textContent;
   }
 
   function updateExportLinks() {
@@ -1096,7 +1144,10 @@
       loadSamples();
       refreshCounts();
       // The file decides the profile; the studio says which it took.
-      notify(`Model ${file.name} loaded (${reply.profile} profile). Training again starts a new model from your boxes.`);
+      const fromFile = (reply.detectors || []).filter((d) => d.trained && d.model === file.name).map((d) => d.name);
+      const classes = fromFile.length > 4 ? `; ${fromFile.length} classes`
+        : (fromFile.length > 1 ? `; classes ${fromFile.join(', ')}` : '');
+      notify(`Model ${file.name} loaded (${reply.profile} profile${classes}). Training again starts a new model from your boxes.`);
     } catch (error) {
       notify(`The model was not loaded: ${error.message}`, true);
       renderSteps([], `Model ${file.name} refused: ${error.message}`, true);
@@ -1153,6 +1204,7 @@
     if (model === 'retrain') renderSteps([], `Training again under the ${to} profile…`, false);
     const stopWatching = model === 'retrain' ? watchProgress() : () => {};
     try {
+      if (model === 'forget') await quietDetections();
       const reply = await postJson('/api/profile', model ? { profile: to, model } : { profile: to });
       stopWatching();
       state.detections.clear();
@@ -1189,6 +1241,7 @@
 
   async function startOver() {
     if (!window.confirm('Forget everything the detector learnt? (Your labels stay in their files.)')) return;
+    await quietDetections();
     await postJson('/api/reset', {});
     state.trained = false;
     state.detections.clear();

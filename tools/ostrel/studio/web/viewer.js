@@ -31,11 +31,15 @@ window.StudioViewer = class StudioViewer {
     this.pan = null;              // {pointerId, x, y} while panning
     this.touches = new Map();     // pointerId -> {x, y} of touching fingers
     this.pinch = null;
+    this.movedAt = -Infinity;     // the last zoom or pan step
+    this.settleTimer = null;
     new ResizeObserver(() => { if (this.fitted) this.fit(); else this.request(); }).observe(stage);
   }
 
   static get MIN_SCALE() { return 0.05; }
   static get MAX_SCALE() { return 32; }
+  // How long after the last zoom or pan step the view counts as moving.
+  static get SETTLE_MS() { return 200; }
 
   // A new picture: shown whole (fit). source is drawn once it is given.
   show(width, height, source) {
@@ -84,7 +88,7 @@ window.StudioViewer = class StudioViewer {
     this.offsetY = sy - py * s;
     this.fitted = false;
     this.keepInView();
-    this.request();
+    this.moved();
   }
   zoomBy(factor, sx, sy) {
     if (sx === undefined) { sx = this.stage.clientWidth / 2; sy = this.stage.clientHeight / 2; }
@@ -96,7 +100,7 @@ window.StudioViewer = class StudioViewer {
     this.offsetY += dy;
     this.fitted = false;
     this.keepInView();
-    this.request();
+    this.moved();
   }
 
   // At least a quarter of the stage keeps showing the picture.
@@ -131,6 +135,21 @@ window.StudioViewer = class StudioViewer {
     const x1 = Math.min(this.width, (w - this.offsetX) / this.scale);
     const y1 = Math.min(this.height, (h - this.offsetY) / this.scale);
     return { x0, y0, x1, y1, empty: x1 <= x0 || y1 <= y0 };
+  }
+
+  moved() {
+    this.movedAt = performance.now();
+    this.request();
+  }
+
+  // The frame with the best filter, once the view has stood still; it is
+  // no zoom step's frame, so it is not timed as one.
+  settleLater() {
+    clearTimeout(this.settleTimer);
+    this.settleTimer = setTimeout(() => {
+      if (performance.now() - this.movedAt < StudioViewer.SETTLE_MS) { this.settleLater(); return; }
+      if (!this.frameRequested) requestAnimationFrame(() => { if (!this.frameRequested) this.draw(); });
+    }, StudioViewer.SETTLE_MS);
   }
 
   request(changeTime) {
@@ -170,8 +189,14 @@ window.StudioViewer = class StudioViewer {
       const s = this.scale * ratio;
       // Enlarged far enough, pixels are shown as the squares they are; smaller,
       // they are resampled smoothly.
+      // While the view moves, pixels are resampled the cheap way (bilinear);
+      // the best filter costs several times as much to paint at a device
+      // pixel ratio of 2, and only shows when the view stands still, so a
+      // frame with it follows once the view has settled.
+      const moving = performance.now() - this.movedAt < StudioViewer.SETTLE_MS;
       g.imageSmoothingEnabled = s < 3;
-      g.imageSmoothingQuality = 'high';
+      g.imageSmoothingQuality = moving ? 'low' : 'high';
+      if (moving) this.settleLater();
       g.drawImage(this.source, sx0, sy0, sx1 - sx0, sy1 - sy0,
         (this.offsetX + sx0 * this.scale) * ratio, (this.offsetY + sy0 * this.scale) * ratio,
         (sx1 - sx0) * s, (sy1 - sy0) * s);
