@@ -113,7 +113,9 @@ trap 'exit 130' INT TERM
 
 say "putting aside the deb-src entries, apt's package lists and the cross-build cache"
 put_aside
-say "cloning $(git -C "$root" rev-parse --short HEAD) of $root into $clone"
+# The commit is read once: the repository may move on while the run lasts.
+commit=$(git -C "$root" rev-parse --short HEAD)
+say "cloning $commit of $root into $clone"
 git clone --quiet --no-hardlinks "$root" "$clone"
 
 run_timed() {  # run_timed NAME COMMAND...: runs in the clone, logs, records the wall time
@@ -140,7 +142,7 @@ total=$(($(date +%s) - started_all))
 grep -h -E '^(build-windows: .*(s wall|reusing|cross-building))|^fuzz |tests passed|^== Windows|^stage ' \
   "$log/test.log" > "$log/summary.txt" || true
 cat >&2 <<SUMMARY
-fresh-check: passed on a fresh clone of $(git -C "$root" rev-parse --short HEAD)
+fresh-check: passed on a fresh clone of $commit
   scripts/demo.sh   $(minutes "${seconds[demo]}")
   scripts/test.sh   $(minutes "${seconds[test]}")
   in all            $(minutes "$total")   (load average at the end: $(cut -d' ' -f1-3 /proc/loadavg))
