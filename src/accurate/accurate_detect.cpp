@@ -72,10 +72,16 @@ void search_paired_level(const paired_map &paired, const pyramid_level &level, c
         search.refine_margin >= 0.0 && scale > 0.0
             ? window_sums_coarse_to_fine(paired, *search.weights, floor_sum - search.refine_margin / scale)
             : window_sums(paired, *search.weights);
+    // The positions whose sum is not below floor_sum (every one for a NaN),
+    // found in integers.
+    const int64_t least = std::isnan(floor_sum) ? INT32_MIN : least_sum_reaching(floor_sum);
+    if (least > INT32_MAX) return;
+    const int32_t end = grid.rows - inset_rows;
     for (int32_t x = inset_columns; x < grid.columns - inset_columns; ++x) {
-        for (int32_t y = inset_rows; y < grid.rows - inset_rows; ++y) {
-            const int32_t sum = grid.at(x, y);
-            if (sum < floor_sum) continue;
+        const int32_t *column = grid.sums.data() + static_cast<size_t>(x) * grid.rows;
+        for (int32_t y = next_sum_reaching(column, inset_rows, end, static_cast<int32_t>(least)); y < end;
+             y = next_sum_reaching(column, y + 1, end, static_cast<int32_t>(least))) {
+            const int32_t sum = column[y];
             if (search.neighbourhood_maxima && !neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) continue;
             const float margin = static_cast<float>(sum * scale + bias);
             if (margin < floor_margin) continue;

@@ -103,103 +103,191 @@ paired_map pair_cells(const feature_map &map) {
 namespace {
 
 #if defined(OSTREL_WINDOW_SUMS_AVX2)
+// GCC's predictive commoning would carry loaded cells from one tap to the
+// next (a tap's cells are the last tap's moved by one pair) in more
+// registers than there are, spilling the sums to memory at every tap.
+#if defined(__GNUC__) && !defined(__clang__)
+#define OSTREL_SCAN_LOOP_OPTIONS optimize("no-predictive-commoning")
+#else
+#define OSTREL_SCAN_LOOP_OPTIONS unused
+#endif
+
+// N blocks of eight positions (N 1..4) from block b on, every tap of the
+// window, with AVX2. Each block's sum is a named register of its own and
+// the taps go two at a time: a compiler keeps such sums in registers across
+// the window's columns, where an array of them indexed at run time went
+// through memory at every tap.
+template <int N>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_tap(
+    const int16_t *in, const int16_t *w, __m256i &s0, __m256i &s1, __m256i &s2, __m256i &s3) {
+    int32_t pair_bits;
+    std::memcpy(&pair_bits, w, sizeof pair_bits);
+    const __m256i wv = _mm256_set1_epi32(pair_bits);
+    s0 = _mm256_add_epi32(s0, _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in)), wv));
+    if constexpr (N > 1) {
+        const __m256i cells = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16));
+        s1 = _mm256_add_epi32(s1, _mm256_madd_epi16(cells, wv));
+    }
+    if constexpr (N > 2) {
+        const __m256i cells = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 32));
+        s2 = _mm256_add_epi32(s2, _mm256_madd_epi16(cells, wv));
+    }
+    if constexpr (N > 3) {
+        const __m256i cells = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 48));
+        s3 = _mm256_add_epi32(s3, _mm256_madd_epi16(cells, wv));
+    }
+}
+
+template <int N, int TAPS>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_blocks(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *accumulator) {
+    const int32_t taps = TAPS > 0 ? TAPS : weights.tap_pairs;
+    __m256i s0 = _mm256_setzero_si256(), s1 = _mm256_setzero_si256(), s2 = _mm256_setzero_si256(),
+            s3 = _mm256_setzero_si256();
+    for (int32_t c = 0; c < weights.channels; ++c) {
+        for (int32_t r = 0; r < weights.window_columns; ++r) {
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * first_row + 16 * b;
+            const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+            if constexpr (TAPS > 0) {
+                // Two taps a turn: unrolled whole, the cells that taps four
+                // apart share stay loaded in more registers than there are.
+#pragma GCC unroll 2
+                for (int32_t j = 0; j < TAPS; ++j) avx2_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
+            } else {
+                int32_t j = 0;
+                for (; j + 1 < taps; j += 2) {
+                    avx2_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
+                    avx2_tap<N>(column + 4 * j + 4, w + 2 * j + 2, s0, s1, s2, s3);
+                }
+                if (j < taps) avx2_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
+            }
+        }
+    }
+    _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * b), s0);
+    if constexpr (N > 1) _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * (b + 1)), s1);
+    if constexpr (N > 2) _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * (b + 2)), s2);
+    if constexpr (N > 3) _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * (b + 3)), s3);
+}
+
+// avx2_blocks with the window's taps known to the compiler for the usual
+// window heights (less loop work per window column), else counted at run
+// time.
+template <int N>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_blocks_any(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *accumulator) {
+    switch (weights.tap_pairs) {
+        case 5: avx2_blocks<N, 5>(map, weights, x, first_row, b, accumulator); return;
+        case 6: avx2_blocks<N, 6>(map, weights, x, first_row, b, accumulator); return;
+        case 7: avx2_blocks<N, 7>(map, weights, x, first_row, b, accumulator); return;
+        case 8: avx2_blocks<N, 8>(map, weights, x, first_row, b, accumulator); return;
+        case 9: avx2_blocks<N, 9>(map, weights, x, first_row, b, accumulator); return;
+        case 10: avx2_blocks<N, 10>(map, weights, x, first_row, b, accumulator); return;
+        default: avx2_blocks<N, 0>(map, weights, x, first_row, b, accumulator); return;
+    }
+}
+
 // The column loop with eight positions per instruction, for processors
 // that have AVX2: 32 positions at a time stay in four registers while every
 // tap of the window passes, so the sums are written once. The same integer
 // sums as the loop below.
-__attribute__((target("avx2"))) void column_sums_avx2(const paired_map &map, const quantised_weights &weights,
-                                                      int32_t x, int32_t first_row, int32_t blocks8,
-                                                      int32_t *accumulator) {
-    const int32_t taps = weights.tap_pairs;
+__attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_avx2(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t blocks8,
+    int32_t *accumulator) {
     int32_t b = 0;
-    for (; b < blocks8; b += 4) {
-        const int32_t chunk = std::min(4, blocks8 - b);
-        __m256i sums[4] = {_mm256_setzero_si256(), _mm256_setzero_si256(), _mm256_setzero_si256(),
-                           _mm256_setzero_si256()};
-        for (int32_t c = 0; c < weights.channels; ++c) {
-            for (int32_t r = 0; r < weights.window_columns; ++r) {
-                const int16_t *column = map.data.data() +
-                                        (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
-                                        2 * first_row + 16 * b;
-                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
-                if (chunk == 4) {
-                    for (int32_t j = 0; j < taps; ++j) {
-                        int32_t pair_bits;
-                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
-                        const __m256i wv = _mm256_set1_epi32(pair_bits);
-                        const int16_t *in = column + 4 * j;
-                        sums[0] = _mm256_add_epi32(sums[0], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in)), wv));
-                        sums[1] = _mm256_add_epi32(sums[1], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16)), wv));
-                        sums[2] = _mm256_add_epi32(sums[2], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 32)), wv));
-                        sums[3] = _mm256_add_epi32(sums[3], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 48)), wv));
-                    }
-                } else {
-                    for (int32_t j = 0; j < taps; ++j) {
-                        int32_t pair_bits;
-                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
-                        const __m256i wv = _mm256_set1_epi32(pair_bits);
-                        const int16_t *in = column + 4 * j;
-                        for (int32_t k = 0; k < chunk; ++k) {
-                            sums[k] = _mm256_add_epi32(
-                                sums[k], _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + 16 * k)), wv));
-                        }
-                    }
-                }
-            }
-        }
-        for (int32_t k = 0; k < chunk; ++k) {
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulator + 8 * (b + k)), sums[k]);
-        }
+    for (; b + 4 <= blocks8; b += 4) avx2_blocks_any<4>(map, weights, x, first_row, b, accumulator);
+    switch (blocks8 - b) {
+        case 3: avx2_blocks_any<3>(map, weights, x, first_row, b, accumulator); break;
+        case 2: avx2_blocks_any<2>(map, weights, x, first_row, b, accumulator); break;
+        case 1: avx2_blocks_any<1>(map, weights, x, first_row, b, accumulator); break;
+        default: break;
     }
 }
 
-// Sixteen positions per instruction with the fused multiply-add of pairs
-// (vpdpwssd), for processors with AVX-512 VNNI: 64 positions stay in four
-// registers while every tap passes. vpdpwssd adds the two products and
-// the accumulator exactly (no saturation), so the sums are the integers of
-// the loops below.
-__attribute__((target("avx512f,avx512vnni"))) void column_sums_vnni(const paired_map &map,
-                                                                    const quantised_weights &weights, int32_t x,
-                                                                    int32_t first_row, int32_t blocks16,
-                                                                    int32_t *accumulator) {
-    const int32_t taps = weights.tap_pairs;
-    for (int32_t b = 0; b < blocks16; b += 4) {
-        const int32_t chunk = std::min(4, blocks16 - b);
-        __m512i sums[4] = {_mm512_setzero_si512(), _mm512_setzero_si512(), _mm512_setzero_si512(),
-                           _mm512_setzero_si512()};
-        for (int32_t c = 0; c < weights.channels; ++c) {
-            for (int32_t r = 0; r < weights.window_columns; ++r) {
-                const int16_t *column = map.data.data() +
-                                        (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
-                                        2 * first_row + 32 * b;
-                const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
-                if (chunk == 4) {
-                    for (int32_t j = 0; j < taps; ++j) {
-                        int32_t pair_bits;
-                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
-                        const __m512i wv = _mm512_set1_epi32(pair_bits);
-                        const int16_t *in = column + 4 * j;
-                        sums[0] = _mm512_dpwssd_epi32(sums[0], _mm512_loadu_si512(in), wv);
-                        sums[1] = _mm512_dpwssd_epi32(sums[1], _mm512_loadu_si512(in + 32), wv);
-                        sums[2] = _mm512_dpwssd_epi32(sums[2], _mm512_loadu_si512(in + 64), wv);
-                        sums[3] = _mm512_dpwssd_epi32(sums[3], _mm512_loadu_si512(in + 96), wv);
-                    }
-                } else {
-                    for (int32_t j = 0; j < taps; ++j) {
-                        int32_t pair_bits;
-                        std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
-                        const __m512i wv = _mm512_set1_epi32(pair_bits);
-                        const int16_t *in = column + 4 * j;
-                        for (int32_t k = 0; k < chunk; ++k) {
-                            sums[k] = _mm512_dpwssd_epi32(sums[k], _mm512_loadu_si512(in + 32 * k), wv);
-                        }
-                    }
+// N blocks of sixteen positions (N 1..4) from block b on with the fused
+// multiply-add of pairs (vpdpwssd), for processors with AVX-512 VNNI; kept
+// in registers as in avx2_blocks. vpdpwssd adds the two products and the
+// accumulator exactly (no saturation), so the sums are the integers of the
+// loops below.
+template <int N>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_tap(
+    const int16_t *in, const int16_t *w, __m512i &s0, __m512i &s1, __m512i &s2, __m512i &s3) {
+    int32_t pair_bits;
+    std::memcpy(&pair_bits, w, sizeof pair_bits);
+    const __m512i wv = _mm512_set1_epi32(pair_bits);
+    s0 = _mm512_dpwssd_epi32(s0, _mm512_loadu_si512(in), wv);
+    if constexpr (N > 1) s1 = _mm512_dpwssd_epi32(s1, _mm512_loadu_si512(in + 32), wv);
+    if constexpr (N > 2) s2 = _mm512_dpwssd_epi32(s2, _mm512_loadu_si512(in + 64), wv);
+    if constexpr (N > 3) s3 = _mm512_dpwssd_epi32(s3, _mm512_loadu_si512(in + 96), wv);
+}
+
+template <int N, int TAPS>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_blocks(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *accumulator) {
+    const int32_t taps = TAPS > 0 ? TAPS : weights.tap_pairs;
+    __m512i s0 = _mm512_setzero_si512(), s1 = _mm512_setzero_si512(), s2 = _mm512_setzero_si512(),
+            s3 = _mm512_setzero_si512();
+    for (int32_t c = 0; c < weights.channels; ++c) {
+        for (int32_t r = 0; r < weights.window_columns; ++r) {
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * first_row + 32 * b;
+            const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
+            if constexpr (TAPS > 0) {
+                // Two taps a turn: unrolled whole, the cells that taps four
+                // apart share stay loaded in more registers than there are.
+#pragma GCC unroll 2
+                for (int32_t j = 0; j < TAPS; ++j) vnni_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
+            } else {
+                int32_t j = 0;
+                for (; j + 1 < taps; j += 2) {
+                    vnni_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
+                    vnni_tap<N>(column + 4 * j + 4, w + 2 * j + 2, s0, s1, s2, s3);
                 }
+                if (j < taps) vnni_tap<N>(column + 4 * j, w + 2 * j, s0, s1, s2, s3);
             }
         }
-        for (int32_t k = 0; k < chunk; ++k) {
-            _mm512_storeu_si512(accumulator + 16 * (b + k), sums[k]);
-        }
+    }
+    _mm512_storeu_si512(accumulator + 16 * b, s0);
+    if constexpr (N > 1) _mm512_storeu_si512(accumulator + 16 * (b + 1), s1);
+    if constexpr (N > 2) _mm512_storeu_si512(accumulator + 16 * (b + 2), s2);
+    if constexpr (N > 3) _mm512_storeu_si512(accumulator + 16 * (b + 3), s3);
+}
+
+// vnni_blocks with the window's taps known to the compiler for the usual
+// window heights (less loop work per window column), else counted at run
+// time.
+template <int N>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_blocks_any(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *accumulator) {
+    switch (weights.tap_pairs) {
+        case 5: vnni_blocks<N, 5>(map, weights, x, first_row, b, accumulator); return;
+        case 6: vnni_blocks<N, 6>(map, weights, x, first_row, b, accumulator); return;
+        case 7: vnni_blocks<N, 7>(map, weights, x, first_row, b, accumulator); return;
+        case 8: vnni_blocks<N, 8>(map, weights, x, first_row, b, accumulator); return;
+        case 9: vnni_blocks<N, 9>(map, weights, x, first_row, b, accumulator); return;
+        case 10: vnni_blocks<N, 10>(map, weights, x, first_row, b, accumulator); return;
+        default: vnni_blocks<N, 0>(map, weights, x, first_row, b, accumulator); return;
+    }
+}
+
+// Sixteen positions per instruction, for processors with AVX-512 VNNI: 64
+// positions stay in four registers while every tap passes.
+__attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_vnni(
+    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t blocks16,
+    int32_t *accumulator) {
+    int32_t b = 0;
+    for (; b + 4 <= blocks16; b += 4) vnni_blocks_any<4>(map, weights, x, first_row, b, accumulator);
+    switch (blocks16 - b) {
+        case 3: vnni_blocks_any<3>(map, weights, x, first_row, b, accumulator); break;
+        case 2: vnni_blocks_any<2>(map, weights, x, first_row, b, accumulator); break;
+        case 1: vnni_blocks_any<1>(map, weights, x, first_row, b, accumulator); break;
+        default: break;
     }
 }
 #endif
@@ -293,16 +381,17 @@ void column_sums(const paired_map &map, const quantised_weights &weights, int32_
     std::copy(accumulator.begin() + (first - start), accumulator.begin() + (end - start), out + first);
 }
 
-// An empty grid when no window fits, else one of the right size (sums
-// unset).
-bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid) {
+// An empty grid when no window fits, else one of the right size, every
+// sum `fill`.
+bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid,
+               int32_t fill = 0) {
     if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
         map.columns < weights.window_columns || map.rows < weights.window_rows) {
         return false;
     }
     grid->columns = map.columns - weights.window_columns + 1;
     grid->rows = map.rows - weights.window_rows + 1;
-    grid->sums.resize(static_cast<size_t>(grid->columns) * grid->rows);
+    grid->sums.assign(static_cast<size_t>(grid->columns) * grid->rows, fill);
     return true;
 }
 
@@ -328,7 +417,7 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
 window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
                                            double refine_from, sums_path path) {
     window_sum_grid grid;
-    if (!size_grid(map, weights, &grid)) return grid;
+    if (!size_grid(map, weights, &grid, kSkippedSum)) return grid;  // what an odd column is not computed
     const scan_choice choice = choose_loop(map, weights, path, grid.rows);
     std::vector<int32_t> accumulator = column_accumulator(grid);
     const int32_t rows = grid.rows;
@@ -342,15 +431,19 @@ window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantise
     // what that adds), in runs; runs less than a loop's unit apart are
     // joined.
     std::vector<uint8_t> near(static_cast<size_t>(rows));
+    const int64_t least = least_sum_reaching(refine_from);
+    const int32_t least32 = static_cast<int32_t>(std::min<int64_t>(std::max<int64_t>(least, INT32_MIN), INT32_MAX));
     for (int32_t x = 1; x < grid.columns; x += 2) {
         const int32_t *left = column(x - 1);
-        const int32_t *right = x + 1 < grid.columns ? column(x + 1) : nullptr;
-        for (int32_t y = 0; y < rows; ++y) {
-            bool reaches = left[y] >= refine_from || (right != nullptr && right[y] >= refine_from);
-            near[static_cast<size_t>(y)] = reaches ? 1 : 0;
+        const int32_t *right = x + 1 < grid.columns ? column(x + 1) : left;
+        if (least > INT32_MAX) {
+            std::fill(near.begin(), near.end(), static_cast<uint8_t>(0));
+        } else {
+            for (int32_t y = 0; y < rows; ++y) {
+                near[static_cast<size_t>(y)] = static_cast<uint8_t>((left[y] >= least32) | (right[y] >= least32));
+            }
         }
         int32_t *out = column(x);
-        std::fill(out, out + rows, kSkippedSum);
         int32_t run_first = -1, run_end = -1;
         for (int32_t y = 0; y < rows; ++y) {
             if (!near[static_cast<size_t>(y)]) continue;
@@ -367,6 +460,12 @@ window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantise
         if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
     }
     return grid;
+}
+
+int64_t least_sum_reaching(double value) {
+    if (std::isnan(value) || value > 2147483647.0) return INT64_C(2147483648);
+    if (value <= -2147483648.0) return INT32_MIN;
+    return static_cast<int64_t>(std::ceil(value));  // exact: |value| < 2^31
 }
 
 bool sums_path_available(sums_path path) {

@@ -102,6 +102,28 @@ inline constexpr int32_t kSkippedSum = INT32_MIN;
 // far below. Every computed sum is the whole scan's integer.
 window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
                                            double refine_from, sums_path path = sums_path::fastest);
+// The least integer that reaches value (s >= value exactly when s >= the
+// result, for every 32-bit s), so that the sums are compared with a bound
+// in integers: INT32_MIN when every sum reaches it, INT32_MAX + 1 when none
+// does (a NaN, or a value above INT32_MAX).
+int64_t least_sum_reaching(double value);
+
+// The first position y of [y, end) of a grid column whose sum reaches
+// least (sum >= least), else end. Most positions lie far below: eight are
+// passed over with one test (the compiler compares them in vector
+// registers).
+inline int32_t next_sum_reaching(const int32_t *column, int32_t y, int32_t end, int32_t least) {
+    for (; y + 8 <= end; y += 8) {
+        int hit = 0;
+        for (int32_t k = 0; k < 8; ++k) hit |= column[y + k] >= least ? 1 : 0;
+        if (hit != 0) break;
+    }
+    for (; y < end; ++y) {
+        if (column[y] >= least) return y;
+    }
+    return end;
+}
+
 // The same sums by the plain loop over the map's bytes.
 window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights);
 

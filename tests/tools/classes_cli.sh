@@ -3,7 +3,8 @@
 # repeated --class, --all-classes and a merged --class a,b; the classes in
 # check and info; detect giving every box its class in text, JSON, drawings
 # and the --format writers (read back); eval measuring every class from one
-# detection pass per picture; the command lines refused. Run by CTest, one
+# detection pass per picture, and detections of several classes made
+# earlier class by class as the model; the command lines refused. Run by CTest, one
 # case per test:
 #
 #   classes_cli.sh CASE OSTREL DATA WORKDIR
@@ -232,6 +233,118 @@ assert {c for c, *_ in expected} == {"white-pawn", "black-pawn"}, expected
 assert found == expected, (sys.argv[3], found, expected)
 PY
   done
+  ;;
+
+eval_detections_of_several_classes)
+  # Detections made earlier by a model of two classes (`detect --json`, each
+  # box naming its class) are measured class by class as the model itself
+  # is: by default every class the file names, with --class a --class b each
+  # on its own, with --class a,b merged; the counts at the threshold (and
+  # the per-picture rows) equal those of `eval --model`. The APs rank what
+  # the file holds: the boxes of its sensitivity, scores in two decimals;
+  # from a COCO results file of sensitivity 100 (the library's scores
+  # whole) every figure equals the model's. A --class the file does not
+  # name is refused, naming the file's classes.
+  # The model's classes in the labels' order, the order the file's classes
+  # are measured in by default.
+  run labels "$chess" --json
+  order=$("$python" -c '
+import json, sys
+names = []
+for line in open(sys.argv[1]):
+    for b in json.loads(line)["boxes"]:
+        if b["class"] in ("white-pawn", "black-pawn") and b["class"] not in names:
+            names.append(b["class"])
+print(" ".join(names))' out.txt)
+  read -r first second <<< "$order"
+  expect_eq "labels: both pawns" 2 "$(wc -w <<< "$order")"
+  run train --labels "$chess" --class "$first" --class "$second" --limit 1 --model pawns.model
+  expect_eq "train: exit" 0 "$?"
+  run detect --model pawns.model --json "$chess/images"
+  expect_eq "detect --json: exit" 0 "$?"
+  cp out.txt found.jsonl
+  model_only=()  # eval --model's own arguments
+  compare() {  # what, the figures compared (counts or all), labels, detections file, eval arguments
+    local what=$1 figures=$2 labels=$3 file=$4
+    shift 4
+    run eval --model pawns.model --labels "$labels" "$@" "${model_only[@]}" --json
+    expect_eq "$what: eval --model: exit ($(cat err.txt))" 0 "$?"
+    cp out.txt model.json
+    run eval --detections "$file" --labels "$labels" "$@" --json
+    expect_eq "$what: eval --detections: exit ($(cat err.txt))" 0 "$?"
+    cp out.txt file.json
+    "$python" - model.json file.json "$what" "$figures" <<'PY' || fail "$what: the file's figures are not the model's"
+import json, sys
+model, found = (json.load(open(p)) for p in sys.argv[1:3])
+what, figures = sys.argv[3:5]
+counts = ("name", "objects", "detections", "true_positives", "false_positives", "false_negatives", "precision",
+          "recall", "f1")
+def kept(f):
+    return f if figures == "all" else {k: f[k] for k in counts}
+for key in ("pictures", "left_out", "per_picture"):
+    assert model[key] == found[key], (what, key, model[key], found[key])
+assert [kept(c) for c in model["classes"]] == [kept(c) for c in found["classes"]], (what, model["classes"],
+                                                                                    found["classes"])
+assert kept(model["overall"]) == kept(found["overall"]), (what, model["overall"], found["overall"])
+assert model["overall"]["detections"] > 0 and model["overall"]["true_positives"] > 0
+PY
+  }
+  class_names() {  # the expected names of the classes measured, in order
+    "$python" - model.json "$@" <<'PY' || fail "classes measured: not $*"
+import json, sys
+assert [c["name"] for c in json.load(open(sys.argv[1]))["classes"]] == sys.argv[2:]
+PY
+  }
+  compare "every class" counts "$chess" found.jsonl
+  class_names "$first" "$second"
+  compare "--class a --class b" counts "$chess" found.jsonl --class "$second" --class "$first"
+  class_names "$second" "$first"
+  compare "one --class" counts "$chess" found.jsonl --class "$second"
+  class_names "$second"
+  compare "--class a,b" counts "$chess" found.jsonl --class "$first,$second"
+  class_names "$first,$second"
+  # Every figure, APs included: COCO results of sensitivity 100 against
+  # the same labels as COCO (every box the model returns, scores whole).
+  run labels "$chess" --to coco --out set.json
+  expect_eq "labels --to coco: exit" 0 "$?"
+  run detect --model pawns.model --format coco --image-ids set.json --sensitivity 100 --out results.json \
+    "$chess/images"
+  expect_eq "detect --format coco: exit ($(cat err.txt))" 0 "$?"
+  model_only=(--sensitivity 100)
+  compare "COCO results, every figure" all set.json results.json
+  class_names "$first" "$second"
+  # Text: the same rows and figures; only the setting named and the APs
+  # (the boxes ranked) differ.
+  run eval --model pawns.model --labels "$chess"
+  grep -v -e '^average precision' -e '^COCO AP' out.txt | sed -e 's/sensitivity 80: /SETTING: /' \
+    | awk '{ if ($1 ~ /-pawn$/) NF = 8; print }' > model.txt
+  run eval --detections found.jsonl --labels "$chess"
+  expect_eq "eval --detections text: exit" 0 "$?"
+  grep -v -e '^average precision' -e '^COCO AP' out.txt | sed -e 's/detections found.jsonl: /SETTING: /' \
+    | awk '{ if ($1 ~ /-pawn$/) NF = 8; print }' > file.txt
+  cmp -s model.txt file.txt || fail "text: $(diff model.txt file.txt)"
+  expect_match "eval --detections text: a row per class" "$first +[0-9]+ +[0-9]+" "$(cat file.txt)"
+  expect_match "eval --detections text: the overall line" "class all 2 \(APs averaged\)" "$(cat file.txt)"
+  # A class the labels hold but the file does not name.
+  run eval --detections found.jsonl --labels "$chess" --class white-king
+  expect_eq "eval --detections of a class the file lacks: exit" 2 "$?"
+  expect_eq "eval --detections of a class the file lacks: says why" \
+    "ostrel: 'found.jsonl' has no class 'white-king' (its classes: $first, $second)" "$(cat err.txt)"
+  # A box without its class among boxes of several classes is refused.
+  "$python" - found.jsonl > mixed.jsonl <<'PY'
+import json, sys
+lines = [json.loads(l) for l in open(sys.argv[1])]
+for line in lines:
+    if line["boxes"]:
+        del line["boxes"][0]["class"]
+        break
+for line in lines:
+    print(json.dumps(line))
+PY
+  run eval --detections mixed.jsonl --labels "$chess"
+  expect_eq "a box without its class: exit" 3 "$?"
+  expect_match "a box without its class: says where" "'mixed.jsonl' line [0-9]+, boxes\[0\]: a box without a class" \
+    "$(cat err.txt)"
   ;;
 
 *)

@@ -2,6 +2,7 @@
 // labelled pictures in any annotation format.
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "evaluation/detection_files.h"
 #include "evaluation/detection_quality.h"
 #include "evaluation/left_out_pictures.h"
+#include "evaluation/measured_classes.h"
 #include "evaluation/pr_plot.h"
 #include "exit_codes.h"
 #include "labels/label_formats.h"
@@ -68,30 +70,6 @@ std::string groups_text(const std::vector<ClassGroup> &groups, const std::string
 // Whether a labelled box of this class counts for one of the groups.
 bool measured_label(const std::vector<ClassGroup> &groups, const std::string &name) {
     return std::any_of(groups.begin(), groups.end(), [&](const ClassGroup &g) { return g.contains(name); });
-}
-
-// The classes measured on a model of several classes: each --class its
-// own (a,b merges names into one), by default every class of the model.
-// A --class that holds none of the model's classes is refused.
-std::vector<ClassGroup> model_groups(const EvalOptions &o, const std::vector<std::string> &model_classes) {
-    std::vector<ClassGroup> groups = class_groups_of(o.classes);
-    if (groups.empty()) {
-        for (const std::string &name : model_classes) {
-            groups.push_back(ClassGroup{{name}});
-        }
-        return groups;
-    }
-    for (const ClassGroup &group : groups) {
-        const bool known = std::any_of(model_classes.begin(), model_classes.end(), [&](const std::string &n) {
-            return group.contains(n) || n == group.display();
-        });
-        if (!known) {
-            std::string listed;
-            for (const std::string &n : model_classes) listed += (listed.empty() ? "" : ", ") + n;
-            throw usage_error("the model has no class '" + group.display() + "' (its classes: " + listed + ")");
-        }
-    }
-    return groups;
 }
 
 LabelSet labels_of(const EvalOptions &o) {
@@ -233,18 +211,22 @@ int run_eval(const EvalOptions &o) {
     }
     const LabelSet set = labels_of(o);
     const std::string where = o.voc_dir.empty() ? o.labels : o.voc_dir;
-    // A model of several classes is measured class by class, all in one
-    // detection pass per picture; any other model (and detections made
-    // earlier) as one class.
+    // A model of several classes, and detections made earlier whose boxes
+    // name several classes, are measured class by class (the model: all in
+    // one detection pass per picture); any other model or file as one
+    // class.
     // Classes named on the command line are checked against the labels
-    // before the model is read: a misspelt class is named as such even when
-    // the model is the wrong file too.
+    // before the model or file is read: a misspelt class is named as such
+    // even when the model is the wrong file too.
     const std::vector<ClassGroup> asked = class_groups_of(o.classes);
     if (!asked.empty()) {
         require_objects(set, asked, where);
     }
     std::unique_ptr<Engine> engine;
     std::vector<std::string> model_classes;
+    std::vector<std::string> named_classes_measured;  // several classes: the model's or the file's
+    std::string owner;
+    std::optional<DetectionFile> file;
     if (!o.model.empty()) {
         engine = std::make_unique<Engine>();
         load_model(*engine, o.model, o.profile);  // the engine takes the file's profile
@@ -252,9 +234,22 @@ int run_eval(const EvalOptions &o) {
         if (model_classes.size() < 2) {
             model_classes.clear();  // one class: every box is the evaluated class's
         }
+        named_classes_measured = model_classes;
+        owner = "the model";
+    } else {
+        file = read_detection_file(o.detections, set);
+        if (names_several_classes(*file)) {
+            if (!file->first_unnamed.empty()) {
+                throw input_error("'" + o.detections + "' " + file->first_unnamed +
+                                  ": a box without a class among boxes of several classes");
+            }
+            named_classes_measured = in_label_order(file->classes, set.classes);
+            owner = "'" + o.detections + "'";
+        }
     }
-    const std::vector<ClassGroup> groups =
-        model_classes.empty() ? std::vector<ClassGroup>{chosen_class(o, set)} : model_groups(o, model_classes);
+    const std::vector<ClassGroup> groups = named_classes_measured.empty()
+                                               ? std::vector<ClassGroup>{chosen_class(o, set)}
+                                               : measured_classes(o.classes, named_classes_measured, owner);
     const ClassGroup &group = groups.front();
     require_objects(set, groups, where);
     for (const auto &note : set.notes) {
@@ -281,23 +276,23 @@ int run_eval(const EvalOptions &o) {
 
     std::vector<PictureBoxes> found(used.size());
     if (!o.detections.empty()) {
-        const DetectionFile file = read_detection_file(o.detections, set, group.display());
+        name_unnamed_boxes(*file, group.display());  // a file of one class: every box is the group's
         for (size_t i = 0; i < used.size(); ++i) {
             const long k = static_cast<long>(used[i] - set.pictures.data());
-            if (!file.found[static_cast<size_t>(k)]) {
+            if (!file->found[static_cast<size_t>(k)]) {
                 throw input_error("'" + o.detections + "' has no detections for '" +
                                   (used[i]->picture_path.empty() ? used[i]->name : used[i]->picture_path) + "'");
             }
-            for (const ScoredLabelBox &b : *file.found[static_cast<size_t>(k)]) {
+            for (const ScoredLabelBox &b : *file->found[static_cast<size_t>(k)]) {
                 if (b.above_threshold) {
                     found[i].detections.push_back(b.box);
                 }
                 found[i].ranked.push_back(b.box);
             }
         }
-        if (file.unmatched_lines > 0) {
+        if (file->unmatched_lines > 0) {
             warn(strformat("%d line%s of '%s' name pictures the labels do not have; they are passed over",
-                           file.unmatched_lines, file.unmatched_lines == 1 ? "" : "s", o.detections.c_str()));
+                           file->unmatched_lines, file->unmatched_lines == 1 ? "" : "s", o.detections.c_str()));
         }
     } else {
         const std::string missing = missing_pictures_message(set);
@@ -419,8 +414,9 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         ->type_name("DIR");
     sub->add_option("--class", o->classes,
                     "the class the model finds; repeat it or give a,b to count several label classes as that one; "
-                    "may be left out when the labels hold one class. A model of several classes: each --class is "
-                    "measured on its own (a,b merges), by default every class of the model")
+                    "may be left out when the labels hold one class. A model of several classes, or detections of "
+                    "several classes: each --class is measured on its own (a,b merges), by default every class of "
+                    "the model or the file")
         ->type_name("NAME")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -454,7 +450,8 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         "Pictures without labelled objects count too: what is found there is a false positive.\n\n"
         "A model of several classes is measured class by class from one detection pass per picture (per\n"
         "setting): each box counts for its own class; the overall figures sum the counts and average the\n"
-        "APs over the classes that have objects.\n\n"
+        "APs over the classes that have objects. Detections made earlier whose boxes name several classes\n"
+        "(`detect --json` of such a model) are measured the same way, the classes in the labels' order.\n\n"
         "A model scored on its own training picture looks better than it is: leave that picture out with\n"
         "--skip PICTURE (model files do not record their training pictures). Left-out pictures are listed.\n\n"
         "Examples:\n"

@@ -1,5 +1,7 @@
 #include "evaluation/detection_files.h"
 
+#include <algorithm>
+
 #include "labels/coco_labels.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
@@ -7,7 +9,31 @@
 
 namespace ostrel_tool {
 
-DetectionFile read_detection_file(const std::string &path, const LabelSet &labels, const std::string &default_class) {
+namespace {
+
+void note_class(DetectionFile &file, const std::string &name) {
+    if (std::find(file.classes.begin(), file.classes.end(), name) == file.classes.end()) {
+        file.classes.push_back(name);
+    }
+}
+
+}  // namespace
+
+bool names_several_classes(const DetectionFile &file) { return file.classes.size() >= 2; }
+
+void name_unnamed_boxes(DetectionFile &file, const std::string &class_name) {
+    for (auto &picture : file.found) {
+        if (picture) {
+            for (ScoredLabelBox &b : *picture) {
+                if (!b.class_named) {
+                    b.box.class_name = class_name;
+                }
+            }
+        }
+    }
+}
+
+DetectionFile read_detection_file(const std::string &path, const LabelSet &labels) {
     const std::string text = read_label_file(path, kMaxLabelSetBytes, "detections file");
     DetectionFile file;
     file.found.resize(labels.pictures.size());
@@ -21,6 +47,7 @@ DetectionFile read_detection_file(const std::string &path, const LabelSet &label
         for (size_t i = 0; i < results.pictures.size(); ++i) {
             std::vector<ScoredLabelBox> boxes;
             for (const LabelBox &b : results.pictures[i].boxes) {
+                note_class(file, b.class_name);
                 boxes.push_back({b, true});
             }
             file.found[i] = std::move(boxes);
@@ -63,7 +90,15 @@ DetectionFile read_detection_file(const std::string &path, const LabelSet &label
                 s.above_threshold = r.integer(*label, json_path(p, "label")) == 1;
             }
             const nlohmann::json *cls = r.optional_member(b, "class");
-            s.box.class_name = cls ? r.text(*cls, json_path(p, "class")) : default_class;
+            if (cls) {
+                s.box.class_name = r.text(*cls, json_path(p, "class"));
+                note_class(file, s.box.class_name);
+            } else {
+                s.class_named = false;
+                if (file.first_unnamed.empty()) {
+                    file.first_unnamed = place + ", " + p;
+                }
+            }
             found.push_back(std::move(s));
         }
         auto &slot = file.found[static_cast<size_t>(i)];
