@@ -5,6 +5,9 @@
 // instead.
 #pragma once
 
+#include <cstdarg>
+#include <string>
+
 #include "ostrel_alg.h"
 
 #if defined(__GNUC__)
@@ -22,6 +25,12 @@ namespace ostrel {
 // another thread's. A message logged from inside a handler reaches the same
 // handler one level deep; one logged from inside that nested call is dropped.
 void log(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
+
+// The two halves of log(): formatting a message, and handing a finished
+// message over (the failure notes, common/failure.h, need the text too).
+// format_message returns false when the format cannot be formatted.
+bool format_message(const char *format, va_list args, std::string *out);
+void log_text(const std::string &text);
 
 // Installs (or, with a null handler, removes) the process-wide handler.
 // Waits until every message that is being delivered to the old handler has

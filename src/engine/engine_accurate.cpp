@@ -18,7 +18,9 @@
 #include "accurate/working_picture.h"
 #include "acf/picture_features.h"
 #include "common/box_geometry.h"
+#include "common/failure.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/log_lines.h"
 #include "common/portable_math.h"
 #include "engine/ostrel_alg.h"
@@ -38,10 +40,7 @@ constexpr float kMarkedBoxOverlap = 0.3f;
 // The seed of the solver's coordinate order when the host set none.
 constexpr uint32_t kDefaultSeed = 1;
 
-int32_t fail(const char *operation, int line) {
-    ostrel::log(ostrel::kEngineFailFormat, operation, ostrel::kEngineSource, line);
-    return 1;
-}
+int32_t fail(const char *operation, int line) { return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, operation, line); }
 
 int32_t to_fixed(double value) {
     const double scaled = std::trunc(value * ostrel::kAccurateWeightScale);
@@ -83,7 +82,7 @@ ostrel::pyramid_request plan_request(const ostrel::level_plan &plan, const ostre
 
 void log_plan_refusal(const char *operation, int32_t width, int32_t height, const ostrel::searched_range &searched,
                       ostrel::plan_status status, const ostrel::level_plan &plan) {
-    ostrel::log("[Alg.Fail] %s: a picture of %d x %d cannot be searched for objects %.0f to %.0f pixels high: %s "
+    ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL, "[Alg.Fail] %s: a picture of %d x %d cannot be searched for objects %.0f to %.0f pixels high: %s "
                 "(on it a search within the bounds takes objects from %.0f pixels high; options 6 and 7 set the "
                 "range)\n",
                 operation, width, height, searched.range.min, searched.range.max, ostrel::plan_status_text(status),
@@ -230,7 +229,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
     const bool first_of_engine = accurate_pictures.empty() && !otherClassTrained();
     const ostrel::accurate_settings settings = first_of_engine ? accurateSettings() : modelSettings();
     if (!first_of_engine && settings.object_cells != model_settings.object_cells) {
-        ostrel::log("[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
                     "or start again with ostrel_alg_init\n",
                     kSetDetectorName);
         return 1;
@@ -243,7 +242,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         const auto first =
             std::find_if(boxes.begin(), boxes.end(), [](const ostrel_alg_box &b) { return b.label == 1; });
         if (first == boxes.end()) {
-            ostrel::log("[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
+            ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
             return 1;
         }
         // The first picture fixes the window: the median shape of its
@@ -253,7 +252,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             const ostrel::shape_result derived = ostrel::derive_window_shape(boxes, settings.object_cells, settings);
             if (derived.status == ostrel::shape_status::aspects_differ) {
                 const ostrel_alg_box &odd = boxes[derived.odd_box];
-                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
                             "height %.2f) differs from the median shape (%.2f) by more than %.1f times; mark "
                             "objects of one shape, or train one model per shape\n",
                             kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
@@ -263,7 +262,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             if (derived.status != ostrel::shape_status::ok) {
                 const ostrel_alg_box &odd = boxes[derived.odd_box];
                 const ostrel_alg_box &shown = derived.status == ostrel::shape_status::bad_size ? *first : odd;
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
                             kSetDetectorName, shown.width, shown.height, image->width, image->height,
                             derived.status == ostrel::shape_status::bad_size
                                 ? ostrel::geometry_status_text(ostrel::geometry_status::bad_size)
@@ -277,13 +276,13 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             const ostrel_alg_box &b = boxes[i];
             if (b.label != 1) continue;
             if (b.width < 1 || b.height < 1 || b.width > (1 << 20) || b.height > (1 << 20)) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
                             kSetDetectorName, b.width, b.height, image->width, image->height,
                             ostrel::geometry_status_text(ostrel::geometry_status::bad_size));
                 return 1;
             }
             if (!ostrel::aspect_fits(b, shape, settings)) {
-                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
                             "height %.2f) differs from the window's shape (%.2f) by more than %.1f times; mark "
                             "objects of one shape, or train one model per shape\n",
                             kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
@@ -292,14 +291,14 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             }
             const double scale = ostrel::scale_for_height(ostrel::box_height(b, shape), shape);
             if (scale > settings.max_object_upscale_percent / 100.0) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
                             kSetDetectorName, b.width, b.height, image->width, image->height,
                             ostrel::geometry_status_text(ostrel::geometry_status::object_too_small));
                 return 1;
             }
             if (image->width * scale / ostrel::kAccurateShrink < shape.columns ||
                 image->height * scale / ostrel::kAccurateShrink < shape.rows) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
                             kSetDetectorName, b.width, b.height, image->width, image->height,
                             ostrel::geometry_status_text(ostrel::geometry_status::picture_too_small));
                 return 1;
@@ -330,7 +329,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         picture.pyramid = ostrel::build_accurate_pyramid(split, plan_request(plan, shape, settings, true),
                                                          feat_extractor->resample_scratch);
         if (picture.pyramid.empty()) {
-            ostrel::log("[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
+            ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL, "[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
                         image->width, image->height);
             return 1;
         }
@@ -387,6 +386,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         return fail(kSetDetectorName, kRefusedInputLine);
     }
     ostrel::log("[Alg. Scc] Training done...\n");
+    ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED));
     return 0;
 }
 
@@ -398,7 +398,7 @@ int32_t ostrel_alg::trainAccurate() {
     const ostrel::accurate_training_result trained =
         ostrel::train_accurate(accurate_pictures, geometry, settings, seed, {}, &state);
     if (!trained.trained) {
-        ostrel::log("[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
         return 1;
     }
     ostrel::svm_model model;
@@ -481,7 +481,7 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
 // The model and the picture are checked by runDetector.
 int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
     if (model_profile != ostrel::kProfileAccurate) {
-        ostrel::log("[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
                     "import it again under the accurate profile\n",
                     kRunDetectorName);
         return 1;
@@ -493,7 +493,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     const ostrel::window_shape &shape = accurate_class.shape;
     if (settings.object_cells != model_settings.object_cells ||
         shape.features() != svm_model.support_vector_size) {
-        ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                     "longer fits the model; set it back, or train or import the model again\n",
                     kRunDetectorName);
         return 1;
@@ -596,7 +596,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         const ostrel::window_shape &shape = view.model->shape;
         if (settings.object_cells != model_settings.object_cells ||
             shape.features() != view.weights->support_vector_size) {
-            ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
+            ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                         "longer fits the model; set it back, or train or import the model again\n",
                         kRunDetectorName);
             return 1;
@@ -764,6 +764,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
 
 int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
     if (index >= sample_thumbs.size()) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "there is no sample of that index");
         return 1;
     }
     // Thumbnail i is the i-th box labelled 1, counted over the pictures in
@@ -791,7 +792,7 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
             delete[] sample_thumbs[index].image.data;
             sample_thumbs.erase(sample_thumbs.begin() + index);
             if (trainAccurate() != 0) {
-                return fail(kRemoveSampleName, kRemoveSampleLine);
+                return ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kRemoveSampleName, kRemoveSampleLine);
             }
             return 0;
         }

@@ -1,5 +1,6 @@
 #include "engine/input_limits.h"
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "detect/window_scan.h"
@@ -8,9 +9,7 @@ namespace ostrel {
 
 namespace {
 
-void log_refusal(const char *operation, int line) {
-    log(kEngineFailFormat, operation, kEngineSource, line);
-}
+void log_refusal(const char *operation, int line) { fail_at(OSTREL_ALG_ERR_FAILED, operation, line); }
 
 }  // namespace
 
@@ -38,7 +37,7 @@ bool accept_picture_pixels(const ostrel_alg_image &image, const char *operation,
     if (picture_within_pixel_limit(image.width, image.height)) {
         return true;
     }
-    log("[Debug] %s: a picture of %d x %d pixels is larger than the limit of %lld pixels\n", operation, image.width,
+    fail(OSTREL_ALG_ERR_PICTURE_TOO_LARGE, "[Debug] %s: a picture of %d x %d pixels is larger than the limit of %lld pixels\n", operation, image.width,
         image.height, static_cast<long long>(kMaxPicturePixels));
     log_refusal(operation, line);
     return false;
@@ -48,7 +47,7 @@ bool accept_marked_box_count(size_t count, const char *operation, int line) {
     if (count <= static_cast<size_t>(kMaxMarkedBoxes)) {
         return true;
     }
-    log("[Debug] %s: %zu marked boxes, more than the %lld one picture may have\n", operation, count,
+    fail(OSTREL_ALG_ERR_TOO_MANY_BOXES, "[Debug] %s: %zu marked boxes, more than the %lld one picture may have\n", operation, count,
         static_cast<long long>(kMaxMarkedBoxes));
     log_refusal(operation, line);
     return false;
@@ -61,7 +60,7 @@ bool accept_trained_box_on_picture(const ostrel_alg_image &image, int32_t traine
     if (box.width >= 1 && box.height >= 1) {
         return true;
     }
-    log("[Debug] %s: the trained box of %d x %d pixels on a %d x %d picture is %d x %d pixels on this %d x %d "
+    fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL, "[Debug] %s: the trained box of %d x %d pixels on a %d x %d picture is %d x %d pixels on this %d x %d "
         "picture: too small to detect\n",
         operation, trained_width, trained_height, input_width, input_height, box.width, box.height, image.width,
         image.height);
