@@ -48,7 +48,9 @@
  *   engines of the two profiles never share features). The random draws
  *   of training belong to the engine
  *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
- *   any thread at any time. There is no other process-wide state.
+ *   any thread at any time. There is no other process-wide state: an
+ *   engine's last failure and progress handler belong to the engine, and
+ *   the last failure of calls without an engine to the calling thread.
  *
  * Log lines
  *   The library reports through one printf-style function, one message per

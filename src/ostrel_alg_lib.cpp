@@ -132,7 +132,8 @@ int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, co
     case ostrel::Utf16PathResult::converted:
         return plain(handle, std::move(narrow));
     case ostrel::Utf16PathResult::too_long:
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kLongPathFormat, function, static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kLongPathFormat, function,
+                     static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
         return 1;
     case ostrel::Utf16PathResult::conversion_failed:
         ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kUnconvertedPathFormat, function);
@@ -222,7 +223,8 @@ int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
         // The engine takes the inverted value and inverts it again.
         const int32_t status = handle->setSensitivity(100u - sensitivity);
         if (status != 0) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: sensitivity %u is above 100\n", function, sensitivity);
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: sensitivity %u is above 100\n", function,
+                         sensitivity);
         }
         return status;
     });
@@ -370,8 +372,8 @@ int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *i
         }
         // Refused before the boxes are copied: the copy is the first allocation.
         if (count > OSTREL_ALG_MAX_MARKED_BOXES) {
-            ostrel::fail(OSTREL_ALG_ERR_TOO_MANY_BOXES, "[Alg.Fail] %s: box count %d is above the limit of %d\n", function, count,
-                        OSTREL_ALG_MAX_MARKED_BOXES);
+            ostrel::fail(OSTREL_ALG_ERR_TOO_MANY_BOXES, "[Alg.Fail] %s: box count %d is above the limit of %d\n",
+                         function, count, OSTREL_ALG_MAX_MARKED_BOXES);
             return 1;
         }
         if (count > 0 && !argument_ok(boxes, function, "boxes")) {
@@ -531,16 +533,17 @@ int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) 
         }
         if (!ostrel::within_range(*range, value)) {
             if (range->least_nonzero > 0) {
-                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside 0 (automatic) and %d..%d\n", function, range->name, value,
-                            range->least_nonzero, range->maximum);
+                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside 0 (automatic) and %d..%d\n",
+                             function, range->name, value, range->least_nonzero, range->maximum);
             } else {
-                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside %d..%d\n", function, range->name, value, range->minimum,
-                            range->maximum);
+                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside %d..%d\n", function,
+                             range->name, value, range->minimum, range->maximum);
             }
             return 1;
         }
         if (const char *conflict = handle->options.conflict(option, value)) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d %s\n", function, range->name, value, conflict);
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d %s\n", function, range->name, value,
+                         conflict);
             return 1;
         }
         handle->options.set(option, value);

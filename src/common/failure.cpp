@@ -50,14 +50,19 @@ void cut_utf8(std::string &s, size_t max) {
 void fail(int32_t code, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::string text;
+    message_text text;
     const bool formatted = format_message(format, args, &text);
     va_end(args);
-    if (formatted) {
-        log_text(text);
+    if (!formatted) {
+        note_failure(code);
+        return;
     }
-    const std::string sentence = sentence_of_line(text);
-    note_failure(code, sentence.c_str());
+    log_text(text.data, text.size);
+    try {
+        note_failure(code, sentence_of_line(std::string(text.data, text.size)).c_str());
+    } catch (...) {
+        note_failure(code);  // no memory for the sentence: the code alone
+    }
 }
 
 int32_t fail_at(int32_t code, const char *operation, int line) {
@@ -66,7 +71,7 @@ int32_t fail_at(int32_t code, const char *operation, int line) {
     return 1;
 }
 
-void note_failure(int32_t code, const char *message) {
+void note_failure(int32_t code, const char *message) noexcept {
     pending_failure &p = t_pending;
     // FAILED says only that something failed: a precise code noted after
     // it (by a unit further down the same failure) takes its place.
@@ -74,28 +79,48 @@ void note_failure(int32_t code, const char *message) {
         p.code = code;
     }
     if (p.message.empty() && message != nullptr && message[0] != '\0') {
-        p.message = message;
+        try {
+            p.message = message;
+        } catch (...) {
+            p.message.clear();  // out of memory: the code's own sentence will do
+        }
     }
 }
 
 const char *failure_sentence(int32_t code) {
     switch (code) {
-    case OSTREL_ALG_ERR_OK: return "";
-    case OSTREL_ALG_ERR_BAD_ARGUMENT: return "an argument is not valid";
-    case OSTREL_ALG_ERR_BAD_PICTURE: return "the picture record cannot be read";
-    case OSTREL_ALG_ERR_PICTURE_TOO_LARGE: return "the picture is larger than the pixel limit";
-    case OSTREL_ALG_ERR_TOO_MANY_BOXES: return "more boxes than one picture may have";
-    case OSTREL_ALG_ERR_BOX_NOT_LEARNABLE: return "no window can be learnt from the marked boxes";
-    case OSTREL_ALG_ERR_PICTURE_TOO_SMALL: return "the trained object cannot be searched for on this picture";
-    case OSTREL_ALG_ERR_NOT_TRAINED: return "the engine holds no trained or imported model";
-    case OSTREL_ALG_ERR_WRONG_PROFILE: return "the model was made under another profile or window";
-    case OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE: return "the model file cannot be read";
-    case OSTREL_ALG_ERR_MODEL_INVALID: return "the model is not valid";
-    case OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE: return "the model file cannot be written";
-    case OSTREL_ALG_ERR_NOTHING_TO_LEARN: return "training found nothing to learn from";
-    case OSTREL_ALG_ERR_OUT_OF_MEMORY: return "out of memory";
-    case OSTREL_ALG_ERR_INTERNAL: return "an unexpected error inside the library";
-    default: return "the call failed";
+    case OSTREL_ALG_ERR_OK:
+        return "";
+    case OSTREL_ALG_ERR_BAD_ARGUMENT:
+        return "an argument is not valid";
+    case OSTREL_ALG_ERR_BAD_PICTURE:
+        return "the picture record cannot be read";
+    case OSTREL_ALG_ERR_PICTURE_TOO_LARGE:
+        return "the picture is larger than the pixel limit";
+    case OSTREL_ALG_ERR_TOO_MANY_BOXES:
+        return "more boxes than one picture may have";
+    case OSTREL_ALG_ERR_BOX_NOT_LEARNABLE:
+        return "no window can be learnt from the marked boxes";
+    case OSTREL_ALG_ERR_PICTURE_TOO_SMALL:
+        return "the trained object cannot be searched for on this picture";
+    case OSTREL_ALG_ERR_NOT_TRAINED:
+        return "the engine holds no trained or imported model";
+    case OSTREL_ALG_ERR_WRONG_PROFILE:
+        return "the model was made under another profile or window";
+    case OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE:
+        return "the model file cannot be read";
+    case OSTREL_ALG_ERR_MODEL_INVALID:
+        return "the model is not valid";
+    case OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE:
+        return "the model file cannot be written";
+    case OSTREL_ALG_ERR_NOTHING_TO_LEARN:
+        return "training found nothing to learn from";
+    case OSTREL_ALG_ERR_OUT_OF_MEMORY:
+        return "out of memory";
+    case OSTREL_ALG_ERR_INTERNAL:
+        return "an unexpected error inside the library";
+    default:
+        return "the call failed";
     }
 }
 

@@ -32,8 +32,9 @@ void fail(int32_t code, const char *format, ...) OSTREL_PRINTF_LIKE(2, 3);
 int32_t fail_at(int32_t code, const char *operation, int line);
 
 // Notes code for the running call without logging; message may be null
-// (the code's own sentence is used unless a line gave one).
-void note_failure(int32_t code, const char *message = nullptr);
+// (the code's own sentence is used unless a line gave one). Never throws:
+// it runs in exception handlers too.
+void note_failure(int32_t code, const char *message = nullptr) noexcept;
 
 // The sentence of a code when no line gave one.
 const char *failure_sentence(int32_t code);

@@ -48,58 +48,58 @@ void deliver(const char *text, size_t length, ostrel_alg_log_handler handler, vo
 
 }  // namespace
 
-bool format_message(const char *format, va_list args, std::string *out) {
-    // Most messages are one short line; a longer one is formatted again
-    // into a buffer of its exact size.
-    char short_text[512];
+bool format_message(const char *format, va_list args, message_text *out) {
+    // Most messages are one short line, formatted without allocating; a
+    // longer one is formatted again into a buffer of its exact size.
     va_list again;
     va_copy(again, args);
-    const int length = std::vsnprintf(short_text, sizeof short_text, format, args);
+    const int length = std::vsnprintf(out->short_text, sizeof out->short_text, format, args);
     if (length < 0) {
         va_end(again);
         return false;
     }
-    if (static_cast<size_t>(length) < sizeof short_text) {
+    out->size = static_cast<size_t>(length);
+    if (out->size < sizeof out->short_text) {
         va_end(again);
-        out->assign(short_text, static_cast<size_t>(length));
+        out->data = out->short_text;
         return true;
     }
-    std::string long_text(static_cast<size_t>(length) + 1, '\0');
-    std::vsnprintf(&long_text[0], long_text.size(), format, again);
+    out->long_text.resize(out->size + 1);
+    std::vsnprintf(&out->long_text[0], out->long_text.size(), format, again);
     va_end(again);
-    long_text.resize(static_cast<size_t>(length));
-    *out = std::move(long_text);
+    out->data = out->long_text.c_str();
     return true;
 }
 
-void log_text(const std::string &message) {
+void log_text(const char *message, size_t length) {
 #if defined(OSTREL_TEST_REWORDED_LOG)
-    // A test build that proves no front end reads these lines: every
+    // A test build that shows no front end reads these lines: every
     // message is reworded (prefixed) before it leaves the library.
-    const std::string reworded = "x" + message;
-    const std::string &text = reworded;
+    const std::string reworded = "x" + std::string(message, length);
+    const char *text = reworded.c_str();
+    length = reworded.size();
 #else
-    const std::string &text = message;
+    const char *text = message;
 #endif
     log_destination &to = destination();
     if (handler_depth > 0) {
         if (handler_depth <= kDeepestNestedDelivery) {
-            deliver(text.c_str(), text.size(), to.handler, to.user);
+            deliver(text, length, to.handler, to.user);
         }
         return;
     }
     std::shared_lock<std::shared_mutex> reading(to.lock);
-    deliver(text.c_str(), text.size(), to.handler, to.user);
+    deliver(text, length, to.handler, to.user);
 }
 
 void log(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::string text;
+    message_text text;
     const bool formatted = format_message(format, args, &text);
     va_end(args);
     if (formatted) {
-        log_text(text);
+        log_text(text.data, text.size);
     }
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <string>
 
 #include "ostrel_alg.h"
@@ -28,9 +29,16 @@ void log(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
 
 // The two halves of log(): formatting a message, and handing a finished
 // message over (the failure notes, common/failure.h, need the text too).
-// format_message returns false when the format cannot be formatted.
-bool format_message(const char *format, va_list args, std::string *out);
-void log_text(const std::string &text);
+// A message of up to 511 bytes is formatted without allocating.
+struct message_text {
+    char short_text[512];
+    std::string long_text;
+    const char *data = nullptr;  // the message, size bytes, null-terminated
+    size_t size = 0;
+};
+// False (and nothing in *out) when the format cannot be formatted.
+bool format_message(const char *format, va_list args, message_text *out);
+void log_text(const char *text, size_t length);
 
 // Installs (or, with a null handler, removes) the process-wide handler.
 // Waits until every message that is being delivered to the old handler has

@@ -159,7 +159,8 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     std::string problem;
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
     if (bytes.empty()) {
-        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Alg.Fail] %s: the accurate model cannot be written: %s\n", kExportModelName, problem.c_str());
+        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Alg.Fail] %s: the accurate model cannot be written: %s\n",
+                     kExportModelName, problem.c_str());
         return 1;
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
@@ -184,7 +185,7 @@ int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
     int32_t code = OSTREL_ALG_ERR_OK;
     if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
         ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
-                    path.c_str(), problem.c_str());
+                     path.c_str(), problem.c_str());
         return 1;
     }
     return 0;
@@ -196,7 +197,7 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     int32_t code = OSTREL_ALG_ERR_OK;
     if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
         ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
-                    problem.c_str());
+                     problem.c_str());
         return 1;
     }
     const ostrel::accurate_file_class &c = file.classes.front();
@@ -205,11 +206,12 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     if (options.host_set(ostrel::kOptionAccurateCells) && options.accurate.object_cells != file.settings.object_cells) {
         const ostrel::window_shape host_shape =
             ostrel::window_for_aspect(c.aspect, options.accurate.object_cells, options.accurate);
-        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
-                    "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
-                    "leave it unset\n",
-                    kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
-                    options.accurate.object_cells, file.settings.object_cells);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
+                     "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
+                     "leave it unset\n",
+                     kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
+                     options.accurate.object_cells, file.settings.object_cells);
         return 1;
     }
 

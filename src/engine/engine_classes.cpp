@@ -79,9 +79,10 @@ void ostrel_alg::swapCurrentClass(ostrel::class_slot &slot) {
 
 int32_t ostrel_alg::addClass(const std::string &name, uint32_t *index) {
     if (!options.is_accurate() || model_profile == ostrel::kProfileClassic) {
-        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: only the accurate profile learns several classes; set option %d to %d (and train "
-                    "or import an accurate model) first\n",
-                    kAddClassName, ostrel::kOptionProfile, ostrel::kProfileAccurate);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: only the accurate profile learns several classes; set option %d to %d (and train "
+                     "or import an accurate model) first\n",
+                     kAddClassName, ostrel::kOptionProfile, ostrel::kProfileAccurate);
         return 1;
     }
     if (name.empty()) {
@@ -96,12 +97,14 @@ int32_t ostrel_alg::addClass(const std::string &name, uint32_t *index) {
     const uint32_t count = classCount();
     for (uint32_t k = 0; k < count; ++k) {
         if (classAt(k).model->name == name) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: class %u is already named \"%s\"\n", kAddClassName, k, name.c_str());
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: class %u is already named \"%s\"\n",
+                         kAddClassName, k, name.c_str());
             return 1;
         }
     }
     if (count >= OSTREL_ALG_MAX_CLASSES) {
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: the engine holds %u classes, the most a model holds\n", kAddClassName, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT,
+                     "[Alg.Fail] %s: the engine holds %u classes, the most a model holds\n", kAddClassName, count);
         return 1;
     }
     if (count == 0) {
@@ -124,7 +127,8 @@ int32_t ostrel_alg::addClass(const std::string &name, uint32_t *index) {
 int32_t ostrel_alg::selectClass(uint32_t index) {
     const uint32_t count = classCount();
     if (index >= count && !(index == 0 && count == 0)) {
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n", kSetClassName, index, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n",
+                     kSetClassName, index, count);
         return 1;
     }
     if (class_slots.empty() || index == current_class) {
@@ -139,7 +143,8 @@ int32_t ostrel_alg::selectClass(uint32_t index) {
 int32_t ostrel_alg::getClassName(uint32_t index, const char **name) const {
     const uint32_t count = classCount();
     if (index >= count) {
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n", kGetClassNameName, index, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n",
+                     kGetClassNameName, index, count);
         return 1;
     }
     *name = classAt(index).model->name.c_str();
@@ -158,8 +163,9 @@ bool ostrel_alg::everyClassTrained(const char *operation) const {
     for (uint32_t k = 0; k < count; ++k) {
         const class_view view = classAt(k);
         if (!view.weights->trained()) {
-            ostrel::fail(OSTREL_ALG_ERR_NOT_TRAINED, "[Alg.Fail] %s: class %u (\"%s\") has no model yet; train it first\n", operation, k,
-                        view.model->name.c_str());
+            ostrel::fail(OSTREL_ALG_ERR_NOT_TRAINED,
+                         "[Alg.Fail] %s: class %u (\"%s\") has no model yet; train it first\n", operation, k,
+                         view.model->name.c_str());
             return false;
         }
     }

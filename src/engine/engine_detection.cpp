@@ -28,8 +28,6 @@ constexpr float kMarkedBoxOverlap = 0.3f;
 // Detections (label 1) a run reports at most.
 constexpr uint32_t kMaxReportedDetections = 32;
 
-void log_run_failure(int32_t code) { ostrel::fail_at(code, kRunDetectorName, kRunDetectorLine); }
-
 constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
 constexpr int kGetFeatureMapLine = 1190;
 
@@ -43,11 +41,12 @@ constexpr int kFeatureMapPictureTooLargeLine = 4121;
 // The filter stage fails only when the false-positive filter cannot
 // measure a window: its matrices do not fit the window or one another.
 void log_filter_failure(const ostrel::pca_fp_filter &filter, int64_t window_features) {
-    ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Debug] %s: the false-positive filter cannot measure a window of %lld features (mean %d x %d, "
-                "eigenvectors %d x %d, reduce_mean %d x %d, reduce_inv_covar %d x %d)\n",
-                kRunDetectorName, static_cast<long long>(window_features), filter.mean.rows, filter.mean.cols,
-                filter.eigenvectors.rows, filter.eigenvectors.cols, filter.reduce_mean.rows, filter.reduce_mean.cols,
-                filter.reduce_inv_covar.rows, filter.reduce_inv_covar.cols);
+    ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID,
+                 "[Debug] %s: the false-positive filter cannot measure a window of %lld features (mean %d x %d, "
+                 "eigenvectors %d x %d, reduce_mean %d x %d, reduce_inv_covar %d x %d)\n",
+                 kRunDetectorName, static_cast<long long>(window_features), filter.mean.rows, filter.mean.cols,
+                 filter.eigenvectors.rows, filter.eigenvectors.cols, filter.reduce_mean.rows, filter.reduce_mean.cols,
+                 filter.reduce_inv_covar.rows, filter.reduce_inv_covar.cols);
     ostrel::fail_at(OSTREL_ALG_ERR_MODEL_INVALID, kRunDetectorName, kFilterDoesNotFitLine);
 }
 
@@ -55,8 +54,8 @@ void log_filter_failure(const ostrel::pca_fp_filter &filter, int64_t window_feat
 
 bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
     if (image->width < 1 || image->height < 1 || image->channels != 3 || image->data == nullptr) {
-        ostrel::fail(OSTREL_ALG_ERR_BAD_PICTURE, ostrel::kInvalidImageFormat, ostrel::kCheckImgValidName, image->width, image->height,
-                    static_cast<const void *>(image->data));
+        ostrel::fail(OSTREL_ALG_ERR_BAD_PICTURE, ostrel::kInvalidImageFormat, ostrel::kCheckImgValidName, image->width,
+                     image->height, static_cast<const void *>(image->data));
         return false;
     }
     return true;
@@ -87,11 +86,11 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
         } else {
             ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the picture record is null");
         }
-        log_run_failure(OSTREL_ALG_ERR_FAILED);
+        ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
     if (!checkImgValid(image)) {
-        log_run_failure(OSTREL_ALG_ERR_BAD_PICTURE);
+        ostrel::fail_at(OSTREL_ALG_ERR_BAD_PICTURE, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
     if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine)) {
@@ -103,8 +102,8 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
     if (model_profile == ostrel::kProfileAccurate) {
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: the model was made under the accurate profile; set the profile back, or train "
-                    "or import it again under the classic profile\n",
-                    kRunDetectorName);
+                     "or import it again under the classic profile\n",
+                     kRunDetectorName);
         return 1;
     }
     if (!ostrel::accept_trained_box_on_picture(*image, svm_model.trained_width, svm_model.trained_height,
@@ -150,9 +149,10 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
                                     map.channels;
     if (geometry.window_columns > 0 && geometry.window_rows > 0 &&
         window_features != svm_model.support_vector_size) {
-        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
-                    static_cast<long long>(window_features), svm_model.support_vector_size);
-        log_run_failure(OSTREL_ALG_ERR_MODEL_INVALID);
+        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID,
+                     "[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
+                     static_cast<long long>(window_features), svm_model.support_vector_size);
+        ostrel::fail_at(OSTREL_ALG_ERR_MODEL_INVALID, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
 

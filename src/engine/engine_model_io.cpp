@@ -115,14 +115,16 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
             ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
             ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
+                                 ("cannot create the model file " + path).c_str());
             return 1;
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
@@ -158,7 +160,8 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         }
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kExportModelName, ostrel::kEngineSource, kExportExceptionLine, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kExportModelName, ostrel::kEngineSource,
+                     kExportExceptionLine, e.what());
         return 1;
     }
 }
@@ -189,7 +192,8 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         ostrel::svm_model read_model = copy_of_record(svm_model);
         if (ostrel::read_svm_block(in, read_model) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(read_model)) {
@@ -200,12 +204,14 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkPcaFilter(read_filter)) {
             ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
         in.close();
@@ -238,7 +244,8 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kImportModelName, ostrel::kEngineSource,
+                     kImportExceptionLine, e.what());
         return 1;
     }
 }
@@ -257,13 +264,15 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         ostrel::svm_model scratch_model;
         if (ostrel::read_svm_block(in, scratch_model) != 0) {
             ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         ostrel::pca_fp_filter scratch_filter;
         if (ostrel::read_filter_block(in, scratch_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(scratch_model)) {
@@ -273,7 +282,8 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         if (ostrel::checkPcaFilter(scratch_filter)) {
             ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
 
@@ -292,11 +302,12 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         ostrel::log(kStoredLengthFormat, static_cast<unsigned long long>(stored_length),
                     static_cast<unsigned long long>(total_length));
         ostrel::log(kCrcMismatchFormat, stored_crc, computed_crc);
-        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
+        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                             ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckExceptionLine,
-                    e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource,
+                     kCheckExceptionLine, e.what());
         return 1;
     }
 }

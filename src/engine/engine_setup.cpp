@@ -82,9 +82,10 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
         return setDetectorAccurate(image, boxes);
     }
     if (!class_slots.empty()) {
-        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE, "[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
-                    "profile again, or import or start a model of one class)\n",
-                    kSetDetectorName, classCount());
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
+                     "profile again, or import or start a model of one class)\n",
+                     kSetDetectorName, classCount());
         return 1;
     }
     // A new picture brings new marked boxes and samples. The same key again

@@ -23,10 +23,6 @@ constexpr int kSvmTrainFailedLine = 3162;
 constexpr int kFilterBuildFailedLine = 2440;
 constexpr int kOutlierStepFailedLine = 2324;
 
-void log_engine_failure(const char *operation, int line) {
-    ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, operation, line);
-}
-
 }  // namespace
 
 int32_t ostrel_alg::addTrainingSamples(const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes) {
@@ -94,8 +90,10 @@ bool ostrel_alg::set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels) {
     // the first training (nothing known yet) only records the count.
     if (positive_sample_count >= 1) {
         if (!filterPositive_outlier(candidate_samples, candidate_labels)) {
-            log_engine_failure("ostrel_alg::filterPositive_outlier", kFilterBuildFailedLine);
-            log_engine_failure("ostrel_alg::set_training_mat_outlier", kOutlierStepFailedLine);
+            ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "ostrel_alg::filterPositive_outlier",
+                            kFilterBuildFailedLine);
+            ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "ostrel_alg::set_training_mat_outlier",
+                            kOutlierStepFailedLine);
             return false;
         }
         ostrel::log("[Alg. Scc] Outlier rejection ...\n");
@@ -118,8 +116,9 @@ bool ostrel_alg::train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel
     double highest = 0.0;
     cv::minMaxLoc(labels, &lowest, &highest);
     if (lowest == highest) {
-        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "[Debug] every training sample has the label %d: nothing to tell apart\n",
-                    static_cast<int>(lowest));
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN,
+                     "[Debug] every training sample has the label %d: nothing to tell apart\n",
+                     static_cast<int>(lowest));
         return false;
     }
     try {
@@ -146,7 +145,7 @@ int32_t ostrel_alg::trainClassifier() {
     cv::Mat samples;
     cv::Mat labels;
     if (!set_training_mat_outlier(samples, labels)) {
-        log_engine_failure(kTrainClassifierName, kTrainingSetFailedLine);
+        ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kTrainClassifierName, kTrainingSetFailedLine);
         return 1;
     }
     ostrel::log("[Alg. Scc] set_training_mat...\n");
@@ -155,7 +154,7 @@ int32_t ostrel_alg::trainClassifier() {
     // training keeps the old model, weights included.
     ostrel::svm_model trained_model;
     if (!train_svm(samples, labels, &trained_model)) {
-        log_engine_failure(kTrainClassifierName, kSvmTrainFailedLine);
+        ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kTrainClassifierName, kSvmTrainFailedLine);
         return 1;
     }
     svm_model = std::move(trained_model);

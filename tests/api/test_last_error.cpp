@@ -125,10 +125,10 @@ TEST_F(LastError, PictureTooLarge) {
 TEST_F(LastError, TooManyBoxes) {
     std::vector<uint8_t> pixels(64 * 64 * 3, 0);
     const ostrel_alg_image image{64, 64, 3, pixels.data(), 1, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
-    const std::vector<ostrel_alg_box> boxes(OSTREL_ALG_MAX_MARKED_BOXES + 1, ostrel_alg_box{8, 8, 16, 16, 0.0f, 1, 0, 0});
-    const last_error e = failure_of([&] {
-        return ostrel_alg_setDetector_ptr(engine_, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
-    });
+    const std::vector<ostrel_alg_box> boxes(OSTREL_ALG_MAX_MARKED_BOXES + 1,
+                                            ostrel_alg_box{8, 8, 16, 16, 0.0f, 1, 0, 0});
+    const last_error e = failure_of(
+        [&] { return ostrel_alg_setDetector_ptr(engine_, &image, boxes.data(), static_cast<int32_t>(boxes.size())); });
     EXPECT_EQ(e.code, OSTREL_ALG_ERR_TOO_MANY_BOXES);
     EXPECT_EQ(e.message, "ostrel_alg_setDetector_ptr: box count 1001 is above the limit of 1000");
 }

@@ -131,14 +131,15 @@ TEST_F(ProgressHandler, AccurateStepsMatchTheLogLines) {
         if (std::sscanf(line.c_str(), "[Alg. Scc] Accurate training: %d objects, %d background windows", &a, &b) == 2) {
             logged_first.push_back({a, b});
         }
-        if (std::sscanf(line.c_str(), "[Alg. Scc] Accurate mining round %d: %d of %d hard background windows added",
-                        &a, &b, &c) == 3) {
+        if (std::sscanf(line.c_str(), "[Alg. Scc] Accurate mining round %d: %d of %d hard background windows added", &a,
+                        &b, &c) == 3) {
             logged_rounds.push_back({a, b, c});
         }
     }
     std::vector<std::vector<int32_t>> reported_first, reported_rounds;
     for (const ostrel_alg_progress &p : r.steps) {
-        if (p.stage == OSTREL_ALG_STAGE_ACCURATE_TRAINING) reported_first.push_back({p.object_windows, p.background_windows});
+        if (p.stage == OSTREL_ALG_STAGE_ACCURATE_TRAINING)
+            reported_first.push_back({p.object_windows, p.background_windows});
         if (p.stage == OSTREL_ALG_STAGE_MINING_ROUND) {
             reported_rounds.push_back({p.round, p.hard_windows_added, p.hard_windows_found});
         }

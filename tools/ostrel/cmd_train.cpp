@@ -429,8 +429,8 @@ int run_train(const TrainOptions &o) {
         // Accurate models carry their classes' names; a classic model is
         // one unnamed class.
         if (o.profile == OSTREL_ALG_PROFILE_ACCURATE && !c.name.empty() && !engine.add_class(c.name)) {
-            throw ToolError(ExitCode::failed, "the library refused the class name '" + c.name +
-                                                  "': " + engine.last_error());
+            throw ToolError(ExitCode::failed,
+                            "the library refused the class name '" + c.name + "': " + engine.last_error());
         }
         if (classes.size() > 1) {
             println(strformat("class %zu/%zu %s", k + 1, classes.size(), c.name.c_str()));

@@ -35,14 +35,16 @@ void TrainingProgress::on_progress(const ostrel_alg_progress &step) {
     case OSTREL_ALG_STAGE_ACCURATE_TRAINING:
         accurate_ = true;
         samples_ = step.object_windows + step.background_windows;
-        print_step(strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows",
-                             step.object_windows, step.background_windows));
+        print_step(
+            strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows",
+                      step.object_windows, step.background_windows));
         return;
     case OSTREL_ALG_STAGE_MINING_ROUND:
         samples_ += step.hard_windows_added;
         passes_ = step.round;
-        print_step(strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained",
-                             step.round, step.hard_windows_added, step.hard_windows_found));
+        print_step(
+            strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained",
+                      step.round, step.hard_windows_added, step.hard_windows_found));
         return;
     case OSTREL_ALG_STAGE_TRAINED:
         ++trainings_;

@@ -770,7 +770,8 @@ std::string Workspace::model_bytes_here(const std::string &class_name) {
     }
     ScratchFile file{scratch_path("export")};
     if (!d->engine->export_model(file.path)) {
-        throw ApiError(http_status::internal_error, "the library could not export the model: " + d->engine->last_error());
+        throw ApiError(http_status::internal_error,
+                       "the library could not export the model: " + d->engine->last_error());
     }
     if (!d->engine->check_model(file.path)) {
         throw ApiError(http_status::internal_error,
