@@ -21,6 +21,8 @@
  *       above the sample count;
  *     - ostrel_alg_setModelId with a negative id, and ostrel_alg_getModelId
  *       while no id is set.
+ *   Every failure, these included, also records a code and a message that a
+ *   program reads with ostrel_alg_getLastError (see "Errors").
  *
  * Ownership
  *   - The host owns the engine handle from ostrel_alg_create() until it
@@ -46,7 +48,9 @@
  *   engines of the two profiles never share features). The random draws
  *   of training belong to the engine
  *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
- *   any thread at any time. There is no other process-wide state.
+ *   any thread at any time. There is no other process-wide state: an
+ *   engine's last failure and progress handler belong to the engine, and
+ *   the last failure of calls without an engine to the calling thread.
  *
  * Log lines
  *   The library reports through one printf-style function, one message per
@@ -67,6 +71,18 @@
 
 #include <stddef.h>
 #include <stdint.h>
+
+/*
+ * Version of this header and of the library built from it: major.minor.patch.
+ * These three lines are the one place the number is set; the build reads it
+ * from here (the shared library's version, the pkg-config file, the tool's
+ * --version), so a host compiled against this header and the library it
+ * loads can be compared with ostrel_alg_getVersion. A new major number may
+ * break hosts built against an older one; a new minor number only adds.
+ */
+#define OSTREL_ALG_VERSION_MAJOR 0
+#define OSTREL_ALG_VERSION_MINOR 1
+#define OSTREL_ALG_VERSION_PATCH 0
 
 #if defined(_WIN32)
 #  if defined(OSTREL_ALG_BUILDING)
@@ -251,6 +267,15 @@ OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_sample, reserved1) == 40, "sample.r
  * null.
  */
 OSTREL_ALG_API int32_t ostrel_alg_create(ostrel_alg **handle);
+
+/*
+ * Writes the version of the library that is loaded (which may differ from
+ * the OSTREL_ALG_VERSION_* macros a host was compiled with) to *major,
+ * *minor and *patch; any of them may be null and is then skipped. Needs no
+ * engine, logs nothing, may be called from any thread at any time. Returns
+ * 0.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getVersion(int32_t *major, int32_t *minor, int32_t *patch);
 
 /* Tears the engine down and frees it. Every buffer it handed out dies with
  * it. Returns 0; 1 for a null handle. */
@@ -670,6 +695,167 @@ typedef void (*ostrel_alg_log_handler)(const char *message, void *user);
  * any time from any thread, also while other threads are inside the library.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user);
+
+/* ------------------------------------------------------------------------
+ * Errors
+ *
+ * Every failing call (status 1) also records why, as a code a program can
+ * act on and a sentence a person can read. The record belongs to the engine
+ * the call was given; a call without an engine (ostrel_alg_create, and any
+ * call given a null handle) records into the calling thread's own record
+ * instead. A call that succeeds leaves the record as it was: it always
+ * holds the last failure, and OSTREL_ALG_ERR_OK only until the first one.
+ * The log lines are unchanged by this: they are for people reading a log,
+ * the record is what a program reads.
+ *
+ * Codes (numbers are never reused; a later version may add codes, so treat
+ * an unknown one like OSTREL_ALG_ERR_FAILED):
+ *   OK                  no failure recorded yet.
+ *   FAILED              a failure without a more precise code.
+ *   BAD_ARGUMENT        a null handle or out pointer, a negative or zero
+ *                       count, an unknown option or a value outside its
+ *                       range, a bad class name or index, a bad path, a
+ *                       sample index at or above the sample count, an unset
+ *                       or negative model id.
+ *   BAD_PICTURE         an image record the library cannot read (size below
+ *                       1 x 1, channels other than 3, null pixels, a
+ *                       negative image_key at set-up).
+ *   PICTURE_TOO_LARGE   a picture above OSTREL_ALG_MAX_PICTURE_PIXELS.
+ *   TOO_MANY_BOXES      more than OSTREL_ALG_MAX_MARKED_BOXES boxes.
+ *   BOX_NOT_LEARNABLE   marked boxes the detector cannot learn a window from
+ *                       (too small, too large for the picture, shapes that
+ *                       cannot share one window, no box labelled 1, a
+ *                       window other than that of the samples held).
+ *   PICTURE_TOO_SMALL   a picture on which the trained object cannot be
+ *                       searched for (smaller than one pixel there, or
+ *                       outside the search's bounds).
+ *   NOT_TRAINED         detection or export without a model, or a class
+ *                       without one.
+ *   WRONG_PROFILE       the model or the engine's classes belong to the other
+ *                       profile, or an option that shapes the window changed
+ *                       since the model was made.
+ *   MODEL_FILE_UNREADABLE  the model file cannot be opened or read.
+ *   MODEL_INVALID       a model file, or a model in the engine, that the
+ *                       checks refuse: values out of range, a file cut
+ *                       short, a CRC-32 that does not match.
+ *   MODEL_FILE_UNWRITABLE  the model file cannot be created or written.
+ *   NOTHING_TO_LEARN    training found no samples, or samples of one label
+ *                       only, or the solver refused them.
+ *   OUT_OF_MEMORY       memory ran out.
+ *   INTERNAL            an unexpected error inside the library (an
+ *                       exception it did not foresee); the message says
+ *                       what.
+ * ---------------------------------------------------------------------- */
+#define OSTREL_ALG_ERR_OK 0
+#define OSTREL_ALG_ERR_FAILED 1
+#define OSTREL_ALG_ERR_BAD_ARGUMENT 2
+#define OSTREL_ALG_ERR_BAD_PICTURE 3
+#define OSTREL_ALG_ERR_PICTURE_TOO_LARGE 4
+#define OSTREL_ALG_ERR_TOO_MANY_BOXES 5
+#define OSTREL_ALG_ERR_BOX_NOT_LEARNABLE 6
+#define OSTREL_ALG_ERR_PICTURE_TOO_SMALL 7
+#define OSTREL_ALG_ERR_NOT_TRAINED 8
+#define OSTREL_ALG_ERR_WRONG_PROFILE 9
+#define OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE 10
+#define OSTREL_ALG_ERR_MODEL_INVALID 11
+#define OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE 12
+#define OSTREL_ALG_ERR_NOTHING_TO_LEARN 13
+#define OSTREL_ALG_ERR_OUT_OF_MEMORY 14
+#define OSTREL_ALG_ERR_INTERNAL 15
+
+/* Bytes of the longest message, its terminating null included: a buffer of
+ * this size always receives the whole message. */
+#define OSTREL_ALG_MAX_ERROR_MESSAGE_BYTES 1024
+
+/*
+ * Reads the last failure of engine handle, or with a null handle the last
+ * failure of a call without an engine on the calling thread (see above).
+ *   code     receives the OSTREL_ALG_ERR_* code; may be null.
+ *   buffer   receives the message: UTF-8 (paths as the host gave them),
+ *            null-terminated, one sentence without a line end, "" for
+ *            OSTREL_ALG_ERR_OK. At most size bytes are written, the null
+ *            included: a longer message is cut (at a character boundary)
+ *            to fit. The host owns the buffer. May be null when size is 0.
+ *   size     bytes at buffer.
+ * Reading changes nothing and logs nothing. Returns 0; 1 (nothing written)
+ * when buffer is null and size is not 0. Threads: an engine's record like
+ * every call on that engine (its own thread only); the null handle's record
+ * is the calling thread's, so any thread may read its own at any time.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getLastError(ostrel_alg *handle, int32_t *code, char *buffer, size_t size);
+
+/* ------------------------------------------------------------------------
+ * Progress
+ *
+ * A host that shows how training goes installs a progress handler on the
+ * engine. The engine calls it at each step of set-up (ostrel_alg_setDetector*,
+ * and the retraining of ostrel_alg_removeSample), with one record that says
+ * which step ended and what it counted. The log lines report the same steps
+ * in words, for people; a program reads these records.
+ *
+ * Stages (numbers are never reused; ignore a stage you do not know):
+ *   SAMPLES        classic: samples were cut for the marked boxes or for
+ *                  the wrong detections of a pass. samples = the training
+ *                  samples the engine holds now.
+ *   BOX_SKIPPED    classic: a box reaching past the picture (or too small
+ *                  for one cell) got no sample. boxes_skipped = 1.
+ *   FILTER_REBUILT classic: the false-positive filter was rebuilt from the
+ *                  new positives.
+ *   TRAINED        the classifier was trained (classic: after the first
+ *                  samples and after every pass; accurate: once, at the
+ *                  end). samples as above (classic).
+ *   PASS           classic: an auto-training pass ended. round = the pass
+ *                  (1..5), false_positives and low_confidence = the wrong
+ *                  and the weak detections that became background.
+ *   ACCURATE_TRAINING  accurate: the first training ended.
+ *                  object_windows, background_windows = what it learnt.
+ *   MINING_ROUND   accurate: a round of mining ended. round = the round,
+ *                  hard_windows_added of hard_windows_found were added;
+ *                  object_windows, background_windows = the totals now.
+ * Fields a stage does not name are 0. seconds = time since the host's call
+ * began.
+ * ---------------------------------------------------------------------- */
+#define OSTREL_ALG_STAGE_SAMPLES 1
+#define OSTREL_ALG_STAGE_BOX_SKIPPED 2
+#define OSTREL_ALG_STAGE_FILTER_REBUILT 3
+#define OSTREL_ALG_STAGE_TRAINED 4
+#define OSTREL_ALG_STAGE_PASS 5
+#define OSTREL_ALG_STAGE_ACCURATE_TRAINING 6
+#define OSTREL_ALG_STAGE_MINING_ROUND 7
+
+/* Progress record (48 bytes), owned by the library, valid during the
+ * handler's call only. */
+typedef struct ostrel_alg_progress {
+    int32_t stage;
+    int32_t round;
+    int32_t samples;
+    int32_t boxes_skipped;
+    int32_t false_positives;
+    int32_t low_confidence;
+    int32_t object_windows;
+    int32_t background_windows;
+    int32_t hard_windows_added;
+    int32_t hard_windows_found;
+    double seconds;
+} ostrel_alg_progress;
+
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_progress) == 48, "progress record is 48 bytes");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_progress, seconds) == 40, "progress.seconds at 40");
+
+/* Receives one progress record; user is the pointer given with the
+ * handler. */
+typedef void (*ostrel_alg_progress_handler)(const ostrel_alg_progress *progress, void *user);
+
+/*
+ * Installs handler (null: none) as engine handle's progress handler, with
+ * user passed back to it; replaces the one before. The handler is called on
+ * the thread that runs the engine's call, inside that call, so it needs no
+ * lock of its own for this engine; it must return normally and must not
+ * call the library with this engine (other engines are fine). Kept by
+ * init, like the options. Returns 0; 1 for a null handle.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setProgressHandler(ostrel_alg *handle, ostrel_alg_progress_handler handler,
+                                                     void *user);
 
 /* ------------------------------------------------------------------------
  * Model files

@@ -1,11 +1,14 @@
 // The exported interface: every function checks its handle and arguments,
 // forwards to one engine operation and returns its status.
 #include <exception>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "ostrel_alg.h"
+#include "common/failure.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/utf16_path.h"
 #include "engine/engine_options.h"
 #include "engine/ostrel_alg.h"
@@ -65,11 +68,13 @@ enum LibLine : int {
     kGetClassCountLine = 595,
     kGetClassNamePtrLine = 611,
     kGetBoxClassesPtrLine = 627,
+    kSetProgressHandlerLine = 643,
 };
 
 bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
     if (handle == nullptr) {
         ostrel::log(kLibFailFormat, function, kLibSource, line);
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the engine handle is null");
         return false;
     }
     return true;
@@ -77,10 +82,31 @@ bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
 
 bool argument_ok(const void *argument, const char *function, const char *argument_name) {
     if (argument == nullptr) {
-        ostrel::log(kNullArgumentFormat, function, argument_name);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kNullArgumentFormat, function, argument_name);
         return false;
     }
     return true;
+}
+
+// Runs the body of an exported function (which receives the function's
+// name) and, when the host's call fails, files what it noted as the last
+// failure of the engine, or of the thread for a call without one.
+template <typename Body>
+int32_t api_call(ostrel_alg *engine, const char *function, Body &&body) {
+    const ostrel::failure_scope scope;
+    const ostrel::progress_scope progress(engine != nullptr ? engine->progress_handler : nullptr,
+                                          engine != nullptr ? engine->progress_user : nullptr);
+    const int32_t status = body(function);
+    if (status != 0 && scope.outermost()) {
+        try {
+            (engine != nullptr ? engine->last_failure : ostrel::thread_failure()) = scope.taken(function);
+        } catch (const std::bad_alloc &) {
+            ostrel::failure &record = engine != nullptr ? engine->last_failure : ostrel::thread_failure();
+            record.code = OSTREL_ALG_ERR_OUT_OF_MEMORY;
+            record.message.clear();
+        }
+    }
+    return status;
 }
 
 // Runs an engine operation so that no exception reaches the host: a C
@@ -89,10 +115,12 @@ template <typename Operation>
 int32_t guarded(const char *function, int line, Operation &&operation) {
     try {
         return operation();
+    } catch (const std::bad_alloc &e) {
+        ostrel::fail(OSTREL_ALG_ERR_OUT_OF_MEMORY, kLibExceptionFormat, function, kLibSource, line, e.what());
     } catch (const std::exception &e) {
-        ostrel::log(kLibExceptionFormat, function, kLibSource, line, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kLibExceptionFormat, function, kLibSource, line, e.what());
     } catch (...) {
-        ostrel::log(kLibExceptionFormat, function, kLibSource, line, "unknown exception");
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kLibExceptionFormat, function, kLibSource, line, "unknown exception");
     }
     return 1;
 }
@@ -104,16 +132,17 @@ int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, co
     case ostrel::Utf16PathResult::converted:
         return plain(handle, std::move(narrow));
     case ostrel::Utf16PathResult::too_long:
-        ostrel::log(kLongPathFormat, function, static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kLongPathFormat, function,
+                     static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
         return 1;
     case ostrel::Utf16PathResult::conversion_failed:
-        ostrel::log(kUnconvertedPathFormat, function);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kUnconvertedPathFormat, function);
         return 1;
     case ostrel::Utf16PathResult::null_path:
     case ostrel::Utf16PathResult::invalid_utf16:
         break;
     }
-    ostrel::log(kBadPathFormat, function);
+    ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kBadPathFormat, function);
     return 1;
 }
 
@@ -121,272 +150,369 @@ int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, co
 
 extern "C" {
 
+int32_t ostrel_alg_getVersion(int32_t *major, int32_t *minor, int32_t *patch) {
+    // The library is compiled with its own header: these are its numbers.
+    if (major != nullptr) *major = OSTREL_ALG_VERSION_MAJOR;
+    if (minor != nullptr) *minor = OSTREL_ALG_VERSION_MINOR;
+    if (patch != nullptr) *patch = OSTREL_ALG_VERSION_PATCH;
+    return 0;
+}
+
 int32_t ostrel_alg_create(ostrel_alg **handle) {
-    if (!argument_ok(handle, __func__, "handle")) {
-        return 1;
-    }
-    int32_t status = 1;
-    *handle = nullptr;
-    ostrel_alg *engine = nullptr;
-    try {
-        engine = new ostrel_alg();
-        status = engine->init();
-        if (status == 0) {
-            *handle = engine;
-            return 0;
+    return api_call(nullptr, __func__, [&](const char *function) -> int32_t {
+        if (!argument_ok(handle, function, "handle")) {
+            return 1;
         }
-        // The engine is deliberately not freed here: a host may still hold
-        // on to pointers handed out while init ran.
-        ostrel::log(kLibFailFormat, __func__, kLibSource, kCreateInitFailedLine);
-        return status;
-    } catch (const std::exception &e) {
-        ostrel::log(kLibExceptionFormat, __func__, kLibSource, kCreateExceptionLine, e.what());
-        *handle = engine;
-        return status;
-    }
+        int32_t status = 1;
+        *handle = nullptr;
+        ostrel_alg *engine = nullptr;
+        try {
+            engine = new ostrel_alg();
+            status = engine->init();
+            if (status == 0) {
+                *handle = engine;
+                return 0;
+            }
+            // The engine is deliberately not freed here: a host may still hold
+            // on to pointers handed out while init ran.
+            ostrel::log(kLibFailFormat, function, kLibSource, kCreateInitFailedLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_INTERNAL, "the new engine could not be initialised");
+            return status;
+        } catch (const std::exception &e) {
+            ostrel::fail(dynamic_cast<const std::bad_alloc *>(&e) != nullptr ? OSTREL_ALG_ERR_OUT_OF_MEMORY
+                                                                             : OSTREL_ALG_ERR_INTERNAL,
+                         kLibExceptionFormat, function, kLibSource, kCreateExceptionLine, e.what());
+            *handle = engine;
+            return status;
+        }
+    });
 }
 
 int32_t ostrel_alg_destroy(ostrel_alg *handle) {
-    if (!handle_ok(handle, __func__, kDestroyLine)) {
-        return 1;
-    }
-    delete handle;
-    return 0;
-}
-
-int32_t ostrel_alg_init(ostrel_alg *handle) {
-    if (!handle_ok(handle, __func__, kInitLine)) {
-        return 1;
-    }
-    return guarded(__func__, kInitFailedLine, [&] {
-        const int32_t status = handle->init();
-        if (status != 0) {
-            ostrel::log(kLibFailFormat, __func__, kLibSource, kInitFailedLine);
+    // Fails only without an engine: the thread's record takes it.
+    return api_call(nullptr, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kDestroyLine)) {
+            return 1;
         }
-        return status;
-    });
-}
-
-int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
-    if (!handle_ok(handle, __func__, kSetSensitivityLine)) {
-        return 1;
-    }
-    // The engine takes the inverted value and inverts it again.
-    const int32_t status = handle->setSensitivity(100u - sensitivity);
-    if (status != 0) {
-        ostrel::log("[Alg.Fail] %s: sensitivity %u is above 100\n", __func__, sensitivity);
-    }
-    return status;
-}
-
-int32_t ostrel_alg_istraied(ostrel_alg *handle, uint8_t *trained) {
-    if (!handle_ok(handle, __func__, kIstraiedLine) || !argument_ok(trained, __func__, "trained")) {
-        return 1;
-    }
-    *trained = handle->isTrained() ? 1 : 0;
-    return 0;
-}
-
-int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, uint32_t object_height,
-                                   uint32_t picture_width, uint32_t picture_height) {
-    if (!handle_ok(handle, __func__, kSetTrainingSizeLine)) {
-        return 1;
-    }
-    handle->setTrainingSize(object_width, object_height, picture_width, picture_height);
-    return 0;
-}
-
-int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image,
-                               std::vector<ostrel_alg_box> &out) {
-    if (!handle_ok(handle, __func__, kRunDetectorLine)) {
-        return 1;
-    }
-    return guarded(__func__, kRunDetectorLine, [&] { return handle->runDetector(image, out); });
-}
-
-int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, ostrel_alg_box **boxes,
-                                   uint32_t *count) {
-    if (!handle_ok(handle, __func__, kRunDetectorPtrLine) || !argument_ok(boxes, __func__, "boxes") ||
-        !argument_ok(count, __func__, "count")) {
-        return 1;
-    }
-    return guarded(__func__, kRunDetectorPtrLine, [&] {
-        std::vector<ostrel_alg_box> results;
-        const int32_t status = handle->runDetector(image, results);
-        *boxes = handle->result_boxes.get();
-        *count = handle->result_box_count;
-        return status;
-    });
-}
-
-int32_t ostrel_alg_exportModel(ostrel_alg *handle, std::string path) {
-    if (!handle_ok(handle, __func__, kExportModelLine)) {
-        return 1;
-    }
-    return guarded(__func__, kExportModelLine, [&] { return handle->exportModel(path); });
-}
-
-int32_t ostrel_alg_importModel(ostrel_alg *handle, std::string path) {
-    if (!handle_ok(handle, __func__, kImportModelLine)) {
-        return 1;
-    }
-    return guarded(__func__, kImportModelLine, [&] { return handle->importModel(path); });
-}
-
-int32_t ostrel_alg_checkModelValidation(ostrel_alg *handle, std::string path) {
-    if (!handle_ok(handle, __func__, kCheckModelValidationLine)) {
-        return 1;
-    }
-    return guarded(__func__, kCheckModelValidationLine, [&] { return handle->checkModelValidation(path); });
-}
-
-int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path) {
-    if (!handle_ok(handle, __func__, kExportModelLine) || !argument_ok(path, __func__, "path")) {
-        return 1;
-    }
-    return ostrel_alg_exportModel(handle, path);
-}
-
-int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path) {
-    if (!handle_ok(handle, __func__, kImportModelLine) || !argument_ok(path, __func__, "path")) {
-        return 1;
-    }
-    return ostrel_alg_importModel(handle, path);
-}
-
-int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path) {
-    if (!handle_ok(handle, __func__, kCheckModelValidationLine) || !argument_ok(path, __func__, "path")) {
-        return 1;
-    }
-    return ostrel_alg_checkModelValidation(handle, path);
-}
-
-int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
-    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_exportModel);
-}
-
-int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
-    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_importModel);
-}
-
-int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
-    return run_with_utf16_path(handle, path, __func__, &ostrel_alg_checkModelValidation);
-}
-
-int32_t ostrel_alg_setDetector(ostrel_alg *handle, const ostrel_alg_image *image,
-                               const std::vector<ostrel_alg_box> &boxes) {
-    if (!handle_ok(handle, __func__, kSetDetectorLine)) {
-        return 1;
-    }
-    return guarded(__func__, kSetDetectorLine, [&] { return handle->setDetectorWithAutoTrain(image, boxes); });
-}
-
-int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, const ostrel_alg_box *boxes,
-                                   int32_t count) {
-    if (!handle_ok(handle, __func__, kSetDetectorPtrLine)) {
-        return 1;
-    }
-    if (count < 0) {
-        ostrel::log("[Alg.Fail] %s: box count %d is negative\n", __func__, count);
-        return 1;
-    }
-    // Refused before the boxes are copied: the copy is the first allocation.
-    if (count > OSTREL_ALG_MAX_MARKED_BOXES) {
-        ostrel::log("[Alg.Fail] %s: box count %d is above the limit of %d\n", __func__, count,
-                    OSTREL_ALG_MAX_MARKED_BOXES);
-        return 1;
-    }
-    if (count > 0 && !argument_ok(boxes, __func__, "boxes")) {
-        return 1;
-    }
-    return guarded(__func__, kSetDetectorPtrLine, [&] {
-        const std::vector<ostrel_alg_box> copy(boxes, boxes + count);
-        return handle->setDetectorWithAutoTrain(image, copy);
-    });
-}
-
-int32_t ostrel_alg_getSamples(ostrel_alg *handle, std::vector<ostrel_alg_sample> &out) {
-    if (!handle_ok(handle, __func__, kGetSamplesLine)) {
-        return 1;
-    }
-    return guarded(__func__, kGetSamplesLine, [&] {
-        handle->getSamples(out);
+        delete handle;
         return 0;
     });
 }
 
+int32_t ostrel_alg_init(ostrel_alg *handle) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kInitLine)) {
+            return 1;
+        }
+        return guarded(function, kInitFailedLine, [&] {
+            const int32_t status = handle->init();
+            if (status != 0) {
+                ostrel::log(kLibFailFormat, function, kLibSource, kInitFailedLine);
+                ostrel::note_failure(OSTREL_ALG_ERR_INTERNAL, "the engine could not be initialised");
+            }
+            return status;
+        });
+    });
+}
+
+int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetSensitivityLine)) {
+            return 1;
+        }
+        // The engine takes the inverted value and inverts it again.
+        const int32_t status = handle->setSensitivity(100u - sensitivity);
+        if (status != 0) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: sensitivity %u is above 100\n", function,
+                         sensitivity);
+        }
+        return status;
+    });
+}
+
+int32_t ostrel_alg_istraied(ostrel_alg *handle, uint8_t *trained) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kIstraiedLine) || !argument_ok(trained, function, "trained")) {
+            return 1;
+        }
+        *trained = handle->isTrained() ? 1 : 0;
+        return 0;
+    });
+}
+
+int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, uint32_t object_height,
+                                   uint32_t picture_width, uint32_t picture_height) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetTrainingSizeLine)) {
+            return 1;
+        }
+        handle->setTrainingSize(object_width, object_height, picture_width, picture_height);
+        return 0;
+    });
+}
+
+int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                               std::vector<ostrel_alg_box> &out) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kRunDetectorLine)) {
+            return 1;
+        }
+        return guarded(function, kRunDetectorLine, [&] { return handle->runDetector(image, out); });
+    });
+}
+
+int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, ostrel_alg_box **boxes,
+                                   uint32_t *count) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kRunDetectorPtrLine) || !argument_ok(boxes, function, "boxes") ||
+            !argument_ok(count, function, "count")) {
+            return 1;
+        }
+        return guarded(function, kRunDetectorPtrLine, [&] {
+            std::vector<ostrel_alg_box> results;
+            const int32_t status = handle->runDetector(image, results);
+            *boxes = handle->result_boxes.get();
+            *count = handle->result_box_count;
+            return status;
+        });
+    });
+}
+
+int32_t ostrel_alg_exportModel(ostrel_alg *handle, std::string path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kExportModelLine)) {
+            return 1;
+        }
+        return guarded(function, kExportModelLine, [&] { return handle->exportModel(path); });
+    });
+}
+
+int32_t ostrel_alg_importModel(ostrel_alg *handle, std::string path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kImportModelLine)) {
+            return 1;
+        }
+        return guarded(function, kImportModelLine, [&] { return handle->importModel(path); });
+    });
+}
+
+int32_t ostrel_alg_checkModelValidation(ostrel_alg *handle, std::string path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kCheckModelValidationLine)) {
+            return 1;
+        }
+        return guarded(function, kCheckModelValidationLine, [&] { return handle->checkModelValidation(path); });
+    });
+}
+
+int32_t ostrel_alg_exportModel_ptr(ostrel_alg *handle, const char *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kExportModelLine) || !argument_ok(path, function, "path")) {
+            return 1;
+        }
+        return ostrel_alg_exportModel(handle, path);
+    });
+}
+
+int32_t ostrel_alg_importModel_ptr(ostrel_alg *handle, const char *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kImportModelLine) || !argument_ok(path, function, "path")) {
+            return 1;
+        }
+        return ostrel_alg_importModel(handle, path);
+    });
+}
+
+int32_t ostrel_alg_checkModelValidation_ptr(ostrel_alg *handle, const char *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kCheckModelValidationLine) || !argument_ok(path, function, "path")) {
+            return 1;
+        }
+        return ostrel_alg_checkModelValidation(handle, path);
+    });
+}
+
+int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        return run_with_utf16_path(handle, path, function, &ostrel_alg_exportModel);
+    });
+}
+
+int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        return run_with_utf16_path(handle, path, function, &ostrel_alg_importModel);
+    });
+}
+
+int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        return run_with_utf16_path(handle, path, function, &ostrel_alg_checkModelValidation);
+    });
+}
+
+int32_t ostrel_alg_setDetector(ostrel_alg *handle, const ostrel_alg_image *image,
+                               const std::vector<ostrel_alg_box> &boxes) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetDetectorLine)) {
+            return 1;
+        }
+        return guarded(function, kSetDetectorLine, [&] { return handle->setDetectorWithAutoTrain(image, boxes); });
+    });
+}
+
+int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image, const ostrel_alg_box *boxes,
+                                   int32_t count) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetDetectorPtrLine)) {
+            return 1;
+        }
+        if (count < 0) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: box count %d is negative\n", function, count);
+            return 1;
+        }
+        // Refused before the boxes are copied: the copy is the first allocation.
+        if (count > OSTREL_ALG_MAX_MARKED_BOXES) {
+            ostrel::fail(OSTREL_ALG_ERR_TOO_MANY_BOXES, "[Alg.Fail] %s: box count %d is above the limit of %d\n",
+                         function, count, OSTREL_ALG_MAX_MARKED_BOXES);
+            return 1;
+        }
+        if (count > 0 && !argument_ok(boxes, function, "boxes")) {
+            return 1;
+        }
+        return guarded(function, kSetDetectorPtrLine, [&] {
+            const std::vector<ostrel_alg_box> copy(boxes, boxes + count);
+            return handle->setDetectorWithAutoTrain(image, copy);
+        });
+    });
+}
+
+int32_t ostrel_alg_getSamples(ostrel_alg *handle, std::vector<ostrel_alg_sample> &out) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetSamplesLine)) {
+            return 1;
+        }
+        return guarded(function, kGetSamplesLine, [&] {
+            handle->getSamples(out);
+            return 0;
+        });
+    });
+}
+
 int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples, uint32_t *count) {
-    if (!handle_ok(handle, __func__, kGetSamplesPtrLine) || !argument_ok(samples, __func__, "samples") ||
-        !argument_ok(count, __func__, "count")) {
-        return 1;
-    }
-    handle->getSamples_ptr(samples, count);
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetSamplesPtrLine) || !argument_ok(samples, function, "samples") ||
+            !argument_ok(count, function, "count")) {
+            return 1;
+        }
+        handle->getSamples_ptr(samples, count);
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_removeSample(ostrel_alg *handle, uint32_t index) {
-    if (!handle_ok(handle, __func__, kRemoveSampleLine)) {
-        return 1;
-    }
-    return guarded(__func__, kRemoveSampleLine, [&] { return handle->removeSample(index); });
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kRemoveSampleLine)) {
+            return 1;
+        }
+        return guarded(function, kRemoveSampleLine, [&] { return handle->removeSample(index); });
+    });
 }
 
 int32_t ostrel_alg_setModelId(ostrel_alg *handle, int32_t model_id) {
-    if (!handle_ok(handle, __func__, kSetModelIdLine)) {
-        return 1;
-    }
-    return handle->setModelId(model_id);
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetModelIdLine)) {
+            return 1;
+        }
+        return handle->setModelId(model_id);
+    });
 }
 
 int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model_id) {
-    if (!handle_ok(handle, __func__, kGetModelIdLine) || !argument_ok(model_id, __func__, "model_id")) {
-        return 1;
-    }
-    return handle->getModelId(model_id);
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetModelIdLine) || !argument_ok(model_id, function, "model_id")) {
+            return 1;
+        }
+        return handle->getModelId(model_id);
+    });
 }
 
 int32_t ostrel_alg_temp_getAddNegativeMethod(ostrel_alg *handle, std::string &method) {
-    if (!handle_ok(handle, __func__, kGetAddNegativeMethodLine)) {
-        return 1;
-    }
-    method = handle->getAddNegativeMethod();
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetAddNegativeMethodLine)) {
+            return 1;
+        }
+        method = handle->getAddNegativeMethod();
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle, const char **method) {
-    if (!handle_ok(handle, __func__, kGetAddNegativeMethodLine) || !argument_ok(method, __func__, "method")) {
-        return 1;
-    }
-    *method = ostrel_alg::kNegativeMethodName;
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetAddNegativeMethodLine) || !argument_ok(method, function, "method")) {
+            return 1;
+        }
+        *method = ostrel_alg::kNegativeMethodName;
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives, uint32_t *negatives) {
-    if (!handle_ok(handle, __func__, kGetNumofSamplesLine) || !argument_ok(positives, __func__, "positives") ||
-        !argument_ok(negatives, __func__, "negatives")) {
-        return 1;
-    }
-    handle->countSamples(positives, negatives);
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetNumofSamplesLine) || !argument_ok(positives, function, "positives") ||
+            !argument_ok(negatives, function, "negatives")) {
+            return 1;
+        }
+        handle->countSamples(positives, negatives);
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_setRandomSeed(ostrel_alg *handle, uint32_t seed) {
-    if (!handle_ok(handle, __func__, kSetRandomSeedLine)) {
-        return 1;
-    }
-    handle->setRandomSeed(seed);
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetRandomSeedLine)) {
+            return 1;
+        }
+        handle->setRandomSeed(seed);
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image, const uint8_t **data,
                                      uint32_t *channels, uint32_t *columns, uint32_t *rows) {
-    if (!handle_ok(handle, __func__, kGetFeatureMapLine) || !argument_ok(data, __func__, "data") ||
-        !argument_ok(channels, __func__, "channels") || !argument_ok(columns, __func__, "columns") ||
-        !argument_ok(rows, __func__, "rows")) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetFeatureMapLine) || !argument_ok(data, function, "data") ||
+            !argument_ok(channels, function, "channels") || !argument_ok(columns, function, "columns") ||
+            !argument_ok(rows, function, "rows")) {
+            return 1;
+        }
+        return guarded(function, kGetFeatureMapLine,
+                       [&] { return handle->getFeatureMap(image, data, channels, columns, rows); });
+    });
+}
+
+int32_t ostrel_alg_getLastError(ostrel_alg *handle, int32_t *code, char *buffer, size_t size) {
+    // Reading files no failure and logs nothing, so that it never changes
+    // what it reads.
+    if (buffer == nullptr && size != 0) {
         return 1;
     }
-    return guarded(__func__, kGetFeatureMapLine,
-                   [&] { return handle->getFeatureMap(image, data, channels, columns, rows); });
+    const ostrel::failure &record = handle != nullptr ? handle->last_failure : ostrel::thread_failure();
+    if (code != nullptr) {
+        *code = record.code;
+    }
+    ostrel::copy_message(record.message, buffer, size);
+    return 0;
+}
+
+int32_t ostrel_alg_setProgressHandler(ostrel_alg *handle, ostrel_alg_progress_handler handler, void *user) {
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetProgressHandlerLine)) {
+            return 1;
+        }
+        handle->progress_handler = handler;
+        handle->progress_user = handler != nullptr ? user : nullptr;
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
@@ -396,90 +522,107 @@ int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
 }
 
 int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {
-    if (!handle_ok(handle, __func__, kSetOptionLine)) {
-        return 1;
-    }
-    const ostrel::option_range *range = ostrel::find_option(option);
-    if (range == nullptr) {
-        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
-        return 1;
-    }
-    if (!ostrel::within_range(*range, value)) {
-        if (range->least_nonzero > 0) {
-            ostrel::log("[Alg.Fail] %s: %s %d is outside 0 (automatic) and %d..%d\n", __func__, range->name, value,
-                        range->least_nonzero, range->maximum);
-        } else {
-            ostrel::log("[Alg.Fail] %s: %s %d is outside %d..%d\n", __func__, range->name, value, range->minimum,
-                        range->maximum);
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetOptionLine)) {
+            return 1;
         }
-        return 1;
-    }
-    if (const char *conflict = handle->options.conflict(option, value)) {
-        ostrel::log("[Alg.Fail] %s: %s %d %s\n", __func__, range->name, value, conflict);
-        return 1;
-    }
-    handle->options.set(option, value);
-    handle->options.set_by_host |= 1u << option;
-    return 0;
+        const ostrel::option_range *range = ostrel::find_option(option);
+        if (range == nullptr) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: option %d is unknown\n", function, option);
+            return 1;
+        }
+        if (!ostrel::within_range(*range, value)) {
+            if (range->least_nonzero > 0) {
+                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside 0 (automatic) and %d..%d\n",
+                             function, range->name, value, range->least_nonzero, range->maximum);
+            } else {
+                ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d is outside %d..%d\n", function,
+                             range->name, value, range->minimum, range->maximum);
+            }
+            return 1;
+        }
+        if (const char *conflict = handle->options.conflict(option, value)) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s %d %s\n", function, range->name, value,
+                         conflict);
+            return 1;
+        }
+        handle->options.set(option, value);
+        handle->options.set_by_host |= 1u << option;
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, int32_t *value) {
-    if (!handle_ok(handle, __func__, kGetOptionLine) || !argument_ok(value, __func__, "value")) {
-        return 1;
-    }
-    if (ostrel::find_option(option) == nullptr) {
-        ostrel::log("[Alg.Fail] %s: option %d is unknown\n", __func__, option);
-        return 1;
-    }
-    *value = handle->options.get(option);
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetOptionLine) || !argument_ok(value, function, "value")) {
+            return 1;
+        }
+        if (ostrel::find_option(option) == nullptr) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: option %d is unknown\n", function, option);
+            return 1;
+        }
+        *value = handle->options.get(option);
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_addClass(ostrel_alg *handle, const char *name, uint32_t *index) {
-    if (!handle_ok(handle, __func__, kAddClassLine) || !argument_ok(name, __func__, "name")) {
-        return 1;
-    }
-    return guarded(__func__, kAddClassLine, [&] { return handle->addClass(name, index); });
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kAddClassLine) || !argument_ok(name, function, "name")) {
+            return 1;
+        }
+        return guarded(function, kAddClassLine, [&] { return handle->addClass(name, index); });
+    });
 }
 
 int32_t ostrel_alg_setClass(ostrel_alg *handle, uint32_t index) {
-    if (!handle_ok(handle, __func__, kSetClassLine)) {
-        return 1;
-    }
-    return guarded(__func__, kSetClassLine, [&] { return handle->selectClass(index); });
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kSetClassLine)) {
+            return 1;
+        }
+        return guarded(function, kSetClassLine, [&] { return handle->selectClass(index); });
+    });
 }
 
 int32_t ostrel_alg_getClass(ostrel_alg *handle, uint32_t *index) {
-    if (!handle_ok(handle, __func__, kGetClassLine) || !argument_ok(index, __func__, "index")) {
-        return 1;
-    }
-    *index = handle->current_class;
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetClassLine) || !argument_ok(index, function, "index")) {
+            return 1;
+        }
+        *index = handle->current_class;
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_getClassCount(ostrel_alg *handle, uint32_t *count) {
-    if (!handle_ok(handle, __func__, kGetClassCountLine) || !argument_ok(count, __func__, "count")) {
-        return 1;
-    }
-    *count = handle->classCount();
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetClassCountLine) || !argument_ok(count, function, "count")) {
+            return 1;
+        }
+        *count = handle->classCount();
+        return 0;
+    });
 }
 
 int32_t ostrel_alg_getClassName_ptr(ostrel_alg *handle, uint32_t index, const char **name) {
-    if (!handle_ok(handle, __func__, kGetClassNamePtrLine) || !argument_ok(name, __func__, "name")) {
-        return 1;
-    }
-    return handle->getClassName(index, name);
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetClassNamePtrLine) || !argument_ok(name, function, "name")) {
+            return 1;
+        }
+        return handle->getClassName(index, name);
+    });
 }
 
 int32_t ostrel_alg_getBoxClasses_ptr(ostrel_alg *handle, const uint32_t **classes, uint32_t *count) {
-    if (!handle_ok(handle, __func__, kGetBoxClassesPtrLine) || !argument_ok(classes, __func__, "classes") ||
-        !argument_ok(count, __func__, "count")) {
-        return 1;
-    }
-    *classes = handle->result_classes.empty() ? nullptr : handle->result_classes.data();
-    *count = static_cast<uint32_t>(handle->result_classes.size());
-    return 0;
+    return api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kGetBoxClassesPtrLine) || !argument_ok(classes, function, "classes") ||
+            !argument_ok(count, function, "count")) {
+            return 1;
+        }
+        *classes = handle->result_classes.empty() ? nullptr : handle->result_classes.data();
+        *count = static_cast<uint32_t>(handle->result_classes.size());
+        return 0;
+    });
 }
 
 }  // extern "C"

@@ -11,7 +11,7 @@ output; a failing call raises :class:`Error` with those messages in ``.log``.
 """
 from __future__ import annotations
 
-from ._limits import DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS
+from ._limits import DEFAULT_MAX_PICTURE_PIXELS, HEADER_VERSION, MAX_PICTURE_PIXELS
 from .batch import detect_files
 from .detector import Detector, check_model
 from .errors import Error, ModelError, NotTrainedError, PictureError
@@ -42,12 +42,22 @@ __all__ = [
     "detect_files",
     "evaluate",
     "library_path",
+    "library_version",
     "read_labels",
     "write_detections",
     "write_labels",
 ]
 
-__version__ = "0.1.0"
+__version__ = ".".join(map(str, HEADER_VERSION))
+
+
+def library_version() -> tuple[int, int, int]:
+    """The version (major, minor, patch) of the ostrel_alg library in use,
+    as the library itself reports it (loading it if need be); (0, 0, 0)
+    for a library too old to report one."""
+    from . import _library
+
+    return _library.get().version() or (0, 0, 0)
 
 
 def library_path() -> str:

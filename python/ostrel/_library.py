@@ -71,6 +71,9 @@ _OPTIONAL = {
     "ostrel_alg_getClassCount": [ctypes.c_void_p, _p(_c_uint32)],
     "ostrel_alg_getClassName_ptr": [ctypes.c_void_p, _c_uint32, _p(ctypes.c_char_p)],
     "ostrel_alg_getBoxClasses_ptr": [ctypes.c_void_p, _p(_p(_c_uint32)), _p(_c_uint32)],
+    "ostrel_alg_getVersion": [_p(_c_int32), _p(_c_int32), _p(_c_int32)],
+    "ostrel_alg_getLastError": [ctypes.c_void_p, _p(_c_int32), ctypes.c_char_p, ctypes.c_size_t],
+    "ostrel_alg_setProgressHandler": [ctypes.c_void_p, rec.PROGRESS_HANDLER, ctypes.c_void_p],
 }
 
 
@@ -95,6 +98,27 @@ class Library:
 
     def has(self, name: str) -> bool:
         return name in self.functions
+
+    def version(self) -> Optional[tuple[int, int, int]]:
+        """The library's own version (major, minor, patch), or None for a
+        library too old to say."""
+        if not self.has("ostrel_alg_getVersion"):
+            return None
+        parts = [ctypes.c_int32(-1) for _ in range(3)]
+        self.functions["ostrel_alg_getVersion"](*(ctypes.byref(p) for p in parts))
+        return (parts[0].value, parts[1].value, parts[2].value)
+
+    def last_error(self, handle: Optional[ctypes.c_void_p]) -> tuple[int, str]:
+        """The code and sentence of the last failure of engine ``handle``
+        (None: of the calling thread's calls without an engine); (ERR_FAILED,
+        "") from a library too old to say."""
+        if not self.has("ostrel_alg_getLastError"):
+            return rec.ERR_FAILED, ""
+        code = ctypes.c_int32(rec.ERR_OK)
+        buffer = ctypes.create_string_buffer(rec.MAX_ERROR_MESSAGE_BYTES)
+        if self.functions["ostrel_alg_getLastError"](handle, ctypes.byref(code), buffer, len(buffer)) != 0:
+            return rec.ERR_FAILED, ""
+        return code.value, buffer.value.decode("utf-8", errors="replace")
 
     def __getattr__(self, name: str) -> Callable[..., int]:
         try:

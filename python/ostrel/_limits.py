@@ -1,4 +1,5 @@
-"""The pixel limits of pictures read from files (ostrel.detect_files).
+"""The pixel limits of pictures read from files (ostrel.detect_files), and
+the version.
 
 ``MAX_PICTURE_PIXELS``: the library's own limit (OSTREL_ALG_MAX_PICTURE_PIXELS,
 2**28), above which it refuses a picture. ``DEFAULT_MAX_PICTURE_PIXELS``:
@@ -12,10 +13,18 @@ from __future__ import annotations
 from pathlib import Path
 
 try:
-    from ._header_values import DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS
+    from ._header_values import (DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS, VERSION_MAJOR, VERSION_MINOR,
+                                 VERSION_PATCH)
 except ImportError:  # used straight from its checkout
     from ._c_headers import read_values
 
     _values = read_values(Path(__file__).resolve().parents[2])
     MAX_PICTURE_PIXELS = _values["MAX_PICTURE_PIXELS"]
     DEFAULT_MAX_PICTURE_PIXELS = _values["DEFAULT_MAX_PICTURE_PIXELS"]
+    VERSION_MAJOR = _values["VERSION_MAJOR"]
+    VERSION_MINOR = _values["VERSION_MINOR"]
+    VERSION_PATCH = _values["VERSION_PATCH"]
+
+# The version of the header the package was made with (the library in use
+# reports its own: ostrel.library_version()).
+HEADER_VERSION = (VERSION_MAJOR, VERSION_MINOR, VERSION_PATCH)

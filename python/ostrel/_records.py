@@ -67,6 +67,51 @@ LOG_HANDLER = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_void_p)
 """``ostrel_alg_log_handler``: ``void (*)(const char *message, void *user)``."""
 
 
+class ProgressRecord(ctypes.Structure):
+    """``ostrel_alg_progress``: one step of a training."""
+
+    _fields_ = [
+        ("stage", ctypes.c_int32),
+        ("round", ctypes.c_int32),
+        ("samples", ctypes.c_int32),
+        ("boxes_skipped", ctypes.c_int32),
+        ("false_positives", ctypes.c_int32),
+        ("low_confidence", ctypes.c_int32),
+        ("object_windows", ctypes.c_int32),
+        ("background_windows", ctypes.c_int32),
+        ("hard_windows_added", ctypes.c_int32),
+        ("hard_windows_found", ctypes.c_int32),
+        ("seconds", ctypes.c_double),
+    ]
+
+
+PROGRESS_HANDLER = ctypes.CFUNCTYPE(None, ctypes.POINTER(ProgressRecord), ctypes.c_void_p)
+"""``ostrel_alg_progress_handler``: ``void (*)(const ostrel_alg_progress *, void *user)``."""
+
+# Stages of a progress record (OSTREL_ALG_STAGE_*).
+STAGE_NAMES = {1: "samples", 2: "box_skipped", 3: "filter_rebuilt", 4: "trained", 5: "pass",
+               6: "accurate_training", 7: "mining_round"}
+
+# Codes of the library's last failure (OSTREL_ALG_ERR_*).
+ERR_OK = 0
+ERR_FAILED = 1
+ERR_BAD_ARGUMENT = 2
+ERR_BAD_PICTURE = 3
+ERR_PICTURE_TOO_LARGE = 4
+ERR_TOO_MANY_BOXES = 5
+ERR_BOX_NOT_LEARNABLE = 6
+ERR_PICTURE_TOO_SMALL = 7
+ERR_NOT_TRAINED = 8
+ERR_WRONG_PROFILE = 9
+ERR_MODEL_FILE_UNREADABLE = 10
+ERR_MODEL_INVALID = 11
+ERR_MODEL_FILE_UNWRITABLE = 12
+ERR_NOTHING_TO_LEARN = 13
+ERR_OUT_OF_MEMORY = 14
+ERR_INTERNAL = 15
+MAX_ERROR_MESSAGE_BYTES = 1024
+
+
 def _check_layout() -> None:
     expected = {
         ImageRecord: (40, {"width": 0, "height": 4, "channels": 8, "data": 16, "image_key": 24,
@@ -75,6 +120,7 @@ def _check_layout() -> None:
                          "color_main": 24, "color_second": 28}),
         ThumbImageRecord: (32, {"width": 0, "height": 4, "channels": 8, "data": 16, "image_key": 24}),
         SampleRecord: (48, {"label": 0, "reserved0": 4, "image": 8, "reserved1": 40}),
+        ProgressRecord: (48, {"stage": 0, "round": 4, "samples": 8, "hard_windows_found": 36, "seconds": 40}),
     }
     for record, (size, offsets) in expected.items():
         if ctypes.sizeof(record) != size:

@@ -6,7 +6,7 @@ import logging
 import threading
 import warnings
 import weakref
-from typing import Any, Optional
+from typing import Any, Callable, Optional
 
 import numpy as np
 import numpy.typing as npt
@@ -43,10 +43,63 @@ def _library_says(log: list[str]) -> str:
     return " / ".join(chosen)
 
 
-def _failure(what: str, log: list[str], error: type = Error) -> Error:
-    """An exception whose text ends with the library's own reason."""
+# The exception a code of the library's error record raises when the call
+# site names none more precise than Error.
+_ERROR_OF_CODE = {
+    rec.ERR_NOT_TRAINED: NotTrainedError,
+    rec.ERR_MODEL_FILE_UNREADABLE: ModelError,
+    rec.ERR_MODEL_INVALID: ModelError,
+}
+
+
+def _failure(what: str, log: list[str], error: type = Error, code: int = rec.ERR_FAILED, reason: str = "") -> Error:
+    """An exception for a failed call: its class from the library's error
+    code (unless the call site chose one), its text ``what``, the library's
+    sentence and, for a person reading it, the library's own messages."""
+    if error is Error:
+        error = _ERROR_OF_CODE.get(code, Error)
     said = _library_says(log)
-    return error(what + (f" (the library says: {said})" if said else ""), log)
+    text = what + (f": {reason}" if reason else "") + (f" (the library says: {said})" if said else "")
+    failure = error(text, log)
+    failure.code = code
+    return failure
+
+
+class _progress_of:
+    """Installs a Python progress callback on an engine for one call."""
+
+    def __init__(self, library: _library.Library, handle: ctypes.c_void_p,
+                 callback: Optional[Callable[[dict[str, Any]], None]]) -> None:
+        self._library, self._handle, self._callback = library, handle, callback
+        self._raised: Optional[BaseException] = None
+        self._c_handler = rec.PROGRESS_HANDLER(self._on_step)
+
+    def _on_step(self, step: Any, user: Any) -> None:
+        # Nothing may escape into the library's stack frame: the first
+        # exception is kept and raised when the call has returned.
+        if self._raised is not None or self._callback is None:
+            return
+        try:
+            record = step.contents
+            values = {name: getattr(record, name) for name, _ in rec.ProgressRecord._fields_}
+            values["stage"] = rec.STAGE_NAMES.get(record.stage, str(record.stage))
+            self._callback(values)
+        except BaseException as error:  # noqa: BLE001 - re-raised after the call
+            self._raised = error
+
+    def __enter__(self) -> "_progress_of":
+        if self._callback is not None:
+            if not self._library.has("ostrel_alg_setProgressHandler"):
+                raise Error(f"progress needs a library with ostrel_alg_setProgressHandler; the library at "
+                            f"{self._library.path} does not have it (rebuild it from a newer source checkout)")
+            self._library.setProgressHandler(self._handle, self._c_handler, None)
+        return self
+
+    def __exit__(self, *exc_info: Any) -> None:
+        if self._callback is not None:
+            self._library.setProgressHandler(self._handle, rec.PROGRESS_HANDLER(), None)
+            if self._raised is not None and exc_info[0] is None:
+                raise self._raised
 
 
 def _profile_name(value: int) -> str:
@@ -105,7 +158,8 @@ class Detector:
         if status != 0 or not handle.value:
             if handle.value:
                 _destroy(library, handle)
-            raise _failure("the library could not create an engine", log)
+            code, reason = library.last_error(None)
+            raise _failure("the library could not create an engine", log, Error, code, reason)
         self._handle = handle
         self._finalizer = weakref.finalize(self, _destroy, library, handle)
         try:
@@ -178,12 +232,13 @@ class Detector:
     def _call(function: Any, *arguments: Any) -> tuple[int, list[str]]:
         return _log.call(function, *arguments)
 
-    @staticmethod
-    def _check(result: tuple[int, list[str]], what: str, error: type = Error) -> list[str]:
-        """Raises ``error(what + the library's last message)`` unless the call succeeded."""
+    def _check(self, result: tuple[int, list[str]], what: str, error: type = Error) -> list[str]:
+        """Raises ``error`` (or the class the library's error code names)
+        with ``what`` and the library's reason unless the call succeeded."""
         status, log = result
         if status != 0:
-            raise _failure(what, log, error)
+            code, reason = self._library.last_error(self._handle)
+            raise _failure(what, log, error, code, reason)
         return log
 
     @property
@@ -262,7 +317,7 @@ class Detector:
             self.add_class(name)
 
     def train(self, image: npt.NDArray[np.uint8], boxes: _inputs.BoxesLike, key: Optional[int] = None,
-              class_name: Optional[str] = None) -> None:
+              class_name: Optional[str] = None, progress: Optional[Callable[[dict[str, Any]], None]] = None) -> None:
         """Trains on one picture and the boxes marked on it.
 
         ``image``: H x W x 3 uint8 BGR (H x W grey and H x W x 4 BGRA are
@@ -289,6 +344,16 @@ class Detector:
         name the detector does not hold yet is added (:meth:`add_class`).
         Each class learns from its own pictures and boxes; objects of other
         classes on its pictures are background to it.
+
+        ``progress``: called during training, on the calling thread, with a
+        dict for every step the library reports: ``"stage"`` (``"samples"``,
+        ``"box_skipped"``, ``"filter_rebuilt"``, ``"trained"``, ``"pass"``,
+        ``"accurate_training"``, ``"mining_round"``), ``"round"``,
+        ``"samples"``, ``"boxes_skipped"``, ``"false_positives"``,
+        ``"low_confidence"``, ``"object_windows"``, ``"background_windows"``,
+        ``"hard_windows_added"``, ``"hard_windows_found"`` and ``"seconds"``
+        since the call began. An exception it raises is re-raised once the
+        training has ended. Needs a library with progress records.
         """
         pixels = _inputs.picture(image)
         with self._lock:
@@ -311,9 +376,10 @@ class Detector:
                 record.label = 1
             picture = self._image_record(pixels, chosen)
             self._training_key, self._training_shape = chosen, pixels.shape
-            self._check(self._call(self._library.setDetector_ptr, handle, ctypes.byref(picture), records,
-                                   len(marked)),
-                        "training failed")
+            with _progress_of(self._library, handle, progress):
+                self._check(self._call(self._library.setDetector_ptr, handle, ctypes.byref(picture), records,
+                                       len(marked)),
+                            "training failed")
 
     def _check_window(self, pixels: npt.NDArray[np.uint8], marked: npt.NDArray[np.int32]) -> None:
         """Classic profile: refuses a first box whose window a model cannot

@@ -14,14 +14,18 @@ from typing import Sequence
 class Error(Exception):
     """The library refused a call.
 
-    ``log`` holds the library's own messages of the failing call, in order,
-    each as the library wrote it (with its line end); the exception's text
-    says what failed and, where it can, what to do about it.
+    ``code`` is the library's error code for the failure (one of the
+    ``OSTREL_ALG_ERR_*`` numbers of ``ostrel_alg.h``, 0 when the package
+    itself refused); ``log`` holds the library's own messages of the failing
+    call, in order, each as the library wrote it (with its line end), for a
+    person to read; the exception's text says what failed, the library's
+    reason and, where it can, what to do about it.
     """
 
     def __init__(self, message: str, log: Sequence[str] = ()) -> None:
         super().__init__(message)
         self.log: list[str] = list(log)
+        self.code: int = 0
 
 
 class ModelError(Error):

@@ -7,6 +7,7 @@
 #include "accurate/linear_svm.h"
 #include "accurate/window_sums.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/portable_math.h"
 
 namespace ostrel {
@@ -273,6 +274,10 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
     int32_t epochs = svm.train(svm_settings);
     log("[Alg. Scc] Accurate training: %u objects, %u background windows, %d passes of the solver\n",
         result.positives, result.negatives, epochs);
+    ostrel_alg_progress first = progress_record(OSTREL_ALG_STAGE_ACCURATE_TRAINING);
+    first.object_windows = static_cast<int32_t>(result.positives);
+    first.background_windows = static_cast<int32_t>(result.negatives);
+    report_progress(first);
 
     // --- mining rounds ------------------------------------------------------
     struct hard_window {
@@ -321,6 +326,13 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         result.rounds = round;
         log("[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
             round, take, hard.size(), epochs);
+        ostrel_alg_progress mined = progress_record(OSTREL_ALG_STAGE_MINING_ROUND);
+        mined.round = round;
+        mined.object_windows = static_cast<int32_t>(result.positives);
+        mined.background_windows = static_cast<int32_t>(result.negatives);
+        mined.hard_windows_added = static_cast<int32_t>(take);
+        mined.hard_windows_found = static_cast<int32_t>(hard.size());
+        report_progress(mined);
     }
 
     result.weights = svm.byte_weights();

@@ -11,6 +11,7 @@
 #include "acf/box_window.h"
 #include "common/box_geometry.h"
 #include "common/log.h"
+#include "common/progress.h"
 
 namespace ostrel {
 
@@ -216,6 +217,9 @@ void ostrel_acf::collectTrainingSamples(std::vector<training_sample> &out, const
         if (!scaled || !window_inside_map(*map, window)) {
             log("[Debug] box %zu (%d, %d, %d x %d) lies outside the %d x %d feature map: skipped\n", b, window.x,
                 window.y, window.width, window.height, map->columns, map->rows);
+            ostrel_alg_progress skipped = progress_record(OSTREL_ALG_STAGE_BOX_SKIPPED);
+            skipped.boxes_skipped = 1;
+            report_progress(skipped);
             if (scaled && box.label == kPositiveLabel) {
                 const window_rect visible = clip_to_map(*map, window);
                 if (visible.width > 0 && visible.height > 0) outside_positives.push_back(visible);

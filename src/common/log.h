@@ -5,6 +5,10 @@
 // instead.
 #pragma once
 
+#include <cstdarg>
+#include <cstddef>
+#include <string>
+
 #include "ostrel_alg.h"
 
 #if defined(__GNUC__)
@@ -22,6 +26,19 @@ namespace ostrel {
 // another thread's. A message logged from inside a handler reaches the same
 // handler one level deep; one logged from inside that nested call is dropped.
 void log(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
+
+// The two halves of log(): formatting a message, and handing a finished
+// message over (the failure notes, common/failure.h, need the text too).
+// A message of up to 511 bytes is formatted without allocating.
+struct message_text {
+    char short_text[512];
+    std::string long_text;
+    const char *data = nullptr;  // the message, size bytes, null-terminated
+    size_t size = 0;
+};
+// False (and nothing in *out) when the format cannot be formatted.
+bool format_message(const char *format, va_list args, message_text *out);
+void log_text(const char *text, size_t length);
 
 // Installs (or, with a null handler, removes) the process-wide handler.
 // Waits until every message that is being delivered to the old handler has

@@ -18,7 +18,9 @@
 #include "accurate/working_picture.h"
 #include "acf/picture_features.h"
 #include "common/box_geometry.h"
+#include "common/failure.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/log_lines.h"
 #include "common/portable_math.h"
 #include "engine/ostrel_alg.h"
@@ -37,11 +39,6 @@ constexpr uint32_t kMaxReportedDetections = 32;
 constexpr float kMarkedBoxOverlap = 0.3f;
 // The seed of the solver's coordinate order when the host set none.
 constexpr uint32_t kDefaultSeed = 1;
-
-int32_t fail(const char *operation, int line) {
-    ostrel::log(ostrel::kEngineFailFormat, operation, ostrel::kEngineSource, line);
-    return 1;
-}
 
 int32_t to_fixed(double value) {
     const double scaled = std::trunc(value * ostrel::kAccurateWeightScale);
@@ -83,11 +80,12 @@ ostrel::pyramid_request plan_request(const ostrel::level_plan &plan, const ostre
 
 void log_plan_refusal(const char *operation, int32_t width, int32_t height, const ostrel::searched_range &searched,
                       ostrel::plan_status status, const ostrel::level_plan &plan) {
-    ostrel::log("[Alg.Fail] %s: a picture of %d x %d cannot be searched for objects %.0f to %.0f pixels high: %s "
-                "(on it a search within the bounds takes objects from %.0f pixels high; options 6 and 7 set the "
-                "range)\n",
-                operation, width, height, searched.range.min, searched.range.max, ostrel::plan_status_text(status),
-                std::ceil(plan.smallest_searchable));
+    ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL,
+                 "[Alg.Fail] %s: a picture of %d x %d cannot be searched for objects %.0f to %.0f pixels high: %s "
+                 "(on it a search within the bounds takes objects from %.0f pixels high; options 6 and 7 set the "
+                 "range)\n",
+                 operation, width, height, searched.range.min, searched.range.max, ostrel::plan_status_text(status),
+                 std::ceil(plan.smallest_searchable));
 }
 
 // The median of the boxes' widths and heights (label 1), for the model
@@ -230,9 +228,10 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
     const bool first_of_engine = accurate_pictures.empty() && !otherClassTrained();
     const ostrel::accurate_settings settings = first_of_engine ? accurateSettings() : modelSettings();
     if (!first_of_engine && settings.object_cells != model_settings.object_cells) {
-        ostrel::log("[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
-                    "or start again with ostrel_alg_init\n",
-                    kSetDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
+                     "or start again with ostrel_alg_init\n",
+                     kSetDetectorName);
         return 1;
     }
     detector_set = 1;
@@ -243,7 +242,8 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         const auto first =
             std::find_if(boxes.begin(), boxes.end(), [](const ostrel_alg_box &b) { return b.label == 1; });
         if (first == boxes.end()) {
-            ostrel::log("[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
+            ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                         "[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
             return 1;
         }
         // The first picture fixes the window: the median shape of its
@@ -253,21 +253,23 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             const ostrel::shape_result derived = ostrel::derive_window_shape(boxes, settings.object_cells, settings);
             if (derived.status == ostrel::shape_status::aspects_differ) {
                 const ostrel_alg_box &odd = boxes[derived.odd_box];
-                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
-                            "height %.2f) differs from the median shape (%.2f) by more than %.1f times; mark "
-                            "objects of one shape, or train one model per shape\n",
-                            kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
-                            derived.median_aspect, settings.max_aspect_spread_percent / 100.0);
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                             "height %.2f) differs from the median shape (%.2f) by more than %.1f times; mark "
+                             "objects of one shape, or train one model per shape\n",
+                             kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
+                             derived.median_aspect, settings.max_aspect_spread_percent / 100.0);
                 return 1;
             }
             if (derived.status != ostrel::shape_status::ok) {
                 const ostrel_alg_box &odd = boxes[derived.odd_box];
                 const ostrel_alg_box &shown = derived.status == ostrel::shape_status::bad_size ? *first : odd;
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                            kSetDetectorName, shown.width, shown.height, image->width, image->height,
-                            derived.status == ostrel::shape_status::bad_size
-                                ? ostrel::geometry_status_text(ostrel::geometry_status::bad_size)
-                                : ostrel::shape_status_text(derived.status));
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                             kSetDetectorName, shown.width, shown.height, image->width, image->height,
+                             derived.status == ostrel::shape_status::bad_size
+                                 ? ostrel::geometry_status_text(ostrel::geometry_status::bad_size)
+                                 : ostrel::shape_status_text(derived.status));
                 return 1;
             }
             shape = derived.shape;
@@ -277,31 +279,35 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             const ostrel_alg_box &b = boxes[i];
             if (b.label != 1) continue;
             if (b.width < 1 || b.height < 1 || b.width > (1 << 20) || b.height > (1 << 20)) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                            kSetDetectorName, b.width, b.height, image->width, image->height,
-                            ostrel::geometry_status_text(ostrel::geometry_status::bad_size));
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::geometry_status_text(ostrel::geometry_status::bad_size));
                 return 1;
             }
             if (!ostrel::aspect_fits(b, shape, settings)) {
-                ostrel::log("[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
-                            "height %.2f) differs from the window's shape (%.2f) by more than %.1f times; mark "
-                            "objects of one shape, or train one model per shape\n",
-                            kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
-                            static_cast<double>(shape.aspect), settings.max_aspect_spread_percent / 100.0);
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
+                             "height %.2f) differs from the window's shape (%.2f) by more than %.1f times; mark "
+                             "objects of one shape, or train one model per shape\n",
+                             kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
+                             static_cast<double>(shape.aspect), settings.max_aspect_spread_percent / 100.0);
                 return 1;
             }
             const double scale = ostrel::scale_for_height(ostrel::box_height(b, shape), shape);
             if (scale > settings.max_object_upscale_percent / 100.0) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                            kSetDetectorName, b.width, b.height, image->width, image->height,
-                            ostrel::geometry_status_text(ostrel::geometry_status::object_too_small));
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::geometry_status_text(ostrel::geometry_status::object_too_small));
                 return 1;
             }
             if (image->width * scale / ostrel::kAccurateShrink < shape.columns ||
                 image->height * scale / ostrel::kAccurateShrink < shape.rows) {
-                ostrel::log("[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                            kSetDetectorName, b.width, b.height, image->width, image->height,
-                            ostrel::geometry_status_text(ostrel::geometry_status::picture_too_small));
+                ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                             "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
+                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::geometry_status_text(ostrel::geometry_status::picture_too_small));
                 return 1;
             }
         }
@@ -330,8 +336,9 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         picture.pyramid = ostrel::build_accurate_pyramid(split, plan_request(plan, shape, settings, true),
                                                          feat_extractor->resample_scratch);
         if (picture.pyramid.empty()) {
-            ostrel::log("[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
-                        image->width, image->height);
+            ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL,
+                         "[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
+                         image->width, image->height);
             return 1;
         }
         const ostrel::channel_recipe recipe = recipe_of(settings);
@@ -384,9 +391,10 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         cached_image_key = image->image_key;
     }
     if (trainAccurate() != 0) {
-        return fail(kSetDetectorName, kRefusedInputLine);
+        return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kRefusedInputLine);
     }
     ostrel::log("[Alg. Scc] Training done...\n");
+    ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED));
     return 0;
 }
 
@@ -398,7 +406,8 @@ int32_t ostrel_alg::trainAccurate() {
     const ostrel::accurate_training_result trained =
         ostrel::train_accurate(accurate_pictures, geometry, settings, seed, {}, &state);
     if (!trained.trained) {
-        ostrel::log("[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN,
+                     "[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
         return 1;
     }
     ostrel::svm_model model;
@@ -481,9 +490,10 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
 // The model and the picture are checked by runDetector.
 int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
     if (model_profile != ostrel::kProfileAccurate) {
-        ostrel::log("[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
-                    "import it again under the accurate profile\n",
-                    kRunDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
+                     "import it again under the accurate profile\n",
+                     kRunDetectorName);
         return 1;
     }
     if (!class_slots.empty()) {
@@ -493,9 +503,10 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     const ostrel::window_shape &shape = accurate_class.shape;
     if (settings.object_cells != model_settings.object_cells ||
         shape.features() != svm_model.support_vector_size) {
-        ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
-                    "longer fits the model; set it back, or train or import the model again\n",
-                    kRunDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
+                     "longer fits the model; set it back, or train or import the model again\n",
+                     kRunDetectorName);
         return 1;
     }
 
@@ -518,7 +529,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         const ostrel::accurate_pyramid *pyramid =
             picture_pyramid(image, plan_request(plan, shape, settings, false), feat_extractor->resample_scratch);
         if (pyramid == nullptr) {
-            return fail(kRunDetectorName, kRunDetectorLine);
+            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
         }
         const ostrel::quantised_weights weights = class_weights(svm_model, shape);
         const ostrel::accurate_search search = class_search(svm_model, accurate_class, weights, settings,
@@ -596,9 +607,10 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         const ostrel::window_shape &shape = view.model->shape;
         if (settings.object_cells != model_settings.object_cells ||
             shape.features() != view.weights->support_vector_size) {
-            ostrel::log("[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
-                        "longer fits the model; set it back, or train or import the model again\n",
-                        kRunDetectorName);
+            ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                         "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
+                         "longer fits the model; set it back, or train or import the model again\n",
+                         kRunDetectorName);
             return 1;
         }
         class_run &run = runs[k];
@@ -658,7 +670,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         request.ties = ostrel::halfway::up;
         const ostrel::accurate_pyramid *pyramid = picture_pyramid(image, request, feat_extractor->resample_scratch);
         if (pyramid == nullptr) {
-            return fail(kRunDetectorName, kRunDetectorLine);
+            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
         }
         std::vector<ostrel::accurate_search> searches(classes);
         std::vector<ostrel::accurate_geometry> geometries(classes);
@@ -764,6 +776,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
 
 int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
     if (index >= sample_thumbs.size()) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "there is no sample of that index");
         return 1;
     }
     // Thumbnail i is the i-th box labelled 1, counted over the pictures in
@@ -791,7 +804,7 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
             delete[] sample_thumbs[index].image.data;
             sample_thumbs.erase(sample_thumbs.begin() + index);
             if (trainAccurate() != 0) {
-                return fail(kRemoveSampleName, kRemoveSampleLine);
+                return ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kRemoveSampleName, kRemoveSampleLine);
             }
             return 0;
         }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/engine_options.h"
@@ -126,13 +127,16 @@ void take_file_class(const ostrel::accurate_file_class &c, ostrel::svm_model *we
     model->calibration.slope = c.calibration_slope;
 }
 
-// Reads and checks a file completely; false with *problem on any fault.
+// Reads and checks a file completely; false with *problem and *code
+// (OSTREL_ALG_ERR_*) on any fault.
 bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults,
-                        ostrel::accurate_model_file *file, std::string *problem) {
+                        ostrel::accurate_model_file *file, std::string *problem, int32_t *code) {
     std::vector<unsigned char> bytes;
+    *code = OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE;
     if (!ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, problem)) {
         return false;
     }
+    *code = OSTREL_ALG_ERR_MODEL_INVALID;
     if (!ostrel::read_accurate_model(bytes.data(), bytes.size(), file, problem)) {
         return false;
     }
@@ -155,18 +159,21 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     std::string problem;
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
     if (bytes.empty()) {
-        ostrel::log("[Alg.Fail] %s: the accurate model cannot be written: %s\n", kExportModelName, problem.c_str());
+        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Alg.Fail] %s: the accurate model cannot be written: %s\n",
+                     kExportModelName, problem.c_str());
         return 1;
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
     if (out == nullptr) {
         ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
         return 1;
     }
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
     const bool closed = std::fclose(out) == 0;
     if (!written || !closed) {
         ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
+        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
         return 1;
     }
     return 0;
@@ -175,9 +182,10 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
 int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
     std::string problem;
-    if (!load_accurate_file(path, options.accurate, &file, &problem)) {
-        ostrel::log("[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
-                    path.c_str(), problem.c_str());
+    int32_t code = OSTREL_ALG_ERR_OK;
+    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
+        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
+                     path.c_str(), problem.c_str());
         return 1;
     }
     return 0;
@@ -186,9 +194,10 @@ int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
 int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
     std::string problem;
-    if (!load_accurate_file(path, options.accurate, &file, &problem)) {
-        ostrel::log("[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
-                    problem.c_str());
+    int32_t code = OSTREL_ALG_ERR_OK;
+    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
+        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
+                     problem.c_str());
         return 1;
     }
     const ostrel::accurate_file_class &c = file.classes.front();
@@ -197,11 +206,12 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     if (options.host_set(ostrel::kOptionAccurateCells) && options.accurate.object_cells != file.settings.object_cells) {
         const ostrel::window_shape host_shape =
             ostrel::window_for_aspect(c.aspect, options.accurate.object_cells, options.accurate);
-        ostrel::log("[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
-                    "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
-                    "leave it unset\n",
-                    kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
-                    options.accurate.object_cells, file.settings.object_cells);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
+                     "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
+                     "leave it unset\n",
+                     kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
+                     options.accurate.object_cells, file.settings.object_cells);
         return 1;
     }
 

@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "engine/class_slot.h"
 #include "engine/engine_options.h"
@@ -78,29 +79,32 @@ void ostrel_alg::swapCurrentClass(ostrel::class_slot &slot) {
 
 int32_t ostrel_alg::addClass(const std::string &name, uint32_t *index) {
     if (!options.is_accurate() || model_profile == ostrel::kProfileClassic) {
-        ostrel::log("[Alg.Fail] %s: only the accurate profile learns several classes; set option %d to %d (and train "
-                    "or import an accurate model) first\n",
-                    kAddClassName, ostrel::kOptionProfile, ostrel::kProfileAccurate);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: only the accurate profile learns several classes; set option %d to %d (and train "
+                     "or import an accurate model) first\n",
+                     kAddClassName, ostrel::kOptionProfile, ostrel::kProfileAccurate);
         return 1;
     }
     if (name.empty()) {
-        ostrel::log("[Alg.Fail] %s: a class name must not be empty\n", kAddClassName);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: a class name must not be empty\n", kAddClassName);
         return 1;
     }
     const std::string problem = ostrel::class_name_problem(name);
     if (!problem.empty()) {
-        ostrel::log("[Alg.Fail] %s: %s\n", kAddClassName, problem.c_str());
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: %s\n", kAddClassName, problem.c_str());
         return 1;
     }
     const uint32_t count = classCount();
     for (uint32_t k = 0; k < count; ++k) {
         if (classAt(k).model->name == name) {
-            ostrel::log("[Alg.Fail] %s: class %u is already named \"%s\"\n", kAddClassName, k, name.c_str());
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: class %u is already named \"%s\"\n",
+                         kAddClassName, k, name.c_str());
             return 1;
         }
     }
     if (count >= OSTREL_ALG_MAX_CLASSES) {
-        ostrel::log("[Alg.Fail] %s: the engine holds %u classes, the most a model holds\n", kAddClassName, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT,
+                     "[Alg.Fail] %s: the engine holds %u classes, the most a model holds\n", kAddClassName, count);
         return 1;
     }
     if (count == 0) {
@@ -123,7 +127,8 @@ int32_t ostrel_alg::addClass(const std::string &name, uint32_t *index) {
 int32_t ostrel_alg::selectClass(uint32_t index) {
     const uint32_t count = classCount();
     if (index >= count && !(index == 0 && count == 0)) {
-        ostrel::log("[Alg.Fail] %s: there is no class %u; the engine holds %u\n", kSetClassName, index, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n",
+                     kSetClassName, index, count);
         return 1;
     }
     if (class_slots.empty() || index == current_class) {
@@ -138,7 +143,8 @@ int32_t ostrel_alg::selectClass(uint32_t index) {
 int32_t ostrel_alg::getClassName(uint32_t index, const char **name) const {
     const uint32_t count = classCount();
     if (index >= count) {
-        ostrel::log("[Alg.Fail] %s: there is no class %u; the engine holds %u\n", kGetClassNameName, index, count);
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: there is no class %u; the engine holds %u\n",
+                     kGetClassNameName, index, count);
         return 1;
     }
     *name = classAt(index).model->name.c_str();
@@ -157,8 +163,9 @@ bool ostrel_alg::everyClassTrained(const char *operation) const {
     for (uint32_t k = 0; k < count; ++k) {
         const class_view view = classAt(k);
         if (!view.weights->trained()) {
-            ostrel::log("[Alg.Fail] %s: class %u (\"%s\") has no model yet; train it first\n", operation, k,
-                        view.model->name.c_str());
+            ostrel::fail(OSTREL_ALG_ERR_NOT_TRAINED,
+                         "[Alg.Fail] %s: class %u (\"%s\") has no model yet; train it first\n", operation, k,
+                         view.model->name.c_str());
             return false;
         }
     }

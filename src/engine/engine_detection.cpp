@@ -8,6 +8,7 @@
 
 #include "acf/picture_features.h"
 #include "common/box_geometry.h"
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "detect/candidate_filter.h"
@@ -27,10 +28,6 @@ constexpr float kMarkedBoxOverlap = 0.3f;
 // Detections (label 1) a run reports at most.
 constexpr uint32_t kMaxReportedDetections = 32;
 
-void log_run_failure() {
-    ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kRunDetectorLine);
-}
-
 constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
 constexpr int kGetFeatureMapLine = 1190;
 
@@ -44,20 +41,21 @@ constexpr int kFeatureMapPictureTooLargeLine = 4121;
 // The filter stage fails only when the false-positive filter cannot
 // measure a window: its matrices do not fit the window or one another.
 void log_filter_failure(const ostrel::pca_fp_filter &filter, int64_t window_features) {
-    ostrel::log("[Debug] %s: the false-positive filter cannot measure a window of %lld features (mean %d x %d, "
-                "eigenvectors %d x %d, reduce_mean %d x %d, reduce_inv_covar %d x %d)\n",
-                kRunDetectorName, static_cast<long long>(window_features), filter.mean.rows, filter.mean.cols,
-                filter.eigenvectors.rows, filter.eigenvectors.cols, filter.reduce_mean.rows, filter.reduce_mean.cols,
-                filter.reduce_inv_covar.rows, filter.reduce_inv_covar.cols);
-    ostrel::log(ostrel::kEngineFailFormat, kRunDetectorName, ostrel::kEngineSource, kFilterDoesNotFitLine);
+    ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID,
+                 "[Debug] %s: the false-positive filter cannot measure a window of %lld features (mean %d x %d, "
+                 "eigenvectors %d x %d, reduce_mean %d x %d, reduce_inv_covar %d x %d)\n",
+                 kRunDetectorName, static_cast<long long>(window_features), filter.mean.rows, filter.mean.cols,
+                 filter.eigenvectors.rows, filter.eigenvectors.cols, filter.reduce_mean.rows, filter.reduce_mean.cols,
+                 filter.reduce_inv_covar.rows, filter.reduce_inv_covar.cols);
+    ostrel::fail_at(OSTREL_ALG_ERR_MODEL_INVALID, kRunDetectorName, kFilterDoesNotFitLine);
 }
 
 }  // namespace
 
 bool ostrel_alg::checkImgValid(const ostrel_alg_image *image) {
     if (image->width < 1 || image->height < 1 || image->channels != 3 || image->data == nullptr) {
-        ostrel::log(ostrel::kInvalidImageFormat, ostrel::kCheckImgValidName, image->width, image->height,
-                    static_cast<const void *>(image->data));
+        ostrel::fail(OSTREL_ALG_ERR_BAD_PICTURE, ostrel::kInvalidImageFormat, ostrel::kCheckImgValidName, image->width,
+                     image->height, static_cast<const void *>(image->data));
         return false;
     }
     return true;
@@ -83,11 +81,16 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
     // What every detection needs, whatever the profile: a model, a valid
     // picture within the pixel limit.
     if (!svm_model.trained() || image == nullptr) {
-        log_run_failure();
+        if (!svm_model.trained()) {
+            ostrel::note_failure(OSTREL_ALG_ERR_NOT_TRAINED);
+        } else {
+            ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the picture record is null");
+        }
+        ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
     if (!checkImgValid(image)) {
-        log_run_failure();
+        ostrel::fail_at(OSTREL_ALG_ERR_BAD_PICTURE, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
     if (!ostrel::accept_picture_pixels(*image, kRunDetectorName, kDetectionPictureTooLargeLine)) {
@@ -97,9 +100,10 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
         return runDetectorAccurate(image, out);
     }
     if (model_profile == ostrel::kProfileAccurate) {
-        ostrel::log("[Alg.Fail] %s: the model was made under the accurate profile; set the profile back, or train "
-                    "or import it again under the classic profile\n",
-                    kRunDetectorName);
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the model was made under the accurate profile; set the profile back, or train "
+                     "or import it again under the classic profile\n",
+                     kRunDetectorName);
         return 1;
     }
     if (!ostrel::accept_trained_box_on_picture(*image, svm_model.trained_width, svm_model.trained_height,
@@ -116,6 +120,7 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
         const cv::Mat bgr = ostrel::load_bgr_picture(*image, image->format == OSTREL_ALG_FORMAT_PLANAR);
         if (!ostrel::compute_picture_features(*feat_extractor, bgr, &picture.features)) {
             picture.forget();
+            ostrel::note_failure(OSTREL_ALG_ERR_PICTURE_TOO_SMALL, "the picture's features cannot be computed");
             return 1;
         }
     }
@@ -144,9 +149,10 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
                                     map.channels;
     if (geometry.window_columns > 0 && geometry.window_rows > 0 &&
         window_features != svm_model.support_vector_size) {
-        ostrel::log("[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
-                    static_cast<long long>(window_features), svm_model.support_vector_size);
-        log_run_failure();
+        ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID,
+                     "[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
+                     static_cast<long long>(window_features), svm_model.support_vector_size);
+        ostrel::fail_at(OSTREL_ALG_ERR_MODEL_INVALID, kRunDetectorName, kRunDetectorLine);
         return 1;
     }
 
@@ -249,8 +255,8 @@ int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t *
     // The map handed out by the previous call is no longer valid.
     exported_feature_map = ostrel::feature_map{};
     if (image == nullptr || !checkImgValid(image) || !feat_extractor) {
-        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
-        return 1;
+        return ostrel::fail_at(image == nullptr ? OSTREL_ALG_ERR_BAD_ARGUMENT : OSTREL_ALG_ERR_BAD_PICTURE,
+                               kGetFeatureMapName, kGetFeatureMapLine);
     }
     if (!ostrel::accept_picture_pixels(*image, kGetFeatureMapName, kFeatureMapPictureTooLargeLine)) {
         return 1;
@@ -258,8 +264,7 @@ int32_t ostrel_alg::getFeatureMap(const ostrel_alg_image *image, const uint8_t *
     // Computed afresh: the detection cache is neither read nor changed.
     ostrel::picture_features features;
     if (!ostrel::compute_picture_features(*feat_extractor, *image, &features) || features.map.empty()) {
-        ostrel::log(ostrel::kEngineFailFormat, kGetFeatureMapName, ostrel::kEngineSource, kGetFeatureMapLine);
-        return 1;
+        return ostrel::fail_at(OSTREL_ALG_ERR_PICTURE_TOO_SMALL, kGetFeatureMapName, kGetFeatureMapLine);
     }
     exported_feature_map = std::move(features.map);
     *data = exported_feature_map.data.data();

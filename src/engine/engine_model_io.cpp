@@ -4,6 +4,7 @@
 #include <fstream>
 #include <string>
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/ostrel_alg.h"
@@ -98,6 +99,8 @@ void take_filter_file_fields(ostrel::pca_fp_filter &filter, const ostrel::pca_fp
 
 int32_t ostrel_alg::exportModel(const std::string &path) {
     if (!svm_model.trained() || path.empty()) {
+        ostrel::note_failure(path.empty() ? OSTREL_ALG_ERR_BAD_ARGUMENT : OSTREL_ALG_ERR_NOT_TRAINED,
+                             path.empty() ? "the path is empty" : nullptr);
         return 1;
     }
     try {
@@ -107,20 +110,26 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         }
         if (ostrel::checkSvmModel(svm_model)) {
             ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
             ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
             ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
+                                 ("cannot create the model file " + path).c_str());
             return 1;
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
         }
@@ -129,6 +138,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
         }
@@ -145,17 +155,20 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
             ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             return 1;
         }
         return 0;
     } catch (const std::exception &e) {
-        ostrel::log(kExceptionFormat, kExportModelName, ostrel::kEngineSource, kExportExceptionLine, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kExportModelName, ostrel::kEngineSource,
+                     kExportExceptionLine, e.what());
         return 1;
     }
 }
 
 int32_t ostrel_alg::importModel(const std::string &path) {
     if (path.empty()) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the path is empty");
         return 1;
     }
     // The file is read into a copy of the engine's model record and filter
@@ -173,24 +186,32 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
             ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model read_model = copy_of_record(svm_model);
         if (ostrel::read_svm_block(in, read_model) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(read_model)) {
             ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkPcaFilter(read_filter)) {
             ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
         in.close();
@@ -223,7 +244,8 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
-        ostrel::log(kExceptionFormat, kImportModelName, ostrel::kEngineSource, kImportExceptionLine, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kImportModelName, ostrel::kEngineSource,
+                     kImportExceptionLine, e.what());
         return 1;
     }
 }
@@ -236,24 +258,32 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
             ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model scratch_model;
         if (ostrel::read_svm_block(in, scratch_model) != 0) {
             ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         ostrel::pca_fp_filter scratch_filter;
         if (ostrel::read_filter_block(in, scratch_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(scratch_model)) {
             ostrel::log(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(scratch_filter)) {
             ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
+            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                                 "the false-positive filter's values are out of their range");
             return 1;
         }
 
@@ -272,10 +302,12 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         ostrel::log(kStoredLengthFormat, static_cast<unsigned long long>(stored_length),
                     static_cast<unsigned long long>(total_length));
         ostrel::log(kCrcMismatchFormat, stored_crc, computed_crc);
+        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
+                             ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;
     } catch (const std::exception &e) {
-        ostrel::log(kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckExceptionLine,
-                    e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource,
+                     kCheckExceptionLine, e.what());
         return 1;
     }
 }

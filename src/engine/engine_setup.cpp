@@ -5,7 +5,9 @@
 
 #include <opencv2/core.hpp>
 
+#include "common/failure.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/log_lines.h"
 #include "engine/auto_train_lists.h"
 #include "engine/input_limits.h"
@@ -37,10 +39,7 @@ constexpr float kMatchOverlap = 0.3f;
 // Detect-relabel-retrain passes after the first training, at most.
 constexpr int kMaxAutoTrainPasses = 5;
 
-int32_t fail(const char *operation, int line) {
-    ostrel::log(ostrel::kEngineFailFormat, operation, ostrel::kEngineSource, line);
-    return 1;
-}
+using ostrel::fail_at;
 
 // The first box of a new picture gives a window the detector can learn and
 // that the samples it joins share; otherwise logs why and refuses.
@@ -56,8 +55,8 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
         return true;
     }
     ostrel::log_window_check(check, boxes.front(), image.width, image.height, map, kSetDetectorName);
-    fail(kSetDetectorName,
-         check.verdict == ostrel::window_verdict::other_sample_length ? kOtherWindowLine : kUnlearnableWindowLine);
+    fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, kSetDetectorName,
+            check.verdict == ostrel::window_verdict::other_sample_length ? kOtherWindowLine : kUnlearnableWindowLine);
     return false;
 }
 
@@ -66,7 +65,14 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
 int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, const std::vector<ostrel_alg_box> &boxes) {
     // What every set-up needs, whatever the profile.
     if (image == nullptr || !checkImgValid(image) || boxes.empty() || image->image_key < 0) {
-        return fail(kSetDetectorName, kRefusedInputLine);
+        if (image == nullptr) {
+            ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the picture record is null");
+        } else if (boxes.empty()) {
+            ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "no box is given");
+        } else if (image->image_key < 0) {
+            ostrel::note_failure(OSTREL_ALG_ERR_BAD_PICTURE, "the picture's image_key is negative");
+        }
+        return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kRefusedInputLine);
     }
     if (!ostrel::accept_marked_box_count(boxes.size(), kSetDetectorName, kTooManyBoxesLine) ||
         !ostrel::accept_picture_pixels(*image, kSetDetectorName, kPictureTooLargeLine)) {
@@ -76,9 +82,10 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
         return setDetectorAccurate(image, boxes);
     }
     if (!class_slots.empty()) {
-        ostrel::log("[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
-                    "profile again, or import or start a model of one class)\n",
-                    kSetDetectorName, classCount());
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
+                     "profile again, or import or start a model of one class)\n",
+                     kSetDetectorName, classCount());
         return 1;
     }
     // A new picture brings new marked boxes and samples. The same key again
@@ -104,14 +111,14 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
                      [](const ostrel_alg_box &box) { return box.label == 1; });
 
         if (addTrainingSamples(cached_image, boxes) == 1) {
-            return fail(kSetDetectorName, kFirstSamplesFailedLine);
+            return fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, kSetDetectorName, kFirstSamplesFailedLine);
         }
         addSampleThumbs(cached_image, marked_boxes);
         cached_image_key = image->image_key;
     }
 
     if (trainClassifier() == 1) {
-        return fail(kSetDetectorName, kFirstTrainingFailedLine);
+        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kSetDetectorName, kFirstTrainingFailedLine);
     }
 
     // Self-test on the training picture: whatever is detected away from the
@@ -130,21 +137,27 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
             return 0;
         }
         if (!false_positives.empty() && addTrainingSamples(cached_image, false_positives) == 1) {
-            return fail(kSetDetectorName, kFalsePositivesFailedLine);
+            return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kFalsePositivesFailedLine);
         }
 
         std::vector<ostrel_alg_box> low_confidence;
         ostrel::collectLowConfidence(marked_boxes, detections, low_confidence, kMatchOverlap);
         if (!low_confidence.empty() && addTrainingSamples(cached_image, low_confidence) == 1) {
-            return fail(kSetDetectorName, kLowConfidenceFailedLine);
+            return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kLowConfidenceFailedLine);
         }
 
         if (trainClassifier() == 1) {
-            return fail(kSetDetectorName, kRetrainingFailedLine);
+            return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kSetDetectorName, kRetrainingFailedLine);
         }
         ++pass;
         ostrel::log("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
                     pass, false_positives.size(), low_confidence.size());
+        ostrel_alg_progress ended = ostrel::progress_record(OSTREL_ALG_STAGE_PASS);
+        ended.round = pass;
+        ended.samples = static_cast<int32_t>(training_samples.size());
+        ended.false_positives = static_cast<int32_t>(false_positives.size());
+        ended.low_confidence = static_cast<int32_t>(low_confidence.size());
+        ostrel::report_progress(ended);
         if (pass == kMaxAutoTrainPasses) {
             pca_filter.fp_filter_enabled = 1;
             return 0;
@@ -154,7 +167,7 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
 
 void ostrel_alg::addSampleThumbs(const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes) {
     if (picture.data == nullptr || picture.total() == 0 || picture.dims == 0 || boxes.empty()) {
-        fail(kAddSampleThumbsName, kAddSampleThumbsLine);
+        fail_at(OSTREL_ALG_ERR_FAILED, kAddSampleThumbsName, kAddSampleThumbsLine);
         return;
     }
     for (const ostrel_alg_box &box : boxes) {
@@ -205,6 +218,7 @@ int32_t ostrel_alg::removeSample(uint32_t index) {
     // Refusals here are silent, and a failed retraining below does not put
     // the sample back: both are documented behaviour.
     if (index >= sample_thumbs.size() || index >= training_samples.size()) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "there is no sample of that index");
         return 1;
     }
     delete[] sample_thumbs[index].image.data;
@@ -218,7 +232,7 @@ int32_t ostrel_alg::removeSample(uint32_t index) {
     positive_sample_count = positives;
 
     if (trainClassifier() == 1) {
-        return fail(kRemoveSampleName, kRemoveSampleLine);
+        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kRemoveSampleName, kRemoveSampleLine);
     }
     return 0;
 }

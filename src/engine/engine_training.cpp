@@ -6,7 +6,9 @@
 #include <opencv2/core.hpp>
 
 #include "acf/picture_features.h"
+#include "common/failure.h"
 #include "common/log.h"
+#include "common/progress.h"
 #include "common/log_lines.h"
 #include "engine/ostrel_alg.h"
 #include "fpfilter/pca_fp_filter.h"
@@ -20,10 +22,6 @@ constexpr int kTrainingSetFailedLine = 3149;
 constexpr int kSvmTrainFailedLine = 3162;
 constexpr int kFilterBuildFailedLine = 2440;
 constexpr int kOutlierStepFailedLine = 2324;
-
-void log_engine_failure(const char *operation, int line) {
-    ostrel::log(ostrel::kEngineFailFormat, operation, ostrel::kEngineSource, line);
-}
 
 }  // namespace
 
@@ -56,6 +54,9 @@ int32_t ostrel_alg::addTrainingSamples(const cv::Mat &picture, const std::vector
         training_samples.push_back(std::move(sample));
     }
     ostrel::log("[Debug] Total size of Acfs: %zd\n", static_cast<ptrdiff_t>(training_samples.size()));
+    ostrel_alg_progress added = ostrel::progress_record(OSTREL_ALG_STAGE_SAMPLES);
+    added.samples = static_cast<int32_t>(training_samples.size());
+    ostrel::report_progress(added);
     return 0;
 }
 
@@ -66,7 +67,7 @@ bool ostrel_alg::filterPositive_outlier(const cv::Mat &samples, const cv::Mat &l
 
 bool ostrel_alg::set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels) {
     if (training_samples.empty()) {
-        ostrel::log("[Debug] No Acf feature ! \n");
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "[Debug] No Acf feature ! \n");
         return false;
     }
     uint32_t positives = 0;
@@ -89,11 +90,14 @@ bool ostrel_alg::set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels) {
     // the first training (nothing known yet) only records the count.
     if (positive_sample_count >= 1) {
         if (!filterPositive_outlier(candidate_samples, candidate_labels)) {
-            log_engine_failure("ostrel_alg::filterPositive_outlier", kFilterBuildFailedLine);
-            log_engine_failure("ostrel_alg::set_training_mat_outlier", kOutlierStepFailedLine);
+            ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "ostrel_alg::filterPositive_outlier",
+                            kFilterBuildFailedLine);
+            ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "ostrel_alg::set_training_mat_outlier",
+                            kOutlierStepFailedLine);
             return false;
         }
         ostrel::log("[Alg. Scc] Outlier rejection ...\n");
+        ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_FILTER_REBUILT));
     }
 
     ostrel::log("[Alg. Scc] filterPositive_outlier ...\n");
@@ -112,8 +116,9 @@ bool ostrel_alg::train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel
     double highest = 0.0;
     cv::minMaxLoc(labels, &lowest, &highest);
     if (lowest == highest) {
-        ostrel::log("[Debug] every training sample has the label %d: nothing to tell apart\n",
-                    static_cast<int>(lowest));
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN,
+                     "[Debug] every training sample has the label %d: nothing to tell apart\n",
+                     static_cast<int>(lowest));
         return false;
     }
     try {
@@ -130,7 +135,7 @@ bool ostrel_alg::train_svm(const cv::Mat &samples, const cv::Mat &labels, ostrel
     } catch (const cv::Exception &e) {
         // OpenCV refuses some sets by throwing; to the caller that is a
         // training that did not succeed.
-        ostrel::log("[Debug] SVM training refused the set: %s\n", e.what());
+        ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN, "[Debug] SVM training refused the set: %s\n", e.what());
         return false;
     }
     return true;
@@ -140,7 +145,7 @@ int32_t ostrel_alg::trainClassifier() {
     cv::Mat samples;
     cv::Mat labels;
     if (!set_training_mat_outlier(samples, labels)) {
-        log_engine_failure(kTrainClassifierName, kTrainingSetFailedLine);
+        ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kTrainClassifierName, kTrainingSetFailedLine);
         return 1;
     }
     ostrel::log("[Alg. Scc] set_training_mat...\n");
@@ -149,7 +154,7 @@ int32_t ostrel_alg::trainClassifier() {
     // training keeps the old model, weights included.
     ostrel::svm_model trained_model;
     if (!train_svm(samples, labels, &trained_model)) {
-        log_engine_failure(kTrainClassifierName, kSvmTrainFailedLine);
+        ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kTrainClassifierName, kSvmTrainFailedLine);
         return 1;
     }
     svm_model = std::move(trained_model);
@@ -166,5 +171,8 @@ int32_t ostrel_alg::trainClassifier() {
         pca_filter.pca_filter_frozen = 0;
     }
     ostrel::log("[Alg. Scc] Training done...\n");
+    ostrel_alg_progress trained = ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED);
+    trained.samples = static_cast<int32_t>(training_samples.size());
+    ostrel::report_progress(trained);
     return 0;
 }

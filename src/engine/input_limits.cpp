@@ -1,18 +1,11 @@
 #include "engine/input_limits.h"
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "detect/window_scan.h"
 
 namespace ostrel {
-
-namespace {
-
-void log_refusal(const char *operation, int line) {
-    log(kEngineFailFormat, operation, kEngineSource, line);
-}
-
-}  // namespace
 
 bool picture_within_pixel_limit(int32_t width, int32_t height) {
     if (width < 1 || height < 1) {
@@ -38,9 +31,10 @@ bool accept_picture_pixels(const ostrel_alg_image &image, const char *operation,
     if (picture_within_pixel_limit(image.width, image.height)) {
         return true;
     }
-    log("[Debug] %s: a picture of %d x %d pixels is larger than the limit of %lld pixels\n", operation, image.width,
-        image.height, static_cast<long long>(kMaxPicturePixels));
-    log_refusal(operation, line);
+    fail(OSTREL_ALG_ERR_PICTURE_TOO_LARGE,
+         "[Debug] %s: a picture of %d x %d pixels is larger than the limit of %lld pixels\n", operation, image.width,
+         image.height, static_cast<long long>(kMaxPicturePixels));
+    fail_at(OSTREL_ALG_ERR_FAILED, operation, line);
     return false;
 }
 
@@ -48,9 +42,9 @@ bool accept_marked_box_count(size_t count, const char *operation, int line) {
     if (count <= static_cast<size_t>(kMaxMarkedBoxes)) {
         return true;
     }
-    log("[Debug] %s: %zu marked boxes, more than the %lld one picture may have\n", operation, count,
-        static_cast<long long>(kMaxMarkedBoxes));
-    log_refusal(operation, line);
+    fail(OSTREL_ALG_ERR_TOO_MANY_BOXES, "[Debug] %s: %zu marked boxes, more than the %lld one picture may have\n",
+         operation, count, static_cast<long long>(kMaxMarkedBoxes));
+    fail_at(OSTREL_ALG_ERR_FAILED, operation, line);
     return false;
 }
 
@@ -61,11 +55,12 @@ bool accept_trained_box_on_picture(const ostrel_alg_image &image, int32_t traine
     if (box.width >= 1 && box.height >= 1) {
         return true;
     }
-    log("[Debug] %s: the trained box of %d x %d pixels on a %d x %d picture is %d x %d pixels on this %d x %d "
-        "picture: too small to detect\n",
-        operation, trained_width, trained_height, input_width, input_height, box.width, box.height, image.width,
-        image.height);
-    log_refusal(operation, line);
+    fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL,
+         "[Debug] %s: the trained box of %d x %d pixels on a %d x %d picture is %d x %d pixels on this %d x %d "
+         "picture: too small to detect\n",
+         operation, trained_width, trained_height, input_width, input_height, box.width, box.height, image.width,
+         image.height);
+    fail_at(OSTREL_ALG_ERR_FAILED, operation, line);
     return false;
 }
 

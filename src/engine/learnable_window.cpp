@@ -2,6 +2,7 @@
 
 #include "acf/box_window.h"
 #include "acf/ostrel_acf.h"
+#include "common/failure.h"
 #include "common/log.h"
 
 namespace ostrel {
@@ -81,25 +82,29 @@ void log_window_check(const window_check &check, const ostrel_alg_box &first, in
     case window_verdict::learnable:
         return;
     case window_verdict::box_without_size:
-        log("[Debug] %s: the first box is %d x %d pixels: no window can be learnt from it\n", operation, first.width,
-            first.height);
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: the first box is %d x %d pixels: no window can be learnt from it\n", operation, first.width,
+             first.height);
         return;
     case window_verdict::window_without_cell:
-        log("[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, covers %d x %d feature cells: too "
-            "small to learn\n",
-            operation, first.width, first.height, picture_width, picture_height, check.window.width,
-            check.window.height);
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, covers %d x %d feature cells: too "
+             "small to learn\n",
+             operation, first.width, first.height, picture_width, picture_height, check.window.width,
+             check.window.height);
         return;
     case window_verdict::window_beyond_map:
-        log("[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, is larger than the picture's %d x %d "
-            "feature cells: too large to learn\n",
-            operation, first.width, first.height, picture_width, picture_height, map.columns, map.rows);
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, is larger than the picture's %d x %d "
+             "feature cells: too large to learn\n",
+             operation, first.width, first.height, picture_width, picture_height, map.columns, map.rows);
         return;
     case window_verdict::other_sample_length:
-        log("[Debug] %s: the first box's window of %d x %d cells has %lld features, but the training samples "
-            "it would join have %lld: a model learns one window, so mark every box at one size\n",
-            operation, check.window.width, check.window.height, static_cast<long long>(check.window_features),
-            static_cast<long long>(check.sample_features));
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: the first box's window of %d x %d cells has %lld features, but the training samples "
+             "it would join have %lld: a model learns one window, so mark every box at one size\n",
+             operation, check.window.width, check.window.height, static_cast<long long>(check.window_features),
+             static_cast<long long>(check.sample_features));
         return;
     }
 }

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
 
@@ -154,6 +155,7 @@ std::string ostrel_alg::getAddNegativeMethod() const { return kNegativeMethodNam
 
 int32_t ostrel_alg::setModelId(int32_t id) {
     if (id < 0) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "a model id must not be negative");
         return 1;
     }
     model_id = id;
@@ -162,6 +164,7 @@ int32_t ostrel_alg::setModelId(int32_t id) {
 
 int32_t ostrel_alg::getModelId(uint32_t *id) const {
     if (model_id < 0) {
+        ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "no model id is set");
         return 1;
     }
     *id = static_cast<uint32_t>(model_id);

@@ -26,6 +26,7 @@
 #include "accurate/accurate_settings.h"
 #include "accurate/accurate_trainer.h"
 #include "detect/window_scan.h"
+#include "common/failure.h"
 #include "engine/class_slot.h"
 #include "engine/engine_options.h"
 #include "fpfilter/pca_fp_filter.h"
@@ -123,6 +124,13 @@ public:
     // The map handed out by getFeatureMap, owned until the next call, init
     // or destroy.
     ostrel::feature_map exported_feature_map;
+    // The last failure of a call on this engine (ostrel_alg_getLastError);
+    // init keeps it like any successful call.
+    ostrel::failure last_failure;
+    // The host's progress handler (ostrel_alg_setProgressHandler); init
+    // keeps it.
+    ostrel_alg_progress_handler progress_handler = nullptr;
+    void *progress_user = nullptr;
     // The host's options (ostrel_alg_setOption); init keeps them.
     ostrel::engine_options options;
     // The profile the model in svm_model was trained or imported under (-1:

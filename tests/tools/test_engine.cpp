@@ -26,3 +26,17 @@ TEST(Engine, ExtraHandlerSeesTheLines) {
     EXPECT_FALSE(engine.import_model("/nonexistent/model.bin"));
     EXPECT_EQ(static_cast<size_t>(seen), engine.last_lines().size());
 }
+
+// What a failed call means comes from the library's error record, not from
+// its lines.
+TEST(Engine, LastErrorSaysWhatFailed) {
+    Engine engine;
+    EXPECT_EQ(engine.last_error_code(), OSTREL_ALG_ERR_OK);
+    EXPECT_EQ(engine.last_error(), "");
+    EXPECT_FALSE(engine.import_model("/nonexistent/model.bin"));
+    EXPECT_EQ(engine.last_error_code(), OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE);
+    EXPECT_EQ(engine.last_error(), "ostrel_alg_importModel_ptr: cannot open the model file /nonexistent/model.bin");
+    // A call that succeeds leaves the record as it was.
+    EXPECT_TRUE(engine.set_sensitivity(50));
+    EXPECT_EQ(engine.last_error_code(), OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE);
+}

@@ -1,21 +1,51 @@
-// The training monitor turns the library's lines into the steps the page shows.
+// The training monitor turns the library's progress records into the steps
+// the page shows.
 #include <gtest/gtest.h>
 
 #include "training_monitor.h"
 
 using namespace ostrel_tool::studio;
 
+namespace {
+
+ostrel_alg_progress samples(int32_t count) {
+    ostrel_alg_progress p{};
+    p.stage = OSTREL_ALG_STAGE_SAMPLES;
+    p.samples = count;
+    return p;
+}
+
+ostrel_alg_progress skipped() {
+    ostrel_alg_progress p{};
+    p.stage = OSTREL_ALG_STAGE_BOX_SKIPPED;
+    p.boxes_skipped = 1;
+    return p;
+}
+
+ostrel_alg_progress trained() {
+    ostrel_alg_progress p{};
+    p.stage = OSTREL_ALG_STAGE_TRAINED;
+    return p;
+}
+
+ostrel_alg_progress pass(int32_t round, int32_t false_positives, int32_t low_confidence) {
+    ostrel_alg_progress p{};
+    p.stage = OSTREL_ALG_STAGE_PASS;
+    p.round = round;
+    p.false_positives = false_positives;
+    p.low_confidence = low_confidence;
+    return p;
+}
+
+}  // namespace
+
 TEST(StudioTrainingMonitor, FirstTrainingAndEachPassBecomeSteps) {
     TrainingMonitor m;
     EXPECT_EQ(m.begin("a.jpg"), 1);
     m.picture("a.jpg");
-    for (const char *line : {"[Debug] Total size of Acfs: 24", "[Debug] box 3 (1, 2, 3 x 4) lies outside: skipped",
-                             "[Alg. Scc] Training done...", "[Debug] Total size of Acfs: 31",
-                             "[Alg. Scc] Training done...",
-                             "[Alg. Scc] Auto-training pass 1: 6 false positives and 1 low-confidence negatives added",
-                             "[Debug] Total size of Acfs: 35", "[Alg. Scc] Training done...",
-                             "[Alg. Scc] Auto-training pass 2: 4 false positives and 0 low-confidence negatives added"}) {
-        m.on_library_line(line);
+    for (const ostrel_alg_progress &step : {samples(24), skipped(), trained(), samples(31), trained(), pass(1, 6, 1),
+                                            samples(35), trained(), pass(2, 4, 0)}) {
+        m.on_progress(step);
     }
     const nlohmann::ordered_json running = m.to_json();
     EXPECT_TRUE(running["running"].get<bool>());
@@ -38,12 +68,12 @@ TEST(StudioTrainingMonitor, FirstTrainingAndEachPassBecomeSteps) {
     EXPECT_EQ(done["steps"].size(), 3u);
 }
 
-TEST(StudioTrainingMonitor, LinesOutsideARunAreIgnoredAndARunStartsEmpty) {
+TEST(StudioTrainingMonitor, RecordsOutsideARunAreIgnoredAndARunStartsEmpty) {
     TrainingMonitor m;
-    m.on_library_line("[Alg. Scc] Training done...");
+    m.on_progress(trained());
     EXPECT_TRUE(m.steps().empty());
     m.begin("x");
-    m.on_library_line("[Alg. Scc] Training done...");
+    m.on_progress(trained());
     m.end(true);
     EXPECT_EQ(m.steps().size(), 1u);
     EXPECT_EQ(m.begin("y"), 2);

@@ -1,4 +1,4 @@
-// Progress lines made from the library's training lines.
+// Progress lines made from the library's progress records.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -23,6 +23,32 @@ std::string read_back(std::FILE *f) {
     return text;
 }
 
+ostrel_alg_progress record(int32_t stage) {
+    ostrel_alg_progress p{};
+    p.stage = stage;
+    return p;
+}
+
+ostrel_alg_progress samples(int32_t count) {
+    ostrel_alg_progress p = record(OSTREL_ALG_STAGE_SAMPLES);
+    p.samples = count;
+    return p;
+}
+
+ostrel_alg_progress skipped() {
+    ostrel_alg_progress p = record(OSTREL_ALG_STAGE_BOX_SKIPPED);
+    p.boxes_skipped = 1;
+    return p;
+}
+
+ostrel_alg_progress pass(int32_t round, int32_t false_positives, int32_t low_confidence) {
+    ostrel_alg_progress p = record(OSTREL_ALG_STAGE_PASS);
+    p.round = round;
+    p.false_positives = false_positives;
+    p.low_confidence = low_confidence;
+    return p;
+}
+
 }  // namespace
 
 // One line for the first training (boxes left out at the picture's edge
@@ -32,19 +58,16 @@ TEST(TrainingProgress, OneLinePerTrainingAndAClosingLine) {
     std::FILE *f = std::tmpfile();
     ASSERT_NE(f, nullptr);
     TrainingProgress p(f, 19, "> ");
-    p.on_library_line("[Debug] box 5 (88, 56, 18 x 14) lies outside the 121 x 68 feature map: skipped");
-    p.on_library_line("[Debug] box 7 (0, 55, 18 x 14) lies outside the 121 x 68 feature map: skipped");
-    p.on_library_line("[Debug] Total size of Acfs: 27");
-    p.on_library_line("[Alg. Scc] filterPositive_outlier ...");
-    p.on_library_line("[Alg. Scc] set_training_mat...");
-    p.on_library_line("[Alg. Scc] Training done...");
-    p.on_library_line("[Debug] Total size of Acfs: 34");
-    p.on_library_line("[Debug] Total size of Acfs: 44");
-    p.on_library_line("[Alg. Scc] Outlier rejection ...");
-    p.on_library_line("[Alg. Scc] set_training_mat...");
-    p.on_library_line("[Alg. Scc] Training done...");
-    p.on_library_line("[Alg. Scc] Auto-training pass 1: 7 false positives and 10 low-confidence negatives added");
-    p.on_library_line("[Debug] something else");
+    p.on_progress(skipped());
+    p.on_progress(skipped());
+    p.on_progress(samples(27));
+    p.on_progress(record(OSTREL_ALG_STAGE_TRAINED));
+    p.on_progress(samples(34));
+    p.on_progress(samples(44));
+    p.on_progress(record(OSTREL_ALG_STAGE_FILTER_REBUILT));
+    p.on_progress(record(OSTREL_ALG_STAGE_TRAINED));
+    p.on_progress(pass(1, 7, 10));
+    p.on_progress(record(99));  // a stage this tool does not know
     p.finish();
     const std::string text = read_back(f);
     std::fclose(f);
@@ -67,12 +90,11 @@ TEST(TrainingProgress, FivePassesEndAtTheLimit) {
     std::FILE *f = std::tmpfile();
     ASSERT_NE(f, nullptr);
     TrainingProgress p(f, 3);
-    p.on_library_line("[Debug] Total size of Acfs: 13");
-    p.on_library_line("[Alg. Scc] Training done...");
-    for (int pass = 1; pass <= 5; ++pass) {
-        p.on_library_line("[Alg. Scc] Training done...");
-        p.on_library_line("[Alg. Scc] Auto-training pass " + std::to_string(pass) +
-                          ": 1 false positives and 0 low-confidence negatives added");
+    p.on_progress(samples(13));
+    p.on_progress(record(OSTREL_ALG_STAGE_TRAINED));
+    for (int round = 1; round <= 5; ++round) {
+        p.on_progress(record(OSTREL_ALG_STAGE_TRAINED));
+        p.on_progress(pass(round, 1, 0));
     }
     p.finish();
     const std::string text = read_back(f);
@@ -80,4 +102,34 @@ TEST(TrainingProgress, FivePassesEndAtTheLimit) {
     EXPECT_NE(text.find("auto-training pass 5: 1 false detection and 0 weak detections"), std::string::npos) << text;
     EXPECT_NE(text.find("auto-training stopped after the maximum of 5 passes"), std::string::npos);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 7);
+}
+
+// The accurate profile's first training and mining rounds, one line each.
+TEST(TrainingProgress, AccurateTrainingAndRounds) {
+    std::FILE *f = std::tmpfile();
+    ASSERT_NE(f, nullptr);
+    TrainingProgress p(f, 4);
+    ostrel_alg_progress first = record(OSTREL_ALG_STAGE_ACCURATE_TRAINING);
+    first.object_windows = 80;
+    first.background_windows = 5000;
+    p.on_progress(first);
+    ostrel_alg_progress round = record(OSTREL_ALG_STAGE_MINING_ROUND);
+    round.round = 1;
+    round.hard_windows_added = 120;
+    round.hard_windows_found = 300;
+    p.on_progress(round);
+    p.on_progress(record(OSTREL_ALG_STAGE_TRAINED));
+    p.finish();
+    const std::string text = read_back(f);
+    std::fclose(f);
+    EXPECT_NE(text.find("training: 80 object windows (the marked boxes and their mirror images), 5000 background "
+                        "windows  (5080 samples, "),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("mining round 1: 120 of 300 background windows it got wrong or nearly wrong added, retrained  "
+                        "(5200 samples, "),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("no background window left that it gets wrong, done"), std::string::npos) << text;
+    EXPECT_EQ(p.passes(), 1);
 }

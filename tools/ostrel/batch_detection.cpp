@@ -49,7 +49,7 @@ public:
         load_model(engine_, o.model, o.profile);
         class_names_ = named_classes(engine_);
         if (!engine_.set_sensitivity(o.sensitivity)) {
-            throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_line());
+            throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine_.last_error());
         }
     }
 
@@ -98,7 +98,7 @@ private:
         }
         std::vector<uint32_t> classes;
         if (!engine_.detect(picture, report.boxes, class_names_.empty() ? nullptr : &classes)) {
-            const std::string reason = engine_.last_line();
+            const std::string reason = engine_.last_error();
             r.input_problem = "detection failed on '" + work.path + "'" +
                               (report.frame ? " frame " + std::to_string(report.frame->index) : "") +
                               (reason.empty() ? "" : ": " + reason);

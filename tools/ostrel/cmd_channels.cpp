@@ -39,7 +39,7 @@ int run_channels(const ChannelsOptions &o) {
     Engine engine;
     FeatureMap map;
     if (!engine.feature_map(picture, map)) {
-        const std::string reason = engine.last_line();
+        const std::string reason = engine.last_error();
         throw ToolError(ExitCode::failed,
                         "the library could not compute the feature map" + (reason.empty() ? "" : ": " + reason));
     }

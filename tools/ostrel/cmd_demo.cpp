@@ -164,14 +164,14 @@ int run_demo(const DemoOptions &o) {
                       o.sensitivity, kSeed));
     Engine engine;
     if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(kSeed)) {
-        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
+        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_error());
     }
     TrainingProgress progress(tool_out(), static_cast<int>(marked.size()), "            ");
-    engine.set_line_handler([&](const std::string &line) { progress.on_library_line(line); });
+    engine.set_progress_handler([&](const ostrel_alg_progress &step) { progress.on_progress(step); });
     const bool trained = engine.train(training.picture, marked_records);
-    engine.set_line_handler(nullptr);
+    engine.set_progress_handler(nullptr);
     if (!trained) {
-        const std::string reason = engine.last_line();
+        const std::string reason = engine.last_error();
         throw ToolError(ExitCode::failed, "training failed" + (reason.empty() ? "" : ": " + reason));
     }
     progress.finish();
@@ -202,7 +202,7 @@ int run_demo(const DemoOptions &o) {
         const AnnotatedPicture &t = tests.back();
         std::vector<ostrel_alg_box> boxes;
         if (!engine.detect(t.picture, boxes)) {
-            const std::string reason = engine.last_line();
+            const std::string reason = engine.last_error();
             throw ToolError(ExitCode::failed, "detection failed on '" + t.picture.path + "'" +
                                                   (reason.empty() ? "" : ": " + reason));
         }
@@ -265,7 +265,7 @@ int run_demo(const DemoOptions &o) {
     Engine reloaded;
     load_model(reloaded, model_path);
     if (!reloaded.set_sensitivity(o.sensitivity)) {
-        throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + reloaded.last_line());
+        throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + reloaded.last_error());
     }
     bool identical = true;
     int compared = 0;
@@ -273,7 +273,7 @@ int run_demo(const DemoOptions &o) {
         const Picture copy = picture_from_pixels(tests[i].picture.pixels.clone(), tests[i].picture.path);
         std::vector<ostrel_alg_box> again;
         if (!reloaded.detect(copy, again)) {
-            const std::string reason = reloaded.last_line();
+            const std::string reason = reloaded.last_error();
             throw ToolError(ExitCode::failed, "detection with the reloaded model failed" +
                                                   (reason.empty() ? "" : ": " + reason));
         }

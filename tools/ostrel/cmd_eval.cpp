@@ -126,12 +126,12 @@ PictureBoxes detect_everything(Engine &engine, const Picture &picture, uint32_t 
                                const std::vector<ClassGroup> &groups, const std::vector<std::string> &model_classes) {
     auto detect = [&](uint32_t s) {
         if (!engine.set_sensitivity(s)) {
-            throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_line());
+            throw ToolError(ExitCode::failed, "the library refused the sensitivity: " + engine.last_error());
         }
         std::vector<ostrel_alg_box> out;
         std::vector<uint32_t> classes;
         if (!engine.detect(picture, out, model_classes.empty() ? nullptr : &classes)) {
-            const std::string reason = engine.last_line();
+            const std::string reason = engine.last_error();
             throw ToolError(ExitCode::failed, "detection failed on '" + picture.path + "'" +
                                                   (reason.empty() ? "" : ": " + reason));
         }

@@ -291,11 +291,11 @@ int train_on(Engine &engine, const Picture &picture, const std::vector<Rect> &bo
         marked.push_back(marked_box(b));
     }
     TrainingProgress progress(tool_out(), static_cast<int>(boxes.size()), "  ", samples_before);
-    engine.set_line_handler([&](const std::string &line) { progress.on_library_line(line); });
+    engine.set_progress_handler([&](const ostrel_alg_progress &step) { progress.on_progress(step); });
     const bool trained = engine.train(picture, marked);
-    engine.set_line_handler(nullptr);
+    engine.set_progress_handler(nullptr);
     if (!trained) {
-        const std::string reason = engine.last_line();
+        const std::string reason = engine.last_error();
         throw ToolError(ExitCode::failed, "training failed on '" + picture.path + "'" +
                                               (reason.empty() ? "" : ": " + reason));
     }
@@ -422,15 +422,15 @@ int run_train(const TrainOptions &o) {
 
     Engine engine;
     if (!engine.set_profile(o.profile) || !engine.set_sensitivity(o.sensitivity) || !engine.set_random_seed(o.seed)) {
-        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_line());
+        throw ToolError(ExitCode::failed, "the library refused the settings: " + engine.last_error());
     }
     for (size_t k = 0; k < classes.size(); ++k) {
         const ClassTrainingSet &c = classes[k];
         // Accurate models carry their classes' names; a classic model is
         // one unnamed class.
         if (o.profile == OSTREL_ALG_PROFILE_ACCURATE && !c.name.empty() && !engine.add_class(c.name)) {
-            throw ToolError(ExitCode::failed, "the library refused the class name '" + c.name +
-                                                  "': " + engine.last_line());
+            throw ToolError(ExitCode::failed,
+                            "the library refused the class name '" + c.name + "': " + engine.last_error());
         }
         if (classes.size() > 1) {
             println(strformat("class %zu/%zu %s", k + 1, classes.size(), c.name.c_str()));

@@ -118,7 +118,7 @@ std::string without_path(const std::string &text, const std::string &path) {
 
 }  // namespace
 
-std::string model_problem(const std::string &path, const std::string &library_line) {
+std::string model_problem(const std::string &path, const std::string &library_error) {
     try {
         const ModelInfo info = read_model_info(path);
         if (!info.problems.empty()) {
@@ -130,7 +130,7 @@ std::string model_problem(const std::string &path, const std::string &library_li
     } catch (const std::exception &e) {
         return without_path(e.what(), path);
     }
-    return library_line.empty() ? "the library refuses it" : "the library reports: " + library_line;
+    return library_error.empty() ? "the library refuses it" : "the library reports: " + library_error;
 }
 
 ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t requested, bool try_accurate_import) {
@@ -150,7 +150,7 @@ ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t reques
         return verdict;
     }
     if (!engine.check_model(path)) {
-        verdict.problem = model_problem(path, engine.last_line());
+        verdict.problem = model_problem(path, engine.last_error());
         return verdict;
     }
     verdict.library_accepts = true;
@@ -182,7 +182,7 @@ void load_model(Engine &engine, const std::string &path, int32_t requested) {
         throw input_error("model '" + path + "' cannot be used: " + verdict.problem);
     }
     if (!engine.import_model(path)) {
-        const std::string reason = engine.last_line();
+        const std::string reason = engine.last_error();
         throw ToolError(ExitCode::failed,
                         "the library could not load model '" + path + "'" + (reason.empty() ? "" : ": " + reason));
     }
@@ -206,13 +206,13 @@ std::vector<std::string> named_classes(Engine &engine) {
 void export_model_atomically(Engine &engine, const std::string &path) {
     TemporaryFile temporary(temporary_name_for(output_target(path, "model")));
     if (!engine.export_model(temporary.path())) {
-        const std::string reason = engine.last_line();
+        const std::string reason = engine.last_error();
         throw ToolError(ExitCode::failed,
                         "the library could not export the model" + (reason.empty() ? "" : ": " + reason));
     }
     if (!engine.check_model(temporary.path())) {
         throw ToolError(ExitCode::failed, "the exported model does not validate: " +
-                                              model_problem(temporary.path(), engine.last_line()));
+                                              model_problem(temporary.path(), engine.last_error()));
     }
     commit_temporary(temporary.path(), path);
     temporary.release();

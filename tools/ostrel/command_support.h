@@ -60,7 +60,7 @@ void require_file(const std::string &path, const char *what);
 
 // Why the library refused a model file, in one phrase: the tool's own
 // reading of the file when that finds the fault, else the library's line.
-std::string model_problem(const std::string &path, const std::string &library_line);
+std::string model_problem(const std::string &path, const std::string &library_error);
 
 // What the tool makes of a model file: whether the library's validation
 // accepts it, the profile the file was made under (an accurate model file

@@ -74,9 +74,25 @@ int32_t Engine::call(Call &&c) {
     return status;
 }
 
+namespace {
+
+// The message of a failure record: the engine's, or with a null handle the
+// calling thread's record of calls without an engine.
+std::string error_message(ostrel_alg *handle, int32_t *code) {
+    char buffer[OSTREL_ALG_MAX_ERROR_MESSAGE_BYTES] = {0};
+    int32_t status_code = OSTREL_ALG_ERR_OK;
+    if (ostrel_alg_getLastError(handle, &status_code, buffer, sizeof buffer) != 0) {
+        return {};
+    }
+    if (code != nullptr) *code = status_code;
+    return buffer;
+}
+
+}  // namespace
+
 Engine::Engine() {
     if (call([this] { return ostrel_alg_create(&handle_); }) != 0 || handle_ == nullptr) {
-        std::string reason = last_line();
+        std::string reason = error_message(nullptr, nullptr);
         throw ToolError(ExitCode::failed,
                         "the library could not create an engine" + (reason.empty() ? "" : ": " + reason));
     }
@@ -86,6 +102,28 @@ Engine::~Engine() {
     if (handle_ != nullptr) {
         call([this] { return ostrel_alg_destroy(handle_); });
     }
+}
+
+std::string Engine::last_error() const { return error_message(handle_, nullptr); }
+
+int32_t Engine::last_error_code() const {
+    int32_t code = OSTREL_ALG_ERR_OK;
+    error_message(handle_, &code);
+    return code;
+}
+
+void Engine::dispatch_progress(const ostrel_alg_progress *step, void *user) {
+    Engine *engine = static_cast<Engine *>(user);
+    if (engine->progress_handler_) {
+        engine->progress_handler_(*step);
+    }
+}
+
+void Engine::set_progress_handler(ProgressHandler handler) {
+    progress_handler_ = std::move(handler);
+    call([this] {
+        return ostrel_alg_setProgressHandler(handle_, progress_handler_ ? &Engine::dispatch_progress : nullptr, this);
+    });
 }
 
 std::string Engine::last_line() const {

@@ -5,8 +5,9 @@
 // call is running on the same thread. So every call's log lines go to that
 // engine's line handler (and to standard error with --verbose, otherwise
 // nowhere), never to standard output, also when several engines work on
-// several threads; the last ones are kept so that an error message can say
-// what the library reported.
+// several threads. What a failed call means comes from the library's error
+// record (last_error), and training steps from its progress records: the
+// log lines are only shown, never read.
 #pragma once
 
 #include <cstdint>
@@ -39,6 +40,7 @@ struct FeatureMap {
 class Engine {
 public:
     using LineHandler = std::function<void(const std::string &line)>;
+    using ProgressHandler = std::function<void(const ostrel_alg_progress &step)>;
 
     // Creates the engine; throws ToolError(failed) when the library cannot.
     Engine();
@@ -50,6 +52,10 @@ public:
     // (called on the thread that makes the call, while the library runs, so
     // it must not call the library). Empty to remove.
     void set_line_handler(LineHandler handler) { handler_ = std::move(handler); }
+    // Receives the library's progress records of the following calls (on the
+    // thread that makes the call, while the library runs, so it must not
+    // call the library). Empty to remove.
+    void set_progress_handler(ProgressHandler handler);
 
     bool set_sensitivity(uint32_t sensitivity);
     bool set_random_seed(uint32_t seed);
@@ -81,9 +87,14 @@ public:
     // Removes sample index and retrains.
     bool remove_sample(uint32_t index);
 
-    // The library's lines of the last call, and the last non-empty one.
+    // The library's lines of the last call, and the last non-empty one, as
+    // they were shown (--verbose); what a failure means is last_error().
     const std::vector<std::string> &last_lines() const { return last_lines_; }
     std::string last_line() const;
+    // The library's sentence for the engine's last failure ("" before any),
+    // and its OSTREL_ALG_ERR_* code.
+    std::string last_error() const;
+    int32_t last_error_code() const;
 
     ostrel_alg *handle() { return handle_; }
 
@@ -95,9 +106,11 @@ private:
     // Hands one complete line to the kept lines and the handlers.
     void on_library_line(const std::string &line);
     static void dispatch_library_message(const char *message, void *user);
+    static void dispatch_progress(const ostrel_alg_progress *step, void *user);
 
     ostrel_alg *handle_ = nullptr;
     LineHandler handler_;
+    ProgressHandler progress_handler_;
     std::vector<std::string> last_lines_;
     std::string pending_;  // a message part without its line end yet
 };

@@ -78,7 +78,7 @@ bool accurate_profile_takes(const std::string &path, std::string *reason) {
     Engine engine;
     const bool taken = engine.import_model(path);
     if (!taken && reason != nullptr) {
-        *reason = engine.last_line();
+        *reason = engine.last_error();
     }
     if (taken && engine.profile() != OSTREL_ALG_PROFILE_ACCURATE) {
         if (reason != nullptr) {

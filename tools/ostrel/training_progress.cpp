@@ -7,19 +7,6 @@
 namespace ostrel_tool {
 
 namespace {
-constexpr const char *kSamplesLine = "[Debug] Total size of Acfs: ";
-constexpr const char *kTrainedLine = "[Alg. Scc] Training done...";
-constexpr const char *kFilterLine = "[Alg. Scc] Outlier rejection ...";
-constexpr const char *kSkippedBoxLine = "[Debug] box ";
-constexpr const char *kSkippedBoxEnd = ": skipped";
-constexpr const char *kPassLineFormat =
-    "[Alg. Scc] Auto-training pass %d: %d false positives and %d low-confidence negatives added";
-
-// The accurate profile's training lines.
-constexpr const char *kAccurateTrainingFormat = "[Alg. Scc] Accurate training: %d objects, %d background windows";
-constexpr const char *kAccurateRoundFormat = "[Alg. Scc] Accurate mining round %d: %d of %d hard background windows added";
-
-bool starts_with(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
 
 double seconds_between(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
     return std::chrono::duration<double>(b - a).count();
@@ -33,46 +20,43 @@ TrainingProgress::TrainingProgress(std::FILE *out, int marked_boxes, std::string
 
 double TrainingProgress::seconds() const { return seconds_between(start_, std::chrono::steady_clock::now()); }
 
-void TrainingProgress::on_library_line(const std::string &line) {
+void TrainingProgress::on_progress(const ostrel_alg_progress &step) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (starts_with(line, kSamplesLine)) {
-        samples_ = std::atoi(line.c_str() + std::char_traits<char>::length(kSamplesLine));
+    switch (step.stage) {
+    case OSTREL_ALG_STAGE_SAMPLES:
+        samples_ = step.samples;
         return;
-    }
-    if (starts_with(line, kSkippedBoxLine) && line.find(kSkippedBoxEnd) != std::string::npos) {
-        ++skipped_boxes_;
+    case OSTREL_ALG_STAGE_BOX_SKIPPED:
+        skipped_boxes_ += step.boxes_skipped;
         return;
-    }
-    if (starts_with(line, kFilterLine)) {
+    case OSTREL_ALG_STAGE_FILTER_REBUILT:
         filter_rebuilt_ = true;
         return;
-    }
-    int a = 0, b = 0, c = 0;
-    if (std::sscanf(line.c_str(), kAccurateTrainingFormat, &a, &b) == 2) {
+    case OSTREL_ALG_STAGE_ACCURATE_TRAINING:
         accurate_ = true;
-        samples_ = a + b;
-        print_step(strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows", a, b));
+        samples_ = step.object_windows + step.background_windows;
+        print_step(
+            strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows",
+                      step.object_windows, step.background_windows));
         return;
-    }
-    if (std::sscanf(line.c_str(), kAccurateRoundFormat, &a, &b, &c) == 3) {
-        samples_ += b;
-        passes_ = a;
-        print_step(strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained", a,
-                             b, c));
+    case OSTREL_ALG_STAGE_MINING_ROUND:
+        samples_ += step.hard_windows_added;
+        passes_ = step.round;
+        print_step(
+            strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained",
+                      step.round, step.hard_windows_added, step.hard_windows_found));
         return;
-    }
-    if (starts_with(line, kTrainedLine)) {
+    case OSTREL_ALG_STAGE_TRAINED:
         ++trainings_;
         if (trainings_ == 1 && !accurate_) {
             report_first_training();
         }
         return;
-    }
-    int pass = 0;
-    int false_positives = 0;
-    int low_confidence = 0;
-    if (std::sscanf(line.c_str(), kPassLineFormat, &pass, &false_positives, &low_confidence) == 3) {
-        report_pass(pass, false_positives, low_confidence);
+    case OSTREL_ALG_STAGE_PASS:
+        report_pass(step.round, step.false_positives, step.low_confidence);
+        return;
+    default:
+        return;  // a step this tool does not show
     }
 }
 

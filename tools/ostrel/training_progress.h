@@ -1,21 +1,25 @@
-// Progress lines for a training run, made from the library's own log lines.
+// Progress lines for a training run, made from the library's progress
+// records (ostrel_alg_setProgressHandler).
 //
-// One training of the library logs "[Debug] Total size of Acfs: N" when it
-// adds samples (N = marked boxes and background samples so far), a
-// "[Debug] box ... skipped" line for a marked box that reaches past the
-// picture, optionally "[Alg. Scc] Outlier rejection ..." when it rebuilds
-// the false-positive filter, and "[Alg. Scc] Training done..." when the
-// classifier is trained. Set-up trains once on the marked boxes and then, in
-// each auto-training pass, runs the detector on the same picture, adds what
-// it wrongly found as background, trains again and logs "[Alg. Scc]
-// Auto-training pass N: ..." (at most five passes). This reporter prints one
-// line for the first training and one per pass.
+// Under the classic profile one training reports SAMPLES when it adds
+// samples (the samples held so far: marked boxes and background samples),
+// BOX_SKIPPED for a marked box that reaches past the picture, optionally
+// FILTER_REBUILT when it rebuilds the false-positive filter, and TRAINED
+// when the classifier is trained. Set-up trains once on the marked boxes and
+// then, in each auto-training pass, runs the detector on the same picture,
+// adds what it wrongly found as background, trains again and reports PASS
+// (at most five passes). Under the accurate profile it reports
+// ACCURATE_TRAINING, then one MINING_ROUND per round, then TRAINED. This
+// reporter prints one line for the first training and one per pass or
+// round.
 #pragma once
 
 #include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <string>
+
+#include "ostrel_alg.h"
 
 namespace ostrel_tool {
 
@@ -28,8 +32,8 @@ public:
     // the first picture an engine sees).
     TrainingProgress(std::FILE *out, int marked_boxes, std::string indent = "  ", int samples_before = 0);
 
-    // Feed every library line (thread-safe).
-    void on_library_line(const std::string &line);
+    // Feed every progress record of the training call (thread-safe).
+    void on_progress(const ostrel_alg_progress &step);
 
     // Prints the closing line after the library call returned with success.
     void finish();

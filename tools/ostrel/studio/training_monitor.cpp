@@ -1,23 +1,9 @@
 #include "training_monitor.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cmath>
-#include <cstring>
 
 namespace ostrel_tool {
 namespace studio {
-
-namespace {
-constexpr const char *kSamplesLine = "[Debug] Total size of Acfs: ";
-constexpr const char *kTrainedLine = "[Alg. Scc] Training done...";
-constexpr const char *kSkippedBoxLine = "[Debug] box ";
-constexpr const char *kSkippedBoxEnd = ": skipped";
-constexpr const char *kPassLineFormat =
-    "[Alg. Scc] Auto-training pass %d: %d false positives and %d low-confidence negatives added";
-
-bool starts_with(const std::string &s, const char *prefix) { return s.rfind(prefix, 0) == 0; }
-}  // namespace
 
 int TrainingMonitor::begin(const std::string &what) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -46,35 +32,40 @@ double TrainingMonitor::elapsed_ms() const {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_).count();
 }
 
-void TrainingMonitor::on_library_line(const std::string &line) {
+void TrainingMonitor::on_progress(const ostrel_alg_progress &step) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!running_) {
         return;
     }
-    if (starts_with(line, kSamplesLine)) {
-        samples_ = std::atoi(line.c_str() + std::strlen(kSamplesLine));
+    switch (step.stage) {
+    case OSTREL_ALG_STAGE_SAMPLES:
+        samples_ = step.samples;
         return;
-    }
-    if (starts_with(line, kSkippedBoxLine) && line.find(kSkippedBoxEnd) != std::string::npos) {
-        ++skipped_;
+    case OSTREL_ALG_STAGE_BOX_SKIPPED:
+        skipped_ += step.boxes_skipped;
         return;
-    }
-    if (starts_with(line, kTrainedLine)) {
+    case OSTREL_ALG_STAGE_TRAINED:
         // Only the first training of a picture is a step of its own; the
-        // trainings of the passes are reported by their pass lines.
+        // trainings of the passes are reported by their pass records.
         if (!first_done_) {
             first_done_ = true;
             steps_.push_back({picture_, class_, 0, 0, 0, samples_, elapsed_ms()});
         }
         return;
+    case OSTREL_ALG_STAGE_PASS: {
+        TrainingStep pass;
+        pass.picture = picture_;
+        pass.class_name = class_;
+        pass.pass = step.round;
+        pass.false_positives = step.false_positives;
+        pass.low_confidence = step.low_confidence;
+        pass.samples = samples_;
+        pass.ms = elapsed_ms();
+        steps_.push_back(pass);
+        return;
     }
-    TrainingStep step;
-    if (std::sscanf(line.c_str(), kPassLineFormat, &step.pass, &step.false_positives, &step.low_confidence) == 3) {
-        step.picture = picture_;
-        step.class_name = class_;
-        step.samples = samples_;
-        step.ms = elapsed_ms();
-        steps_.push_back(step);
+    default:
+        return;  // steps the page does not show
     }
 }
 

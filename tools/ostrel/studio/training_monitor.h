@@ -1,10 +1,10 @@
 // What a training is doing right now, for the page to show while it runs.
 //
-// The library logs one "[Alg. Scc] Training done..." line per training of
-// the classifier and one "[Alg. Scc] Auto-training pass N: F false positives
-// and W low-confidence negatives added" line per auto-training pass, with
-// "[Debug] Total size of Acfs: S" whenever samples are added. The monitor
-// turns them into steps (the first training of a picture, then each pass)
+// The library reports (ostrel_alg_setProgressHandler) one TRAINED record per
+// training of the classifier and one PASS record per auto-training pass
+// (with the wrong and the weak detections it learnt as background), and a
+// SAMPLES record whenever samples are added. The monitor turns them into
+// steps (the first training of a picture, then each pass)
 // with the time since the run began. A run may train several pictures in a
 // row (when the studio rebuilds its engine); each picture starts its own
 // first step. Every member is safe to call from any thread.
@@ -16,6 +16,8 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "ostrel_alg.h"
 
 namespace ostrel_tool {
 namespace studio {
@@ -34,9 +36,9 @@ class TrainingMonitor {
 public:
     // Starts a run; run ids count up from 1.
     int begin(const std::string &what);
-    // The picture (and the class) whose library lines follow.
+    // The picture (and the class) whose progress records follow.
     void picture(const std::string &name, const std::string &class_name = "");
-    void on_library_line(const std::string &line);
+    void on_progress(const ostrel_alg_progress &step);
     void end(bool ok);
 
     // Steps of the current (or last) run.

@@ -96,7 +96,7 @@ void Workspace::learn_map_size(const Picture &picture) {
     // The feature map has the same size for every picture: ask once.
     FeatureMap map;
     if (!probe_->feature_map(picture, map) || map.columns == 0 || map.rows == 0) {
-        throw ApiError(http_status::internal_error, "the library could not compute features: " + probe_->last_line());
+        throw ApiError(http_status::internal_error, "the library could not compute features: " + probe_->last_error());
     }
     map_columns_ = map.columns;
     map_rows_ = map.rows;
@@ -116,10 +116,10 @@ std::unique_ptr<Engine> Workspace::fresh_engine() {
 
 std::unique_ptr<Engine> Workspace::engine_of(int32_t profile) {
     auto engine = std::make_unique<Engine>();
-    engine->set_line_handler([this](const std::string &line) { monitor_.on_library_line(line); });
+    engine->set_progress_handler([this](const ostrel_alg_progress &step) { monitor_.on_progress(step); });
     if (!engine->set_profile(profile) || !engine->set_random_seed(settings_.seed) ||
         !engine->set_sensitivity(settings_.train_sensitivity)) {
-        throw ApiError(http_status::internal_error, "the library refused the settings: " + engine->last_line());
+        throw ApiError(http_status::internal_error, "the library refused the settings: " + engine->last_error());
     }
     return engine;
 }
@@ -230,7 +230,7 @@ bool Workspace::train_list(ClassDetector &d, Engine &engine, const std::vector<T
         const auto picture = store_.picture(t.name);
         monitor_.picture(t.name, detectors_.size() > 1 ? d.name : "");
         if (!engine.train(*picture, marked_boxes(t.boxes))) {
-            const std::string reason = engine.last_line();
+            const std::string reason = engine.last_error();
             failure = "training on '" + t.name + "' failed" + (reason.empty() ? "" : ": " + reason);
             return false;
         }
@@ -281,12 +281,12 @@ bool Workspace::rebuild_shared(ClassDetector &changed, const std::vector<TaughtP
     for (ClassDetector *m : members) {
         const std::vector<TaughtPicture> &l = m == &changed ? list : m->taught;
         if (named && !engine->add_class(m->name)) {
-            const std::string reason = engine->last_line();
+            const std::string reason = engine->last_error();
             failure = "the class '" + m->name + "' cannot join the model" + (reason.empty() ? "" : ": " + reason);
             return false;
         }
         if (!engine->set_sensitivity(settings_.train_sensitivity) || !train_list(*m, *engine, l, failure)) {
-            if (failure.empty()) failure = "the library refused the settings: " + engine->last_line();
+            if (failure.empty()) failure = "the library refused the settings: " + engine->last_error();
             return false;
         }
         skipped = skipped || monitor_.skipped_boxes() > 0;
@@ -349,7 +349,7 @@ void Workspace::train_shared_locked(ClassDetector &d, const std::string &name, c
             refresh_samples(d);
             return;
         }
-        const std::string reason = engine->last_line();
+        const std::string reason = engine->last_error();
         failure = "training on '" + name + "' failed" + (reason.empty() ? "" : ": " + reason);
         // The failed call may have left part of the picture (or a class) in
         // the engine: go back to what the lists say.
@@ -408,7 +408,7 @@ void Workspace::train_locked(ClassDetector &d, const std::string &name, const st
         // A new picture: the library adds its samples to those it holds.
         monitor_.picture(name, detectors_.size() > 1 ? d.name : "");
         if (!d.engine->set_sensitivity(settings_.train_sensitivity) || !d.engine->train(*picture, marked_boxes(boxes))) {
-            const std::string reason = d.engine->last_line();
+            const std::string reason = d.engine->last_error();
             failure = "training on '" + name + "' failed" + (reason.empty() ? "" : ": " + reason);
             // The failed call may have left part of the picture in the engine:
             // go back to what the list says.
@@ -602,7 +602,7 @@ DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivi
         if (!ok) {
             // Between a model and a picture (a size it cannot search there,
             // say): the library's reason goes to the person, as a refusal.
-            const std::string reason = engine.last_line();
+            const std::string reason = engine.last_error();
             throw ApiError(http_status::unprocessable,
                            "the " + who + " detector cannot detect on '" + name + "'" +
                                (reason.empty() ? "" : ": " + reason));
@@ -712,7 +712,7 @@ TrainOutcome Workspace::remove_sample_here(size_t index) {
         // library removes it and retrains the classifier.
         if (!d.engine->set_sensitivity(settings_.train_sensitivity) ||
             !d.engine->remove_sample(static_cast<uint32_t>(index))) {
-            const std::string reason = d.engine->last_line();
+            const std::string reason = d.engine->last_error();
             failure = "removing the sample failed" + (reason.empty() ? "" : ": " + reason);
         }
     } else {
@@ -770,11 +770,12 @@ std::string Workspace::model_bytes_here(const std::string &class_name) {
     }
     ScratchFile file{scratch_path("export")};
     if (!d->engine->export_model(file.path)) {
-        throw ApiError(http_status::internal_error, "the library could not export the model: " + d->engine->last_line());
+        throw ApiError(http_status::internal_error,
+                       "the library could not export the model: " + d->engine->last_error());
     }
     if (!d->engine->check_model(file.path)) {
         throw ApiError(http_status::internal_error,
-                       "the exported model does not validate: " + model_problem(file.path, d->engine->last_line()));
+                       "the exported model does not validate: " + model_problem(file.path, d->engine->last_error()));
     }
     return read_file(file.path);
 }
@@ -796,7 +797,7 @@ std::vector<std::string> Workspace::load_model_here(const std::string &bytes, co
     auto checker = fresh_engine();
     if (!checker->check_model(file.path)) {
         throw ApiError(http_status::unprocessable,
-                       "this model file is not valid: " + model_problem(file.path, checker->last_line()));
+                       "this model file is not valid: " + model_problem(file.path, checker->last_error()));
     }
     std::string reason;
     std::shared_ptr<Engine> engine = import_usable(file.path, reason);
@@ -865,7 +866,7 @@ std::unique_ptr<Engine> Workspace::import_usable(const std::string &path, std::s
     // file's, which is read back from the engine, never assumed.
     auto engine = engine_of(profile_number(settings_.profile));
     if (!engine->import_model(path)) {
-        reason = engine->last_line();
+        reason = engine->last_error();
         if (reason.empty()) reason = "the library could not load it";
         return nullptr;
     }
