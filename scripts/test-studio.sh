@@ -55,9 +55,11 @@ run_test() {  # run_test [--browser] TITLE SCRIPT ARGS...
   title=$1
   shift
   echo "== studio: $title"
-  if "$python" "$@"; then
+  # Standard error joins standard output, so that a traceback stands where
+  # it happened.
+  if "$python" "$@" 2>&1; then
     passed=$((passed + 1))
-  elif [ "$browser" = 1 ] && echo "test-studio: FAILED once, running it again: $title ($1)" && "$python" "$@"; then
+  elif [ "$browser" = 1 ] && echo "test-studio: FAILED once, running it again: $title ($1)" && "$python" "$@" 2>&1; then
     passed=$((passed + 1))
     second_try+=("$1")
   else

@@ -99,6 +99,25 @@ def start_browser(profile_dir, download_dir):
     return driver
 
 
+def report_failure(driver, error, screenshot=None):
+    """Prints why a browser test failed (a failed check, or a wait that ran
+    out of time, which has no text of its own), the page's notice and the
+    browser's log, and saves a screenshot when a path is given; returns the
+    test's exit status, 1."""
+    print(f"FAILED: {str(error) or 'a wait ran out of time'}")
+    try:
+        if screenshot:
+            driver.save_screenshot(screenshot)
+        notices = driver.find_elements(By.ID, "notice")
+        if notices and notices[0].text:
+            print("  page notice:", notices[0].text)
+        for entry in driver.get_log("browser"):
+            print("  browser:", entry["level"], entry["message"][:300])
+    except Exception:  # noqa: BLE001 - the failure above is what matters
+        pass
+    return 1
+
+
 def picture_to_screen(driver, x, y):
     """Viewport coordinates of a picture pixel, from the overlay's place on screen."""
     return driver.execute_script(

@@ -20,7 +20,7 @@ import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from studio_process import StudioProcess  # noqa: E402
-from test_studio_browser import count, start_browser  # noqa: E402
+from test_studio_browser import count, report_failure, start_browser  # noqa: E402
 from test_studio_labelling import Failed, check  # noqa: E402
 
 from selenium.common.exceptions import TimeoutException  # noqa: E402
@@ -70,10 +70,10 @@ def run(ostrel, data, timeout):
         check(classes_line(ostrel, again) == listed, f"the saved model holds the same classes: {classes_line(ostrel, again)}")
         errors = [e for e in driver.get_log("browser") if e["level"] == "SEVERE"]
         check(not errors, f"no script errors in the page {errors}")
+        print("model of several classes browser test: 1 passed, 0 failed")
         return 0
     except (Failed, TimeoutException) as e:
-        print(f"FAILED: {str(e) or 'a wait ran out of time'}")
-        return 1
+        return report_failure(driver, e)
     finally:
         driver.quit()
         studio.stop()

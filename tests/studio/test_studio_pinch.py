@@ -22,10 +22,11 @@ import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from studio_process import StudioProcess  # noqa: E402
-from test_studio_browser import start_browser  # noqa: E402
+from test_studio_browser import report_failure, start_browser  # noqa: E402
 from test_studio_labelling import (FRAME, Failed, check, client_to_picture, make_folder, settle,  # noqa: E402
                                    stage_centre, view)
 
+from selenium.common.exceptions import TimeoutException  # noqa: E402
 from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
 from selenium.webdriver.common.keys import Keys  # noqa: E402
 from selenium.webdriver.support.ui import WebDriverWait  # noqa: E402
@@ -111,10 +112,10 @@ def run(ostrel, data, timeout):
         label_file = os.path.join(folder, os.path.splitext(FRAME)[0] + ".xml")
         boxes = driver.execute_script("return document.querySelectorAll('#marks rect.mark').length")
         check(boxes == 0 and not os.path.exists(label_file), "pinching marks no box (no label file written)")
+        print("pinch zoom browser test: 1 passed, 0 failed")
         return 0
-    except Failed as e:
-        print(f"FAILED: {e}")
-        return 1
+    except (Failed, TimeoutException) as e:
+        return report_failure(driver, e)
     finally:
         driver.quit()
         studio.stop()
