@@ -134,6 +134,17 @@ typedef struct ostrel_alg ostrel_alg;
 #define OSTREL_ALG_MAX_MARKED_BOXES 1000
 
 /*
+ * Sizes of a detector's window, in weights (channels x columns x rows of
+ * feature cells), both inclusive: every model file, of either profile,
+ * holds windows of OSTREL_ALG_MIN_WINDOW_WEIGHTS to
+ * OSTREL_ALG_MAX_WINDOW_WEIGHTS weights, and training refuses a marked box
+ * whose window falls outside them (too small or too large a box for the
+ * picture). Hosts that advise a person on a box size read them here.
+ */
+#define OSTREL_ALG_MIN_WINDOW_WEIGHTS 201
+#define OSTREL_ALG_MAX_WINDOW_WEIGHTS 5999
+
+/*
  * Image record (40 bytes). Passed by pointer; owned by the host.
  *   width      picture width in pixels, at least 1.
  *   height     picture height in pixels, at least 1; width * height at most
@@ -299,10 +310,23 @@ OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
 
 /*
  * Sets how readily the detector reports a box, 0..100 (higher finds more).
- * The confidence threshold becomes 90 at 0, 50 at 79 and 80, 30 at 100.
+ * The confidence threshold becomes 90 at 0, 50 at 79 and 80, 30 at 100
+ * (ostrel_alg_getConfidenceOfSensitivity gives every value).
  * Values above 100 return 1 and change nothing.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity);
+
+/*
+ * Writes to *percent the confidence threshold, 30..90, that
+ * ostrel_alg_setSensitivity sets for a sensitivity of 0..100: a box is
+ * reported when its score reaches it. For hosts that show a person what a
+ * sensitivity means before (or without) setting it. Needs no engine, may be
+ * called from any thread at any time. Returns 0; 1 with a log line and
+ * *percent untouched for a sensitivity above 100 or a null percent (the
+ * calling thread's failure record then says which, code
+ * OSTREL_ALG_ERR_BAD_ARGUMENT).
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getConfidenceOfSensitivity(uint32_t sensitivity, uint32_t *percent);
 
 /*
  * Sets the object size the detector is trained for (width, height, in

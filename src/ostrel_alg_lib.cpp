@@ -12,6 +12,7 @@
 #include "common/utf16_path.h"
 #include "engine/engine_options.h"
 #include "engine/ostrel_alg.h"
+#include "engine/sensitivity.h"
 
 static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE && ostrel::kProfileClassic == OSTREL_ALG_PROFILE_CLASSIC &&
                   ostrel::kProfileAccurate == OSTREL_ALG_PROFILE_ACCURATE &&
@@ -30,6 +31,7 @@ constexpr const char *kLibExceptionFormat = "[Alg.Exc!] %s (%s line:%d): %s\n";
 constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\n";
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
 constexpr const char *kLongPathFormat = "[Alg.Fail] %s: the path is longer than %u UTF-16 units\n";
+constexpr const char *kSensitivityAboveFormat = "[Alg.Fail] %s: sensitivity %u is above 100\n";
 constexpr const char *kUnconvertedPathFormat = "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
 
 // Line numbers of each function's failure line; they are part of the
@@ -223,10 +225,23 @@ int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
         // The engine takes the inverted value and inverts it again.
         const int32_t status = handle->setSensitivity(100u - sensitivity);
         if (status != 0) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: sensitivity %u is above 100\n", function,
-                         sensitivity);
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity);
         }
         return status;
+    });
+}
+
+int32_t ostrel_alg_getConfidenceOfSensitivity(uint32_t sensitivity, uint32_t *percent) {
+    return api_call(nullptr, __func__, [&](const char *function) -> int32_t {
+        if (!argument_ok(percent, function, "percent")) {
+            return 1;
+        }
+        if (sensitivity > ostrel::kMaxSensitivity) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity);
+            return 1;
+        }
+        *percent = static_cast<uint32_t>(ostrel::confidence_of_sensitivity(sensitivity));
+        return 0;
     });
 }
 

@@ -11,16 +11,12 @@ from typing import Any, Callable, Optional
 import numpy as np
 import numpy.typing as npt
 
-from . import _files, _inputs, _library, _log
+from . import _files, _inputs, _library, _limits, _log
 from . import _records as rec
 from .errors import Error, ModelError, NotTrainedError
 from .results import Box, Sample, score_of
 
 DEFAULT_SENSITIVITY = 80
-
-# The weight vector lengths a model file accepts.
-MIN_WINDOW_VALUES = 201
-MAX_WINDOW_VALUES = 5999
 
 OPTION_PROFILE = 1
 PROFILES = {"classic": 0, "accurate": 1}
@@ -396,12 +392,12 @@ class Detector:
         window_columns = int(np.float32(box_width) * (np.float32(columns) / np.float32(width)))
         window_rows = int(np.float32(box_height) * (np.float32(rows) / np.float32(height)))
         values = channels * window_columns * window_rows
-        if not MIN_WINDOW_VALUES <= values <= MAX_WINDOW_VALUES:
+        if not _limits.MIN_WINDOW_WEIGHTS <= values <= _limits.MAX_WINDOW_WEIGHTS:
             raise ValueError(
                 f"a {box_width} x {box_height} box on this {width} x {height} picture gives the detector a window "
                 f"of {window_columns} x {window_rows} feature cells ({values} values); a model holds "
-                f"{MIN_WINDOW_VALUES} to {MAX_WINDOW_VALUES} values: use a "
-                f"{'larger' if values < MIN_WINDOW_VALUES else 'smaller'} box")
+                f"{_limits.MIN_WINDOW_WEIGHTS} to {_limits.MAX_WINDOW_WEIGHTS} values: use a "
+                f"{'larger' if values < _limits.MIN_WINDOW_WEIGHTS else 'smaller'} box")
 
     @property
     def samples(self) -> list[Sample]:

@@ -2,6 +2,8 @@
 fix, before any pointer reaches the library; nothing crashes the interpreter."""
 from __future__ import annotations
 
+from pathlib import Path
+
 import numpy as np
 import pytest
 
@@ -104,6 +106,15 @@ def test_window_a_model_cannot_hold_is_refused_before_training(picture, size, ad
         with pytest.raises(ValueError, match=f"feature cells.*201 to 5999 values: use a {advice} box"):
             detector.train(picture, [(100, 50, *size)])
         assert not detector.is_trained
+
+
+def test_the_window_bounds_are_the_headers():
+    # The refusal above states the bounds the package read from the C
+    # header (installed into it, or read from the checkout).
+    from ostrel import _limits
+    header = (Path(__file__).resolve().parents[2] / "include" / "ostrel_alg.h").read_text()
+    assert f"#define OSTREL_ALG_MIN_WINDOW_WEIGHTS {_limits.MIN_WINDOW_WEIGHTS}\n" in header
+    assert f"#define OSTREL_ALG_MAX_WINDOW_WEIGHTS {_limits.MAX_WINDOW_WEIGHTS}\n" in header
 
 
 def test_boxes_of_several_sizes_give_a_warning(picture):

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/window_weights.h"
+
 namespace ostrel {
 
 namespace {
@@ -48,10 +50,10 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
     out->window_columns = round_to_int(object_width * static_cast<double>(out->scale_x) / kAccurateShrink);
     out->window_rows = round_to_int(object_height * static_cast<double>(out->scale_y) / kAccurateShrink);
     if (out->window_columns < settings.min_object_side_cells || out->window_rows < settings.min_object_side_cells ||
-        out->window_features() < kMinModelWeights) {
+        out->window_features() < kMinWindowWeights) {
         return geometry_status::object_too_small;
     }
-    if (out->window_features() > kMaxModelWeights) {
+    if (out->window_features() > kMaxWindowWeights) {
         return geometry_status::window_too_large;
     }
     if (out->working_width / kAccurateShrink < out->window_columns ||
@@ -68,9 +70,10 @@ const char *geometry_status_text(geometry_status status) {
         case geometry_status::bad_size:
             return "a size is not positive or too large";
         case geometry_status::object_too_small:
-            return "the object is too small for a window (fewer than 3 cells a side or 201 weights)";
+            return "the object is too small for a window (fewer than 3 cells a side or " OSTREL_MIN_WINDOW_WEIGHTS_TEXT
+                   " weights)";
         case geometry_status::window_too_large:
-            return "its window would need more than 5999 weights";
+            return "its window would need more than " OSTREL_MAX_WINDOW_WEIGHTS_TEXT " weights";
         case geometry_status::picture_too_small:
             return "the picture is smaller than a window";
     }

@@ -14,9 +14,6 @@ namespace ostrel {
 inline constexpr int32_t kAccurateShrink = 2;
 // Byte planes per feature cell (accurate_channels.h).
 inline constexpr int32_t kAccurateChannels = 10;
-// Weights a model may have, as the model file allows.
-inline constexpr int32_t kMinModelWeights = 201;
-inline constexpr int32_t kMaxModelWeights = 5999;
 
 struct accurate_geometry {
     // The working picture: every picture is resampled to this size to be

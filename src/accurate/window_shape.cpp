@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "common/portable_math.h"
+#include "common/window_weights.h"
 
 namespace ostrel {
 
@@ -98,7 +99,7 @@ shape_result derive_window_shape(const std::vector<ostrel_alg_box> &boxes, int32
         return result;
     }
     result.shape = window_for_aspect(result.median_aspect, cells, settings);
-    if (result.shape.features() > kMaxModelWeights) {
+    if (result.shape.features() > kMaxWindowWeights) {
         result.status = shape_status::window_too_large;
         return result;
     }
@@ -137,7 +138,7 @@ const char *shape_status_text(shape_status status) {
         case shape_status::aspects_differ:
             return "their shapes differ too much to share one window";
         case shape_status::window_too_large:
-            return "the window would need more than 5999 weights";
+            return "the window would need more than " OSTREL_MAX_WINDOW_WEIGHTS_TEXT " weights";
     }
     return "unknown";
 }

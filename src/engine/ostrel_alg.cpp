@@ -6,6 +6,7 @@
 #include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "engine/sensitivity.h"
 
 namespace {
 
@@ -108,17 +109,10 @@ int32_t ostrel_alg::createSvm() {
 }
 
 int32_t ostrel_alg::setSensitivity(uint32_t s) {
-    if (s > 100) {
+    if (s > ostrel::kMaxSensitivity) {
         return 1;
     }
-    const int32_t v = 100 - static_cast<int32_t>(s);
-    // Single precision, truncated toward zero: 90 at v = 0, 50 at v = 79 and
-    // 80, 30 at v = 100.
-    if (v < 80) {
-        confidence_threshold = static_cast<int32_t>(50.0f - static_cast<float>(80 - v) * -40.0f / 80.0f);
-    } else {
-        confidence_threshold = static_cast<int32_t>(50.0f - static_cast<float>(v - 80) * 20.0f / 20.0f);
-    }
+    confidence_threshold = ostrel::confidence_of_sensitivity(ostrel::kMaxSensitivity - s);
     return 0;
 }
 

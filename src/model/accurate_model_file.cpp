@@ -8,6 +8,8 @@
 
 #include <zlib.h>
 
+#include "common/window_weights.h"
+
 namespace ostrel {
 
 namespace {
@@ -20,9 +22,6 @@ constexpr size_t kTrailerBytes = 12;
 // weight count.
 constexpr uint32_t kClassFixedBytes = 4 + 3 * 4 + 3 * 4 + 4 * 4 + 2 * 4 + 4 + 4;
 constexpr int32_t kChannels = 10;
-// Weights a window may have, as every model file allows.
-constexpr int32_t kMinWeights = 201;
-constexpr int32_t kMaxWeights = 5999;
 // Sizes in pixels a record may carry (no picture side is longer).
 constexpr int32_t kMaxSide = 1 << 20;
 
@@ -117,12 +116,13 @@ std::string class_problem(const accurate_file_class &c) {
     const std::string name = class_name_problem(c.name);
     if (!name.empty()) return name;
     if (c.channels != kChannels) return "a class has " + std::to_string(c.channels) + " channels where there are 10";
-    if (c.window_columns < 1 || c.window_rows < 1 || c.window_columns > kMaxWeights || c.window_rows > kMaxWeights) {
+    if (c.window_columns < 1 || c.window_rows < 1 || c.window_columns > kMaxWindowWeights ||
+        c.window_rows > kMaxWindowWeights) {
         return "a class's window is not a size";
     }
     const int64_t n = static_cast<int64_t>(c.window_columns) * c.window_rows * c.channels;
-    if (n < kMinWeights || n > kMaxWeights) {
-        return "a class's window of " + std::to_string(n) + " weights is outside 201..5999";
+    if (n < kMinWindowWeights || n > kMaxWindowWeights) {
+        return "a class's window of " + std::to_string(n) + " weights is outside " OSTREL_WINDOW_WEIGHTS_RANGE_TEXT;
     }
     if (static_cast<int64_t>(c.weights.size()) != n) {
         return "a class has " + std::to_string(c.weights.size()) + " weights where its window has " +
@@ -319,8 +319,9 @@ bool read_accurate_model(const unsigned char *bytes, size_t size, accurate_model
             !in.f32(&c.calibration_slope) || !in.i32(&c.bias) || !in.i32(&weights)) {
             return fail(problem, "it ends inside " + which);
         }
-        if (weights < kMinWeights || weights > kMaxWeights) {
-            return fail(problem, which + " has " + std::to_string(weights) + " weights, outside 201..5999");
+        if (weights < kMinWindowWeights || weights > kMaxWindowWeights) {
+            return fail(problem, which + " has " + std::to_string(weights) +
+                                     " weights, outside " OSTREL_WINDOW_WEIGHTS_RANGE_TEXT);
         }
         if (static_cast<uint64_t>(record) != kClassFixedBytes + static_cast<uint64_t>(name_bytes) + 4ull * weights) {
             return fail(problem, which + " is " + std::to_string(record) + " bytes, which does not agree with its " +

@@ -60,7 +60,8 @@ inline constexpr unsigned char kAccurateModelMagic[8] = {0x4F, 0x53, 0x54, 0xC1,
 inline constexpr uint32_t kAccurateModelVersion = 1;
 inline constexpr uint32_t kMaxAccurateModelClasses = OSTREL_ALG_MAX_CLASSES;
 inline constexpr uint32_t kMaxClassNameBytes = OSTREL_ALG_MAX_CLASS_NAME_BYTES;
-// Every valid file is smaller: 64 classes of at most 5999 weights.
+// Every valid file is smaller: OSTREL_ALG_MAX_CLASSES classes of at most
+// OSTREL_ALG_MAX_WINDOW_WEIGHTS weights.
 inline constexpr uint64_t kMaxAccurateModelBytes = 2u << 20;
 
 // The settings a model records and every class shares: the options and the

@@ -2,6 +2,7 @@
 #include "train/model_checks.h"
 
 #include "common/log.h"
+#include "common/window_weights.h"
 
 namespace ostrel {
 
@@ -17,13 +18,10 @@ constexpr const char *kPcaSizesWrongFormat =
     "[PCA fp filtering values wrong] mean.rows : %d, mean.cols : %d, eigenvectors.rows : %d, eigenvectors.cols : "
     "%d, reduce_mean.rows : %d, reduce_mean.cols : %d, reduce_inv_covar.rows : %d, reduce_inv_covar.cols : %d\n";
 
-// Weight count accepted in a model, inclusive.
-constexpr int32_t kMinSupportVectorSize = 201;
-constexpr int32_t kMaxSupportVectorSize = 5999;
-// Feature length accepted in a filter, inclusive; one more than the weight
-// bound, and both are kept as they are.
-constexpr int kMinFeatureLength = 201;
-constexpr int kMaxFeatureLength = 6000;
+// Feature length accepted in a filter, inclusive: the window's weights, and
+// one more at the top, as filters have always been accepted.
+constexpr int kMinFeatureLength = ostrel::kMinWindowWeights;
+constexpr int kMaxFeatureLength = ostrel::kMaxWindowWeights + 1;
 constexpr int kMaxComponents = 14;
 
 bool in_range(int value, int low, int high) { return value >= low && value <= high; }
@@ -35,7 +33,7 @@ bool has_no_elements(const cv::Mat &m) { return m.data == nullptr || m.total() =
 bool checkSvmModel(const svm_model &model) {
     const bool sizes_ok = model.class_idx >= 0 && model.trained_width > 0 && model.trained_height > 0 &&
                           model.input_width > 0 && model.input_height > 0 && model.trained_acf_scale_idx >= 0 &&
-                          in_range(model.support_vector_size, kMinSupportVectorSize, kMaxSupportVectorSize);
+                          in_range(model.support_vector_size, ostrel::kMinWindowWeights, ostrel::kMaxWindowWeights);
     if (!sizes_ok) {
         log(kSvmValuesWrongFormat, model.class_idx, model.trained_width, model.trained_height, model.input_width,
             model.input_height, model.trained_acf_scale_idx, model.support_vector_size);

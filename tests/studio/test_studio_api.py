@@ -254,6 +254,19 @@ def remove_sample(c):
     expect_error(c, 404, "GET", "/api/samples/99/thumbnail")
 
 
+@case("GET /api/status gives the confidence a box needs at every sensitivity; the page shows it from there")
+def confidence_table(c):
+    table = c.json("GET", "/api/status")["confidence_by_sensitivity"]
+    assert len(table) == 101 and all(isinstance(v, int) for v in table), table
+    assert (table[0], table[79], table[80], table[100]) == (90, 50, 50, 30), table
+    assert all(later <= earlier for earlier, later in zip(table, table[1:])), table
+    status, _, script = c.request("GET", "/studio.js")
+    assert status == 200 and b"state.status.confidence_by_sensitivity" in script
+    status, _, page = c.request("GET", "/")
+    # The number the page is served with is the default sensitivity's (80).
+    assert status == 200 and f'<span id="threshold">{table[80]}</span>'.encode() in page
+
+
 @case("bad train requests: 400 for malformed JSON and wrong types, 422 for boxes that do not fit, 404 unknown picture")
 def bad_train(c):
     cases = [
@@ -431,8 +444,8 @@ def main():
     print(f"studio at {studio.url}")
     try:
         for test in (page_files, pictures, picture_bytes, head_requests, path_safety, detect_untrained, train, samples, detect,
-                     detect_matches_cli, model_refused, second_picture, remove_sample, bad_train, bad_detect,
-                     uploads, host_header, port_taken, random_requests):
+                     detect_matches_cli, model_refused, second_picture, confidence_table, remove_sample, bad_train,
+                     bad_detect, uploads, host_header, port_taken, random_requests):
             test(client)
     finally:
         code, out, err, seconds = studio.stop()

@@ -234,6 +234,10 @@ def run(args):
         wait.until(lambda d: found_on_page(d) != found_default)
         found_low = found_on_page(driver)
         check(found_low < found_default, f"sensitivity 0 draws fewer boxes ({found_low} < {found_default})")
+        # The confidence shown beside the slider is the studio's, from the library.
+        needed = driver.execute_script("return fetch('/api/status').then((r) => r.json())")["confidence_by_sensitivity"]
+        check(driver.find_element(By.ID, "threshold").text == str(needed[0]) == "90",
+              "at sensitivity 0 the page says a box needs 90% confidence")
         for _ in range(16):  # step by step back up, each redraw timed by the page
             slider.send_keys(Keys.PAGE_UP)
             time.sleep(0.08)
@@ -242,12 +246,16 @@ def run(args):
         time.sleep(0.3)
         found_high = found_on_page(driver)
         check(found_high > found_low, f"sensitivity 100 draws more boxes ({found_high} > {found_low})")
+        check(driver.find_element(By.ID, "threshold").text == str(needed[100]) == "30",
+              "at sensitivity 100 the page says a box needs 30% confidence")
         slider_ms = driver.execute_script("return window.studioMetrics.sliderToDrawnMs")
         # Back to the default for the screenshot.
         for _ in range(20):
             slider.send_keys(Keys.LEFT)
         wait.until(lambda d: d.find_element(By.ID, "sensitivity-value").text == "80")
         wait.until(lambda d: found_on_page(d) == found_default)
+        check(driver.find_element(By.ID, "threshold").text == str(needed[80]) == "50",
+              "back at sensitivity 80 the page says a box needs 50% confidence")
 
         # The screenshot of the README: the other picture with its detections,
         # the training's passes and the samples.

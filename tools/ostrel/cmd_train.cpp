@@ -274,12 +274,13 @@ void require_learnable(Size window, const Picture &picture, const FeatureMap &ma
     }
     const WindowCells cells = window_cells(window, picture.width(), picture.height(), map.columns, map.rows,
                                            map.channels);
-    if (cells.values < kMinWindowValues || cells.values > kMaxWindowValues) {
+    const int low = OSTREL_ALG_MIN_WINDOW_WEIGHTS, high = OSTREL_ALG_MAX_WINDOW_WEIGHTS;
+    if (cells.values < low || cells.values > high) {
         throw input_error(strformat(
             "a %dx%d box on this %dx%d picture gives the detector a window of %dx%d feature cells "
             "(%d values); a model holds %d to %d values: use a %s box",
             window.w, window.h, picture.width(), picture.height(), cells.columns, cells.rows, cells.values,
-            kMinWindowValues, kMaxWindowValues, cells.values < kMinWindowValues ? "larger" : "smaller"));
+            low, high, cells.values < low ? "larger" : "smaller"));
     }
 }
 

@@ -106,9 +106,8 @@ struct WindowCells {
 };
 WindowCells window_cells(Size box, int picture_width, int picture_height, uint32_t map_columns, uint32_t map_rows,
                          uint32_t channels);
-// The weight vector lengths a model file accepts.
-constexpr int kMinWindowValues = 201;
-constexpr int kMaxWindowValues = 5999;
+// The weight vector lengths a model file accepts are the header's
+// OSTREL_ALG_MIN_WINDOW_WEIGHTS..OSTREL_ALG_MAX_WINDOW_WEIGHTS.
 
 // Whether the library turns a marked box into a training sample: its window
 // of feature cells (mapped like window_cells) lies wholly inside the map. A

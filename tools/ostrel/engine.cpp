@@ -90,6 +90,19 @@ std::string error_message(ostrel_alg *handle, int32_t *code) {
 
 }  // namespace
 
+std::vector<uint32_t> confidence_by_sensitivity() {
+    constexpr uint32_t kMaxSensitivity = 100;  // the header's range of sensitivities
+    std::vector<uint32_t> percent(kMaxSensitivity + 1);
+    for (uint32_t s = 0; s <= kMaxSensitivity; ++s) {
+        if (ostrel_alg_getConfidenceOfSensitivity(s, &percent[s]) != 0) {
+            const std::string reason = error_message(nullptr, nullptr);
+            throw ToolError(ExitCode::failed, "the library gives no confidence for sensitivity " + std::to_string(s) +
+                                                  (reason.empty() ? "" : ": " + reason));
+        }
+    }
+    return percent;
+}
+
 Engine::Engine() {
     if (call([this] { return ostrel_alg_create(&handle_); }) != 0 || handle_ == nullptr) {
         std::string reason = error_message(nullptr, nullptr);

@@ -37,6 +37,11 @@ struct FeatureMap {
     uint32_t rows = 0;
 };
 
+// The confidence percent a box needs at each sensitivity, index 0..100, as
+// the library sets it: front ends show it without deriving it. Throws
+// ToolError(failed) when the library refuses one.
+std::vector<uint32_t> confidence_by_sensitivity();
+
 class Engine {
 public:
     using LineHandler = std::function<void(const std::string &line)>;

@@ -323,9 +323,11 @@ ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
         info.input_height <= 0 || info.trained_acf_scale_idx < 0) {
         info.problems.push_back("model record: a size is not positive or an index is negative");
     }
-    if (info.support_vector_size < 201 || info.support_vector_size > 5999) {
-        info.problems.push_back(
-            strformat("model record: %d weights, outside the accepted 201..5999", info.support_vector_size));
+    if (info.support_vector_size < OSTREL_ALG_MIN_WINDOW_WEIGHTS ||
+        info.support_vector_size > OSTREL_ALG_MAX_WINDOW_WEIGHTS) {
+        info.problems.push_back(strformat("model record: %d weights, outside the accepted %d..%d",
+                                          info.support_vector_size, OSTREL_ALG_MIN_WINDOW_WEIGHTS,
+                                          OSTREL_ALG_MAX_WINDOW_WEIGHTS));
     }
     if (info.pca_filter_ready != 0) {
         const auto &f = info.filter;
@@ -334,8 +336,12 @@ ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
                 info.problems.push_back(std::string("filter: ") + filter_matrix_name(m) + " is empty");
             }
         }
-        const bool sizes_ok = f[0].rows == 1 && f[0].cols >= 201 && f[0].cols <= 6000 && f[1].rows >= 1 &&
-                              f[1].rows <= 14 && f[1].cols >= 201 && f[1].cols <= 6000 && f[2].rows == f[0].rows &&
+        // A filter's feature length may be one more than a window's weights.
+        const int max_length = OSTREL_ALG_MAX_WINDOW_WEIGHTS + 1;
+        const bool sizes_ok = f[0].rows == 1 && f[0].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS &&
+                              f[0].cols <= max_length && f[1].rows >= 1 && f[1].rows <= 14 &&
+                              f[1].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS && f[1].cols <= max_length &&
+                              f[2].rows == f[0].rows &&
                               f[2].cols >= 1 && f[2].cols <= 14 && f[3].rows >= 1 && f[3].rows <= 14 &&
                               f[3].cols >= 1 && f[3].cols <= 14;
         if (!sizes_ok) {

@@ -280,6 +280,10 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         const PictureLimits &limits = store_.limits();
         j["limits"] = {{"megapixels", limits.max_pixels / 1000000}, {"side", limits.max_side},
                        {"file_bytes", limits.max_file_bytes}, {"json_bytes", kMaxJsonBytes}};
+        // The page shows what each slider position asks of a box from this
+        // table rather than deriving it (index = sensitivity).
+        static const std::vector<uint32_t> confidence = confidence_by_sensitivity();
+        j["confidence_by_sensitivity"] = confidence;
         return json_response(j);
     }
 

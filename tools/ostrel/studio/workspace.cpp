@@ -198,14 +198,15 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
     }
     const WindowCells cells = window_cells({first.w, first.h}, entry.width, entry.height, map_columns_, map_rows_,
                                            map_channels_);
-    if (cells.values < kMinWindowValues || cells.values > kMaxWindowValues) {
+    const int low = OSTREL_ALG_MIN_WINDOW_WEIGHTS, high = OSTREL_ALG_MAX_WINDOW_WEIGHTS;
+    if (cells.values < low || cells.values > high) {
         const std::string who = detectors_.size() > 1 || d.name != "object" ? " (" + d.name + ")" : "";
         throw ApiError(http_status::unprocessable,
                        strformat("a %dx%d box%s on this %dx%d picture is too %s for the detector (it needs a window "
                                  "of %d to %d values, this one has %d): draw a %s box",
                                  first.w, first.h, who.c_str(), entry.width, entry.height,
-                                 cells.values < kMinWindowValues ? "small" : "large", kMinWindowValues,
-                                 kMaxWindowValues, cells.values, cells.values < kMinWindowValues ? "larger" : "smaller"));
+                                 cells.values < low ? "small" : "large", low, high, cells.values,
+                                 cells.values < low ? "larger" : "smaller"));
     }
     // All taught pictures of the class must give the detector the same window.
     for (const TaughtPicture &t : d.taught) {

@@ -139,10 +139,11 @@
   const boxOf = (l) => [l.x, l.y, l.w, l.h];
   const nextFrame = () => new Promise((resolve) => requestAnimationFrame(() => resolve()));
 
-  // The confidence (in %) a box needs at a sensitivity: 90 at 0, 50 at 79
-  // and 80, 30 at 100, as the library's header gives it.
+  // The confidence (in %) a box needs at a sensitivity, from the studio's
+  // status (the library's table); null until the status has come.
   function confidenceNeeded(sensitivity) {
-    return sensitivity < 80 ? Math.trunc(90 - sensitivity / 2) : 50 - (sensitivity - 80);
+    const table = state.status && state.status.confidence_by_sensitivity;
+    return table && table[sensitivity] !== undefined ? table[sensitivity] : null;
   }
 
   // ------------------------------------------------------------- shortcuts
@@ -838,7 +839,10 @@
   }
   function showSensitivity(sensitivity) {
     ui.sensitivityValue.textContent = String(sensitivity);
-    ui.threshold.textContent = String(confidenceNeeded(sensitivity));
+    // Before the status comes, the page keeps the number it was served with
+    // (the default sensitivity's).
+    const needed = confidenceNeeded(sensitivity);
+    if (needed !== null) ui.threshold.textContent = String(needed);
     updateExportLinks();
   }
 
@@ -1041,6 +1045,7 @@
     } catch (error) { return; }
     const st = state.status;
     state.trained = st.trained;
+    showSensitivity(Number(ui.sensitivity.value));
     if (st.classes) {
       for (const c of st.classes) {
         const mine = classOf(c.name);
