@@ -495,6 +495,15 @@ bool sums_path_available(sums_path path) {
     return false;
 }
 
+std::vector<sums_path> available_sums_paths() {
+    std::vector<sums_path> out;
+    for (const sums_path p : {sums_path::portable, sums_path::sse2, sums_path::avx2, sums_path::avx512_vnni,
+                              sums_path::fastest}) {
+        if (sums_path_available(p)) out.push_back(p);
+    }
+    return out;
+}
+
 window_sum_grid window_sums_reference(const feature_map &map, const quantised_weights &weights) {
     window_sum_grid grid;
     if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||

@@ -81,6 +81,9 @@ enum class sums_path { fastest, sse2, portable, avx2, avx512_vnni };
 // Whether the processor runs a path (portable and sse2 always).
 bool sums_path_available(sums_path path);
 
+// Every path the processor runs, `fastest` last: the loops a test compares.
+std::vector<sums_path> available_sums_paths();
+
 // The bytes of the window with top-left cell (x, y), in window feature
 // order (the layout of the weights). The window must lie inside the map.
 void window_bytes(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,

@@ -49,15 +49,6 @@ scan_setup make_setup(int32_t map_columns, int32_t map_rows, int32_t columns, in
     return s;
 }
 
-std::vector<ostrel::sums_path> paths_here() {
-    std::vector<ostrel::sums_path> out;
-    for (const ostrel::sums_path p : {ostrel::sums_path::portable, ostrel::sums_path::sse2, ostrel::sums_path::avx2,
-                                      ostrel::sums_path::avx512_vnni, ostrel::sums_path::fastest}) {
-        if (ostrel::sums_path_available(p)) out.push_back(p);
-    }
-    return out;
-}
-
 // The rows of odd column x that the scan must compute for refine level t.
 std::vector<bool> expected_rows(const ostrel::window_sum_grid &whole, int32_t x, double t) {
     std::vector<bool> rows(static_cast<size_t>(whole.rows), false);
@@ -84,7 +75,7 @@ TEST(WindowSumsCoarseToFine, ComputedSumsAreTheReferenceSumsAndSkippedOnesAreWhe
         const double levels[] = {static_cast<double>(sorted.front()) - 1.0, static_cast<double>(sorted[sorted.size() / 2]),
                                  static_cast<double>(sorted[sorted.size() * 9 / 10]),
                                  static_cast<double>(sorted.back()) + 1.0};
-        for (const ostrel::sums_path path : paths_here()) {
+        for (const ostrel::sums_path path : ostrel::available_sums_paths()) {
             for (const double t : levels) {
                 const ostrel::window_sum_grid grid =
                     ostrel::window_sums_coarse_to_fine(ostrel::pair_cells(s.map), s.weights, t, path);

@@ -21,15 +21,6 @@
 
 namespace {
 
-std::vector<ostrel::sums_path> paths_here() {
-    std::vector<ostrel::sums_path> out;
-    for (const ostrel::sums_path p : {ostrel::sums_path::portable, ostrel::sums_path::sse2, ostrel::sums_path::avx2,
-                                      ostrel::sums_path::avx512_vnni, ostrel::sums_path::fastest}) {
-        if (ostrel::sums_path_available(p)) out.push_back(p);
-    }
-    return out;
-}
-
 // The levels of a picture at three sizes, padded as detection pads them.
 std::vector<ostrel::feature_map> picture_maps(const std::string &relative) {
     const cv::Mat bgr = cv::imread(ostrel_test::data_path(relative), cv::IMREAD_COLOR);
@@ -75,7 +66,7 @@ TEST(WindowSumsPictures, EveryLoopGivesTheReferenceSumsOnRealPictures) {
                 std::vector<int32_t> sorted = reference.sums;
                 std::sort(sorted.begin(), sorted.end());
                 const double refine_from = sorted[sorted.size() * 9 / 10];
-                for (const ostrel::sums_path path : paths_here()) {
+                for (const ostrel::sums_path path : ostrel::available_sums_paths()) {
                     const ostrel::window_sum_grid whole = ostrel::window_sums(paired, q, path);
                     ASSERT_EQ(whole.sums, reference.sums) << picture << " window " << window.columns << "x"
                                                           << window.rows << " path " << static_cast<int>(path);

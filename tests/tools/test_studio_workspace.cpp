@@ -65,7 +65,7 @@ protected:
         const std::string path = (root_ / "probe.model").string();
         std::ofstream(path, std::ios::binary) << bytes;
         Engine engine;
-        EXPECT_TRUE(engine.import_model(path)) << engine.last_line();
+        EXPECT_TRUE(engine.import_model(path)) << engine.last_error();
         return engine.class_names();
     }
 

@@ -50,9 +50,6 @@ void Engine::on_library_line(const std::string &line) {
     if (g_show_library_lines) {
         std::fprintf(stderr, "%s\n", line.c_str());
     }
-    if (handler_) {
-        handler_(line);
-    }
 }
 
 template <typename Call>
@@ -137,15 +134,6 @@ void Engine::set_progress_handler(ProgressHandler handler) {
     call([this] {
         return ostrel_alg_setProgressHandler(handle_, progress_handler_ ? &Engine::dispatch_progress : nullptr, this);
     });
-}
-
-std::string Engine::last_line() const {
-    for (auto it = last_lines_.rbegin(); it != last_lines_.rend(); ++it) {
-        if (it->find_first_not_of(" \t\r") != std::string::npos) {
-            return *it;
-        }
-    }
-    return {};
 }
 
 bool Engine::set_sensitivity(uint32_t sensitivity) {

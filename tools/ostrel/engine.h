@@ -44,7 +44,6 @@ std::vector<uint32_t> confidence_by_sensitivity();
 
 class Engine {
 public:
-    using LineHandler = std::function<void(const std::string &line)>;
     using ProgressHandler = std::function<void(const ostrel_alg_progress &step)>;
 
     // Creates the engine; throws ToolError(failed) when the library cannot.
@@ -53,10 +52,6 @@ public:
     Engine(const Engine &) = delete;
     Engine &operator=(const Engine &) = delete;
 
-    // Extra handler for the library's lines during the following calls
-    // (called on the thread that makes the call, while the library runs, so
-    // it must not call the library). Empty to remove.
-    void set_line_handler(LineHandler handler) { handler_ = std::move(handler); }
     // Receives the library's progress records of the following calls (on the
     // thread that makes the call, while the library runs, so it must not
     // call the library). Empty to remove.
@@ -92,10 +87,9 @@ public:
     // Removes sample index and retrains.
     bool remove_sample(uint32_t index);
 
-    // The library's lines of the last call, and the last non-empty one, as
-    // they were shown (--verbose); what a failure means is last_error().
+    // The library's lines of the last call, as they were shown (--verbose);
+    // what a failure means is last_error().
     const std::vector<std::string> &last_lines() const { return last_lines_; }
-    std::string last_line() const;
     // The library's sentence for the engine's last failure ("" before any),
     // and its OSTREL_ALG_ERR_* code.
     std::string last_error() const;
@@ -108,13 +102,12 @@ private:
     int32_t call(Call &&c);
     // Receives one message of the library during call().
     void on_library_message(const char *message);
-    // Hands one complete line to the kept lines and the handlers.
+    // Keeps one complete line and shows it with --verbose.
     void on_library_line(const std::string &line);
     static void dispatch_library_message(const char *message, void *user);
     static void dispatch_progress(const ostrel_alg_progress *step, void *user);
 
     ostrel_alg *handle_ = nullptr;
-    LineHandler handler_;
     ProgressHandler progress_handler_;
     std::vector<std::string> last_lines_;
     std::string pending_;  // a message part without its line end yet
