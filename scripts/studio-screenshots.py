@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Takes the README's screenshots of the studio as a labelling tool, in the
+"""Takes docs/studio.md's screenshots of the studio as a labelling tool, in the
 real browser (headless Chromium through selenium), from the shipped pictures:
 
   docs/studio-zoom.png   a 1920 x 1080 frame (the shipped chess pictures at

@@ -4,7 +4,7 @@
 #   2. the studio against an adversary: the session token, origins and media
 #      types, idle and slow connections, FIFOs, odd file names, SIGHUP,
 #   3. its peak memory under the attacks that used to fill it, against the
-#      bound the README gives,
+#      bound docs/studio.md gives,
 #   4. a person's session in headless Chromium (chromedriver, python3-selenium),
 #      which prints the speed a person feels and saves a screenshot,
 #   5. a page of another origin in Chromium trying every way to change the

@@ -1,5 +1,5 @@
-"""The README's labels-and-evaluation example runs as written and prints the
-figures `ostrel eval` prints for the same model and pictures."""
+"""The labels-and-evaluation example of docs/python.md runs as written and
+prints the figures `ostrel eval` prints for the same model and pictures."""
 from __future__ import annotations
 
 import json

@@ -42,7 +42,7 @@ from studio_client import TOKEN_HEADER, Client  # noqa: E402
 from studio_process import StudioProcess  # noqa: E402
 
 # The documented bound: the studio's resident memory never passes this under
-# the attacks below (README, Studio: "Memory").
+# the attacks below (docs/studio.md, "Memory").
 BOUND_MIB = 700
 WATCHDOG_MIB = 4096
 

@@ -406,7 +406,7 @@ def run(args):
         slider.send_keys(Keys.END)
         wait.until(lambda d: d.find_element(By.ID, "sensitivity-value").text == "100")
         driver.execute_script("document.activeElement.blur()")  # arrows go to the page, not to the slider
-        # Many boxes at sensitivity 100, for the README.
+        # Many boxes at sensitivity 100, for docs/studio.md.
         open_by_key(driver, wait, "BloodImage_00002.jpg", Keys.ARROW_RIGHT + Keys.ARROW_RIGHT)
         wait.until(lambda d: d.execute_script("return document.getElementById('canvas').dataset.found !== ''"))
         time.sleep(0.3)
