@@ -109,14 +109,18 @@ def check(checkout: Path) -> list[str]:
     return problems
 
 
-def main() -> int:
-    checkout = Path(sys.argv[1]) if len(sys.argv) > 1 else Path(__file__).resolve().parents[2]
-    problems = check(checkout.resolve())
+def report(problems: list[str], all_well: str) -> int:
+    """Prints each problem, or one line saying all is well; the exit status."""
     for problem in problems:
         print(problem)
     if not problems:
-        print(f"checked {len(documents(checkout))} documents: every relative link leads to a file")
+        print(all_well)
     return 1 if problems else 0
+
+
+def main() -> int:
+    checkout = (Path(sys.argv[1]) if len(sys.argv) > 1 else Path(__file__).resolve().parents[2]).resolve()
+    return report(check(checkout), f"checked {len(documents(checkout))} documents: every relative link leads to a file")
 
 
 if __name__ == "__main__":

@@ -14,6 +14,9 @@ import sys
 import tempfile
 from pathlib import Path
 
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from check_docs import report  # noqa: E402
+
 MARKER = "<!-- ostrel-example -->"
 
 
@@ -49,11 +52,7 @@ def main() -> int:
             problems.append(f"out/ holds {drawn}, not one drawing a picture")
         if not re.search(r"\bF1\b", result.stdout):
             problems.append(f"eval printed no F1: {result.stdout.strip()[:400]}")
-    for problem in problems:
-        print(problem)
-    if not problems:
-        print(f"the README's {len(commands.splitlines())} command lines ran: {len(found)} pictures detected")
-    return 1 if problems else 0
+    return report(problems, f"the README's {len(commands.splitlines())} command lines ran: {len(found)} pictures detected")
 
 
 if __name__ == "__main__":
