@@ -290,6 +290,68 @@ __attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void col
         default: break;
     }
 }
+
+// N blocks of sixteen positions for K classifiers of one window shape: each
+// tap's cells are loaded once and multiplied by every classifier's weights,
+// so the loads, which bound the one-class loop, are shared. K * N sums and
+// N loaded blocks stay in registers (at most 4 * 4 + 4 of the 32).
+template <int K, int N>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_class_blocks(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *const *accumulators) {
+    const quantised_weights &shape = *weights[0];
+    const int32_t taps = shape.tap_pairs;
+    __m512i s[K][N];
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 4
+        for (int n = 0; n < N; ++n) s[k][n] = _mm512_setzero_si512();
+    }
+    for (int32_t c = 0; c < shape.channels; ++c) {
+        for (int32_t r = 0; r < shape.window_columns; ++r) {
+            const size_t tap_column = static_cast<size_t>(c) * shape.window_columns + r;
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * first_row + 32 * b;
+            const int16_t *w[K];
+#pragma GCC unroll 4
+            for (int k = 0; k < K; ++k) w[k] = weights[k]->pairs.data() + tap_column * taps * 2;
+            for (int32_t j = 0; j < taps; ++j) {
+                __m512i cells[N];
+#pragma GCC unroll 4
+                for (int n = 0; n < N; ++n) cells[n] = _mm512_loadu_si512(column + 4 * j + 32 * n);
+#pragma GCC unroll 4
+                for (int k = 0; k < K; ++k) {
+                    int32_t pair_bits;
+                    std::memcpy(&pair_bits, w[k] + 2 * j, sizeof pair_bits);
+                    const __m512i wv = _mm512_set1_epi32(pair_bits);
+#pragma GCC unroll 4
+                    for (int n = 0; n < N; ++n) s[k][n] = _mm512_dpwssd_epi32(s[k][n], cells[n], wv);
+                }
+            }
+        }
+    }
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 4
+        for (int n = 0; n < N; ++n) _mm512_storeu_si512(accumulators[k] + 16 * (b + n), s[k][n]);
+    }
+}
+
+// column_sums_vnni for K classifiers of one window shape at once.
+template <int K>
+__attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void column_class_sums_vnni(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t blocks16,
+    int32_t *const *accumulators) {
+    int32_t b = 0;
+    for (; b + 4 <= blocks16; b += 4) vnni_class_blocks<K, 4>(map, weights, x, first_row, b, accumulators);
+    switch (blocks16 - b) {
+        case 3: vnni_class_blocks<K, 3>(map, weights, x, first_row, b, accumulators); break;
+        case 2: vnni_class_blocks<K, 2>(map, weights, x, first_row, b, accumulators); break;
+        case 1: vnni_class_blocks<K, 1>(map, weights, x, first_row, b, accumulators); break;
+        default: break;
+    }
+}
 #endif
 
 }  // namespace
@@ -414,28 +476,23 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
     return grid;
 }
 
-window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
-                                           double refine_from, sums_path path) {
-    window_sum_grid grid;
-    if (!size_grid(map, weights, &grid, kSkippedSum)) return grid;  // what an odd column is not computed
-    const scan_choice choice = choose_loop(map, weights, path, grid.rows);
-    std::vector<int32_t> accumulator = column_accumulator(grid);
-    const int32_t rows = grid.rows;
-    const auto column = [&](int32_t x) { return grid.sums.data() + static_cast<std::ptrdiff_t>(x) * rows; };
-    for (int32_t x = 0; x < grid.columns; x += 2) {
-        column_sums(map, weights, x, 0, rows, choice, accumulator, column(x));
-    }
-    // near[y]: a position of row y in an even column beside reaches
-    // refine_from. An odd column is computed in the rows within two of such
-    // a row (its 3 x 3 neighbourhood, and the neighbours above and below of
-    // what that adds), in runs; runs less than a loop's unit apart are
-    // joined.
+namespace {
+
+// The odd columns of a coarse-to-fine grid whose even columns are done.
+// near[y]: a position of row y in an even column beside reaches
+// refine_from. An odd column is computed in the rows within two of such a
+// row (its 3 x 3 neighbourhood, and the neighbours above and below of what
+// that adds), in runs; runs less than a loop's unit apart are joined.
+void refine_odd_columns(const paired_map &map, const quantised_weights &weights, double refine_from,
+                        const scan_choice &choice, std::vector<int32_t> &accumulator, window_sum_grid *grid) {
+    const int32_t rows = grid->rows;
+    const auto column = [&](int32_t x) { return grid->sums.data() + static_cast<std::ptrdiff_t>(x) * rows; };
     std::vector<uint8_t> near(static_cast<size_t>(rows));
     const int64_t least = least_sum_reaching(refine_from);
     const int32_t least32 = static_cast<int32_t>(std::min<int64_t>(std::max<int64_t>(least, INT32_MIN), INT32_MAX));
-    for (int32_t x = 1; x < grid.columns; x += 2) {
+    for (int32_t x = 1; x < grid->columns; x += 2) {
         const int32_t *left = column(x - 1);
-        const int32_t *right = x + 1 < grid.columns ? column(x + 1) : left;
+        const int32_t *right = x + 1 < grid->columns ? column(x + 1) : left;
         if (least > INT32_MAX) {
             std::fill(near.begin(), near.end(), static_cast<uint8_t>(0));
         } else {
@@ -459,7 +516,122 @@ window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantise
         }
         if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
     }
+}
+
+}  // namespace
+
+window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
+                                           double refine_from, sums_path path) {
+    window_sum_grid grid;
+    if (!size_grid(map, weights, &grid, kSkippedSum)) return grid;  // what an odd column is not computed
+    const scan_choice choice = choose_loop(map, weights, path, grid.rows);
+    std::vector<int32_t> accumulator = column_accumulator(grid);
+    for (int32_t x = 0; x < grid.columns; x += 2) {
+        column_sums(map, weights, x, 0, grid.rows, choice, accumulator,
+                    grid.sums.data() + static_cast<std::ptrdiff_t>(x) * grid.rows);
+    }
+    refine_odd_columns(map, weights, refine_from, choice, accumulator, &grid);
     return grid;
+}
+
+namespace {
+
+// Whether two classifiers take windows of one shape (then one scan serves
+// both).
+bool same_window(const quantised_weights &a, const quantised_weights &b) {
+    return a.channels == b.channels && a.window_columns == b.window_columns && a.window_rows == b.window_rows;
+}
+
+// Classifiers scanned together at most (the registers of the widest loop).
+constexpr int32_t kClassesPerScan = 4;
+
+// column_sums for `count` classifiers of one window shape: the loop that
+// shares each window's loads among classifiers where there is one, else
+// each classifier's own. accumulator_data[k] is classifier k's column of
+// blocks; `scratch` (at least count columns) serves the other loops.
+void column_class_sums(const paired_map &map, const quantised_weights *const *weights, int32_t count, int32_t x,
+                       int32_t first, int32_t end, const scan_choice &choice,
+                       std::vector<std::vector<int32_t>> &scratch, int32_t *const *accumulator_data,
+                       int32_t *const *outs) {
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+    if (choice.vnni) {
+        const int32_t unit = choice.unit();
+        const int32_t start = first / unit * unit;
+        const int32_t units = (end - start + unit - 1) / unit;
+        for (int32_t k = 0; k < count; k += kClassesPerScan) {
+            switch (std::min(kClassesPerScan, count - k)) {
+                case 4: column_class_sums_vnni<4>(map, weights + k, x, start, units, accumulator_data + k); break;
+                case 3: column_class_sums_vnni<3>(map, weights + k, x, start, units, accumulator_data + k); break;
+                case 2: column_class_sums_vnni<2>(map, weights + k, x, start, units, accumulator_data + k); break;
+                default: column_sums_vnni(map, *weights[k], x, start, units, accumulator_data[k]); break;
+            }
+        }
+        for (int32_t k = 0; k < count; ++k) {
+            std::copy(accumulator_data[k] + (first - start), accumulator_data[k] + (end - start), outs[k] + first);
+        }
+        return;
+    }
+#else
+    (void)accumulator_data;
+#endif
+    for (int32_t k = 0; k < count; ++k) {
+        column_sums(map, *weights[k], x, first, end, choice, scratch[static_cast<size_t>(k)], outs[k]);
+    }
+}
+
+}  // namespace
+
+void window_sums_classes(const paired_map &map, const std::vector<const quantised_weights *> &weights,
+                         const std::vector<double> &refine_from, sums_path path, std::vector<window_sum_grid> *grids) {
+    const size_t count = weights.size();
+    grids->resize(count);
+    if (count == 0) return;
+    // -infinity: every window (every position reaches it).
+    const auto whole = [&](size_t k) { return refine_from.empty() || (std::isinf(refine_from[k]) && refine_from[k] < 0.0); };
+    bool shared = true;
+    for (size_t k = 1; k < count; ++k) shared = shared && same_window(*weights[0], *weights[k]);
+    if (!shared) {
+        for (size_t k = 0; k < count; ++k) {
+            (*grids)[k] = whole(k) ? window_sums(map, *weights[k], path)
+                                   : window_sums_coarse_to_fine(map, *weights[k], refine_from[k], path);
+        }
+        return;
+    }
+    for (size_t k = 0; k < count; ++k) {
+        window_sum_grid &grid = (*grids)[k];
+        if (!size_grid(map, *weights[k], &grid, whole(k) ? 0 : kSkippedSum)) {
+            for (window_sum_grid &g : *grids) g = window_sum_grid{};  // one shape: no window fits for any
+            return;
+        }
+    }
+    const int32_t columns = (*grids)[0].columns;
+    const int32_t rows = (*grids)[0].rows;
+    const scan_choice choice = choose_loop(map, *weights[0], path, rows);
+    std::vector<std::vector<int32_t>> accumulators(count, column_accumulator((*grids)[0]));
+    std::vector<int32_t *> accumulator_data(count);
+    for (size_t k = 0; k < count; ++k) accumulator_data[k] = accumulators[k].data();
+    // Even columns: every classifier; odd ones: those that take every
+    // window, together, then each coarse-to-fine one in its own runs.
+    std::vector<const quantised_weights *> members;
+    std::vector<int32_t *> member_accumulators;
+    std::vector<int32_t *> outs;
+    for (int32_t x = 0; x < columns; ++x) {
+        members.clear();
+        member_accumulators.clear();
+        outs.clear();
+        for (size_t k = 0; k < count; ++k) {
+            if (x % 2 == 1 && !whole(k)) continue;
+            members.push_back(weights[k]);
+            member_accumulators.push_back(accumulator_data[k]);
+            outs.push_back((*grids)[k].sums.data() + static_cast<std::ptrdiff_t>(x) * rows);
+        }
+        if (members.empty()) continue;
+        column_class_sums(map, members.data(), static_cast<int32_t>(members.size()), x, 0, rows, choice, accumulators,
+                          member_accumulators.data(), outs.data());
+    }
+    for (size_t k = 0; k < count; ++k) {
+        if (!whole(k)) refine_odd_columns(map, *weights[k], refine_from[k], choice, accumulators[k], &(*grids)[k]);
+    }
 }
 
 int64_t least_sum_reaching(double value) {
