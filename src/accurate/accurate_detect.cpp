@@ -34,21 +34,25 @@ namespace {
 
 // Whether the window at (x, y) is the strongest of its 3 x 3 neighbourhood
 // among the positions searched (inset from the grid's edges); of equal sums
-// the first in column, row order.
+// the first in column, row order. The windows above and below are looked
+// at first: on a slope one of them is the stronger, and the other column's
+// windows need not be read.
 bool neighbourhood_maximum(const window_sum_grid &grid, int32_t x, int32_t y, int32_t inset_columns,
                            int32_t inset_rows) {
-    const int32_t sum = grid.at(x, y);
-    for (int32_t dx = -1; dx <= 1; ++dx) {
-        for (int32_t dy = -1; dy <= 1; ++dy) {
-            const int32_t nx = x + dx, ny = y + dy;
-            if ((dx == 0 && dy == 0) || nx < inset_columns || ny < inset_rows || nx >= grid.columns - inset_columns ||
-                ny >= grid.rows - inset_rows) {
-                continue;
-            }
-            const int32_t other = grid.at(nx, ny);
-            const bool earlier = dx < 0 || (dx == 0 && dy < 0);
-            if (other > sum || (earlier && other == sum)) return false;
-        }
+    const int32_t rows = grid.rows;
+    const int32_t *column = grid.sums.data() + static_cast<std::ptrdiff_t>(x) * rows;
+    const int32_t sum = column[y];
+    const bool above = y - 1 >= inset_rows;
+    const bool below = y + 1 < rows - inset_rows;
+    // An earlier window (the column before, or above) wins a tie.
+    if ((above && column[y - 1] >= sum) || (below && column[y + 1] > sum)) return false;
+    if (x - 1 >= inset_columns) {
+        const int32_t *left = column - rows;
+        if (left[y] >= sum || (above && left[y - 1] >= sum) || (below && left[y + 1] >= sum)) return false;
+    }
+    if (x + 1 < grid.columns - inset_columns) {
+        const int32_t *right = column + rows;
+        if (right[y] > sum || (above && right[y - 1] > sum) || (below && right[y + 1] > sum)) return false;
     }
     return true;
 }
