@@ -208,10 +208,10 @@ __attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_avx2(
     }
 }
 
-// N blocks of eight positions (N 1..2) for K classifiers of one window
-// shape (K 1..4), as vnni_class_blocks below: each tap's cells are loaded
-// once for every classifier. K * N sums, N loaded blocks and a weight stay
-// in the sixteen registers.
+// N blocks of eight positions for K classifiers of one window shape (K
+// 1..4), as vnni_class_blocks below: each tap's cells are loaded once for
+// every classifier. K * N sums, N loaded blocks and a weight stay in the
+// sixteen registers.
 template <int K, int N>
 __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_class_blocks(
     const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
@@ -221,7 +221,7 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
     __m256i s[K][N];
 #pragma GCC unroll 4
     for (int k = 0; k < K; ++k) {
-#pragma GCC unroll 2
+#pragma GCC unroll 8
         for (int n = 0; n < N; ++n) s[k][n] = _mm256_setzero_si256();
     }
     for (int32_t c = 0; c < shape.channels; ++c) {
@@ -235,7 +235,7 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
             for (int k = 0; k < K; ++k) w[k] = weights[k]->pairs.data() + tap_column * taps * 2;
             for (int32_t j = 0; j < taps; ++j) {
                 __m256i cells[N];
-#pragma GCC unroll 2
+#pragma GCC unroll 8
                 for (int n = 0; n < N; ++n) {
                     cells[n] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(column + 4 * j + 16 * n));
                 }
@@ -244,7 +244,7 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
                     int32_t pair_bits;
                     std::memcpy(&pair_bits, w[k] + 2 * j, sizeof pair_bits);
                     const __m256i wv = _mm256_set1_epi32(pair_bits);
-#pragma GCC unroll 2
+#pragma GCC unroll 8
                     for (int n = 0; n < N; ++n) s[k][n] = _mm256_add_epi32(s[k][n], _mm256_madd_epi16(cells[n], wv));
                 }
             }
@@ -252,7 +252,7 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
     }
 #pragma GCC unroll 4
     for (int k = 0; k < K; ++k) {
-#pragma GCC unroll 2
+#pragma GCC unroll 8
         for (int n = 0; n < N; ++n) {
             _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulators[k] + 8 * (b + n)), s[k][n]);
         }
@@ -260,13 +260,33 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
 }
 
 // column_sums_avx2 for K classifiers of one window shape at once.
+// Blocks a turn: enough sums to hide the multiply-add's latency, few enough
+// for the registers (K * N + N + 1 of 16).
+template <int K>
+constexpr int kAvx2ClassBlocks = K <= 2 ? 4 : K == 3 ? 3 : 2;
+
+// The last `left` blocks (fewer than M).
+template <int K, int M>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_class_tail(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t left, int32_t *const *accumulators) {
+    if constexpr (M > 1) {
+        if (left == M - 1) {
+            avx2_class_blocks<K, M - 1>(map, weights, x, first_row, b, accumulators);
+        } else {
+            avx2_class_tail<K, M - 1>(map, weights, x, first_row, b, left, accumulators);
+        }
+    }
+}
+
 template <int K>
 __attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_class_sums_avx2(
     const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t blocks8,
     int32_t *const *accumulators) {
+    constexpr int N = kAvx2ClassBlocks<K>;
     int32_t b = 0;
-    for (; b + 2 <= blocks8; b += 2) avx2_class_blocks<K, 2>(map, weights, x, first_row, b, accumulators);
-    if (b < blocks8) avx2_class_blocks<K, 1>(map, weights, x, first_row, b, accumulators);
+    for (; b + N <= blocks8; b += N) avx2_class_blocks<K, N>(map, weights, x, first_row, b, accumulators);
+    avx2_class_tail<K, N>(map, weights, x, first_row, b, blocks8 - b, accumulators);
 }
 
 // N blocks of sixteen positions (N 1..4) from block b on with the fused
@@ -355,9 +375,9 @@ __attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void col
 
 // N blocks of sixteen positions for K classifiers of one window shape: each
 // tap's cells are loaded once and multiplied by every classifier's weights,
-// so the loads, which bound the one-class loop, are shared. K * N sums, N
-// loaded blocks and a weight stay in registers (at most 6 * 4 + 4 + 1 of
-// the 32).
+// so the loads are shared, and the K * N sums are independent chains of
+// multiply-adds, enough to hide their latency. The sums, N loaded blocks
+// and a weight stay in registers.
 template <int K, int N>
 __attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_class_blocks(
     const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
@@ -367,7 +387,7 @@ __attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPT
     __m512i s[K][N];
 #pragma GCC unroll 6
     for (int k = 0; k < K; ++k) {
-#pragma GCC unroll 4
+#pragma GCC unroll 8
         for (int n = 0; n < N; ++n) s[k][n] = _mm512_setzero_si512();
     }
     for (int32_t c = 0; c < shape.channels; ++c) {
@@ -381,14 +401,14 @@ __attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPT
             for (int k = 0; k < K; ++k) w[k] = weights[k]->pairs.data() + tap_column * taps * 2;
             for (int32_t j = 0; j < taps; ++j) {
                 __m512i cells[N];
-#pragma GCC unroll 4
+#pragma GCC unroll 8
                 for (int n = 0; n < N; ++n) cells[n] = _mm512_loadu_si512(column + 4 * j + 32 * n);
 #pragma GCC unroll 6
                 for (int k = 0; k < K; ++k) {
                     int32_t pair_bits;
                     std::memcpy(&pair_bits, w[k] + 2 * j, sizeof pair_bits);
                     const __m512i wv = _mm512_set1_epi32(pair_bits);
-#pragma GCC unroll 4
+#pragma GCC unroll 8
                     for (int n = 0; n < N; ++n) s[k][n] = _mm512_dpwssd_epi32(s[k][n], cells[n], wv);
                 }
             }
@@ -396,24 +416,39 @@ __attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPT
     }
 #pragma GCC unroll 6
     for (int k = 0; k < K; ++k) {
-#pragma GCC unroll 4
+#pragma GCC unroll 8
         for (int n = 0; n < N; ++n) _mm512_storeu_si512(accumulators[k] + 16 * (b + n), s[k][n]);
     }
 }
 
 // column_sums_vnni for K classifiers of one window shape at once.
+// Blocks a turn: at least sixteen sums, so that the multiply-add's latency
+// is hidden, within the registers (K * N + N + 1 of 32).
+template <int K>
+constexpr int kVnniClassBlocks = K <= 2 ? 8 : K == 3 ? 6 : K == 4 ? 5 : 4;
+
+// The last `left` blocks (fewer than M).
+template <int K, int M>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_class_tail(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t left, int32_t *const *accumulators) {
+    if constexpr (M > 1) {
+        if (left == M - 1) {
+            vnni_class_blocks<K, M - 1>(map, weights, x, first_row, b, accumulators);
+        } else {
+            vnni_class_tail<K, M - 1>(map, weights, x, first_row, b, left, accumulators);
+        }
+    }
+}
+
 template <int K>
 __attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void column_class_sums_vnni(
     const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t blocks16,
     int32_t *const *accumulators) {
+    constexpr int N = kVnniClassBlocks<K>;
     int32_t b = 0;
-    for (; b + 4 <= blocks16; b += 4) vnni_class_blocks<K, 4>(map, weights, x, first_row, b, accumulators);
-    switch (blocks16 - b) {
-        case 3: vnni_class_blocks<K, 3>(map, weights, x, first_row, b, accumulators); break;
-        case 2: vnni_class_blocks<K, 2>(map, weights, x, first_row, b, accumulators); break;
-        case 1: vnni_class_blocks<K, 1>(map, weights, x, first_row, b, accumulators); break;
-        default: break;
-    }
+    for (; b + N <= blocks16; b += N) vnni_class_blocks<K, N>(map, weights, x, first_row, b, accumulators);
+    vnni_class_tail<K, N>(map, weights, x, first_row, b, blocks16 - b, accumulators);
 }
 #endif
 
@@ -631,7 +666,7 @@ bool same_window(const quantised_weights &a, const quantised_weights &b) {
 
 // Classifiers scanned together at most: what the loops keep in registers
 // (six times four blocks of sums of the 32 AVX-512 registers, four times two
-// of the 16 AVX2 ones).
+// of the 16 AVX2 ones; see kVnniClassBlocks and kAvx2ClassBlocks).
 constexpr int32_t kClassesPerVnniScan = 6;
 constexpr int32_t kClassesPerAvx2Scan = 4;
 
