@@ -94,6 +94,26 @@ double refine_from(const accurate_search &search, const level_terms &t) {
 }
 
 // The candidates of a level's grid of sums, appended to *out.
+// Marks (1) the positions [first, end) of a grid column that reach `least`
+// and beat the windows above and below among the searched rows (the
+// first part of the neighbourhood test), in one pass without branches.
+void mark_column_peaks(const int32_t *column, int32_t first, int32_t end, int32_t least, uint8_t *marks) {
+    if (end - first < 3) {
+        for (int32_t y = first; y < end; ++y) {
+            const bool above = y - 1 >= first && column[y - 1] >= column[y];
+            const bool below = y + 1 < end && column[y + 1] > column[y];
+            marks[y] = static_cast<uint8_t>(column[y] >= least && !above && !below);
+        }
+        return;
+    }
+    marks[first] = static_cast<uint8_t>(column[first] >= least && column[first + 1] <= column[first]);
+    for (int32_t y = first + 1; y < end - 1; ++y) {
+        marks[y] = static_cast<uint8_t>((column[y] >= least) & (column[y - 1] < column[y]) & (column[y + 1] <= column[y]));
+    }
+    marks[end - 1] = static_cast<uint8_t>(column[end - 1] >= least && column[end - 2] < column[end - 1]);
+}
+
+// The candidates of a level's grid of sums, appended to *out.
 void collect_candidates(const window_sum_grid &grid, const level_terms &t, const pyramid_level &level,
                         const accurate_geometry &geometry, const accurate_search &search, float floor_margin,
                         int32_t inset_columns, int32_t inset_rows, std::vector<margin_box> *out) {
@@ -102,23 +122,42 @@ void collect_candidates(const window_sum_grid &grid, const level_terms &t, const
     const int64_t least = std::isnan(t.floor_sum) ? INT32_MIN : least_sum_reaching(t.floor_sum);
     if (least > INT32_MAX) return;
     const int32_t end = grid.rows - inset_rows;
+    const auto add = [&](int32_t x, int32_t y, int32_t sum) {
+        const float margin = static_cast<float>(sum * t.scale + t.bias);
+        if (margin < floor_margin) return;
+        double l, tp, w, h;
+        window_object_box(x, y, level, geometry, &l, &tp, &w, &h);
+        margin_box candidate;
+        candidate.margin = margin;
+        candidate.box.x = static_cast<int32_t>(std::floor(l + w / 2.0 - t.width / 2.0 + 0.5));
+        candidate.box.y = static_cast<int32_t>(std::floor(tp + h / 2.0 - t.height / 2.0 + 0.5));
+        candidate.box.width = static_cast<int32_t>(std::floor(t.width + 0.5));
+        candidate.box.height = static_cast<int32_t>(std::floor(t.height + 0.5));
+        out->push_back(candidate);
+    };
+    if (!search.neighbourhood_maxima) {
+        for (int32_t x = inset_columns; x < grid.columns - inset_columns; ++x) {
+            const int32_t *column = grid.sums.data() + static_cast<size_t>(x) * grid.rows;
+            for (int32_t y = next_sum_reaching(column, inset_rows, end, static_cast<int32_t>(least)); y < end;
+                 y = next_sum_reaching(column, y + 1, end, static_cast<int32_t>(least))) {
+                add(x, y, column[y]);
+            }
+        }
+        return;
+    }
+    // Where most windows reach the floor, testing each one's neighbourhood
+    // costs a branch per window that goes either way: the peaks of each
+    // column are marked first, and only they take the whole test.
+    std::vector<uint8_t> marks(static_cast<size_t>(std::max(grid.rows, 0)));
     for (int32_t x = inset_columns; x < grid.columns - inset_columns; ++x) {
         const int32_t *column = grid.sums.data() + static_cast<size_t>(x) * grid.rows;
-        for (int32_t y = next_sum_reaching(column, inset_rows, end, static_cast<int32_t>(least)); y < end;
-             y = next_sum_reaching(column, y + 1, end, static_cast<int32_t>(least))) {
-            const int32_t sum = column[y];
-            if (search.neighbourhood_maxima && !neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) continue;
-            const float margin = static_cast<float>(sum * t.scale + t.bias);
-            if (margin < floor_margin) continue;
-            double l, tp, w, h;
-            window_object_box(x, y, level, geometry, &l, &tp, &w, &h);
-            margin_box candidate;
-            candidate.margin = margin;
-            candidate.box.x = static_cast<int32_t>(std::floor(l + w / 2.0 - t.width / 2.0 + 0.5));
-            candidate.box.y = static_cast<int32_t>(std::floor(tp + h / 2.0 - t.height / 2.0 + 0.5));
-            candidate.box.width = static_cast<int32_t>(std::floor(t.width + 0.5));
-            candidate.box.height = static_cast<int32_t>(std::floor(t.height + 0.5));
-            out->push_back(candidate);
+        if (end <= inset_rows) continue;
+        mark_column_peaks(column, inset_rows, end, static_cast<int32_t>(least), marks.data());
+        for (int32_t y = inset_rows; y < end; ++y) {
+            if (marks[static_cast<size_t>(y)] == 0 || !neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) {
+                continue;
+            }
+            add(x, y, column[y]);
         }
     }
 }
