@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 #include "accurate/accurate_trainer.h"
@@ -96,7 +97,7 @@ double refine_from(const accurate_search &search, const level_terms &t) {
 // The candidates of a level's grid of sums, appended to *out.
 // Marks (1) the positions [first, end) of a grid column that reach `least`
 // and beat the windows above and below among the searched rows (the
-// first part of the neighbourhood test), in one pass without branches.
+// first step of the neighbourhood test), in one pass without branches.
 void mark_column_peaks(const int32_t *column, int32_t first, int32_t end, int32_t least, uint8_t *marks) {
     if (end - first < 3) {
         for (int32_t y = first; y < end; ++y) {
@@ -108,7 +109,8 @@ void mark_column_peaks(const int32_t *column, int32_t first, int32_t end, int32_
     }
     marks[first] = static_cast<uint8_t>(column[first] >= least && column[first + 1] <= column[first]);
     for (int32_t y = first + 1; y < end - 1; ++y) {
-        marks[y] = static_cast<uint8_t>((column[y] >= least) & (column[y - 1] < column[y]) & (column[y + 1] <= column[y]));
+        const int32_t sum = column[y];
+        marks[y] = static_cast<uint8_t>((sum >= least) & (column[y - 1] < sum) & (column[y + 1] <= sum));
     }
     marks[end - 1] = static_cast<uint8_t>(column[end - 1] >= least && column[end - 2] < column[end - 1]);
 }
@@ -153,11 +155,17 @@ void collect_candidates(const window_sum_grid &grid, const level_terms &t, const
         const int32_t *column = grid.sums.data() + static_cast<size_t>(x) * grid.rows;
         if (end <= inset_rows) continue;
         mark_column_peaks(column, inset_rows, end, static_cast<int32_t>(least), marks.data());
-        for (int32_t y = inset_rows; y < end; ++y) {
-            if (marks[static_cast<size_t>(y)] == 0 || !neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) {
+        for (int32_t y = inset_rows; y < end;) {
+            uint64_t eight = 1;  // few positions are peaks: eight marks are passed over at once
+            if (y + 8 <= end) std::memcpy(&eight, marks.data() + y, sizeof eight);
+            if (eight == 0) {
+                y += 8;
                 continue;
             }
-            add(x, y, column[y]);
+            if (marks[static_cast<size_t>(y)] != 0 && neighbourhood_maximum(grid, x, y, inset_columns, inset_rows)) {
+                add(x, y, column[y]);
+            }
+            ++y;
         }
     }
 }

@@ -71,7 +71,7 @@ void search_paired_level(const paired_map &paired, const pyramid_level &level, c
                          const accurate_search &search, float floor_margin, int32_t inset_columns, int32_t inset_rows,
                          std::vector<margin_box> *out);
 
-// One class's part of a level searched by several classes at once.
+// One class's share of a level searched by several classes at once.
 struct class_level_search {
     const accurate_geometry *geometry = nullptr;
     const accurate_search *search = nullptr;

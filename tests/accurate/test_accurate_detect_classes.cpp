@@ -98,8 +98,10 @@ TEST(AccurateDetectClasses, EveryClassFindsTheCandidatesOfItsOwnSearchOnRealPict
     const std::vector<std::pair<int32_t, int32_t>> one_shape = {{7, 15}};
     std::mt19937 random(21);
     size_t found = 0;
-    for (const char *picture : {"chess/images/03d3ff4582c8125d69c19a72f846bec8_jpg.rf.5f77781cbc56eff8679f258ff4f7cc9f.jpg",
-                                "bccd/images/BloodImage_00001.jpg"}) {
+    const char *const pictures[] = {
+        "chess/images/03d3ff4582c8125d69c19a72f846bec8_jpg.rf.5f77781cbc56eff8679f258ff4f7cc9f.jpg",
+        "bccd/images/BloodImage_00001.jpg"};
+    for (const char *picture : pictures) {
         const ostrel::accurate_pyramid pyramid = picture_pyramid(picture);
         ASSERT_FALSE(pyramid.levels.empty()) << picture;
         for (const size_t count : {size_t{1}, size_t{3}, size_t{5}, size_t{12}}) {

@@ -40,7 +40,9 @@ std::vector<ostrel::quantised_weights> classifiers(size_t count, int32_t columns
     std::vector<ostrel::quantised_weights> out;
     for (size_t k = 0; k < count; ++k) {
         std::vector<double> w(static_cast<size_t>(10) * columns * rows);
-        for (double &v : w) v = (static_cast<double>(random() % 20001) - 10000.0) * 1e-6 + 0.001 * static_cast<double>(k % 3);
+        for (double &v : w) {
+            v = (static_cast<double>(random() % 20001) - 10000.0) * 1e-6 + 0.001 * static_cast<double>(k % 3);
+        }
         out.push_back(ostrel::quantise_weights(w.data(), 10, columns, rows));
     }
     return out;
