@@ -71,6 +71,27 @@ void search_paired_level(const paired_map &paired, const pyramid_level &level, c
                          const accurate_search &search, float floor_margin, int32_t inset_columns, int32_t inset_rows,
                          std::vector<margin_box> *out);
 
+// One class's share of a level searched by several classes at once.
+struct class_level_search {
+    const accurate_geometry *geometry = nullptr;
+    const accurate_search *search = nullptr;
+    int32_t inset_columns = 0;
+    int32_t inset_rows = 0;
+    std::vector<margin_box> *out = nullptr;  // its candidates are appended here
+};
+// Buffers a multi-class search keeps from level to level.
+struct level_scan_scratch {
+    std::vector<window_sum_grid> grids;
+    std::vector<const quantised_weights *> weights;
+    std::vector<double> refine_from;
+};
+// search_paired_level for every class of `classes`, with the same
+// candidates for each: the classes whose windows have one shape share one
+// scan of the map (window_sums_classes).
+void search_paired_level_classes(const paired_map &paired, const pyramid_level &level,
+                                 const std::vector<class_level_search> &classes, float floor_margin,
+                                 level_scan_scratch *scratch);
+
 // Greedy suppression: strongest first (earlier on equal margins), a box
 // overlapping a kept one by `max_overlap` (IoU) or more is dropped. Keeps at
 // most `limit` boxes.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #if defined(__SSE2__) || defined(_M_X64)
 #include <emmintrin.h>
@@ -207,6 +208,87 @@ __attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_avx2(
     }
 }
 
+// N blocks of eight positions for K classifiers of one window shape (K
+// 1..4), as vnni_class_blocks below: each tap's cells are loaded once for
+// every classifier. K * N sums, N loaded blocks and a weight stay in the
+// sixteen registers.
+template <int K, int N>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_class_blocks(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *const *accumulators) {
+    const quantised_weights &shape = *weights[0];
+    const int32_t taps = shape.tap_pairs;
+    __m256i s[K][N];
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 8
+        for (int n = 0; n < N; ++n) s[k][n] = _mm256_setzero_si256();
+    }
+    for (int32_t c = 0; c < shape.channels; ++c) {
+        for (int32_t r = 0; r < shape.window_columns; ++r) {
+            const size_t tap_column = static_cast<size_t>(c) * shape.window_columns + r;
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * first_row + 16 * b;
+            const int16_t *w[K];
+#pragma GCC unroll 4
+            for (int k = 0; k < K; ++k) w[k] = weights[k]->pairs.data() + tap_column * taps * 2;
+            for (int32_t j = 0; j < taps; ++j) {
+                __m256i cells[N];
+#pragma GCC unroll 8
+                for (int n = 0; n < N; ++n) {
+                    cells[n] = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(column + 4 * j + 16 * n));
+                }
+#pragma GCC unroll 4
+                for (int k = 0; k < K; ++k) {
+                    int32_t pair_bits;
+                    std::memcpy(&pair_bits, w[k] + 2 * j, sizeof pair_bits);
+                    const __m256i wv = _mm256_set1_epi32(pair_bits);
+#pragma GCC unroll 8
+                    for (int n = 0; n < N; ++n) s[k][n] = _mm256_add_epi32(s[k][n], _mm256_madd_epi16(cells[n], wv));
+                }
+            }
+        }
+    }
+#pragma GCC unroll 4
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 8
+        for (int n = 0; n < N; ++n) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i *>(accumulators[k] + 8 * (b + n)), s[k][n]);
+        }
+    }
+}
+
+// column_sums_avx2 for K classifiers of one window shape at once.
+// Blocks a turn: enough sums to hide the multiply-add's latency, few enough
+// for the registers (K * N + N + 1 of 16).
+template <int K>
+constexpr int kAvx2ClassBlocks = K <= 2 ? 4 : K == 3 ? 3 : 2;
+
+// The last `left` blocks (fewer than M).
+template <int K, int M>
+__attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void avx2_class_tail(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t left, int32_t *const *accumulators) {
+    if constexpr (M > 1) {
+        if (left == M - 1) {
+            avx2_class_blocks<K, M - 1>(map, weights, x, first_row, b, accumulators);
+        } else {
+            avx2_class_tail<K, M - 1>(map, weights, x, first_row, b, left, accumulators);
+        }
+    }
+}
+
+template <int K>
+__attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_class_sums_avx2(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t blocks8,
+    int32_t *const *accumulators) {
+    constexpr int N = kAvx2ClassBlocks<K>;
+    int32_t b = 0;
+    for (; b + N <= blocks8; b += N) avx2_class_blocks<K, N>(map, weights, x, first_row, b, accumulators);
+    avx2_class_tail<K, N>(map, weights, x, first_row, b, blocks8 - b, accumulators);
+}
+
 // N blocks of sixteen positions (N 1..4) from block b on with the fused
 // multiply-add of pairs (vpdpwssd), for processors with AVX-512 VNNI; kept
 // in registers as in avx2_blocks. vpdpwssd adds the two products and the
@@ -289,6 +371,84 @@ __attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void col
         case 1: vnni_blocks_any<1>(map, weights, x, first_row, b, accumulator); break;
         default: break;
     }
+}
+
+// N blocks of sixteen positions for K classifiers of one window shape: each
+// tap's cells are loaded once and multiplied by every classifier's weights,
+// so the loads are shared, and the K * N sums are independent chains of
+// multiply-adds, enough to hide their latency. The sums, N loaded blocks
+// and a weight stay in registers.
+template <int K, int N>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_class_blocks(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t *const *accumulators) {
+    const quantised_weights &shape = *weights[0];
+    const int32_t taps = shape.tap_pairs;
+    __m512i s[K][N];
+#pragma GCC unroll 6
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 8
+        for (int n = 0; n < N; ++n) s[k][n] = _mm512_setzero_si512();
+    }
+    for (int32_t c = 0; c < shape.channels; ++c) {
+        for (int32_t r = 0; r < shape.window_columns; ++r) {
+            const size_t tap_column = static_cast<size_t>(c) * shape.window_columns + r;
+            const int16_t *column = map.data.data() +
+                                    (static_cast<size_t>(c) * map.columns + x + r) * static_cast<size_t>(map.stride) +
+                                    2 * first_row + 32 * b;
+            const int16_t *w[K];
+#pragma GCC unroll 6
+            for (int k = 0; k < K; ++k) w[k] = weights[k]->pairs.data() + tap_column * taps * 2;
+            for (int32_t j = 0; j < taps; ++j) {
+                __m512i cells[N];
+#pragma GCC unroll 8
+                for (int n = 0; n < N; ++n) cells[n] = _mm512_loadu_si512(column + 4 * j + 32 * n);
+#pragma GCC unroll 6
+                for (int k = 0; k < K; ++k) {
+                    int32_t pair_bits;
+                    std::memcpy(&pair_bits, w[k] + 2 * j, sizeof pair_bits);
+                    const __m512i wv = _mm512_set1_epi32(pair_bits);
+#pragma GCC unroll 8
+                    for (int n = 0; n < N; ++n) s[k][n] = _mm512_dpwssd_epi32(s[k][n], cells[n], wv);
+                }
+            }
+        }
+    }
+#pragma GCC unroll 6
+    for (int k = 0; k < K; ++k) {
+#pragma GCC unroll 8
+        for (int n = 0; n < N; ++n) _mm512_storeu_si512(accumulators[k] + 16 * (b + n), s[k][n]);
+    }
+}
+
+// column_sums_vnni for K classifiers of one window shape at once.
+// Blocks a turn: at least sixteen sums, so that the multiply-add's latency
+// is hidden, within the registers (K * N + N + 1 of 32).
+template <int K>
+constexpr int kVnniClassBlocks = K <= 2 ? 8 : K == 3 ? 6 : K == 4 ? 5 : 4;
+
+// The last `left` blocks (fewer than M).
+template <int K, int M>
+__attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline void vnni_class_tail(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t b,
+    int32_t left, int32_t *const *accumulators) {
+    if constexpr (M > 1) {
+        if (left == M - 1) {
+            vnni_class_blocks<K, M - 1>(map, weights, x, first_row, b, accumulators);
+        } else {
+            vnni_class_tail<K, M - 1>(map, weights, x, first_row, b, left, accumulators);
+        }
+    }
+}
+
+template <int K>
+__attribute__((target("avx512f,avx512vnni"), OSTREL_SCAN_LOOP_OPTIONS)) void column_class_sums_vnni(
+    const paired_map &map, const quantised_weights *const *weights, int32_t x, int32_t first_row, int32_t blocks16,
+    int32_t *const *accumulators) {
+    constexpr int N = kVnniClassBlocks<K>;
+    int32_t b = 0;
+    for (; b + N <= blocks16; b += N) vnni_class_blocks<K, N>(map, weights, x, first_row, b, accumulators);
+    vnni_class_tail<K, N>(map, weights, x, first_row, b, blocks16 - b, accumulators);
 }
 #endif
 
@@ -383,15 +543,29 @@ void column_sums(const paired_map &map, const quantised_weights &weights, int32_
 
 // An empty grid when no window fits, else one of the right size, every
 // sum `fill`.
-bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid,
-               int32_t fill = 0) {
+// The grid's sizes, unless no window fits.
+bool shape_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid) {
     if (map.channels != weights.channels || weights.window_columns < 1 || weights.window_rows < 1 ||
         map.columns < weights.window_columns || map.rows < weights.window_rows) {
         return false;
     }
     grid->columns = map.columns - weights.window_columns + 1;
     grid->rows = map.rows - weights.window_rows + 1;
+    return true;
+}
+
+bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid,
+               int32_t fill = 0) {
+    if (!shape_grid(map, weights, grid)) return false;
     grid->sums.assign(static_cast<size_t>(grid->columns) * grid->rows, fill);
+    return true;
+}
+
+// size_grid for a grid whose every sum is written next: its buffer is kept,
+// not filled.
+bool size_grid_unfilled(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid) {
+    if (!shape_grid(map, weights, grid)) return false;
+    grid->sums.resize(static_cast<size_t>(grid->columns) * grid->rows);
     return true;
 }
 
@@ -414,52 +588,245 @@ window_sum_grid window_sums(const paired_map &map, const quantised_weights &weig
     return grid;
 }
 
+namespace {
+
+// A row range [first, end) of a grid column.
+using row_run = std::pair<int32_t, int32_t>;
+
+// The runs of odd column x of a coarse-to-fine grid whose even columns are
+// done. near[y]: a position of row y in an even column beside reaches the
+// refine level (least: least_sum_reaching of it). The column is computed in
+// the rows within two of such a row (its 3 x 3 neighbourhood, and the
+// neighbours above and below of what that adds); runs less than a loop's
+// unit apart are joined.
+void odd_column_runs(const window_sum_grid &grid, int32_t x, int64_t least, int32_t unit, std::vector<uint8_t> &near,
+                     std::vector<row_run> *runs) {
+    runs->clear();
+    const int32_t rows = grid.rows;
+    if (least > INT32_MAX) return;
+    const int32_t least32 = static_cast<int32_t>(std::max<int64_t>(least, INT32_MIN));
+    const int32_t *left = grid.sums.data() + static_cast<std::ptrdiff_t>(x - 1) * rows;
+    const int32_t *right = x + 1 < grid.columns ? left + 2 * static_cast<std::ptrdiff_t>(rows) : left;
+    near.resize(static_cast<size_t>(rows));
+    for (int32_t y = 0; y < rows; ++y) {
+        near[static_cast<size_t>(y)] = static_cast<uint8_t>((left[y] >= least32) | (right[y] >= least32));
+    }
+    int32_t run_first = -1, run_end = -1;
+    for (int32_t y = 0; y < rows; ++y) {
+        if (!near[static_cast<size_t>(y)]) continue;
+        const int32_t first = std::max(0, y - 2);
+        const int32_t end = std::min(rows, y + 3);
+        if (run_first >= 0 && first <= run_end + unit) {
+            run_end = std::max(run_end, end);
+            continue;
+        }
+        if (run_first >= 0) runs->emplace_back(run_first, run_end);
+        run_first = first;
+        run_end = end;
+    }
+    if (run_first >= 0) runs->emplace_back(run_first, run_end);
+}
+
+// The odd columns of a coarse-to-fine grid whose even columns are done.
+void refine_odd_columns(const paired_map &map, const quantised_weights &weights, double refine_from,
+                        const scan_choice &choice, std::vector<int32_t> &accumulator, window_sum_grid *grid) {
+    std::vector<uint8_t> near;
+    std::vector<row_run> runs;
+    const int64_t least = least_sum_reaching(refine_from);
+    for (int32_t x = 1; x < grid->columns; x += 2) {
+        odd_column_runs(*grid, x, least, choice.unit(), near, &runs);
+        int32_t *out = grid->sums.data() + static_cast<std::ptrdiff_t>(x) * grid->rows;
+        for (const row_run &run : runs) column_sums(map, weights, x, run.first, run.second, choice, accumulator, out);
+    }
+}
+
+}  // namespace
+
 window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
                                            double refine_from, sums_path path) {
     window_sum_grid grid;
     if (!size_grid(map, weights, &grid, kSkippedSum)) return grid;  // what an odd column is not computed
     const scan_choice choice = choose_loop(map, weights, path, grid.rows);
     std::vector<int32_t> accumulator = column_accumulator(grid);
-    const int32_t rows = grid.rows;
-    const auto column = [&](int32_t x) { return grid.sums.data() + static_cast<std::ptrdiff_t>(x) * rows; };
     for (int32_t x = 0; x < grid.columns; x += 2) {
-        column_sums(map, weights, x, 0, rows, choice, accumulator, column(x));
+        column_sums(map, weights, x, 0, grid.rows, choice, accumulator,
+                    grid.sums.data() + static_cast<std::ptrdiff_t>(x) * grid.rows);
     }
-    // near[y]: a position of row y in an even column beside reaches
-    // refine_from. An odd column is computed in the rows within two of such
-    // a row (its 3 x 3 neighbourhood, and the neighbours above and below of
-    // what that adds), in runs; runs less than a loop's unit apart are
-    // joined.
-    std::vector<uint8_t> near(static_cast<size_t>(rows));
-    const int64_t least = least_sum_reaching(refine_from);
-    const int32_t least32 = static_cast<int32_t>(std::min<int64_t>(std::max<int64_t>(least, INT32_MIN), INT32_MAX));
-    for (int32_t x = 1; x < grid.columns; x += 2) {
-        const int32_t *left = column(x - 1);
-        const int32_t *right = x + 1 < grid.columns ? column(x + 1) : left;
-        if (least > INT32_MAX) {
-            std::fill(near.begin(), near.end(), static_cast<uint8_t>(0));
-        } else {
-            for (int32_t y = 0; y < rows; ++y) {
-                near[static_cast<size_t>(y)] = static_cast<uint8_t>((left[y] >= least32) | (right[y] >= least32));
-            }
-        }
-        int32_t *out = column(x);
-        int32_t run_first = -1, run_end = -1;
-        for (int32_t y = 0; y < rows; ++y) {
-            if (!near[static_cast<size_t>(y)]) continue;
-            const int32_t first = std::max(0, y - 2);
-            const int32_t end = std::min(rows, y + 3);
-            if (run_first >= 0 && first <= run_end + choice.unit()) {
-                run_end = std::max(run_end, end);
-                continue;
-            }
-            if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
-            run_first = first;
-            run_end = end;
-        }
-        if (run_first >= 0) column_sums(map, weights, x, run_first, run_end, choice, accumulator, out);
-    }
+    refine_odd_columns(map, weights, refine_from, choice, accumulator, &grid);
     return grid;
+}
+
+namespace {
+
+// Whether two classifiers take windows of one shape (then one scan serves
+// both).
+bool same_window(const quantised_weights &a, const quantised_weights &b) {
+    return a.channels == b.channels && a.window_columns == b.window_columns && a.window_rows == b.window_rows;
+}
+
+// Classifiers scanned together at most: what the loops keep in registers
+// (six times four blocks of sums of the 32 AVX-512 registers, four times two
+// of the 16 AVX2 ones; see kVnniClassBlocks and kAvx2ClassBlocks).
+constexpr int32_t kClassesPerVnniScan = 6;
+constexpr int32_t kClassesPerAvx2Scan = 4;
+
+// column_sums for `count` classifiers of one window shape: the loop that
+// shares each window's loads among classifiers where there is one, else
+// each classifier's own. accumulator_data[k] is classifier k's column of
+// blocks; `scratch` (at least count columns) serves the other loops.
+void column_class_sums(const paired_map &map, const quantised_weights *const *weights, int32_t count, int32_t x,
+                       int32_t first, int32_t end, const scan_choice &choice,
+                       std::vector<std::vector<int32_t>> &scratch, int32_t *const *accumulator_data,
+                       int32_t *const *outs) {
+#if defined(OSTREL_WINDOW_SUMS_AVX2)
+    if (choice.vnni || choice.avx2) {
+        const int32_t unit = choice.unit();
+        const int32_t start = first / unit * unit;
+        const int32_t units = (end - start + unit - 1) / unit;
+        const int32_t per_scan = choice.vnni ? kClassesPerVnniScan : kClassesPerAvx2Scan;
+        for (int32_t k = 0; k < count; k += per_scan) {
+            const int32_t chunk = std::min(per_scan, count - k);
+            const quantised_weights *const *w = weights + k;
+            int32_t *const *a = accumulator_data + k;
+            if (choice.vnni) {
+                switch (chunk) {
+                    case 6: column_class_sums_vnni<6>(map, w, x, start, units, a); break;
+                    case 5: column_class_sums_vnni<5>(map, w, x, start, units, a); break;
+                    case 4: column_class_sums_vnni<4>(map, w, x, start, units, a); break;
+                    case 3: column_class_sums_vnni<3>(map, w, x, start, units, a); break;
+                    case 2: column_class_sums_vnni<2>(map, w, x, start, units, a); break;
+                    default: column_sums_vnni(map, *w[0], x, start, units, a[0]); break;
+                }
+            } else {
+                switch (chunk) {
+                    case 4: column_class_sums_avx2<4>(map, w, x, start, units, a); break;
+                    case 3: column_class_sums_avx2<3>(map, w, x, start, units, a); break;
+                    case 2: column_class_sums_avx2<2>(map, w, x, start, units, a); break;
+                    default: column_sums_avx2(map, *w[0], x, start, units, a[0]); break;
+                }
+            }
+        }
+        for (int32_t k = 0; k < count; ++k) {
+            std::copy(accumulator_data[k] + (first - start), accumulator_data[k] + (end - start), outs[k] + first);
+        }
+        return;
+    }
+#else
+    (void)accumulator_data;
+#endif
+    for (int32_t k = 0; k < count; ++k) {
+        column_sums(map, *weights[k], x, first, end, choice, scratch[static_cast<size_t>(k)], outs[k]);
+    }
+}
+
+}  // namespace
+
+void window_sums_classes(const paired_map &map, const std::vector<const quantised_weights *> &weights,
+                         const std::vector<double> &refine_from, sums_path path, std::vector<window_sum_grid> *grids) {
+    const size_t count = weights.size();
+    grids->resize(count);
+    if (count == 0) return;
+    // -infinity: every window (every position reaches it).
+    const auto whole = [&](size_t k) {
+        return refine_from.empty() || refine_from[k] == -std::numeric_limits<double>::infinity();
+    };
+    bool shared = true;
+    for (size_t k = 1; k < count; ++k) shared = shared && same_window(*weights[0], *weights[k]);
+    if (!shared) {
+        for (size_t k = 0; k < count; ++k) {
+            (*grids)[k] = whole(k) ? window_sums(map, *weights[k], path)
+                                   : window_sums_coarse_to_fine(map, *weights[k], refine_from[k], path);
+        }
+        return;
+    }
+    for (size_t k = 0; k < count; ++k) {
+        window_sum_grid &grid = (*grids)[k];
+        if (!size_grid_unfilled(map, *weights[k], &grid)) {
+            for (window_sum_grid &g : *grids) g = window_sum_grid{};  // one shape: no window fits for any
+            return;
+        }
+    }
+    const int32_t columns = (*grids)[0].columns;
+    const int32_t rows = (*grids)[0].rows;
+    const scan_choice choice = choose_loop(map, *weights[0], path, rows);
+    std::vector<std::vector<int32_t>> accumulators(count, column_accumulator((*grids)[0]));
+    std::vector<int32_t *> accumulator_data(count);
+    for (size_t k = 0; k < count; ++k) accumulator_data[k] = accumulators[k].data();
+    // Even columns: every classifier; odd ones: those that take every
+    // window, together, then each coarse-to-fine one in its own runs.
+    std::vector<const quantised_weights *> members;
+    std::vector<int32_t *> member_accumulators;
+    std::vector<int32_t *> outs;
+    for (int32_t x = 0; x < columns; ++x) {
+        members.clear();
+        member_accumulators.clear();
+        outs.clear();
+        for (size_t k = 0; k < count; ++k) {
+            if (x % 2 == 1 && !whole(k)) continue;
+            members.push_back(weights[k]);
+            member_accumulators.push_back(accumulator_data[k]);
+            outs.push_back((*grids)[k].sums.data() + static_cast<std::ptrdiff_t>(x) * rows);
+        }
+        if (members.empty()) continue;
+        column_class_sums(map, members.data(), static_cast<int32_t>(members.size()), x, 0, rows, choice, accumulators,
+                          member_accumulators.data(), outs.data());
+    }
+    // The coarse-to-fine classifiers' odd columns: each one's own runs, the
+    // union of them scanned together into a column of scratch, whence each
+    // classifier takes its runs' sums.
+    std::vector<size_t> refined;
+    std::vector<int64_t> least;
+    for (size_t k = 0; k < count; ++k) {
+        if (whole(k)) continue;
+        refined.push_back(k);
+        least.push_back(least_sum_reaching(refine_from[k]));
+        window_sum_grid &grid = (*grids)[k];
+        for (int32_t x = 1; x < columns; x += 2) {  // what an odd column is not computed
+            std::fill_n(grid.sums.begin() + static_cast<std::ptrdiff_t>(x) * rows, rows, kSkippedSum);
+        }
+    }
+    std::vector<std::vector<row_run>> runs(refined.size());
+    std::vector<std::vector<int32_t>> scratch_columns(refined.size(), std::vector<int32_t>(static_cast<size_t>(rows)));
+    std::vector<row_run> all_runs;
+    std::vector<uint8_t> near;
+    for (int32_t x = 1; x < columns; x += 2) {
+        all_runs.clear();
+        for (size_t i = 0; i < refined.size(); ++i) {
+            odd_column_runs((*grids)[refined[i]], x, least[i], choice.unit(), near, &runs[i]);
+            all_runs.insert(all_runs.end(), runs[i].begin(), runs[i].end());
+        }
+        std::sort(all_runs.begin(), all_runs.end());
+        for (size_t r = 0; r < all_runs.size();) {
+            // Runs that overlap, or lie less than a loop's unit apart, are
+            // scanned as one.
+            const int32_t first = all_runs[r].first;
+            int32_t end = all_runs[r].second;
+            for (++r; r < all_runs.size() && all_runs[r].first <= end + choice.unit(); ++r) {
+                end = std::max(end, all_runs[r].second);
+            }
+            members.clear();
+            member_accumulators.clear();
+            outs.clear();
+            for (size_t i = 0; i < refined.size(); ++i) {
+                const bool meets = std::any_of(runs[i].begin(), runs[i].end(), [&](const row_run &own) {
+                    return own.first < end && own.second > first;
+                });
+                if (!meets) continue;
+                members.push_back(weights[refined[i]]);
+                member_accumulators.push_back(accumulator_data[refined[i]]);
+                outs.push_back(scratch_columns[i].data());
+            }
+            column_class_sums(map, members.data(), static_cast<int32_t>(members.size()), x, first, end, choice,
+                              accumulators, member_accumulators.data(), outs.data());
+        }
+        for (size_t i = 0; i < refined.size(); ++i) {
+            int32_t *out = (*grids)[refined[i]].sums.data() + static_cast<std::ptrdiff_t>(x) * rows;
+            for (const row_run &own : runs[i]) {
+                std::copy(scratch_columns[i].begin() + own.first, scratch_columns[i].begin() + own.second,
+                          out + own.first);
+            }
+        }
+    }
 }
 
 int64_t least_sum_reaching(double value) {

@@ -105,6 +105,14 @@ inline constexpr int32_t kSkippedSum = INT32_MIN;
 // far below. Every computed sum is the whole scan's integer.
 window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
                                            double refine_from, sums_path path = sums_path::fastest);
+// Several classifiers on one map in one scan: (*grids)[k] becomes what
+// window_sums_coarse_to_fine(map, *weights[k], refine_from[k], path) gives,
+// or window_sums(map, *weights[k], path) where refine_from[k] is -infinity
+// or refine_from is empty. Classifiers of one window shape share each
+// window's loads (the loop's bound) where the processor's loop allows;
+// `grids` keeps its buffers from call to call.
+void window_sums_classes(const paired_map &map, const std::vector<const quantised_weights *> &weights,
+                         const std::vector<double> &refine_from, sums_path path, std::vector<window_sum_grid> *grids);
 // The least integer that reaches value (s >= value exactly when s >= the
 // result, for every 32-bit s), so that the sums are compared with a bound
 // in integers: INT32_MIN when every sum reaches it, INT32_MAX + 1 when none

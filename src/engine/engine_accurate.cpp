@@ -690,24 +690,28 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         // Each level is laid out once and searched by every class whose
         // sizes it holds.
         const float floor_margin = settings.floor_margin_permille / 1000.0f;
+        std::vector<ostrel::class_level_search> level_classes;
+        ostrel::level_scan_scratch scratch;
         for (size_t j = 0; j < pyramid->levels.size(); ++j) {
             const ostrel::pyramid_level &level = pyramid->levels[j];
             // A level the pyramid left out (too small a picture) shifts the
             // indices: find the grid step by its factor.
             const size_t step = static_cast<size_t>(std::lround(ostrel::portable_log(level.size_factor) / log_step));
-            ostrel::paired_map paired;
+            level_classes.clear();
             for (uint32_t k = 0; k < classes; ++k) {
-                const class_run &run = runs[k];
+                class_run &run = runs[k];
                 if (!run.searched || step < run.first_level || step > run.last_level) continue;
                 // Less than half of such an object could show on the picture.
                 const double height = searches[k].box_height * level.size_factor;
                 if (height > 2.0 * image->height || height * classAt(k).model->shape.aspect > 2.0 * image->width) {
                     continue;
                 }
-                if (paired.data.empty()) paired = ostrel::pair_cells(level.map);
-                ostrel::search_paired_level(paired, level, geometries[k], searches[k], floor_margin,
-                                            run.inset_columns, run.inset_rows, &runs[k].candidates);
+                level_classes.push_back({&geometries[k], &searches[k], run.inset_columns, run.inset_rows,
+                                         &run.candidates});
             }
+            if (level_classes.empty()) continue;
+            ostrel::search_paired_level_classes(ostrel::pair_cells(level.map), level, level_classes, floor_margin,
+                                                &scratch);
         }
         // Suppression within each class: boxes of two classes may overlap.
         const size_t max_below = static_cast<size_t>(std::max(settings.max_below_boxes, 0));
