@@ -20,6 +20,14 @@ set(OSTREL_TOOL_INSTALL_RPATH "$ORIGIN/${OSTREL_BIN_TO_LIB}")
 if(TARGET ostrel)
   set_target_properties(ostrel PROPERTIES INSTALL_RPATH "${OSTREL_TOOL_INSTALL_RPATH}")
 endif()
+# Relocations made read-only once loaded, as Debian builds its own programs.
+if(UNIX AND NOT APPLE AND NOT WIN32)
+  foreach(target ostrel_alg ostrel)
+    if(TARGET ${target})
+      target_link_options(${target} PRIVATE "LINKER:-z,relro,-z,now")
+    endif()
+  endforeach()
+endif()
 
 # The pictures `ostrel demo` and `ostrel studio` start from, with their
 # licence; the tool looks for them in <prefix>/share/ostrel/data.
@@ -51,7 +59,8 @@ if(Python3_Interpreter_FOUND)
     WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/python
     DEPENDS ${OSTREL_PYTHON_SOURCES} ${CMAKE_CURRENT_SOURCE_DIR}/python/setup.py
             ${CMAKE_CURRENT_SOURCE_DIR}/python/pyproject.toml ${CMAKE_CURRENT_SOURCE_DIR}/include/ostrel_alg.h
-    COMMENT "Laying out the Python package")
+    COMMENT "Laying out the Python package"
+    VERBATIM)
   add_custom_target(ostrel_python_package ALL DEPENDS ${OSTREL_PYTHON_STAGE}/ostrel/_header_values.py)
   install(DIRECTORY ${OSTREL_PYTHON_STAGE}/ostrel DESTINATION ${OSTREL_INSTALL_PYTHONDIR}
           OPTIONAL PATTERN __pycache__ EXCLUDE)
@@ -74,7 +83,8 @@ if(TARGET ostrel AND HELP2MAN)
             --output ${CMAKE_CURRENT_BINARY_DIR}/man/ostrel.1 $<TARGET_FILE:ostrel>
     COMMAND gzip -9nf ${CMAKE_CURRENT_BINARY_DIR}/man/ostrel.1
     DEPENDS ostrel
-    COMMENT "Writing the manual page of ostrel")
+    COMMENT "Writing the manual page of ostrel"
+    VERBATIM)
   add_custom_target(ostrel_man_page ALL DEPENDS ${OSTREL_MAN_PAGE})
   install(FILES ${OSTREL_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
 elseif(TARGET ostrel)
@@ -83,7 +93,9 @@ endif()
 
 # ---------------------------------------------------------------------------
 # Documentation files: the copyright file in Debian's format (the project's
-# licence from LICENSE, the pictures' notices from data/), the change log.
+# licence from LICENSE, the pictures' notices from data/), the change log
+# (CHANGELOG.md in Debian's format).
+set(OSTREL_MAINTAINER "ostrel_alg developers <ostrel-maintainers@example.org>")
 set(OSTREL_LICENSE_FILE ${CMAKE_CURRENT_SOURCE_DIR}/LICENSE)
 function(ostrel_debian_license_text file out)
   # A licence text as a Debian copyright field's continuation lines: every
@@ -115,27 +127,25 @@ if(EXISTS ${OSTREL_LICENSE_FILE})
 endif()
 
 # CHANGELOG.md's newest heading ("## 0.1.0 - 2026-11-26") must name this
-# version: its date is the release's, in the Debian change log too.
+# version; the package's change log is written from it.
 file(STRINGS CHANGELOG.md OSTREL_RELEASE_HEADINGS REGEX "^## [0-9]+\\.[0-9]+\\.[0-9]+ - [0-9-]+$")
 list(GET OSTREL_RELEASE_HEADINGS 0 OSTREL_NEWEST_RELEASE)
-if(NOT OSTREL_NEWEST_RELEASE MATCHES "^## ${PROJECT_VERSION} - ([0-9]+)-([0-9]+)-([0-9]+)$")
+if(NOT OSTREL_NEWEST_RELEASE MATCHES "^## ${PROJECT_VERSION} - ")
   message(FATAL_ERROR "CHANGELOG.md's newest entry '${OSTREL_NEWEST_RELEASE}' is not version ${PROJECT_VERSION}")
 endif()
-execute_process(COMMAND date -u -R -d "${CMAKE_MATCH_1}-${CMAKE_MATCH_2}-${CMAKE_MATCH_3} 12:00:00"
-                OUTPUT_VARIABLE OSTREL_RELEASE_DATE OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(OSTREL_MAINTAINER "ostrel_alg developers <ostrel-maintainers@example.org>")
-configure_file(packaging/changelog.Debian.in ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian @ONLY)
+set(OSTREL_CHANGELOG ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog)
 add_custom_command(
-  OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian.gz
-  COMMAND gzip -9nc ${CMAKE_CURRENT_SOURCE_DIR}/CHANGELOG.md > ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz
-  COMMAND gzip -9nc ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian
-          > ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian.gz
-  DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/CHANGELOG.md ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian)
-add_custom_target(ostrel_changelogs ALL DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz)
-install(FILES ${OSTREL_COPYRIGHT_FILE}
-              ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz
-              ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.Debian.gz
-        DESTINATION ${OSTREL_DOC_DIR} OPTIONAL)
+  OUTPUT ${OSTREL_CHANGELOG}.gz
+  COMMAND ${CMAKE_COMMAND} -DCHANGELOG=${CMAKE_CURRENT_SOURCE_DIR}/CHANGELOG.md -DOUTPUT=${OSTREL_CHANGELOG}
+          -DPACKAGE=ostrel "-DMAINTAINER=${OSTREL_MAINTAINER}"
+          -P ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian_changelog.cmake
+  COMMAND gzip -9nf ${OSTREL_CHANGELOG}
+  DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/CHANGELOG.md ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian_changelog.cmake
+  COMMENT "Writing the package's change log"
+  VERBATIM)
+add_custom_target(ostrel_changelogs ALL DEPENDS ${OSTREL_CHANGELOG}.gz)
+install(FILES ${OSTREL_COPYRIGHT_FILE} DESTINATION ${OSTREL_DOC_DIR})
+install(FILES ${OSTREL_CHANGELOG}.gz DESTINATION ${OSTREL_DOC_DIR} OPTIONAL)
 
 # ---------------------------------------------------------------------------
 # The Debian package: one package with the library, its header and CMake /

@@ -51,7 +51,9 @@ step "build ($version)"
 if [ ! -f build/CMakeCache.txt ]; then
   cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 fi
-cmake --build build -j"$jobs" --target ostrel_alg ostrel ostrel_python_package ostrel_man_page ostrel_changelogs
+# Everything: cpack builds the whole project before it installs (after the
+# release build of scripts/test.sh there is nothing left to do).
+cmake --build build -j"$jobs"
 
 step "Debian package"
 rm -rf "$out" && mkdir -p "$out"
@@ -65,8 +67,7 @@ for f in /usr/bin/ostrel /usr/include/ostrel_alg.h "/usr/lib/libostrel_alg.so.$v
          /usr/lib/libostrel_alg.so /usr/lib/pkgconfig/ostrel_alg.pc /usr/lib/cmake/ostrel_alg/ostrel_algConfig.cmake \
          /usr/share/ostrel/studio/index.html /usr/share/ostrel/data/bccd/LICENSE \
          /usr/lib/python3/dist-packages/ostrel/__init__.py /usr/lib/python3/dist-packages/ostrel/_header_values.py \
-         /usr/share/man/man1/ostrel.1.gz /usr/share/doc/ostrel/copyright /usr/share/doc/ostrel/changelog.gz \
-         /usr/share/doc/ostrel/changelog.Debian.gz; do
+         /usr/share/man/man1/ostrel.1.gz /usr/share/doc/ostrel/copyright /usr/share/doc/ostrel/changelog.gz; do
   grep -qx "$f" "$work/deb-files" || fail "the package lacks $f"
 done
 ! grep -q '_build_tree.py\|__pycache__\|/_lib/' "$work/deb-files" || fail "the package carries a build's leftovers"
@@ -114,20 +115,23 @@ ostrel check demo/rbc.model >/dev/null || fail "ostrel check of the demo's model
 man -w ostrel >/dev/null || fail "man finds no page for ostrel"
 
 step "installed studio"
-port=$("$python" -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-ostrel studio --port "$port" > studio.log 2>&1 &
+# Any free port; the studio prints its address once it is ready.
+ostrel studio --port 0 > studio.log 2>&1 &
 studio=$!
-status=""
-for _ in $(seq 100); do
-  status=$("$python" -c "import urllib.request as u; print(u.urlopen('http://127.0.0.1:$port/api/status').read().decode())" \
-           2>/dev/null) && break
+url=""
+for _ in $(seq 150); do
+  url=$(sed -n 's,^ostrel studio: \(http://[^ ]*/\)$,\1,p' studio.log)
+  [ -n "$url" ] && break
   sleep 0.2
 done
-page=$("$python" -c "import urllib.request as u; print(u.urlopen('http://127.0.0.1:$port/').read().decode())" 2>/dev/null || true)
+fetch() { "$python" -c "import sys, urllib.request as u; print(u.urlopen(sys.argv[1]).read().decode())" "$1"; }
+status=$( [ -n "$url" ] && fetch "${url}api/status" || true)
+page=$( [ -n "$url" ] && fetch "$url" || true)
 kill "$studio" && wait "$studio" 2>/dev/null || true
 echo "$status" | "$python" -c "import json, sys; s = json.load(sys.stdin); assert s['version'] == '$version', s['version']" ||
   { cat studio.log; fail "the installed studio's status does not give version $version"; }
 grep -q 'id="studio-version"' <<<"$page" || fail "the installed studio serves no page"
+echo "studio at $url: version $version, page served from the installed files"
 
 step "C host with pkg-config"
 cp "$checkout/examples/minimal.c" .
