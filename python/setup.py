@@ -22,6 +22,7 @@ import shutil
 
 from setuptools import setup
 from setuptools.command.build_py import build_py
+from setuptools.dist import Distribution
 
 try:
     from wheel.bdist_wheel import bdist_wheel
@@ -74,17 +75,19 @@ class BuildPyWithBuildTree(build_py):
                 file.write(f"{name} = {value}\n")
 
 
+class PackageDistribution(Distribution):
+    def has_ext_modules(self) -> bool:
+        # A package that carries the library is installed, and wheeled, as
+        # one for this platform.
+        return _carries_library()
+
+
 commands = {"build_py": BuildPyWithBuildTree}
 
 if bdist_wheel is not None:
     class PlatformWheel(bdist_wheel):
         """A wheel that carries the library is for this platform (any
         Python 3: the package reaches the library through ctypes)."""
-
-        def finalize_options(self) -> None:
-            super().finalize_options()
-            if _carries_library():
-                self.root_is_pure = False
 
         def get_tag(self):
             python, abi, platform = super().get_tag()
@@ -94,4 +97,4 @@ if bdist_wheel is not None:
 
     commands["bdist_wheel"] = PlatformWheel
 
-setup(version=VERSION, cmdclass=commands)
+setup(version=VERSION, cmdclass=commands, distclass=PackageDistribution)
