@@ -171,7 +171,11 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3, python3-numpy")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-opencv, pkg-config")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The loader's cache is refreshed by libc's ldconfig trigger (the triggers
+# file), not by the maintainer scripts: with a postrm of its own, CPack
+# writes none that calls ldconfig.
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postinst ${CMAKE_CURRENT_SOURCE_DIR}/packaging/prerm)
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postinst ${CMAKE_CURRENT_SOURCE_DIR}/packaging/prerm
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postrm ${CMAKE_CURRENT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)
