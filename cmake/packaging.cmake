@@ -46,7 +46,7 @@ if(NOT DEFINED Python3_EXECUTABLE AND EXISTS /usr/bin/python3)
   set(Python3_EXECUTABLE /usr/bin/python3)
 endif()
 find_package(Python3 COMPONENTS Interpreter)
-if(Python3_Interpreter_FOUND)
+if(Python3_Interpreter_FOUND AND NOT CMAKE_CROSSCOMPILING)  # not for the Windows build
   set(OSTREL_PYTHON_STAGE ${CMAKE_CURRENT_BINARY_DIR}/python-package)
   file(GLOB_RECURSE OSTREL_PYTHON_SOURCES CONFIGURE_DEPENDS
        ${CMAKE_CURRENT_SOURCE_DIR}/python/ostrel/*.py)
@@ -64,7 +64,7 @@ if(Python3_Interpreter_FOUND)
   add_custom_target(ostrel_python_package ALL DEPENDS ${OSTREL_PYTHON_STAGE}/ostrel/_header_values.py)
   install(DIRECTORY ${OSTREL_PYTHON_STAGE}/ostrel DESTINATION ${OSTREL_INSTALL_PYTHONDIR}
           OPTIONAL PATTERN __pycache__ EXCLUDE)
-else()
+elseif(NOT CMAKE_CROSSCOMPILING)
   message(STATUS "no Python 3: the Python package is not installed with the library")
 endif()
 
@@ -72,7 +72,8 @@ endif()
 # The tool's manual page, written from its own --help by help2man.
 set(OSTREL_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/ostrel)
 find_program(HELP2MAN help2man)
-if(TARGET ostrel AND HELP2MAN)
+# help2man runs the tool: a cross-built one (the Windows build) is not.
+if(TARGET ostrel AND HELP2MAN AND NOT CMAKE_CROSSCOMPILING)
   set(OSTREL_MAN_PAGE ${CMAKE_CURRENT_BINARY_DIR}/man/ostrel.1.gz)
   add_custom_command(
     OUTPUT ${OSTREL_MAN_PAGE}
@@ -87,7 +88,7 @@ if(TARGET ostrel AND HELP2MAN)
     VERBATIM)
   add_custom_target(ostrel_man_page ALL DEPENDS ${OSTREL_MAN_PAGE})
   install(FILES ${OSTREL_MAN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
-elseif(TARGET ostrel)
+elseif(TARGET ostrel AND NOT CMAKE_CROSSCOMPILING)
   message(STATUS "help2man not found: the ostrel tool is installed without its manual page")
 endif()
 
