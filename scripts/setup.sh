@@ -23,6 +23,7 @@ packages=(
   python3-numpy python3-pytest python3-opencv python3-distributed  # the Python package, its tests, detect_files
   python3-hypothesis       # property-based tests of the Python package's file and picture checks
   python3-venv python3-pip python3-setuptools python3-wheel         # its offline install into a venv
+  help2man lintian         # the tool's manual page; checks of the Debian package
 )
 
 missing=()

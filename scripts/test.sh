@@ -12,6 +12,8 @@
 #   5. the Python package's tests,
 #   6. the Windows DLL, cross-built with MinGW-w64 and tested under Wine,
 #   7. the studio over HTTP and in a headless browser.
+#   8. the Debian package and the Python wheel, installed and used as a user
+#      would (as root: the package is installed and purged again).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -87,5 +89,7 @@ stage "Windows DLL"
 scripts/test-windows.sh  # the Windows DLL: cross-built with MinGW-w64, tested under Wine
 stage "studio"
 scripts/test-studio.sh build
+stage "package"
+scripts/test-package.sh  # the .deb installed and purged again, the wheel in a fresh venv
 
 echo "== all tests passed"

@@ -4,14 +4,17 @@ Lookup order (the first that loads wins):
 
 1. ``OSTREL_ALG_LIBRARY``: the path of the library file, or of a folder that
    holds it. When it is set, nothing else is tried.
-2. The ``build/`` folder of the source checkout the package was installed
+2. The library the package carries (``ostrel/_lib/``, in a wheel), when it
+   carries one: a wheel's package and its library always go together.
+3. The ``build/`` folder of the source checkout the package was installed
    from (recorded at install time in ``_build_tree.py``).
-3. ``<sys.prefix>/lib``: the virtual environment (or Python prefix), for a
+4. ``<sys.prefix>/lib``: the virtual environment (or Python prefix), for a
    library installed there with ``cmake --install build --prefix <venv>``.
-4. The dynamic loader's own search by soname (``LD_LIBRARY_PATH``, then the
+5. The dynamic loader's own search by soname (``LD_LIBRARY_PATH``, then the
    ``ldconfig`` cache: ``/usr/lib``, and ``/usr/local/lib`` once ``ldconfig``
-   has run).
-5. ``/usr/local/lib`` and ``/usr/lib``, the default prefixes of
+   has run). This is how the Debian package's Python package finds the
+   library installed with it.
+6. ``/usr/local/lib`` and ``/usr/lib``, the default prefixes of
    ``cmake --install``, in case ``ldconfig`` has not run.
 """
 from __future__ import annotations
@@ -24,16 +27,12 @@ from pathlib import Path
 from typing import Callable, Optional
 
 from . import _records as rec
+from ._library_names import names
+from ._limits import VERSION_MAJOR
 
-if sys.platform == "win32":
-    LIBRARY_FILE = "ostrel_alg.dll"
-    LIBRARY_SONAME = "ostrel_alg.dll"
-elif sys.platform == "darwin":
-    LIBRARY_FILE = "libostrel_alg.dylib"
-    LIBRARY_SONAME = "libostrel_alg.0.dylib"
-else:
-    LIBRARY_FILE = "libostrel_alg.so"
-    LIBRARY_SONAME = "libostrel_alg.so.0"
+LIBRARY_FILE, LIBRARY_SONAME = names(VERSION_MAJOR)
+# Where a wheel carries its library (setup.py puts it there).
+CARRIED_LIBRARY = Path(__file__).resolve().parent / "_lib" / LIBRARY_SONAME
 
 ENV_VARIABLE = "OSTREL_ALG_LIBRARY"
 
@@ -142,6 +141,8 @@ def candidates() -> list[str]:
         path = Path(override)
         return [str(path / LIBRARY_FILE) if path.is_dir() else str(path)]
     found: list[str] = []
+    if CARRIED_LIBRARY.is_file():
+        found.append(str(CARRIED_LIBRARY))
     build_dir = _recorded_build_dir()
     if build_dir is not None:
         found.append(str(build_dir / LIBRARY_FILE))

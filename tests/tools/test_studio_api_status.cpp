@@ -52,3 +52,16 @@ TEST_F(StudioApiStatus, ThePageTakesTheConfidenceFromTheStatus) {
     EXPECT_NE(page->body.find("<span id=\"threshold\">50</span>"), std::string::npos)
         << "the page's first number is the default sensitivity's";
 }
+
+// The page shows the version it is served by: the project's, as the public
+// header numbers it.
+TEST_F(StudioApiStatus, CarriesTheProjectsVersion) {
+    const ApiResponse reply = call("GET", "/api/status");
+    ASSERT_EQ(reply.status, 200) << reply.body;
+    const nlohmann::json status = nlohmann::json::parse(reply.body);
+    ASSERT_TRUE(status.contains("version")) << reply.body;
+    const std::string expected = std::to_string(OSTREL_ALG_VERSION_MAJOR) + "." +
+                                 std::to_string(OSTREL_ALG_VERSION_MINOR) + "." +
+                                 std::to_string(OSTREL_ALG_VERSION_PATCH);
+    EXPECT_EQ(status["version"].get<std::string>(), expected);
+}

@@ -41,13 +41,15 @@ std::string one_line(std::string text) {
 
 }  // namespace
 
+const char *tool_version() { return OSTREL_TOOL_VERSION; }
+
 int run_cli(int argc, const char *const *argv) {
     init_tool_out();
     set_max_picture_pixels(kDefaultMaxPicturePixels);  // --max-pixels of an earlier run in this process
     CLI::App app("ostrel - train a single-class object detector from a few marked boxes and run it", "ostrel");
     app.require_subcommand(1);
     app.fallthrough();
-    app.set_version_flag("--version", std::string("ostrel ") + OSTREL_TOOL_VERSION);
+    app.set_version_flag("--version", std::string("ostrel ") + tool_version());
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "show the library's own log lines on standard error");
     app.footer(

@@ -6,4 +6,8 @@ namespace ostrel_tool {
 
 int run_cli(int argc, const char *const *argv);
 
+// The tool's version (the project's, from the public header at build time):
+// what `ostrel --version` prints after the name and the studio's page shows.
+const char *tool_version();
+
 }  // namespace ostrel_tool

@@ -27,10 +27,6 @@
 #include "training_progress.h"
 #include "voc_annotations.h"
 
-#ifndef OSTREL_DATA_DIR
-#define OSTREL_DATA_DIR "data"
-#endif
-
 namespace ostrel_tool {
 
 namespace {
@@ -54,7 +50,7 @@ constexpr const char *kJsonName = "detections.json";
 
 struct DemoOptions {
     std::string out_dir = "out/demo";
-    std::string data_dir = OSTREL_DATA_DIR;
+    std::string data_dir = shipped_data_folder();
     uint32_t sensitivity = kDefaultSensitivity;
     int32_t profile = kDefaultTrainingProfile;
 };
@@ -360,7 +356,7 @@ void add_demo_command(CLI::App &app, CommandAction &action) {
                                                "export and reload the model");
     sub->add_option("--out", o->out_dir, "folder for the pictures, the JSON file and the model (default out/demo)")
         ->type_name("DIR");
-    sub->add_option("--data", o->data_dir, "the repository's data folder (default: the one it was built from)")
+    sub->add_option("--data", o->data_dir, "the repository's data folder (default: the one installed with the tool, else the one it was built from)")
         ->type_name("DIR");
     add_training_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")

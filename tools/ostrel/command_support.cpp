@@ -13,6 +13,10 @@
 #include "tool_error.h"
 #include "tool_output.h"
 
+#ifndef OSTREL_DATA_DIR
+#define OSTREL_DATA_DIR "data"
+#endif
+
 namespace ostrel_tool {
 
 const char *profile_name(int32_t profile) {
@@ -255,6 +259,20 @@ std::vector<ostrel_alg_box> detections_only(const std::vector<ostrel_alg_box> &b
         }
     }
     return out;
+}
+
+std::string shipped_data_folder() {
+    // An installed tool keeps its pictures beside its other shared files, so
+    // that the tree works from any prefix; the build tree has none there.
+    std::error_code ec;
+    const std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+    if (!ec) {
+        const std::filesystem::path installed = exe.parent_path().parent_path() / "share" / "ostrel" / "data";
+        if (std::filesystem::is_directory(installed / "bccd", ec)) {
+            return installed.string();
+        }
+    }
+    return OSTREL_DATA_DIR;
 }
 
 }  // namespace ostrel_tool

@@ -115,6 +115,11 @@ WindowCells window_cells(Size box, int picture_width, int picture_height, uint32
 bool box_window_inside_map(const Rect &box, int picture_width, int picture_height, uint32_t map_columns,
                            uint32_t map_rows);
 
+// The folder of the pictures shipped with the tool (bccd/ for the demo and
+// the studio): <executable>/../share/ostrel/data for an installed tool, else
+// the data folder of the source tree it was built from.
+std::string shipped_data_folder();
+
 // The label-1 boxes of a result list (the detections proper).
 std::vector<ostrel_alg_box> detections_only(const std::vector<ostrel_alg_box> &boxes);
 

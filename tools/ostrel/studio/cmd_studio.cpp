@@ -31,10 +31,6 @@
 #include "web_assets.h"
 #include "workspace.h"
 
-#ifndef OSTREL_DATA_DIR
-#define OSTREL_DATA_DIR "data"
-#endif
-
 namespace ostrel_tool {
 
 namespace {
@@ -117,7 +113,8 @@ int run_studio(const StudioOptions &o) {
     // A browser that goes away mid-reply must not end the process.
     std::signal(SIGPIPE, SIG_IGN);
 
-    const std::string folder = o.folder.empty() ? std::string(OSTREL_DATA_DIR) + "/bccd/images" : o.folder;
+    const std::string shipped_pictures = shipped_data_folder() + "/bccd/images";
+    const std::string folder = o.folder.empty() ? shipped_pictures : o.folder;
     if (o.folder.empty() && !fs::is_directory(folder)) {
         throw usage_error("the shipped pictures are not at '" + folder + "': name a folder of pictures");
     }
@@ -141,7 +138,7 @@ int run_studio(const StudioOptions &o) {
         label_settings.format = format_of_name(o.labels);
     }
     std::error_code ec;
-    const bool shipped = fs::equivalent(folder, std::string(OSTREL_DATA_DIR) + "/bccd/images", ec);
+    const bool shipped = fs::equivalent(folder, shipped_pictures, ec);
     const bool writable = ::access(store.folder().c_str(), W_OK) == 0;
     if (shipped || !writable) {
         label_settings.folder_labels = session.labels();

@@ -11,6 +11,7 @@
 #include "api_error.h"
 #include "api_requests.h"
 #include "box_io.h"
+#include "cli.h"
 #include "media_type.h"
 #include "command_support.h"
 #include "labels/coco_labels.h"
@@ -284,6 +285,7 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         // table rather than deriving it (index = sensitivity).
         static const std::vector<uint32_t> confidence = confidence_by_sensitivity();
         j["confidence_by_sensitivity"] = confidence;
+        j["version"] = tool_version();
         return json_response(j);
     }
 

@@ -17,7 +17,7 @@
 
   const $ = (id) => document.getElementById(id);
   const ui = {
-    modelState: $('model-state'), saveState: $('save-state'), pictureList: $('picture-list'),
+    modelState: $('model-state'), version: $('studio-version'), saveState: $('save-state'), pictureList: $('picture-list'),
     addPictures: $('add-pictures'), pictureFiles: $('picture-files'), train: $('train'), accept: $('accept'),
     undo: $('undo'), redo: $('redo'), clearBoxes: $('clear-boxes'), pictureName: $('picture-name'), hint: $('hint'),
     stage: $('stage'), canvas: $('canvas'), picture: $('picture'), view: $('view'), overlay: $('overlay'),
@@ -1045,6 +1045,10 @@
     } catch (error) { return; }
     const st = state.status;
     state.trained = st.trained;
+    if (st.version) {
+      ui.version.textContent = `version ${st.version}`;
+      document.title = `ostrel studio ${st.version}`;
+    }
     showSensitivity(Number(ui.sensitivity.value));
     if (st.classes) {
       for (const c of st.classes) {
