@@ -72,27 +72,17 @@ ostrel::svm_model copy_of_record(const ostrel::svm_model &model) {
     return copy;
 }
 
-// The filter's fields a model file carries, and their transfer back. The
-// matrices are shared headers: the reader replaces a matrix, it never
-// writes into one.
-ostrel::pca_fp_filter filter_file_fields(const ostrel::pca_fp_filter &filter) {
-    ostrel::pca_fp_filter fields;
-    fields.fp_threshold = filter.fp_threshold;
-    fields.pca_filter_ready = filter.pca_filter_ready;
-    fields.mean = filter.mean;
-    fields.eigenvectors = filter.eigenvectors;
-    fields.reduce_mean = filter.reduce_mean;
-    fields.reduce_inv_covar = filter.reduce_inv_covar;
-    return fields;
-}
-
-void take_filter_file_fields(ostrel::pca_fp_filter &filter, const ostrel::pca_fp_filter &fields) {
-    filter.fp_threshold = fields.fp_threshold;
-    filter.pca_filter_ready = fields.pca_filter_ready;
-    filter.mean = fields.mean;
-    filter.eigenvectors = fields.eigenvectors;
-    filter.reduce_mean = fields.reduce_mean;
-    filter.reduce_inv_covar = fields.reduce_inv_covar;
+// The filter's fields a model file carries, copied from one filter record
+// to another: out of the engine's filter before a read, back into it after
+// one. The matrices are shared headers: the reader replaces a matrix, it
+// never writes into one.
+void copy_filter_file_fields(const ostrel::pca_fp_filter &from, ostrel::pca_fp_filter &to) {
+    to.fp_threshold = from.fp_threshold;
+    to.pca_filter_ready = from.pca_filter_ready;
+    to.mean = from.mean;
+    to.eigenvectors = from.eigenvectors;
+    to.reduce_mean = from.reduce_mean;
+    to.reduce_inv_covar = from.reduce_inv_covar;
 }
 
 }  // namespace
@@ -201,7 +191,8 @@ int32_t ostrel_alg::importModel(const std::string &path) {
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
-        ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
+        ostrel::pca_fp_filter read_filter;
+        copy_filter_file_fields(pca_filter, read_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
             ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
@@ -225,7 +216,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         dropOtherClasses();
         accurate_class.name.clear();
         svm_model = std::move(read_model);
-        take_filter_file_fields(pca_filter, read_filter);
+        copy_filter_file_fields(read_filter, pca_filter);
 
         pca_filter.fp_filter_enabled = pca_filter.pca_filter_ready == 1 ? 1 : 0;
         // The record's sizes are checked positive above.
