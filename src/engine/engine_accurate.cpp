@@ -213,11 +213,9 @@ ostrel::accurate_settings ostrel_alg::modelSettings() const {
     // The model's fixed choices, the host's options.
     const ostrel::accurate_settings host = accurateSettings();
     ostrel::accurate_settings settings = model_settings;
-    settings.object_cells = host.object_cells;
-    settings.size_steps = host.size_steps;
-    settings.suppression_overlap_percent = host.suppression_overlap_percent;
-    settings.min_height = host.min_height;
-    settings.max_height = host.max_height;
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        settings.*option.field = host.*option.field;
+    }
     return settings;
 }
 

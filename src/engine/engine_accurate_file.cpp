@@ -43,15 +43,12 @@ std::string in_range(const char *name, int32_t value, int32_t low, int32_t high)
 // profile can work with, or a window that its shape and cells do not give.
 std::string engine_problem(const ostrel::accurate_model_file &file, const ostrel::accurate_settings &defaults) {
     const ostrel::accurate_file_settings &f = file.settings;
-    const std::pair<int32_t, int32_t> options[] = {{ostrel::kOptionAccurateCells, f.object_cells},
-                                                   {ostrel::kOptionAccurateSizeSteps, f.size_steps},
-                                                   {ostrel::kOptionAccurateOverlap, f.suppression_overlap_percent},
-                                                   {ostrel::kOptionAccurateMinHeight, f.min_height},
-                                                   {ostrel::kOptionAccurateMaxHeight, f.max_height}};
-    for (const auto &o : options) {
-        const ostrel::option_range *range = ostrel::find_option(o.first);
-        if (range != nullptr && !ostrel::within_range(*range, o.second)) {
-            return std::string("its ") + range->name + " " + std::to_string(o.second) + " is outside the option's range";
+    const ostrel::accurate_settings recorded = ostrel::with_recorded(defaults, f);
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        const ostrel::option_range *range = ostrel::find_option(option.id);
+        const int32_t value = recorded.*option.field;
+        if (range != nullptr && !ostrel::within_range(*range, value)) {
+            return std::string("its ") + range->name + " " + std::to_string(value) + " is outside the option's range";
         }
     }
     if (f.min_height > 0 && f.max_height > 0 && f.min_height > f.max_height) {
@@ -240,15 +237,9 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     pca_filter = ostrel::pca_fp_filter{};
     pca_filter.fp_filter_enabled = 0;
 
-    const ostrel::accurate_model_settings recorded = file.settings;
-    model_settings = ostrel::with_recorded(options.accurate, recorded);
-    const std::pair<int32_t, int32_t> taken[] = {{ostrel::kOptionAccurateCells, recorded.object_cells},
-                                                 {ostrel::kOptionAccurateSizeSteps, recorded.size_steps},
-                                                 {ostrel::kOptionAccurateOverlap, recorded.suppression_overlap_percent},
-                                                 {ostrel::kOptionAccurateMinHeight, recorded.min_height},
-                                                 {ostrel::kOptionAccurateMaxHeight, recorded.max_height}};
-    for (const auto &option : taken) {
-        if (!options.host_set(option.first)) options.set(option.first, option.second);
+    model_settings = ostrel::with_recorded(options.accurate, file.settings);
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        if (!options.host_set(option.id)) options.set(option.id, model_settings.*option.field);
     }
     train_width = static_cast<uint32_t>(c.trained_width);
     train_height = static_cast<uint32_t>(c.trained_height);
