@@ -12,18 +12,12 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/engine_options.h"
+#include "engine/engine_lines.h"
 #include "engine/ostrel_alg.h"
 #include "model/accurate_model_file.h"
 #include "model/model_format.h"
 
 namespace {
-
-constexpr const char *kExportModelName = "ostrel_alg::exportModel";
-constexpr const char *kImportModelName = "ostrel_alg::importModel";
-constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
-constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
-constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
-constexpr int kExportWriteLine = 3472;
 
 ostrel::accurate_file_settings file_settings(const ostrel::accurate_model_settings &recorded) {
     ostrel::accurate_file_settings f;
@@ -144,7 +138,7 @@ bool load_accurate_file(const std::string &path, const ostrel::accurate_settings
 }  // namespace
 
 int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
-    if (!class_slots.empty() && !everyClassTrained(kExportModelName)) {
+    if (!class_slots.empty() && !everyClassTrained(ostrel::kExportModelName)) {
         return 1;
     }
     ostrel::accurate_model_file file;
@@ -157,19 +151,20 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
     if (bytes.empty()) {
         ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Alg.Fail] %s: the accurate model cannot be written: %s\n",
-                     kExportModelName, problem.c_str());
+                     ostrel::kExportModelName, problem.c_str());
         return 1;
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
     if (out == nullptr) {
-        ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+        ostrel::log(ostrel::kExportOpenFailFormat, ostrel::kExportModelName, path.c_str());
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
         return 1;
     }
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
     const bool closed = std::fclose(out) == 0;
     if (!written || !closed) {
-        ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
+        ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
+                    ostrel::kExportWriteLine);
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
         return 1;
     }
@@ -181,8 +176,8 @@ int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
     std::string problem;
     int32_t code = OSTREL_ALG_ERR_OK;
     if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
-                     path.c_str(), problem.c_str());
+        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n",
+                     ostrel::kCheckModelValidationName, path.c_str(), problem.c_str());
         return 1;
     }
     return 0;
@@ -193,8 +188,8 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     std::string problem;
     int32_t code = OSTREL_ALG_ERR_OK;
     if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
-                     problem.c_str());
+        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", ostrel::kImportModelName,
+                     path.c_str(), problem.c_str());
         return 1;
     }
     const ostrel::accurate_file_class &c = file.classes.front();
@@ -207,7 +202,7 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
                      "[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
                      "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
                      "leave it unset\n",
-                     kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
+                     ostrel::kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
                      options.accurate.object_cells, file.settings.object_cells);
         return 1;
     }

@@ -7,6 +7,7 @@
 #include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "engine/engine_lines.h"
 #include "engine/ostrel_alg.h"
 #include "fpfilter/fp_threshold.h"
 #include "model/model_file.h"
@@ -15,16 +16,10 @@
 
 namespace {
 
-constexpr const char *kExportModelName = "ostrel_alg::exportModel";
-constexpr const char *kImportModelName = "ostrel_alg::importModel";
-constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
-
 constexpr const char *kSvmValueWrongFormat = "[svm model value is wrong!] %s (%s line:%d)\n";
 constexpr const char *kPcaValueWrongFormat = "[pca fp filtering value is wrong!] %s (%s line:%d)\n";
-constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
 constexpr const char *kFileReadFailFormat = "[file read FAIL!] %s (%s line:%d)\n";
 constexpr const char *kExceptionFormat = "[exception] %s (%s line:%d): %s\n";
-constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
 constexpr const char *kReadOpenFailFormat = "[%s] file open fail , check file path : %s \n";
 constexpr const char *kStoredLengthFormat = "[file size without CRC] read : %llu, calc : %llu\n";
 constexpr const char *kCrcMismatchFormat = "[CRC values ERROR] read : %u, calc : %u\n";
@@ -33,7 +28,6 @@ constexpr const char *kCrcMismatchFormat = "[CRC values ERROR] read : %u, calc :
 enum ModelIoLine : int {
     kExportSvmWrongLine = 3449,
     kExportPcaWrongLine = 3456,
-    kExportSvmWriteLine = 3472,
     kExportFilterWriteLine = 3482,
     kExportTrailerWriteLine = 3497,
     kExportExceptionLine = 3510,
@@ -99,12 +93,12 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return exportAccurateModel(path);
         }
         if (ostrel::checkSvmModel(svm_model)) {
-            ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
+            ostrel::log(kSvmValueWrongFormat, ostrel::kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
+            ostrel::log(kPcaValueWrongFormat, ostrel::kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -112,13 +106,14 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
-            ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+            ostrel::log(ostrel::kExportOpenFailFormat, ostrel::kExportModelName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
                                  ("cannot create the model file " + path).c_str());
             return 1;
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
+            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
+                        ostrel::kExportWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
@@ -127,7 +122,8 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         // is written, so the file always matches the filter it carries.
         ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
+            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
+                        kExportFilterWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
@@ -144,13 +140,14 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         if (!written || !append) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
+            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
+                        kExportTrailerWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             return 1;
         }
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kExportModelName, ostrel::kEngineSource,
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kExportModelName, ostrel::kEngineSource,
                      kExportExceptionLine, e.what());
         return 1;
     }
@@ -175,32 +172,32 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
+            ostrel::log(kReadOpenFailFormat, ostrel::kImportModelName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model read_model = copy_of_record(svm_model);
         if (ostrel::read_svm_block(in, read_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
+            ostrel::log(kFileReadFailFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(read_model)) {
-            ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+            ostrel::log(kSvmValueWrongFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         ostrel::pca_fp_filter read_filter;
         copy_filter_file_fields(pca_filter, read_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
+            ostrel::log(kFileReadFailFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkPcaFilter(read_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
+            ostrel::log(kPcaValueWrongFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -235,7 +232,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kImportModelName, ostrel::kEngineSource,
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kImportModelName, ostrel::kEngineSource,
                      kImportExceptionLine, e.what());
         return 1;
     }
@@ -248,31 +245,35 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
+            ostrel::log(kReadOpenFailFormat, ostrel::kCheckModelValidationName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model scratch_model;
         if (ostrel::read_svm_block(in, scratch_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
+            ostrel::log(kFileReadFailFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
+                        kCheckSvmReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         ostrel::pca_fp_filter scratch_filter;
         if (ostrel::read_filter_block(in, scratch_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
+            ostrel::log(kFileReadFailFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
+                        kCheckFilterReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(scratch_model)) {
-            ostrel::log(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
+            ostrel::log(kSvmValueWrongFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
+                        kCheckSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(scratch_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
+            ostrel::log(kPcaValueWrongFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
+                        kCheckPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -297,8 +298,8 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
                              ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource,
-                     kCheckExceptionLine, e.what());
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kCheckModelValidationName,
+                     ostrel::kEngineSource, kCheckExceptionLine, e.what());
         return 1;
     }
 }
