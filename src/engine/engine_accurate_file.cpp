@@ -156,17 +156,12 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
     if (out == nullptr) {
-        ostrel::log(ostrel::kExportOpenFailFormat, ostrel::kExportModelName, path.c_str());
-        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
-        return 1;
+        return ostrel::model_file_not_created(path);
     }
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
     const bool closed = std::fclose(out) == 0;
     if (!written || !closed) {
-        ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
-                    ostrel::kExportWriteLine);
-        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
-        return 1;
+        return ostrel::model_file_not_written(ostrel::kExportWriteLine, path);
     }
     return 0;
 }

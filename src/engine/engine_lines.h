@@ -4,6 +4,9 @@
 // single unit writes sits next to its code.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 namespace ostrel {
 
 inline constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
@@ -20,10 +23,12 @@ inline constexpr int kRemoveSampleLine = 3953;
 inline constexpr const char *kExportModelName = "ostrel_alg::exportModel";
 inline constexpr const char *kImportModelName = "ostrel_alg::importModel";
 inline constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
-// A model file that cannot be created: operation name, path.
-inline constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
-// A model file that cannot be written: operation name, source stem, line.
-inline constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
+// The line of the export's first write, the one both formats share.
 inline constexpr int kExportWriteLine = 3472;
+
+// The export's failures to create the file at `path`, and to write it (at
+// `line`): each logs its line and notes the failure; both return 1.
+int32_t model_file_not_created(const std::string &path);
+int32_t model_file_not_written(int line, const std::string &path);
 
 }  // namespace ostrel

@@ -51,6 +51,32 @@ int64_t file_length(const std::string &path) {
     return static_cast<int64_t>(in.tellg());
 }
 
+// The failure lines of the classic model file's readers and checks: each
+// logs its line, notes the failure and returns 1.
+int32_t model_file_not_opened(const char *operation, const std::string &path) {
+    ostrel::log(kReadOpenFailFormat, operation, path.c_str());
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
+    return 1;
+}
+
+int32_t records_cut_short(const char *operation, int line, const std::string &path) {
+    ostrel::log(kFileReadFailFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+    return 1;
+}
+
+int32_t classifier_values_wrong(const char *operation, int line) {
+    ostrel::log(kSvmValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
+    return 1;
+}
+
+int32_t filter_values_wrong(const char *operation, int line) {
+    ostrel::log(kPcaValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
+    return 1;
+}
+
 // The model record's values without its weights: what the SVM block reader
 // reads in place (it replaces the weights whatever they were).
 ostrel::svm_model copy_of_record(const ostrel::svm_model &model) {
@@ -93,28 +119,18 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return exportAccurateModel(path);
         }
         if (ostrel::checkSvmModel(svm_model)) {
-            ostrel::log(kSvmValueWrongFormat, ostrel::kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
+            return classifier_values_wrong(ostrel::kExportModelName, kExportSvmWrongLine);
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
-            ostrel::log(kPcaValueWrongFormat, ostrel::kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
-            return 1;
+            return filter_values_wrong(ostrel::kExportModelName, kExportPcaWrongLine);
         }
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
-            ostrel::log(ostrel::kExportOpenFailFormat, ostrel::kExportModelName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
-                                 ("cannot create the model file " + path).c_str());
-            return 1;
+            return ostrel::model_file_not_created(path);
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
-            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
-                        ostrel::kExportWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
+            ostrel::model_file_not_written(ostrel::kExportWriteLine, path);
             out.close();
             return 1;
         }
@@ -122,9 +138,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         // is written, so the file always matches the filter it carries.
         ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
-            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
-                        kExportFilterWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
+            ostrel::model_file_not_written(kExportFilterWriteLine, path);
             out.close();
             return 1;
         }
@@ -140,10 +154,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         if (!written || !append) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
-            ostrel::log(ostrel::kFileWriteFailFormat, ostrel::kExportModelName, ostrel::kEngineSource,
-                        kExportTrailerWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
-            return 1;
+            return ostrel::model_file_not_written(kExportTrailerWriteLine, path);
         }
         return 0;
     } catch (const std::exception &e) {
@@ -172,35 +183,22 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, ostrel::kImportModelName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
-            return 1;
+            return model_file_not_opened(ostrel::kImportModelName, path);
         }
         ostrel::svm_model read_model = copy_of_record(svm_model);
         if (ostrel::read_svm_block(in, read_model) != 0) {
-            ostrel::log(kFileReadFailFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
+            return records_cut_short(ostrel::kImportModelName, kImportSvmReadLine, path);
         }
         if (ostrel::checkSvmModel(read_model)) {
-            ostrel::log(kSvmValueWrongFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
+            return classifier_values_wrong(ostrel::kImportModelName, kImportSvmWrongLine);
         }
         ostrel::pca_fp_filter read_filter;
         copy_filter_file_fields(pca_filter, read_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
+            return records_cut_short(ostrel::kImportModelName, kImportFilterReadLine, path);
         }
         if (ostrel::checkPcaFilter(read_filter)) {
-            ostrel::log(kPcaValueWrongFormat, ostrel::kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
-            return 1;
+            return filter_values_wrong(ostrel::kImportModelName, kImportPcaWrongLine);
         }
         in.close();
 
@@ -245,38 +243,21 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, ostrel::kCheckModelValidationName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
-            return 1;
+            return model_file_not_opened(ostrel::kCheckModelValidationName, path);
         }
         ostrel::svm_model scratch_model;
         if (ostrel::read_svm_block(in, scratch_model) != 0) {
-            ostrel::log(kFileReadFailFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
-                        kCheckSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
+            return records_cut_short(ostrel::kCheckModelValidationName, kCheckSvmReadLine, path);
         }
         ostrel::pca_fp_filter scratch_filter;
         if (ostrel::read_filter_block(in, scratch_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
-                        kCheckFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
+            return records_cut_short(ostrel::kCheckModelValidationName, kCheckFilterReadLine, path);
         }
         if (ostrel::checkSvmModel(scratch_model)) {
-            ostrel::log(kSvmValueWrongFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
-                        kCheckSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
+            return classifier_values_wrong(ostrel::kCheckModelValidationName, kCheckSvmWrongLine);
         }
         if (ostrel::checkPcaFilter(scratch_filter)) {
-            ostrel::log(kPcaValueWrongFormat, ostrel::kCheckModelValidationName, ostrel::kEngineSource,
-                        kCheckPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
-            return 1;
+            return filter_values_wrong(ostrel::kCheckModelValidationName, kCheckPcaWrongLine);
         }
 
         // P: the bytes the two blocks took. A stream that ran out inside
