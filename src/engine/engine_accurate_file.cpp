@@ -118,21 +118,24 @@ void take_file_class(const ostrel::accurate_file_class &c, ostrel::svm_model *we
     model->calibration.slope = c.calibration_slope;
 }
 
-// Reads and checks a file completely; false with *problem and *code
-// (OSTREL_ALG_ERR_*) on any fault.
-bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults,
-                        ostrel::accurate_model_file *file, std::string *problem, int32_t *code) {
+// Reads and checks a file completely. On any fault logs why, as the
+// operation that finds the file `verdict` ("not valid", "refused"), notes
+// the failure and returns false.
+bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults, const char *operation,
+                        const char *verdict, ostrel::accurate_model_file *file) {
     std::vector<unsigned char> bytes;
-    *code = OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE;
-    if (!ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, problem)) {
-        return false;
+    std::string problem;
+    int32_t code = OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE;
+    if (ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, &problem)) {
+        code = OSTREL_ALG_ERR_MODEL_INVALID;
+        if (ostrel::read_accurate_model(bytes.data(), bytes.size(), file, &problem)) {
+            problem = engine_problem(*file, defaults);
+            if (problem.empty()) return true;
+        }
     }
-    *code = OSTREL_ALG_ERR_MODEL_INVALID;
-    if (!ostrel::read_accurate_model(bytes.data(), bytes.size(), file, problem)) {
-        return false;
-    }
-    *problem = engine_problem(*file, defaults);
-    return problem->empty();
+    ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is %s: %s\n", operation, path.c_str(), verdict,
+                 problem.c_str());
+    return false;
 }
 
 }  // namespace
@@ -168,23 +171,12 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
 
 int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
-    std::string problem;
-    int32_t code = OSTREL_ALG_ERR_OK;
-    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n",
-                     ostrel::kCheckModelValidationName, path.c_str(), problem.c_str());
-        return 1;
-    }
-    return 0;
+    return load_accurate_file(path, options.accurate, ostrel::kCheckModelValidationName, "not valid", &file) ? 0 : 1;
 }
 
 int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
-    std::string problem;
-    int32_t code = OSTREL_ALG_ERR_OK;
-    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", ostrel::kImportModelName,
-                     path.c_str(), problem.c_str());
+    if (!load_accurate_file(path, options.accurate, ostrel::kImportModelName, "refused", &file)) {
         return 1;
     }
     const ostrel::accurate_file_class &c = file.classes.front();
