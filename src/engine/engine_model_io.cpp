@@ -71,10 +71,60 @@ int32_t classifier_values_wrong(const char *operation, int line) {
     return 1;
 }
 
+int32_t exception_failure(const char *operation, int line, const std::exception &e) {
+    ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, operation, ostrel::kEngineSource, line, e.what());
+    return 1;
+}
+
 int32_t filter_values_wrong(const char *operation, int line) {
     ostrel::log(kPcaValueWrongFormat, operation, ostrel::kEngineSource, line);
     ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
     return 1;
+}
+
+// How a reader of the classic records reports its faults: its operation,
+// the line of each fault, and whether the classifier's values are checked
+// as soon as it is read (the import) or once both records are in (the
+// validation).
+struct record_reads {
+    const char *operation;
+    int svm_read_line;
+    int svm_wrong_line;
+    int filter_read_line;
+    int filter_wrong_line;
+    bool check_after_both;
+};
+
+constexpr record_reads kImportReads = {ostrel::kImportModelName, kImportSvmReadLine, kImportSvmWrongLine,
+                                       kImportFilterReadLine, kImportPcaWrongLine, false};
+constexpr record_reads kCheckReads = {ostrel::kCheckModelValidationName, kCheckSvmReadLine, kCheckSvmWrongLine,
+                                      kCheckFilterReadLine, kCheckPcaWrongLine, true};
+
+// Opens the file at `path` in `in`, reads its classifier and filter
+// records into *model and *filter (in place) and checks their values;
+// returns 0, or 1 after the first fault's failure line.
+int32_t read_records(std::ifstream &in, const std::string &path, const record_reads &reads, ostrel::svm_model *model,
+                     ostrel::pca_fp_filter *filter) {
+    in.open(path, std::ios::binary);
+    if (!in.is_open()) {
+        return model_file_not_opened(reads.operation, path);
+    }
+    if (ostrel::read_svm_block(in, *model) != 0) {
+        return records_cut_short(reads.operation, reads.svm_read_line, path);
+    }
+    if (!reads.check_after_both && ostrel::checkSvmModel(*model)) {
+        return classifier_values_wrong(reads.operation, reads.svm_wrong_line);
+    }
+    if (ostrel::read_filter_block(in, *filter) != 0) {
+        return records_cut_short(reads.operation, reads.filter_read_line, path);
+    }
+    if (reads.check_after_both && ostrel::checkSvmModel(*model)) {
+        return classifier_values_wrong(reads.operation, reads.svm_wrong_line);
+    }
+    if (ostrel::checkPcaFilter(*filter)) {
+        return filter_values_wrong(reads.operation, reads.filter_wrong_line);
+    }
+    return 0;
 }
 
 // The model record's values without its weights: what the SVM block reader
@@ -158,9 +208,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         }
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kExportModelName, ostrel::kEngineSource,
-                     kExportExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kExportModelName, kExportExceptionLine, e);
     }
 }
 
@@ -181,24 +229,12 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
             return importAccurateModel(path);
         }
-        std::ifstream in(path, std::ios::binary);
-        if (!in.is_open()) {
-            return model_file_not_opened(ostrel::kImportModelName, path);
-        }
+        std::ifstream in;
         ostrel::svm_model read_model = copy_of_record(svm_model);
-        if (ostrel::read_svm_block(in, read_model) != 0) {
-            return records_cut_short(ostrel::kImportModelName, kImportSvmReadLine, path);
-        }
-        if (ostrel::checkSvmModel(read_model)) {
-            return classifier_values_wrong(ostrel::kImportModelName, kImportSvmWrongLine);
-        }
         ostrel::pca_fp_filter read_filter;
         copy_filter_file_fields(pca_filter, read_filter);
-        if (ostrel::read_filter_block(in, read_filter) != 0) {
-            return records_cut_short(ostrel::kImportModelName, kImportFilterReadLine, path);
-        }
-        if (ostrel::checkPcaFilter(read_filter)) {
-            return filter_values_wrong(ostrel::kImportModelName, kImportPcaWrongLine);
+        if (read_records(in, path, kImportReads, &read_model, &read_filter) != 0) {
+            return 1;
         }
         in.close();
 
@@ -230,9 +266,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kImportModelName, ostrel::kEngineSource,
-                     kImportExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kImportModelName, kImportExceptionLine, e);
     }
 }
 
@@ -241,23 +275,11 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
             return checkAccurateModel(path);
         }
-        std::ifstream in(path, std::ios::binary);
-        if (!in.is_open()) {
-            return model_file_not_opened(ostrel::kCheckModelValidationName, path);
-        }
+        std::ifstream in;
         ostrel::svm_model scratch_model;
-        if (ostrel::read_svm_block(in, scratch_model) != 0) {
-            return records_cut_short(ostrel::kCheckModelValidationName, kCheckSvmReadLine, path);
-        }
         ostrel::pca_fp_filter scratch_filter;
-        if (ostrel::read_filter_block(in, scratch_filter) != 0) {
-            return records_cut_short(ostrel::kCheckModelValidationName, kCheckFilterReadLine, path);
-        }
-        if (ostrel::checkSvmModel(scratch_model)) {
-            return classifier_values_wrong(ostrel::kCheckModelValidationName, kCheckSvmWrongLine);
-        }
-        if (ostrel::checkPcaFilter(scratch_filter)) {
-            return filter_values_wrong(ostrel::kCheckModelValidationName, kCheckPcaWrongLine);
+        if (read_records(in, path, kCheckReads, &scratch_model, &scratch_filter) != 0) {
+            return 1;
         }
 
         // P: the bytes the two blocks took. A stream that ran out inside
@@ -279,8 +301,6 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
                              ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, ostrel::kCheckModelValidationName,
-                     ostrel::kEngineSource, kCheckExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kCheckModelValidationName, kCheckExceptionLine, e);
     }
 }
