@@ -23,8 +23,6 @@
 #include "acf/plane_transpose.h"
 #include "acf/resample_kernel.h"
 
-#include "acf/sse2.h"
-
 namespace ostrel {
 
 namespace {
@@ -87,7 +85,7 @@ inline void weighted_rows_sse2(const uint8_t *tile, const int32_t *src_index, co
             w1 = static_cast<uint32_t>(weight[k + 1]);
         }
         const __m128i w = _mm_set1_epi32(static_cast<int>((w1 << 16) | static_cast<uint32_t>(weight[k])));
-        acf_helper::add_weighted_byte_pair(a, b, w, acc0, acc1, acc2, acc3);
+        rd::add_weighted_byte_pair(a, b, w, acc0, acc1, acc2, acc3);
     }
     const __m128i lo = _mm_packs_epi32(_mm_srai_epi32(acc0, 14), _mm_srai_epi32(acc1, 14));
     const __m128i hi = _mm_packs_epi32(_mm_srai_epi32(acc2, 14), _mm_srai_epi32(acc3, 14));

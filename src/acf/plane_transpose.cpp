@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "acf/sse2.h"
+#include "common/sse2.h"
 
 namespace ostrel {
 

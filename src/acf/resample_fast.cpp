@@ -14,8 +14,6 @@
 
 #include "acf/resample_kernel.h"
 
-#include "acf/sse2.h"
-
 namespace ostrel {
 namespace acf_helper {
 namespace resample_detail {
