@@ -111,6 +111,19 @@ int32_t api_call(ostrel_alg *engine, const char *function, Body &&body) {
     return status;
 }
 
+// An exported getter: checks the handle and the pointer the value goes to,
+// then stores what `value` gives there.
+template <typename T, typename Value>
+int32_t get_value(ostrel_alg *handle, const char *function, int line, T *out, const char *out_name, Value &&value) {
+    return api_call(handle, function, [&](const char *name) -> int32_t {
+        if (!handle_ok(handle, name, line) || !argument_ok(out, name, out_name)) {
+            return 1;
+        }
+        *out = value();
+        return 0;
+    });
+}
+
 // Runs an engine operation so that no exception reaches the host: a C
 // caller cannot handle one, and an escaping exception would end its process.
 template <typename Operation>
@@ -246,13 +259,8 @@ int32_t ostrel_alg_getConfidenceOfSensitivity(uint32_t sensitivity, uint32_t *pe
 }
 
 int32_t ostrel_alg_istraied(ostrel_alg *handle, uint8_t *trained) {
-    return api_call(handle, __func__, [&](const char *function) -> int32_t {
-        if (!handle_ok(handle, function, kIstraiedLine) || !argument_ok(trained, function, "trained")) {
-            return 1;
-        }
-        *trained = handle->isTrained() ? 1 : 0;
-        return 0;
-    });
+    return get_value(handle, __func__, kIstraiedLine, trained, "trained",
+                     [&]() -> uint8_t { return handle->isTrained() ? 1 : 0; });
 }
 
 int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, uint32_t object_height,
@@ -462,13 +470,8 @@ int32_t ostrel_alg_temp_getAddNegativeMethod(ostrel_alg *handle, std::string &me
 }
 
 int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle, const char **method) {
-    return api_call(handle, __func__, [&](const char *function) -> int32_t {
-        if (!handle_ok(handle, function, kGetAddNegativeMethodLine) || !argument_ok(method, function, "method")) {
-            return 1;
-        }
-        *method = ostrel_alg::kNegativeMethodName;
-        return 0;
-    });
+    return get_value(handle, __func__, kGetAddNegativeMethodLine, method, "method",
+                     [] { return ostrel_alg::kNegativeMethodName; });
 }
 
 int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives, uint32_t *negatives) {
@@ -600,23 +603,11 @@ int32_t ostrel_alg_setClass(ostrel_alg *handle, uint32_t index) {
 }
 
 int32_t ostrel_alg_getClass(ostrel_alg *handle, uint32_t *index) {
-    return api_call(handle, __func__, [&](const char *function) -> int32_t {
-        if (!handle_ok(handle, function, kGetClassLine) || !argument_ok(index, function, "index")) {
-            return 1;
-        }
-        *index = handle->current_class;
-        return 0;
-    });
+    return get_value(handle, __func__, kGetClassLine, index, "index", [&] { return handle->current_class; });
 }
 
 int32_t ostrel_alg_getClassCount(ostrel_alg *handle, uint32_t *count) {
-    return api_call(handle, __func__, [&](const char *function) -> int32_t {
-        if (!handle_ok(handle, function, kGetClassCountLine) || !argument_ok(count, function, "count")) {
-            return 1;
-        }
-        *count = handle->classCount();
-        return 0;
-    });
+    return get_value(handle, __func__, kGetClassCountLine, count, "count", [&] { return handle->classCount(); });
 }
 
 int32_t ostrel_alg_getClassName_ptr(ostrel_alg *handle, uint32_t index, const char **name) {

@@ -5,18 +5,12 @@
 #include <vector>
 
 #include "acf/acf_helper.h"
-
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define OSTREL_CHANNELS_SSE2 1
-#endif
+#include "common/sse2.h"
 
 namespace ostrel {
 
 namespace {
 
-constexpr int32_t kShrink = 2;
-constexpr int32_t kOrientations = 6;
 // Magnitudes are kept 16 times finer than the differences, so that the
 // histogram kernel's divisions by the cell area lose nothing that matters.
 constexpr int32_t kMagnitudeScale = 16;
@@ -92,11 +86,11 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     if (lab.channels != 3 || lab.width < 2 || lab.height < 2) {
         return map;
     }
-    const int32_t cells_w = lab.width / kShrink;   // along picture rows
-    const int32_t cells_h = lab.height / kShrink;  // along picture columns
-    const int32_t width = cells_w * kShrink;
-    const int32_t height = cells_h * kShrink;
-    map.channels = 3 + 1 + kOrientations;
+    const int32_t cells_w = lab.width / kAccurateShrink;   // along picture rows
+    const int32_t cells_h = lab.height / kAccurateShrink;  // along picture columns
+    const int32_t width = cells_w * kAccurateShrink;
+    const int32_t height = cells_h * kAccurateShrink;
+    map.channels = kAccurateChannels;
     map.rows = cells_w;
     map.columns = cells_h;
     map.data.assign(static_cast<size_t>(map.channels) * map.plane_size(), 0);
@@ -138,7 +132,7 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     // correctly rounded: the same value on every machine, four at a time or
     // one by one.
     size_t i = 0;
-#if defined(OSTREL_CHANNELS_SSE2)
+#if defined(OSTREL_SSE2)
     const __m128 scale = _mm_set1_ps(static_cast<float>(kMagnitudeScale));
     const __m128 half = _mm_set1_ps(0.5f);
     for (; i + 4 <= squared.data.size(); i += 4) {
@@ -165,9 +159,10 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
         }
     }
     // Orientation histograms over the cells (cell means of the magnitude).
-    const chn_image32 hist = acf_helper::gradient_mag_histogram(magnitude, orient, kShrink, kOrientations);
-    if (hist.channels == kOrientations && hist.width == cells_w && hist.height == cells_h) {
-        for (int32_t b = 0; b < kOrientations; ++b) {
+    const chn_image32 hist =
+        acf_helper::gradient_mag_histogram(magnitude, orient, kAccurateShrink, kAccurateOrientations);
+    if (hist.channels == kAccurateOrientations && hist.width == cells_w && hist.height == cells_h) {
+        for (int32_t b = 0; b < kAccurateOrientations; ++b) {
             for (int32_t cy = 0; cy < cells_h; ++cy) {
                 for (int32_t cx = 0; cx < cells_w; ++cx) {
                     cell(4 + b, cy, cx) = to_byte(static_cast<int64_t>(hist.at(b, cy, cx)) * kByteGain / (16 * kMagnitudeScale));

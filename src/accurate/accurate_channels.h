@@ -18,6 +18,13 @@
 
 namespace ostrel {
 
+// Pixels per feature cell of the working pictures.
+inline constexpr int32_t kAccurateShrink = 2;
+// Orientation histograms per cell, and byte planes per cell: L, a, b, the
+// gradient magnitude and the orientations.
+inline constexpr int32_t kAccurateOrientations = 6;
+inline constexpr int32_t kAccurateChannels = 3 + 1 + kAccurateOrientations;
+
 struct channel_recipe {
     // Radius (working pixels) of the mean the magnitude is divided by; -1:
     // no division.

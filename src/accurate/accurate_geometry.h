@@ -6,14 +6,10 @@
 
 #include <cstdint>
 
+#include "accurate/accurate_channels.h"
 #include "accurate/accurate_settings.h"
 
 namespace ostrel {
-
-// Pixels per feature cell of the working pictures.
-inline constexpr int32_t kAccurateShrink = 2;
-// Byte planes per feature cell (accurate_channels.h).
-inline constexpr int32_t kAccurateChannels = 10;
 
 struct accurate_geometry {
     // The working picture: every picture is resampled to this size to be

@@ -6,23 +6,18 @@ namespace ostrel {
 
 namespace {
 
-// Every recorded setting: where the settings record and the model's record
-// keep it. One list, read both ways.
+// Every recorded setting, kept under one name in the settings record and
+// in the model's record. One list, read both ways.
+#define OSTREL_RECORDED_FIELD(name) {&accurate_settings::name, &accurate_model_settings::name}
 constexpr std::pair<int32_t accurate_settings::*, int32_t accurate_model_settings::*> kRecordedFields[] = {
-    {&accurate_settings::object_cells, &accurate_model_settings::object_cells},
-    {&accurate_settings::size_steps, &accurate_model_settings::size_steps},
-    {&accurate_settings::suppression_overlap_percent, &accurate_model_settings::suppression_overlap_percent},
-    {&accurate_settings::min_height, &accurate_model_settings::min_height},
-    {&accurate_settings::max_height, &accurate_model_settings::max_height},
-    {&accurate_settings::search_margin_percent, &accurate_model_settings::search_margin_percent},
-    {&accurate_settings::levels_per_octave, &accurate_model_settings::levels_per_octave},
-    {&accurate_settings::approximation_exponent_permille, &accurate_model_settings::approximation_exponent_permille},
-    {&accurate_settings::norm_radius, &accurate_model_settings::norm_radius},
-    {&accurate_settings::norm_floor, &accurate_model_settings::norm_floor},
-    {&accurate_settings::edge_reach_percent, &accurate_model_settings::edge_reach_percent},
-    {&accurate_settings::size_prior_permille, &accurate_model_settings::size_prior_permille},
-    {&accurate_settings::suppression_contained_percent, &accurate_model_settings::suppression_contained_percent},
+    OSTREL_RECORDED_FIELD(object_cells), OSTREL_RECORDED_FIELD(size_steps),
+    OSTREL_RECORDED_FIELD(suppression_overlap_percent), OSTREL_RECORDED_FIELD(min_height),
+    OSTREL_RECORDED_FIELD(max_height), OSTREL_RECORDED_FIELD(search_margin_percent),
+    OSTREL_RECORDED_FIELD(levels_per_octave), OSTREL_RECORDED_FIELD(approximation_exponent_permille),
+    OSTREL_RECORDED_FIELD(norm_radius), OSTREL_RECORDED_FIELD(norm_floor), OSTREL_RECORDED_FIELD(edge_reach_percent),
+    OSTREL_RECORDED_FIELD(size_prior_permille), OSTREL_RECORDED_FIELD(suppression_contained_percent),
 };
+#undef OSTREL_RECORDED_FIELD
 
 }  // namespace
 

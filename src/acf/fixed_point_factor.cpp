@@ -6,11 +6,7 @@
 namespace ostrel {
 namespace acf_helper {
 
-namespace {
-
-// Truncation toward zero of a single-precision value, saturated (and NaN
-// taken as 0) so that no factor a caller passes is undefined behaviour.
-int32_t trunc_to_int32(float v) {
+int32_t truncate_saturated(float v) {
     if (std::isnan(v)) {
         return 0;
     }
@@ -23,17 +19,15 @@ int32_t trunc_to_int32(float v) {
     return static_cast<int32_t>(v);
 }
 
-}  // namespace
-
 // The division by 1.000001 makes the factor slightly smaller on purpose:
 // 8191 instead of 8192 for 1.0, which is why a 255 plane halved in both
 // directions comes out as 254. Features and trained models depend on it.
 int32_t resample_factor_q13(float r) {
-    const int32_t r13 = trunc_to_int32(r * 8192.0f);
-    return trunc_to_int32(static_cast<float>(r13) / 1.000001f);
+    const int32_t r13 = truncate_saturated(r * 8192.0f);
+    return truncate_saturated(static_cast<float>(r13) / 1.000001f);
 }
 
-int32_t convert_factor_q14(float r) { return trunc_to_int32(r * 16384.0f); }
+int32_t convert_factor_q14(float r) { return truncate_saturated(r * 16384.0f); }
 
 }  // namespace acf_helper
 }  // namespace ostrel

@@ -7,6 +7,11 @@
 namespace ostrel {
 namespace acf_helper {
 
+// Truncation toward zero of a single-precision value, saturated to the
+// int32 range (NaN gives 0), so that no factor a caller passes is undefined
+// behaviour.
+int32_t truncate_saturated(float v);
+
 // Resampling factor in Q13: r13 = trunc(r * 8192) in single precision, then
 // trunc(r13 / 1.000001f). 8191 for 1.0, 45 for 0.005667.
 int32_t resample_factor_q13(float r);

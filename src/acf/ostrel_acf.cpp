@@ -1,25 +1,11 @@
 // The feature extractor's set-up.
 #include "acf/ostrel_acf.h"
 
-#include <limits>
+#include "acf/fixed_point_factor.h"
 
 namespace ostrel {
 
 namespace {
-
-// Truncation toward zero, saturated to the int32 range (NaN gives 0).
-int32_t truncate_saturated(float v) {
-    if (!(v == v)) {
-        return 0;
-    }
-    if (v >= 2147483647.0f) {
-        return std::numeric_limits<int32_t>::max();
-    }
-    if (v <= -2147483648.0f) {
-        return std::numeric_limits<int32_t>::min();
-    }
-    return static_cast<int32_t>(v);
-}
 
 // map cells / picture pixels; 0 for a picture side that is not positive.
 float cells_per_pixel(int32_t cells, int32_t pixels) {
@@ -87,8 +73,8 @@ void ostrel_acf::setTrainingWindow(int32_t window_width, int32_t window_height, 
         // the cell factor the sample cutter applies to the same boxes.
         window.sx[i] = cells_per_pixel(pyramid.height[i], input_width);
         window.sy[i] = cells_per_pixel(pyramid.width[i], input_height);
-        window.scaled_width[i] = truncate_saturated(static_cast<float>(window_width) * window.sx[i]);
-        window.scaled_height[i] = truncate_saturated(static_cast<float>(window_height) * window.sy[i]);
+        window.scaled_width[i] = acf_helper::truncate_saturated(static_cast<float>(window_width) * window.sx[i]);
+        window.scaled_height[i] = acf_helper::truncate_saturated(static_cast<float>(window_height) * window.sy[i]);
     }
     sized = 1;
 }

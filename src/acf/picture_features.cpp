@@ -93,7 +93,13 @@ cv::Mat load_bgr_picture(const ostrel_alg_image &image, bool planar) {
 
 namespace {
 
-bool usable(const ostrel_acf &extractor, const cv::Mat &picture) {
+// Clears any earlier map from `out` (a refused picture leaves an empty one)
+// and says whether the extractor can work on the picture.
+bool start_features(const ostrel_acf &extractor, const cv::Mat &picture, picture_features *out) {
+    if (out == nullptr) {
+        return false;
+    }
+    out->map = feature_map{};
     return !picture.empty() && picture.type() == CV_8UC3 && extractor.params && extractor.chn_options &&
            extractor.pyramid.n_scales > kMapScale;
 }
@@ -101,11 +107,7 @@ bool usable(const ostrel_acf &extractor, const cv::Mat &picture) {
 }  // namespace
 
 bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture_features *out) {
-    if (out == nullptr) {
-        return false;
-    }
-    out->map = feature_map{};
-    if (!usable(extractor, bgr)) {
+    if (!start_features(extractor, bgr, out)) {
         return false;
     }
     cv::cvtColor(bgr, extractor.lab_picture, kBgrToLabCode);
@@ -113,11 +115,7 @@ bool compute_picture_features(ostrel_acf &extractor, const cv::Mat &bgr, picture
 }
 
 bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_features *out) {
-    if (out == nullptr) {
-        return false;
-    }
-    out->map = feature_map{};
-    if (!usable(extractor, lab)) {
+    if (!start_features(extractor, lab, out)) {
         return false;
     }
     cv::split(lab, out->lab_planes);

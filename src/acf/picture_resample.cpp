@@ -23,11 +23,6 @@
 #include "acf/plane_transpose.h"
 #include "acf/resample_kernel.h"
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
-#include <emmintrin.h>
-#define OSTREL_PICTURE_RESAMPLE_SSE2 1
-#endif
-
 namespace ostrel {
 
 namespace {
@@ -65,7 +60,7 @@ bool vertical_results_are_bytes(const rd::resample_plan &plan) {
     }
 }
 
-#if defined(OSTREL_PICTURE_RESAMPLE_SSE2)
+#if defined(OSTREL_SSE2)
 
 // (sum over the rows of tile_row_k * weight_k) >> 14 for 16 lanes, two rows
 // per 16-bit multiply-add, packed to bytes. Exact: bytes and weights
@@ -90,14 +85,7 @@ inline void weighted_rows_sse2(const uint8_t *tile, const int32_t *src_index, co
             w1 = static_cast<uint32_t>(weight[k + 1]);
         }
         const __m128i w = _mm_set1_epi32(static_cast<int>((w1 << 16) | static_cast<uint32_t>(weight[k])));
-        const __m128i a_lo = _mm_unpacklo_epi8(a, zero);
-        const __m128i a_hi = _mm_unpackhi_epi8(a, zero);
-        const __m128i b_lo = _mm_unpacklo_epi8(b, zero);
-        const __m128i b_hi = _mm_unpackhi_epi8(b, zero);
-        acc0 = _mm_add_epi32(acc0, _mm_madd_epi16(_mm_unpacklo_epi16(a_lo, b_lo), w));
-        acc1 = _mm_add_epi32(acc1, _mm_madd_epi16(_mm_unpackhi_epi16(a_lo, b_lo), w));
-        acc2 = _mm_add_epi32(acc2, _mm_madd_epi16(_mm_unpacklo_epi16(a_hi, b_hi), w));
-        acc3 = _mm_add_epi32(acc3, _mm_madd_epi16(_mm_unpackhi_epi16(a_hi, b_hi), w));
+        rd::add_weighted_byte_pair(a, b, w, acc0, acc1, acc2, acc3);
     }
     const __m128i lo = _mm_packs_epi32(_mm_srai_epi32(acc0, 14), _mm_srai_epi32(acc1, 14));
     const __m128i hi = _mm_packs_epi32(_mm_srai_epi32(acc2, 14), _mm_srai_epi32(acc3, 14));
@@ -133,7 +121,7 @@ bool vertical_lanes_sse2(const rd::resample_plan &plan, const uint8_t *tile, int
 // rows are 16 wide, or the multiply-add form of it.
 void vertical_lanes(const rd::resample_plan &plan, const rd::resample_plan &lane_plan, const uint8_t *tile,
                     int32_t y, uint8_t *out) {
-#if defined(OSTREL_PICTURE_RESAMPLE_SSE2)
+#if defined(OSTREL_SSE2)
     if (vertical_lanes_sse2(plan, tile, y, out)) {
         return;
     }

@@ -3,10 +3,7 @@
 
 #include <cstring>
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
-#include <emmintrin.h>
-#define OSTREL_TRANSPOSE_SSE2 1
-#endif
+#include "common/sse2.h"
 
 namespace ostrel {
 
@@ -33,7 +30,7 @@ void transpose_part(const uint8_t *src, size_t src_stride, int32_t rows, int32_t
     }
 }
 
-#if defined(OSTREL_TRANSPOSE_SSE2)
+#if defined(OSTREL_SSE2)
 
 // One 16 x 16 block: 16 loads, four rounds of interleaving, 16 stores.
 inline void transpose_block16(const uint8_t *src, size_t src_stride, uint8_t *dst, size_t dst_stride) {
@@ -80,7 +77,7 @@ void transpose_strip(const uint8_t *src, size_t src_stride, int32_t rows, int32_
         return;
     }
     int32_t done = 0;
-#if defined(OSTREL_TRANSPOSE_SSE2)
+#if defined(OSTREL_SSE2)
     if (rows == kStripRows) {
         done = columns - columns % kStripRows;
         for (int32_t k = 0; k < done; k += kStripRows) {
@@ -103,7 +100,7 @@ void transpose_plane(const uint8_t *src, size_t src_stride, int32_t rows, int32_
     if (rows <= 0 || columns <= 0) {
         return;
     }
-#if defined(OSTREL_TRANSPOSE_SSE2)
+#if defined(OSTREL_SSE2)
     constexpr int32_t kBlock = 16;
     const int32_t full_rows = rows - rows % kBlock;
     const int32_t full_columns = columns - columns % kBlock;

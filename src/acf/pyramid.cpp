@@ -103,22 +103,29 @@ size_t pyramid_store::padded_bytes(int32_t scale) const {
            static_cast<size_t>(padded_height[scale]);
 }
 
+namespace {
+
+// A copy of the map of channels x w x h bytes that starts at `from`.
+chn_image8 copy_map(const uint8_t *from, int32_t channels, int32_t w, int32_t h) {
+    chn_image8 out(channels, w, h);
+    std::memcpy(out.data.data(), from, out.data.size());
+    return out;
+}
+
+}  // namespace
+
 chn_image8 pyramid_store::map(int32_t scale) const {
     if (scale < 0 || scale >= n_scales) {
         return chn_image8();
     }
-    chn_image8 out(channels[scale], width[scale], height[scale]);
-    std::memcpy(out.data.data(), unpadded.data() + offset[scale], out.data.size());
-    return out;
+    return copy_map(unpadded.data() + offset[scale], channels[scale], width[scale], height[scale]);
 }
 
 chn_image8 pyramid_store::padded_map(int32_t scale) const {
     if (scale < 0 || scale >= n_scales) {
         return chn_image8();
     }
-    chn_image8 out(channels[scale], padded_width[scale], padded_height[scale]);
-    std::memcpy(out.data.data(), padded.data() + padded_offset[scale], out.data.size());
-    return out;
+    return copy_map(padded.data() + padded_offset[scale], channels[scale], padded_width[scale], padded_height[scale]);
 }
 
 // --- scale search -----------------------------------------------------------

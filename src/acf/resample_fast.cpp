@@ -14,16 +14,11 @@
 
 #include "acf/resample_kernel.h"
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
-#define OSTREL_RESAMPLE_SSE2 1
-#include <emmintrin.h>
-#endif
-
 namespace ostrel {
 namespace acf_helper {
 namespace resample_detail {
 
-#if defined(OSTREL_RESAMPLE_SSE2)
+#if defined(OSTREL_SSE2)
 
 namespace {
 
@@ -163,14 +158,7 @@ void weighted_rows(const uint8_t *const *rows, const int32_t *weights, size_t co
             const uint32_t w_a = static_cast<uint16_t>(weights[k]);
             const uint32_t w_b = pair ? static_cast<uint16_t>(weights[k + 1]) : 0u;
             const __m128i w = _mm_set1_epi32(static_cast<int32_t>(w_a | (w_b << 16)));
-            const __m128i a_lo = _mm_unpacklo_epi8(a, zero);
-            const __m128i a_hi = _mm_unpackhi_epi8(a, zero);
-            const __m128i b_lo = _mm_unpacklo_epi8(b, zero);
-            const __m128i b_hi = _mm_unpackhi_epi8(b, zero);
-            acc0 = _mm_add_epi32(acc0, _mm_madd_epi16(_mm_unpacklo_epi16(a_lo, b_lo), w));
-            acc1 = _mm_add_epi32(acc1, _mm_madd_epi16(_mm_unpackhi_epi16(a_lo, b_lo), w));
-            acc2 = _mm_add_epi32(acc2, _mm_madd_epi16(_mm_unpacklo_epi16(a_hi, b_hi), w));
-            acc3 = _mm_add_epi32(acc3, _mm_madd_epi16(_mm_unpackhi_epi16(a_hi, b_hi), w));
+            add_weighted_byte_pair(a, b, w, acc0, acc1, acc2, acc3);
         }
         acc0 = _mm_srai_epi32(acc0, 14);
         acc1 = _mm_srai_epi32(acc1, 14);

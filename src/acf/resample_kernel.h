@@ -1,8 +1,8 @@
 // resample_kernel: the parts of the fixed-point resampling kernel that the
 // reference loops (any element type) and the SSE2 loops for 8-bit images
 // share: constants, 32-bit wrap-around helpers, the per-call plan
-// (coefficient lists, factor, which case each pass takes) and the
-// reference passes.
+// (coefficient lists, factor, which case each pass takes), the reference
+// passes and the SSE2 loops' multiply-add step.
 #pragma once
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "acf/acf_helper.h"
+#include "common/sse2.h"
 
 namespace ostrel {
 namespace acf_helper {
@@ -243,6 +244,26 @@ chn_image8 image_resample_fix_reference(const chn_image8 &src, int32_t dst_width
 // when the plan does not suit them (factor weights outside 16 bits, or no
 // SSE2 in this build); the reference kernel is used then.
 bool resample_bytes_fast(const chn_image8 &src, const resample_plan &plan, chn_image8 &out);
+
+#if defined(OSTREL_SSE2)
+// The step both 8-bit SSE2 resampling loops are built from.
+// Adds a * wa + b * wb to the four accumulators, lanes 0-3, 4-7, 8-11 and
+// 12-15 of the sixteen bytes of a and b in that order, where w holds
+// (wb << 16) | wa in every 32-bit lane. Exact for weights that fit 16 bits
+// (signed) and sums that fit 32 bits.
+inline void add_weighted_byte_pair(__m128i a, __m128i b, __m128i w, __m128i &acc0, __m128i &acc1, __m128i &acc2,
+                                   __m128i &acc3) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i a_lo = _mm_unpacklo_epi8(a, zero);
+    const __m128i a_hi = _mm_unpackhi_epi8(a, zero);
+    const __m128i b_lo = _mm_unpacklo_epi8(b, zero);
+    const __m128i b_hi = _mm_unpackhi_epi8(b, zero);
+    acc0 = _mm_add_epi32(acc0, _mm_madd_epi16(_mm_unpacklo_epi16(a_lo, b_lo), w));
+    acc1 = _mm_add_epi32(acc1, _mm_madd_epi16(_mm_unpackhi_epi16(a_lo, b_lo), w));
+    acc2 = _mm_add_epi32(acc2, _mm_madd_epi16(_mm_unpacklo_epi16(a_hi, b_hi), w));
+    acc3 = _mm_add_epi32(acc3, _mm_madd_epi16(_mm_unpackhi_epi16(a_hi, b_hi), w));
+}
+#endif
 
 }  // namespace resample_detail
 }  // namespace acf_helper

@@ -10,9 +10,9 @@ namespace ostrel {
 
 namespace {
 
-constexpr size_t kMaxSuppressed = 64;     // boxes leaving the suppression
-constexpr size_t kMaxDetections = 32;     // detections leaving the stage
-constexpr size_t kMaxBelowExamined = 17;  // below-confidence boxes looked at
+constexpr size_t kMaxSuppressed = 64;                      // boxes leaving the suppression
+constexpr size_t kMaxDetections = kMaxReportedDetections;  // detections leaving the stage
+constexpr size_t kMaxBelowExamined = 17;                   // below-confidence boxes looked at
 constexpr float kAcceptedOverlap = 0.05f;
 constexpr float kBelowOverlap = 0.001f;
 

@@ -11,6 +11,11 @@
 
 namespace ostrel {
 
+// Detections (label 1) a run reports at most, in either profile.
+inline constexpr uint32_t kMaxReportedDetections = 32;
+// A marked box counts as found when a detection overlaps it this much.
+inline constexpr float kMarkedBoxOverlap = 0.3f;
+
 // Greedy non-maximum suppression. Sorts `boxes` by score (highest first),
 // overwrites the score of every box it suppresses with -1.0 and returns the
 // kept boxes in order, at most 64.

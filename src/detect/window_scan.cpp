@@ -6,10 +6,7 @@
 #include <cstring>
 #include <limits>
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define OSTREL_SCAN_PAIRED_ROWS 1
-#endif
+#include "common/sse2.h"
 
 namespace ostrel {
 
@@ -294,7 +291,7 @@ void for_each_position(const feature_map &map, const scan_geometry &geometry, Vi
     }
 }
 
-#if OSTREL_SCAN_PAIRED_ROWS
+#if OSTREL_SSE2
 
 // The dot products of all windows of one map column at once, four windows
 // to a vector, with the SSE2 multiply-add of 16-bit pairs.
@@ -421,7 +418,7 @@ private:
     std::vector<int32_t> high_pairs_;
 };
 
-#endif  // OSTREL_SCAN_PAIRED_ROWS
+#endif  // OSTREL_SSE2
 
 // Plain path: the window column of one channel is a contiguous run of wh
 // bytes, and so are its weights; run offsets are the same for every window.
@@ -459,7 +456,7 @@ void scan_windows(const feature_map &map, const scan_geometry &geometry, const s
         return;
     }
     const window_sink sink(geometry, settings, out);
-#if OSTREL_SCAN_PAIRED_ROWS
+#if OSTREL_SSE2
     if (paired_row_scanner::applicable(geometry)) {
         const paired_row_scanner scanner(map, geometry, settings.weights);
         scanner.scan(sink);

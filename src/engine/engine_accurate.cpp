@@ -23,20 +23,12 @@
 #include "common/progress.h"
 #include "common/log_lines.h"
 #include "common/portable_math.h"
+#include "detect/candidate_filter.h"
+#include "engine/engine_lines.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
 
-constexpr const char *kSetDetectorName = "ostrel_alg::setDetectorWithAutoTrain";
-constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
-constexpr int kRefusedInputLine = 861;
-constexpr int kRunDetectorLine = 1135;
-constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
-constexpr int kRemoveSampleLine = 3953;
-
-constexpr uint32_t kMaxReportedDetections = 32;
-// A marked box counts as found when a detection overlaps it this much.
-constexpr float kMarkedBoxOverlap = 0.3f;
 // The seed of the solver's coordinate order when the host set none.
 constexpr uint32_t kDefaultSeed = 1;
 
@@ -144,7 +136,7 @@ void split_by_threshold(const std::vector<ostrel::margin_box> &found, int32_t wi
         ostrel_alg_box box = ostrel::clip_to_picture(m.box, width, height);
         box.score = ostrel::margin_confidence(m.margin);
         if (box.score * 100.0f >= static_cast<float>(confidence_threshold)) {
-            if (detections->size() < kMaxReportedDetections) {
+            if (detections->size() < ostrel::kMaxReportedDetections) {
                 box.label = 1;
                 detections->push_back(box);
             }
@@ -213,11 +205,9 @@ ostrel::accurate_settings ostrel_alg::modelSettings() const {
     // The model's fixed choices, the host's options.
     const ostrel::accurate_settings host = accurateSettings();
     ostrel::accurate_settings settings = model_settings;
-    settings.object_cells = host.object_cells;
-    settings.size_steps = host.size_steps;
-    settings.suppression_overlap_percent = host.suppression_overlap_percent;
-    settings.min_height = host.min_height;
-    settings.max_height = host.max_height;
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        settings.*option.field = host.*option.field;
+    }
     return settings;
 }
 
@@ -231,7 +221,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: an option that shapes the window changed since the first picture; set it back "
                      "or start again with ostrel_alg_init\n",
-                     kSetDetectorName);
+                     ostrel::kSetDetectorName);
         return 1;
     }
     detector_set = 1;
@@ -243,7 +233,8 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             std::find_if(boxes.begin(), boxes.end(), [](const ostrel_alg_box &b) { return b.label == 1; });
         if (first == boxes.end()) {
             ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-                         "[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n", kSetDetectorName);
+                         "[Alg.Fail] %s: no box is labelled 1 (the object): nothing to learn\n",
+                         ostrel::kSetDetectorName);
             return 1;
         }
         // The first picture fixes the window: the median shape of its
@@ -257,7 +248,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
                              "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
                              "height %.2f) differs from the median shape (%.2f) by more than %.1f times; mark "
                              "objects of one shape, or train one model per shape\n",
-                             kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
+                             ostrel::kSetDetectorName, derived.odd_box, odd.width, odd.height, derived.odd_aspect,
                              derived.median_aspect, settings.max_aspect_spread_percent / 100.0);
                 return 1;
             }
@@ -266,7 +257,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
                 const ostrel_alg_box &shown = derived.status == ostrel::shape_status::bad_size ? *first : odd;
                 ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
                              "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                             kSetDetectorName, shown.width, shown.height, image->width, image->height,
+                             ostrel::kSetDetectorName, shown.width, shown.height, image->width, image->height,
                              derived.status == ostrel::shape_status::bad_size
                                  ? ostrel::geometry_status_text(ostrel::geometry_status::bad_size)
                                  : ostrel::shape_status_text(derived.status));
@@ -281,7 +272,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             if (b.width < 1 || b.height < 1 || b.width > (1 << 20) || b.height > (1 << 20)) {
                 ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
                              "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::kSetDetectorName, b.width, b.height, image->width, image->height,
                              ostrel::geometry_status_text(ostrel::geometry_status::bad_size));
                 return 1;
             }
@@ -290,7 +281,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
                              "[Alg.Fail] %s: boxes whose shapes cannot share one window: box %zu (%d x %d, width / "
                              "height %.2f) differs from the window's shape (%.2f) by more than %.1f times; mark "
                              "objects of one shape, or train one model per shape\n",
-                             kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
+                             ostrel::kSetDetectorName, i, b.width, b.height, static_cast<double>(b.width) / b.height,
                              static_cast<double>(shape.aspect), settings.max_aspect_spread_percent / 100.0);
                 return 1;
             }
@@ -298,7 +289,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             if (scale > settings.max_object_upscale_percent / 100.0) {
                 ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
                              "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::kSetDetectorName, b.width, b.height, image->width, image->height,
                              ostrel::geometry_status_text(ostrel::geometry_status::object_too_small));
                 return 1;
             }
@@ -306,7 +297,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
                 image->height * scale / ostrel::kAccurateShrink < shape.rows) {
                 ostrel::fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
                              "[Alg.Fail] %s: a box of %d x %d on a picture of %d x %d cannot be learnt: %s\n",
-                             kSetDetectorName, b.width, b.height, image->width, image->height,
+                             ostrel::kSetDetectorName, b.width, b.height, image->width, image->height,
                              ostrel::geometry_status_text(ostrel::geometry_status::picture_too_small));
                 return 1;
             }
@@ -321,7 +312,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
             ostrel::plan_levels(image->width, image->height, searched, taught, shape, settings,
                                 edge_pad(shape.columns, settings), edge_pad(shape.rows, settings), &plan);
         if (planned != ostrel::plan_status::ok) {
-            log_plan_refusal(kSetDetectorName, image->width, image->height, searched, planned, plan);
+            log_plan_refusal(ostrel::kSetDetectorName, image->width, image->height, searched, planned, plan);
             return 1;
         }
 
@@ -337,7 +328,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
                                                          feat_extractor->resample_scratch);
         if (picture.pyramid.empty()) {
             ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_SMALL,
-                         "[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", kSetDetectorName,
+                         "[Alg.Fail] %s: the picture of %d x %d gives no working picture\n", ostrel::kSetDetectorName,
                          image->width, image->height);
             return 1;
         }
@@ -391,7 +382,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         cached_image_key = image->image_key;
     }
     if (trainAccurate() != 0) {
-        return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kRefusedInputLine);
+        return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kSetDetectorName, ostrel::kRefusedInputLine);
     }
     ostrel::log("[Alg. Scc] Training done...\n");
     ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED));
@@ -407,7 +398,7 @@ int32_t ostrel_alg::trainAccurate() {
         ostrel::train_accurate(accurate_pictures, geometry, settings, seed, {}, &state);
     if (!trained.trained) {
         ostrel::fail(OSTREL_ALG_ERR_NOTHING_TO_LEARN,
-                     "[Alg.Fail] %s: the accurate training found nothing to learn from\n", kSetDetectorName);
+                     "[Alg.Fail] %s: the accurate training found nothing to learn from\n", ostrel::kSetDetectorName);
         return 1;
     }
     ostrel::svm_model model;
@@ -493,7 +484,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: the model was made under the classic profile; set the profile back, or train or "
                      "import it again under the accurate profile\n",
-                     kRunDetectorName);
+                     ostrel::kRunDetectorName);
         return 1;
     }
     if (!class_slots.empty()) {
@@ -506,7 +497,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                      "longer fits the model; set it back, or train or import the model again\n",
-                     kRunDetectorName);
+                     ostrel::kRunDetectorName);
         return 1;
     }
 
@@ -519,7 +510,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     const bool host_range = searched.min_from_host || searched.max_from_host;
     const bool nothing_to_search = planned == ostrel::plan_status::nothing_fits && !host_range;
     if (planned != ostrel::plan_status::ok && !nothing_to_search) {
-        log_plan_refusal(kRunDetectorName, image->width, image->height, searched, planned, plan);
+        log_plan_refusal(ostrel::kRunDetectorName, image->width, image->height, searched, planned, plan);
         return 1;
     }
 
@@ -529,12 +520,12 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         const ostrel::accurate_pyramid *pyramid =
             picture_pyramid(image, plan_request(plan, shape, settings, false), feat_extractor->resample_scratch);
         if (pyramid == nullptr) {
-            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
+            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kRunDetectorName, ostrel::kRunDetectorLine);
         }
         const ostrel::quantised_weights weights = class_weights(svm_model, shape);
         const ostrel::accurate_search search = class_search(svm_model, accurate_class, weights, settings,
                                                             plan.range.min);
-        const size_t keep = kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
+        const size_t keep = ostrel::kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
         const ostrel::accurate_geometry geometry = shape.geometry();
         const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
             ostrel::search_pyramid(*pyramid, geometry, search, settings.floor_margin_permille / 1000.0f),
@@ -552,7 +543,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
         for (const ostrel_alg_box &marked : marked_boxes) {
             bool covered = false;
             for (const ostrel_alg_box &d : detections) {
-                covered = covered || ostrel::box_overlap(marked, d) >= kMarkedBoxOverlap;
+                covered = covered || ostrel::box_overlap(marked, d) >= ostrel::kMarkedBoxOverlap;
             }
             if (!covered && marked.label == 1) {
                 reported.push_back(marked);
@@ -610,7 +601,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
             ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                          "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                          "longer fits the model; set it back, or train or import the model again\n",
-                         kRunDetectorName);
+                         ostrel::kRunDetectorName);
             return 1;
         }
         class_run &run = runs[k];
@@ -623,7 +614,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
             continue;  // no size of this class fits the picture: no boxes of it
         }
         if (planned != ostrel::plan_status::ok) {
-            log_plan_refusal(kRunDetectorName, image->width, image->height, searched, planned, run.plan);
+            log_plan_refusal(ostrel::kRunDetectorName, image->width, image->height, searched, planned, run.plan);
             return 1;
         }
         run.searched = true;
@@ -670,7 +661,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         request.ties = ostrel::halfway::up;
         const ostrel::accurate_pyramid *pyramid = picture_pyramid(image, request, feat_extractor->resample_scratch);
         if (pyramid == nullptr) {
-            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, kRunDetectorName, kRunDetectorLine);
+            return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kRunDetectorName, ostrel::kRunDetectorLine);
         }
         std::vector<ostrel::accurate_search> searches(classes);
         std::vector<ostrel::accurate_geometry> geometries(classes);
@@ -719,7 +710,7 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
             if (!runs[k].searched) continue;
             const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
                 std::move(runs[k].candidates), settings.suppression_overlap_percent / 100.0f,
-                kMaxReportedDetections + max_below, settings.suppression_contained_percent / 100.0f);
+                ostrel::kMaxReportedDetections + max_below, settings.suppression_contained_percent / 100.0f);
             std::vector<ostrel_alg_box> class_detections, class_below;
             split_by_threshold(found, image->width, image->height, confidence_threshold, detector_set != 0,
                                max_below, &class_detections, &class_below);
@@ -760,8 +751,8 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         for (const ostrel_alg_box &marked : *view.marked_boxes) {
             bool covered = false;
             for (size_t i = 0; i < detections.size(); ++i) {
-                covered = covered ||
-                          (detection_classes[i] == k && ostrel::box_overlap(marked, detections[i]) >= kMarkedBoxOverlap);
+                covered = covered || (detection_classes[i] == k &&
+                                      ostrel::box_overlap(marked, detections[i]) >= ostrel::kMarkedBoxOverlap);
             }
             if (!covered && marked.label == 1) {
                 reported.push_back(marked);
@@ -808,7 +799,8 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
             delete[] sample_thumbs[index].image.data;
             sample_thumbs.erase(sample_thumbs.begin() + index);
             if (trainAccurate() != 0) {
-                return ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kRemoveSampleName, kRemoveSampleLine);
+                return ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kRemoveSampleName,
+                                       ostrel::kRemoveSampleLine);
             }
             return 0;
         }

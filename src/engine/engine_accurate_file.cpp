@@ -12,18 +12,12 @@
 #include "common/log.h"
 #include "common/log_lines.h"
 #include "engine/engine_options.h"
+#include "engine/engine_lines.h"
 #include "engine/ostrel_alg.h"
 #include "model/accurate_model_file.h"
 #include "model/model_format.h"
 
 namespace {
-
-constexpr const char *kExportModelName = "ostrel_alg::exportModel";
-constexpr const char *kImportModelName = "ostrel_alg::importModel";
-constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
-constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
-constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
-constexpr int kExportWriteLine = 3472;
 
 ostrel::accurate_file_settings file_settings(const ostrel::accurate_model_settings &recorded) {
     ostrel::accurate_file_settings f;
@@ -43,15 +37,12 @@ std::string in_range(const char *name, int32_t value, int32_t low, int32_t high)
 // profile can work with, or a window that its shape and cells do not give.
 std::string engine_problem(const ostrel::accurate_model_file &file, const ostrel::accurate_settings &defaults) {
     const ostrel::accurate_file_settings &f = file.settings;
-    const std::pair<int32_t, int32_t> options[] = {{ostrel::kOptionAccurateCells, f.object_cells},
-                                                   {ostrel::kOptionAccurateSizeSteps, f.size_steps},
-                                                   {ostrel::kOptionAccurateOverlap, f.suppression_overlap_percent},
-                                                   {ostrel::kOptionAccurateMinHeight, f.min_height},
-                                                   {ostrel::kOptionAccurateMaxHeight, f.max_height}};
-    for (const auto &o : options) {
-        const ostrel::option_range *range = ostrel::find_option(o.first);
-        if (range != nullptr && !ostrel::within_range(*range, o.second)) {
-            return std::string("its ") + range->name + " " + std::to_string(o.second) + " is outside the option's range";
+    const ostrel::accurate_settings recorded = ostrel::with_recorded(defaults, f);
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        const ostrel::option_range *range = ostrel::find_option(option.id);
+        const int32_t value = recorded.*option.field;
+        if (range != nullptr && !ostrel::within_range(*range, value)) {
+            return std::string("its ") + range->name + " " + std::to_string(value) + " is outside the option's range";
         }
     }
     if (f.min_height > 0 && f.max_height > 0 && f.min_height > f.max_height) {
@@ -127,27 +118,30 @@ void take_file_class(const ostrel::accurate_file_class &c, ostrel::svm_model *we
     model->calibration.slope = c.calibration_slope;
 }
 
-// Reads and checks a file completely; false with *problem and *code
-// (OSTREL_ALG_ERR_*) on any fault.
-bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults,
-                        ostrel::accurate_model_file *file, std::string *problem, int32_t *code) {
+// Reads and checks a file completely. On any fault logs why, as the
+// operation that finds the file `verdict` ("not valid", "refused"), notes
+// the failure and returns false.
+bool load_accurate_file(const std::string &path, const ostrel::accurate_settings &defaults, const char *operation,
+                        const char *verdict, ostrel::accurate_model_file *file) {
     std::vector<unsigned char> bytes;
-    *code = OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE;
-    if (!ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, problem)) {
-        return false;
+    std::string problem;
+    int32_t code = OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE;
+    if (ostrel::read_whole_file(path, ostrel::kMaxAccurateModelBytes, &bytes, &problem)) {
+        code = OSTREL_ALG_ERR_MODEL_INVALID;
+        if (ostrel::read_accurate_model(bytes.data(), bytes.size(), file, &problem)) {
+            problem = engine_problem(*file, defaults);
+            if (problem.empty()) return true;
+        }
     }
-    *code = OSTREL_ALG_ERR_MODEL_INVALID;
-    if (!ostrel::read_accurate_model(bytes.data(), bytes.size(), file, problem)) {
-        return false;
-    }
-    *problem = engine_problem(*file, defaults);
-    return problem->empty();
+    ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is %s: %s\n", operation, path.c_str(), verdict,
+                 problem.c_str());
+    return false;
 }
 
 }  // namespace
 
 int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
-    if (!class_slots.empty() && !everyClassTrained(kExportModelName)) {
+    if (!class_slots.empty() && !everyClassTrained(ostrel::kExportModelName)) {
         return 1;
     }
     ostrel::accurate_model_file file;
@@ -160,44 +154,29 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(file, &problem);
     if (bytes.empty()) {
         ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID, "[Alg.Fail] %s: the accurate model cannot be written: %s\n",
-                     kExportModelName, problem.c_str());
+                     ostrel::kExportModelName, problem.c_str());
         return 1;
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
     if (out == nullptr) {
-        ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
-        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
-        return 1;
+        return ostrel::model_file_not_created(path);
     }
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
     const bool closed = std::fclose(out) == 0;
     if (!written || !closed) {
-        ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
-        ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
-        return 1;
+        return ostrel::model_file_not_written(ostrel::kExportWriteLine, path);
     }
     return 0;
 }
 
 int32_t ostrel_alg::checkAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
-    std::string problem;
-    int32_t code = OSTREL_ALG_ERR_OK;
-    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is not valid: %s\n", kCheckModelValidationName,
-                     path.c_str(), problem.c_str());
-        return 1;
-    }
-    return 0;
+    return load_accurate_file(path, options.accurate, ostrel::kCheckModelValidationName, "not valid", &file) ? 0 : 1;
 }
 
 int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     ostrel::accurate_model_file file;
-    std::string problem;
-    int32_t code = OSTREL_ALG_ERR_OK;
-    if (!load_accurate_file(path, options.accurate, &file, &problem, &code)) {
-        ostrel::fail(code, "[Alg.Fail] %s: the accurate model file %s is refused: %s\n", kImportModelName, path.c_str(),
-                     problem.c_str());
+    if (!load_accurate_file(path, options.accurate, ostrel::kImportModelName, "refused", &file)) {
         return 1;
     }
     const ostrel::accurate_file_class &c = file.classes.front();
@@ -210,7 +189,7 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
                      "[Alg.Fail] %s: the model has %zu weights where the accurate profile's window has %d: it was made "
                      "with %d accurate cells and this engine's accurate cells option is set to %d; set it to %d or "
                      "leave it unset\n",
-                     kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
+                     ostrel::kImportModelName, c.weights.size(), host_shape.features(), file.settings.object_cells,
                      options.accurate.object_cells, file.settings.object_cells);
         return 1;
     }
@@ -240,15 +219,9 @@ int32_t ostrel_alg::importAccurateModel(const std::string &path) {
     pca_filter = ostrel::pca_fp_filter{};
     pca_filter.fp_filter_enabled = 0;
 
-    const ostrel::accurate_model_settings recorded = file.settings;
-    model_settings = ostrel::with_recorded(options.accurate, recorded);
-    const std::pair<int32_t, int32_t> taken[] = {{ostrel::kOptionAccurateCells, recorded.object_cells},
-                                                 {ostrel::kOptionAccurateSizeSteps, recorded.size_steps},
-                                                 {ostrel::kOptionAccurateOverlap, recorded.suppression_overlap_percent},
-                                                 {ostrel::kOptionAccurateMinHeight, recorded.min_height},
-                                                 {ostrel::kOptionAccurateMaxHeight, recorded.max_height}};
-    for (const auto &option : taken) {
-        if (!options.host_set(option.first)) options.set(option.first, option.second);
+    model_settings = ostrel::with_recorded(options.accurate, file.settings);
+    for (const ostrel::accurate_option &option : ostrel::kAccurateOptions) {
+        if (!options.host_set(option.id)) options.set(option.id, model_settings.*option.field);
     }
     train_width = static_cast<uint32_t>(c.trained_width);
     train_height = static_cast<uint32_t>(c.trained_height);

@@ -7,6 +7,7 @@
 #include "common/failure.h"
 #include "common/log.h"
 #include "common/log_lines.h"
+#include "engine/engine_lines.h"
 #include "engine/ostrel_alg.h"
 #include "fpfilter/fp_threshold.h"
 #include "model/model_file.h"
@@ -15,16 +16,10 @@
 
 namespace {
 
-constexpr const char *kExportModelName = "ostrel_alg::exportModel";
-constexpr const char *kImportModelName = "ostrel_alg::importModel";
-constexpr const char *kCheckModelValidationName = "ostrel_alg::checkModelValidation";
-
 constexpr const char *kSvmValueWrongFormat = "[svm model value is wrong!] %s (%s line:%d)\n";
 constexpr const char *kPcaValueWrongFormat = "[pca fp filtering value is wrong!] %s (%s line:%d)\n";
-constexpr const char *kFileWriteFailFormat = "[file write FAIL!] %s (%s line:%d)\n";
 constexpr const char *kFileReadFailFormat = "[file read FAIL!] %s (%s line:%d)\n";
 constexpr const char *kExceptionFormat = "[exception] %s (%s line:%d): %s\n";
-constexpr const char *kExportOpenFailFormat = "[SVM %s] fail export, check file path : %s \n";
 constexpr const char *kReadOpenFailFormat = "[%s] file open fail , check file path : %s \n";
 constexpr const char *kStoredLengthFormat = "[file size without CRC] read : %llu, calc : %llu\n";
 constexpr const char *kCrcMismatchFormat = "[CRC values ERROR] read : %u, calc : %u\n";
@@ -33,7 +28,6 @@ constexpr const char *kCrcMismatchFormat = "[CRC values ERROR] read : %u, calc :
 enum ModelIoLine : int {
     kExportSvmWrongLine = 3449,
     kExportPcaWrongLine = 3456,
-    kExportSvmWriteLine = 3472,
     kExportFilterWriteLine = 3482,
     kExportTrailerWriteLine = 3497,
     kExportExceptionLine = 3510,
@@ -57,6 +51,82 @@ int64_t file_length(const std::string &path) {
     return static_cast<int64_t>(in.tellg());
 }
 
+// The failure lines of the classic model file's readers and checks: each
+// logs its line, notes the failure and returns 1.
+int32_t model_file_not_opened(const char *operation, const std::string &path) {
+    ostrel::log(kReadOpenFailFormat, operation, path.c_str());
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
+    return 1;
+}
+
+int32_t records_cut_short(const char *operation, int line, const std::string &path) {
+    ostrel::log(kFileReadFailFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
+    return 1;
+}
+
+int32_t classifier_values_wrong(const char *operation, int line) {
+    ostrel::log(kSvmValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
+    return 1;
+}
+
+int32_t exception_failure(const char *operation, int line, const std::exception &e) {
+    ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, operation, ostrel::kEngineSource, line, e.what());
+    return 1;
+}
+
+int32_t filter_values_wrong(const char *operation, int line) {
+    ostrel::log(kPcaValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
+    return 1;
+}
+
+// How a reader of the classic records reports its faults: its operation,
+// the line of each fault, and whether the classifier's values are checked
+// as soon as it is read (the import) or once both records are in (the
+// validation).
+struct record_reads {
+    const char *operation;
+    int svm_read_line;
+    int svm_wrong_line;
+    int filter_read_line;
+    int filter_wrong_line;
+    bool check_after_both;
+};
+
+constexpr record_reads kImportReads = {ostrel::kImportModelName, kImportSvmReadLine, kImportSvmWrongLine,
+                                       kImportFilterReadLine, kImportPcaWrongLine, false};
+constexpr record_reads kCheckReads = {ostrel::kCheckModelValidationName, kCheckSvmReadLine, kCheckSvmWrongLine,
+                                      kCheckFilterReadLine, kCheckPcaWrongLine, true};
+
+// Opens the file at `path` in `in`, reads its classifier and filter
+// records into *model and *filter (in place) and checks their values;
+// returns 0, or 1 after the first fault's failure line.
+int32_t read_records(std::ifstream &in, const std::string &path, const record_reads &reads, ostrel::svm_model *model,
+                     ostrel::pca_fp_filter *filter) {
+    in.open(path, std::ios::binary);
+    if (!in.is_open()) {
+        return model_file_not_opened(reads.operation, path);
+    }
+    if (ostrel::read_svm_block(in, *model) != 0) {
+        return records_cut_short(reads.operation, reads.svm_read_line, path);
+    }
+    if (!reads.check_after_both && ostrel::checkSvmModel(*model)) {
+        return classifier_values_wrong(reads.operation, reads.svm_wrong_line);
+    }
+    if (ostrel::read_filter_block(in, *filter) != 0) {
+        return records_cut_short(reads.operation, reads.filter_read_line, path);
+    }
+    if (reads.check_after_both && ostrel::checkSvmModel(*model)) {
+        return classifier_values_wrong(reads.operation, reads.svm_wrong_line);
+    }
+    if (ostrel::checkPcaFilter(*filter)) {
+        return filter_values_wrong(reads.operation, reads.filter_wrong_line);
+    }
+    return 0;
+}
+
 // The model record's values without its weights: what the SVM block reader
 // reads in place (it replaces the weights whatever they were).
 ostrel::svm_model copy_of_record(const ostrel::svm_model &model) {
@@ -72,27 +142,17 @@ ostrel::svm_model copy_of_record(const ostrel::svm_model &model) {
     return copy;
 }
 
-// The filter's fields a model file carries, and their transfer back. The
-// matrices are shared headers: the reader replaces a matrix, it never
-// writes into one.
-ostrel::pca_fp_filter filter_file_fields(const ostrel::pca_fp_filter &filter) {
-    ostrel::pca_fp_filter fields;
-    fields.fp_threshold = filter.fp_threshold;
-    fields.pca_filter_ready = filter.pca_filter_ready;
-    fields.mean = filter.mean;
-    fields.eigenvectors = filter.eigenvectors;
-    fields.reduce_mean = filter.reduce_mean;
-    fields.reduce_inv_covar = filter.reduce_inv_covar;
-    return fields;
-}
-
-void take_filter_file_fields(ostrel::pca_fp_filter &filter, const ostrel::pca_fp_filter &fields) {
-    filter.fp_threshold = fields.fp_threshold;
-    filter.pca_filter_ready = fields.pca_filter_ready;
-    filter.mean = fields.mean;
-    filter.eigenvectors = fields.eigenvectors;
-    filter.reduce_mean = fields.reduce_mean;
-    filter.reduce_inv_covar = fields.reduce_inv_covar;
+// The filter's fields a model file carries, copied from one filter record
+// to another: out of the engine's filter before a read, back into it after
+// one. The matrices are shared headers: the reader replaces a matrix, it
+// never writes into one.
+void copy_filter_file_fields(const ostrel::pca_fp_filter &from, ostrel::pca_fp_filter &to) {
+    to.fp_threshold = from.fp_threshold;
+    to.pca_filter_ready = from.pca_filter_ready;
+    to.mean = from.mean;
+    to.eigenvectors = from.eigenvectors;
+    to.reduce_mean = from.reduce_mean;
+    to.reduce_inv_covar = from.reduce_inv_covar;
 }
 
 }  // namespace
@@ -109,27 +169,18 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return exportAccurateModel(path);
         }
         if (ostrel::checkSvmModel(svm_model)) {
-            ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
+            return classifier_values_wrong(ostrel::kExportModelName, kExportSvmWrongLine);
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
-            return 1;
+            return filter_values_wrong(ostrel::kExportModelName, kExportPcaWrongLine);
         }
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
-            ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
-                                 ("cannot create the model file " + path).c_str());
-            return 1;
+            return ostrel::model_file_not_created(path);
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
+            ostrel::model_file_not_written(ostrel::kExportWriteLine, path);
             out.close();
             return 1;
         }
@@ -137,8 +188,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         // is written, so the file always matches the filter it carries.
         ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
+            ostrel::model_file_not_written(kExportFilterWriteLine, path);
             out.close();
             return 1;
         }
@@ -154,15 +204,11 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         if (!written || !append) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
-            return 1;
+            return ostrel::model_file_not_written(kExportTrailerWriteLine, path);
         }
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kExportModelName, ostrel::kEngineSource,
-                     kExportExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kExportModelName, kExportExceptionLine, e);
     }
 }
 
@@ -183,35 +229,11 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
             return importAccurateModel(path);
         }
-        std::ifstream in(path, std::ios::binary);
-        if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
-            return 1;
-        }
+        std::ifstream in;
         ostrel::svm_model read_model = copy_of_record(svm_model);
-        if (ostrel::read_svm_block(in, read_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
-        }
-        if (ostrel::checkSvmModel(read_model)) {
-            ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
-        }
-        ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
-        if (ostrel::read_filter_block(in, read_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
-        }
-        if (ostrel::checkPcaFilter(read_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
+        ostrel::pca_fp_filter read_filter;
+        copy_filter_file_fields(pca_filter, read_filter);
+        if (read_records(in, path, kImportReads, &read_model, &read_filter) != 0) {
             return 1;
         }
         in.close();
@@ -225,7 +247,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         dropOtherClasses();
         accurate_class.name.clear();
         svm_model = std::move(read_model);
-        take_filter_file_fields(pca_filter, read_filter);
+        copy_filter_file_fields(read_filter, pca_filter);
 
         pca_filter.fp_filter_enabled = pca_filter.pca_filter_ready == 1 ? 1 : 0;
         // The record's sizes are checked positive above.
@@ -244,9 +266,7 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         model_profile = ostrel::kProfileClassic;
         return 0;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kImportModelName, ostrel::kEngineSource,
-                     kImportExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kImportModelName, kImportExceptionLine, e);
     }
 }
 
@@ -255,35 +275,10 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         if (ostrel::sniff_model_format(path) == ostrel::model_format::accurate) {
             return checkAccurateModel(path);
         }
-        std::ifstream in(path, std::ios::binary);
-        if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
-            return 1;
-        }
+        std::ifstream in;
         ostrel::svm_model scratch_model;
-        if (ostrel::read_svm_block(in, scratch_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
-        }
         ostrel::pca_fp_filter scratch_filter;
-        if (ostrel::read_filter_block(in, scratch_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 ("the model file " + path + " ends inside its records").c_str());
-            return 1;
-        }
-        if (ostrel::checkSvmModel(scratch_model)) {
-            ostrel::log(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
-            return 1;
-        }
-        if (ostrel::checkPcaFilter(scratch_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
-            ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
-                                 "the false-positive filter's values are out of their range");
+        if (read_records(in, path, kCheckReads, &scratch_model, &scratch_filter) != 0) {
             return 1;
         }
 
@@ -306,8 +301,6 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
                              ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;
     } catch (const std::exception &e) {
-        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, kExceptionFormat, kCheckModelValidationName, ostrel::kEngineSource,
-                     kCheckExceptionLine, e.what());
-        return 1;
+        return exception_failure(ostrel::kCheckModelValidationName, kCheckExceptionLine, e);
     }
 }

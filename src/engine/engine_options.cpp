@@ -50,46 +50,17 @@ const char *engine_options::conflict(int32_t id, int32_t value) const {
 }
 
 int32_t engine_options::get(int32_t id) const {
-    switch (id) {
-        case kOptionProfile:
-            return profile;
-        case kOptionAccurateCells:
-            return accurate.object_cells;
-        case kOptionAccurateSizeSteps:
-            return accurate.size_steps;
-        case kOptionAccurateOverlap:
-            return accurate.suppression_overlap_percent;
-        case kOptionAccurateMinHeight:
-            return accurate.min_height;
-        case kOptionAccurateMaxHeight:
-            return accurate.max_height;
-        default:
-            return 0;
+    if (id == kOptionProfile) return profile;
+    for (const accurate_option &option : kAccurateOptions) {
+        if (option.id == id) return accurate.*option.field;
     }
+    return 0;
 }
 
 void engine_options::set(int32_t id, int32_t value) {
-    switch (id) {
-        case kOptionProfile:
-            profile = value;
-            break;
-        case kOptionAccurateCells:
-            accurate.object_cells = value;
-            break;
-        case kOptionAccurateSizeSteps:
-            accurate.size_steps = value;
-            break;
-        case kOptionAccurateOverlap:
-            accurate.suppression_overlap_percent = value;
-            break;
-        case kOptionAccurateMinHeight:
-            accurate.min_height = value;
-            break;
-        case kOptionAccurateMaxHeight:
-            accurate.max_height = value;
-            break;
-        default:
-            break;
+    if (id == kOptionProfile) profile = value;
+    for (const accurate_option &option : kAccurateOptions) {
+        if (option.id == id) accurate.*option.field = value;
     }
 }
 

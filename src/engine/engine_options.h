@@ -42,6 +42,20 @@ const option_range *find_option(int32_t id);
 // Whether value lies in the option's range.
 bool within_range(const option_range &range, int32_t value);
 
+// The options that are accurate settings, and the field of the settings
+// record each one holds, in number order.
+struct accurate_option {
+    int32_t id;
+    int32_t accurate_settings::*field;
+};
+inline constexpr accurate_option kAccurateOptions[] = {
+    {kOptionAccurateCells, &accurate_settings::object_cells},
+    {kOptionAccurateSizeSteps, &accurate_settings::size_steps},
+    {kOptionAccurateOverlap, &accurate_settings::suppression_overlap_percent},
+    {kOptionAccurateMinHeight, &accurate_settings::min_height},
+    {kOptionAccurateMaxHeight, &accurate_settings::max_height},
+};
+
 struct engine_options {
     int32_t profile = kProfileClassic;
     // The accurate profile's numbers; five of them are options.

@@ -9,15 +9,15 @@
 #include "common/log.h"
 #include "common/progress.h"
 #include "common/log_lines.h"
+#include "detect/candidate_filter.h"
 #include "engine/auto_train_lists.h"
+#include "engine/engine_lines.h"
 #include "engine/input_limits.h"
 #include "engine/learnable_window.h"
 #include "engine/ostrel_alg.h"
 
 namespace {
 
-constexpr const char *kSetDetectorName = "ostrel_alg::setDetectorWithAutoTrain";
-constexpr int kRefusedInputLine = 861;
 constexpr int kFirstSamplesFailedLine = 894;
 constexpr int kFirstTrainingFailedLine = 910;
 constexpr int kFalsePositivesFailedLine = 971;
@@ -31,11 +31,7 @@ constexpr int kUnlearnableWindowLine = 4103;
 constexpr int kOtherWindowLine = 4104;
 constexpr const char *kAddSampleThumbsName = "ostrel_alg::addSampleThumbs";
 constexpr int kAddSampleThumbsLine = 734;
-constexpr const char *kRemoveSampleName = "ostrel_alg::removeSample";
-constexpr int kRemoveSampleLine = 3953;
 
-// A detection matches a marked box when they overlap this much.
-constexpr float kMatchOverlap = 0.3f;
 // Detect-relabel-retrain passes after the first training, at most.
 constexpr int kMaxAutoTrainPasses = 5;
 
@@ -54,8 +50,8 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
     if (check.verdict == ostrel::window_verdict::learnable) {
         return true;
     }
-    ostrel::log_window_check(check, boxes.front(), image.width, image.height, map, kSetDetectorName);
-    fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, kSetDetectorName,
+    ostrel::log_window_check(check, boxes.front(), image.width, image.height, map, ostrel::kSetDetectorName);
+    fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, ostrel::kSetDetectorName,
             check.verdict == ostrel::window_verdict::other_sample_length ? kOtherWindowLine : kUnlearnableWindowLine);
     return false;
 }
@@ -72,10 +68,10 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
         } else if (image->image_key < 0) {
             ostrel::note_failure(OSTREL_ALG_ERR_BAD_PICTURE, "the picture's image_key is negative");
         }
-        return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kRefusedInputLine);
+        return fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kSetDetectorName, ostrel::kRefusedInputLine);
     }
-    if (!ostrel::accept_marked_box_count(boxes.size(), kSetDetectorName, kTooManyBoxesLine) ||
-        !ostrel::accept_picture_pixels(*image, kSetDetectorName, kPictureTooLargeLine)) {
+    if (!ostrel::accept_marked_box_count(boxes.size(), ostrel::kSetDetectorName, kTooManyBoxesLine) ||
+        !ostrel::accept_picture_pixels(*image, ostrel::kSetDetectorName, kPictureTooLargeLine)) {
         return 1;
     }
     if (options.is_accurate()) {
@@ -85,7 +81,7 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: the engine holds %u classes; the classic profile learns one (set the accurate "
                      "profile again, or import or start a model of one class)\n",
-                     kSetDetectorName, classCount());
+                     ostrel::kSetDetectorName, classCount());
         return 1;
     }
     // A new picture brings new marked boxes and samples. The same key again
@@ -111,14 +107,14 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
                      [](const ostrel_alg_box &box) { return box.label == 1; });
 
         if (addTrainingSamples(cached_image, boxes) == 1) {
-            return fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, kSetDetectorName, kFirstSamplesFailedLine);
+            return fail_at(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, ostrel::kSetDetectorName, kFirstSamplesFailedLine);
         }
         addSampleThumbs(cached_image, marked_boxes);
         cached_image_key = image->image_key;
     }
 
     if (trainClassifier() == 1) {
-        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kSetDetectorName, kFirstTrainingFailedLine);
+        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kSetDetectorName, kFirstTrainingFailedLine);
     }
 
     // Self-test on the training picture: whatever is detected away from the
@@ -130,24 +126,24 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
         runDetector(image, detections);
 
         std::vector<ostrel_alg_box> false_positives;
-        ostrel::collectFalsePositives(marked_boxes, detections, false_positives, kMatchOverlap);
+        ostrel::collectFalsePositives(marked_boxes, detections, false_positives, ostrel::kMarkedBoxOverlap);
         // Pass 0 always runs in full, even when it finds nothing.
         if (false_positives.empty() && pass > 0) {
             pca_filter.fp_filter_enabled = 1;
             return 0;
         }
         if (!false_positives.empty() && addTrainingSamples(cached_image, false_positives) == 1) {
-            return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kFalsePositivesFailedLine);
+            return fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kSetDetectorName, kFalsePositivesFailedLine);
         }
 
         std::vector<ostrel_alg_box> low_confidence;
-        ostrel::collectLowConfidence(marked_boxes, detections, low_confidence, kMatchOverlap);
+        ostrel::collectLowConfidence(marked_boxes, detections, low_confidence, ostrel::kMarkedBoxOverlap);
         if (!low_confidence.empty() && addTrainingSamples(cached_image, low_confidence) == 1) {
-            return fail_at(OSTREL_ALG_ERR_FAILED, kSetDetectorName, kLowConfidenceFailedLine);
+            return fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kSetDetectorName, kLowConfidenceFailedLine);
         }
 
         if (trainClassifier() == 1) {
-            return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kSetDetectorName, kRetrainingFailedLine);
+            return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kSetDetectorName, kRetrainingFailedLine);
         }
         ++pass;
         ostrel::log("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
@@ -232,7 +228,7 @@ int32_t ostrel_alg::removeSample(uint32_t index) {
     positive_sample_count = positives;
 
     if (trainClassifier() == 1) {
-        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kRemoveSampleName, kRemoveSampleLine);
+        return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kRemoveSampleName, ostrel::kRemoveSampleLine);
     }
     return 0;
 }

@@ -15,6 +15,7 @@
 #include <zlib.h>
 
 #include "common/log.h"
+#include "common/log_lines.h"
 
 namespace ostrel {
 
@@ -22,7 +23,6 @@ namespace {
 
 constexpr const char *kGetFileCrcFailFormat = "[getFileCRC fail, %s] input path empty (%s line:%d)\n";
 constexpr const char *kGetFileCrcName = "ostrel_alg::getFileCRC";
-constexpr const char *kEngineSourceName = "ostrel_alg";
 constexpr int kGetFileCrcLine = 2982;
 
 // Bytes asked of the stream at a time while a block's payload arrives, so
@@ -285,7 +285,7 @@ void read_trailer(std::istream &in, uint64_t *length, uint32_t *crc) {
 uint32_t getFileCRC(const std::string &path, uint64_t limit) {
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
-        log(kGetFileCrcFailFormat, kGetFileCrcName, kEngineSourceName, kGetFileCrcLine);
+        log(kGetFileCrcFailFormat, kGetFileCrcName, kEngineSource, kGetFileCrcLine);
         return 0;
     }
     // One byte per read call; the bytes are folded in batches, which gives

@@ -2,6 +2,7 @@
 // reduction) and conversion of 32-bit planes to bytes.
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@ using ostrel::acf_helper::image_resample_fix;
 using ostrel::acf_helper::resample_coef;
 using ostrel::acf_helper::resample_coefs;
 using ostrel::acf_helper::resample_factor_q13;
+using ostrel::acf_helper::truncate_saturated;
 
 constexpr float kGradientFactor = 0.005667f;
 
@@ -197,6 +199,17 @@ TEST(FixedPointFactor, ResampleFactor) {
 TEST(FixedPointFactor, ConvertFactor) {
     EXPECT_EQ(convert_factor_q14(1.0f), 16384);
     EXPECT_EQ(convert_factor_q14(kGradientFactor), 92);
+}
+
+// The factors' truncation (also the extractor's window sizes): toward zero,
+// saturated at both ends of the int32 range, NaN taken as 0.
+TEST(FixedPointFactor, TruncationSaturates) {
+    EXPECT_EQ(truncate_saturated(2.9f), 2);
+    EXPECT_EQ(truncate_saturated(-2.9f), -2);
+    EXPECT_EQ(truncate_saturated(3.0e9f), std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(truncate_saturated(-3.0e9f), std::numeric_limits<int32_t>::min());
+    EXPECT_EQ(truncate_saturated(std::numeric_limits<float>::infinity()), std::numeric_limits<int32_t>::max());
+    EXPECT_EQ(truncate_saturated(std::numeric_limits<float>::quiet_NaN()), 0);
 }
 
 // --- coefficient lists --------------------------------------------------------
