@@ -5,10 +5,7 @@
 #include <cstring>
 #include <limits>
 
-#if defined(__SSE2__) || defined(_M_X64)
-#include <emmintrin.h>
-#define OSTREL_WINDOW_SUMS_SSE2 1
-#endif
+#include "common/sse2.h"  // OSTREL_SSE2, with <emmintrin.h>
 #include "accurate/cpu_features.h"
 #if defined(OSTREL_HAVE_X86_VECTOR_LOOPS)
 #include <immintrin.h>
@@ -480,7 +477,7 @@ scan_choice choose_loop(const paired_map &map, const quantised_weights &weights,
     (void)weights;
     (void)blocks;
 #endif
-#if defined(OSTREL_WINDOW_SUMS_SSE2)
+#if defined(OSTREL_SSE2)
     choice.sse2 = path != sums_path::portable;
 #endif
     return choice;
@@ -517,7 +514,7 @@ void column_sums(const paired_map &map, const quantised_weights &weights, int32_
             const int16_t *w = weights.pairs.data() + (static_cast<size_t>(c) * weights.window_columns + r) * taps * 2;
             for (int32_t j = 0; j < taps; ++j) {
                 const int16_t *in = column + 4 * j;  // pair at row y + 2j starts at 2 * (y + 2j)
-#if defined(OSTREL_WINDOW_SUMS_SSE2)
+#if defined(OSTREL_SSE2)
                 if (choice.sse2) {
                     int32_t pair_bits;
                     std::memcpy(&pair_bits, w + 2 * j, sizeof pair_bits);
@@ -841,7 +838,7 @@ bool sums_path_available(sums_path path) {
         case sums_path::fastest:
             return true;
         case sums_path::sse2:
-#if defined(OSTREL_WINDOW_SUMS_SSE2)
+#if defined(OSTREL_SSE2)
             return true;
 #else
             return false;

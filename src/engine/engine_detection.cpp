@@ -14,6 +14,7 @@
 #include "detect/candidate_filter.h"
 #include "detect/color_labels.h"
 #include "detect/window_scan.h"
+#include "engine/engine_lines.h"
 #include "engine/input_limits.h"
 #include "engine/ostrel_alg.h"
 #include "engine/picture_cache.h"
@@ -21,12 +22,10 @@
 
 namespace {
 
-constexpr const char *kRunDetectorName = "ostrel_alg::runDetector";
-constexpr int kRunDetectorLine = 1135;
-// A marked box counts as found when a detection overlaps it this much.
-constexpr float kMarkedBoxOverlap = 0.3f;
-// Detections (label 1) a run reports at most.
-constexpr uint32_t kMaxReportedDetections = 32;
+using ostrel::kMarkedBoxOverlap;
+using ostrel::kMaxReportedDetections;
+using ostrel::kRunDetectorLine;
+using ostrel::kRunDetectorName;
 
 constexpr const char *kGetFeatureMapName = "ostrel_alg::getFeatureMap";
 constexpr int kGetFeatureMapLine = 1190;
