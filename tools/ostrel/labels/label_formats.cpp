@@ -8,7 +8,9 @@
 
 #include <pugixml.hpp>
 
-#include "atomic_file.h"
+#include "cli/tool_error.h"
+#include "files/atomic_file.h"
+#include "files/picture.h"
 #include "labels/coco_labels.h"
 #include "labels/cvat_labels.h"
 #include "labels/imglab_labels.h"
@@ -17,8 +19,6 @@
 #include "labels/picture_lookup.h"
 #include "labels/voc_labels.h"
 #include "labels/yolo_labels.h"
-#include "picture.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

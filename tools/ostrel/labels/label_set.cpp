@@ -5,7 +5,7 @@
 #include <cmath>
 #include <set>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace ostrel_tool {
 

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "tool_error.h"
-#include "tool_output.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
 
 namespace ostrel_tool {
 

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <fstream>
 
-#include "picture.h"
-#include "picture_file.h"
-#include "picture_header.h"
-#include "tool_error.h"
+#include "cli/tool_error.h"
+#include "files/picture.h"
+#include "files/picture_file.h"
+#include "files/picture_header.h"
 
 namespace ostrel_tool {
 

@@ -17,19 +17,19 @@
 
 #include <CLI/CLI.hpp>
 
-#include "api_error.h"
-#include "command_support.h"
-#include "commands.h"
-#include "exit_codes.h"
-#include "label_store.h"
+#include "cli/exit_codes.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "commands/command_support.h"
+#include "commands/commands.h"
 #include "labels/label_set.h"
-#include "picture_store.h"
-#include "studio_api.h"
-#include "studio_server.h"
-#include "tool_error.h"
-#include "tool_output.h"
-#include "web_assets.h"
-#include "workspace.h"
+#include "studio/api_error.h"
+#include "studio/label_store.h"
+#include "studio/picture_store.h"
+#include "studio/studio_api.h"
+#include "studio/studio_server.h"
+#include "studio/web_assets.h"
+#include "studio/workspace.h"
 
 #ifndef OSTREL_DATA_DIR
 #define OSTREL_DATA_DIR "data"

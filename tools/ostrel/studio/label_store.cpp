@@ -1,19 +1,19 @@
-#include "label_store.h"
+#include "studio/label_store.h"
 
 #include <algorithm>
 #include <filesystem>
 
-#include "api_error.h"
-#include "atomic_file.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "files/atomic_file.h"
+#include "files/picture.h"
 #include "labels/coco_labels.h"
 #include "labels/label_formats.h"
 #include "labels/label_text.h"
 #include "labels/voc_labels.h"
 #include "labels/yolo_labels.h"
-#include "picture.h"
-#include "safe_names.h"
-#include "tool_error.h"
-#include "tool_output.h"
+#include "studio/api_error.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -34,9 +34,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "box_geometry.h"
+#include "boxes/box_geometry.h"
 #include "labels/label_set.h"
-#include "picture_store.h"
+#include "studio/picture_store.h"
 
 namespace ostrel_tool {
 namespace studio {
