@@ -416,6 +416,28 @@ ModelInfo read_model_info(const std::string &path) {
 
 namespace {
 
+// The trailer both layouts end with: the length and the CRC, stored and as
+// computed from the content.
+std::string describe_trailer(const ModelInfo &info) {
+    std::string s;
+    s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
+    s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
+                   info.length_matches() ? "" : " (differs)");
+    s += strformat("stored CRC: 0x%08x\n", info.stored_crc);
+    s += strformat("computed CRC: 0x%08x\n", info.computed_crc);
+    s += strformat("CRC matches: %s\n", info.crc_matches() ? "yes" : "no");
+    return s;
+}
+
+// The file's size and every problem found while reading it.
+std::string describe_file(const ModelInfo &info) {
+    std::string s = strformat("file size: %llu\n", static_cast<unsigned long long>(info.file_size));
+    for (const auto &p : info.problems) {
+        s += "problem: " + p + "\n";
+    }
+    return s;
+}
+
 std::string describe_accurate(const ModelInfo &info) {
     std::string s;
     s += strformat("format: accurate model file, version %u\n", info.format_version);
@@ -443,18 +465,9 @@ std::string describe_accurate(const ModelInfo &info) {
         s += strformat("input_height: %d\n", info.input_height);
         s += strformat("bias: %d (%.7f)\n", info.bias, info.bias / 10000000.0);
         s += strformat("weights: min %d, max %d (x 1/10000000)\n", info.weight_min, info.weight_max);
-        s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
-        s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
-                       info.length_matches() ? "" : " (differs)");
-        s += strformat("stored CRC: 0x%08x\n", info.stored_crc);
-        s += strformat("computed CRC: 0x%08x\n", info.computed_crc);
-        s += strformat("CRC matches: %s\n", info.crc_matches() ? "yes" : "no");
+        s += describe_trailer(info);
     }
-    s += strformat("file size: %llu\n", static_cast<unsigned long long>(info.file_size));
-    for (const auto &p : info.problems) {
-        s += "problem: " + p + "\n";
-    }
-    return s;
+    return s + describe_file(info);
 }
 
 }  // namespace
@@ -482,17 +495,7 @@ std::string describe_model(const ModelInfo &info) {
             s += strformat("%s: %d x %d\n", filter_matrix_name(m), info.filter[m].rows, info.filter[m].cols);
         }
     }
-    s += strformat("content bytes (L): %llu\n", static_cast<unsigned long long>(info.content_length));
-    s += strformat("stored L: %llu%s\n", static_cast<unsigned long long>(info.stored_length),
-                   info.length_matches() ? "" : " (differs)");
-    s += strformat("stored CRC: 0x%08x\n", info.stored_crc);
-    s += strformat("computed CRC: 0x%08x\n", info.computed_crc);
-    s += strformat("CRC matches: %s\n", info.crc_matches() ? "yes" : "no");
-    s += strformat("file size: %llu\n", static_cast<unsigned long long>(info.file_size));
-    for (const auto &p : info.problems) {
-        s += "problem: " + p + "\n";
-    }
-    return s;
+    return s + describe_trailer(info) + describe_file(info);
 }
 
 }  // namespace ostrel_tool

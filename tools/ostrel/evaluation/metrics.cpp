@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include "evaluation/detection_quality.h"
+
 namespace ostrel_tool {
 
 PictureMatch match_detections(const std::vector<ScoredBox> &detections, const std::vector<LabelledBox> &labelled,
@@ -48,29 +50,10 @@ PictureMatch match_detections(const std::vector<ScoredBox> &detections, const st
     return m;
 }
 
+// Scores widened to double keep their order (and their ties), so the curve
+// is the one the evaluation measures.
 double average_precision(std::vector<std::pair<float, bool>> ranked, int objects) {
-    if (objects <= 0 || ranked.empty()) {
-        return 0.0;
-    }
-    std::stable_sort(ranked.begin(), ranked.end(), [](const auto &a, const auto &b) { return a.first > b.first; });
-    const size_t n = ranked.size();
-    std::vector<double> precision(n), recall(n);
-    int tp = 0;
-    for (size_t i = 0; i < n; ++i) {
-        tp += ranked[i].second ? 1 : 0;
-        precision[i] = static_cast<double>(tp) / static_cast<double>(i + 1);
-        recall[i] = static_cast<double>(tp) / objects;
-    }
-    for (size_t i = n - 1; i > 0; --i) {
-        precision[i - 1] = std::max(precision[i - 1], precision[i]);
-    }
-    double ap = 0.0;
-    double previous_recall = 0.0;
-    for (size_t i = 0; i < n; ++i) {
-        ap += (recall[i] - previous_recall) * precision[i];
-        previous_recall = recall[i];
-    }
-    return ap;
+    return all_point_average_precision(std::vector<std::pair<double, bool>>(ranked.begin(), ranked.end()), objects);
 }
 
 QualitySummary summarise(const std::vector<PictureMatch> &pictures) {

@@ -45,8 +45,7 @@ bool flag_value(const std::optional<std::string> &text) {
     if (!text) {
         return false;
     }
-    std::string v = *text;
-    std::transform(v.begin(), v.end(), v.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string v = ascii_lowered(*text);
     if (v == "true" || v == "yes") {
         return true;
     }
@@ -177,14 +176,9 @@ std::vector<Rect> boxes_of_class(const VocAnnotation &annotation, const std::str
 
 namespace {
 
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
-
 bool is_picture_extension(const fs::path &p) {
     static const char *exts[] = {".jpg", ".jpeg", ".png", ".bmp", ".tif", ".tiff", ".webp", ".ppm", ".pgm"};
-    const std::string e = lower(p.extension().string());
+    const std::string e = ascii_lowered(p.extension().string());
     return std::any_of(std::begin(exts), std::end(exts), [&](const char *x) { return e == x; });
 }
 
@@ -211,7 +205,7 @@ std::vector<VocItem> read_voc_folder(const std::string &dir, bool use_path_eleme
 
     std::vector<fs::path> xml_files;
     for (const auto &entry : fs::directory_iterator(annotations, ec)) {
-        if (entry.is_regular_file() && lower(entry.path().extension().string()) == ".xml") {
+        if (entry.is_regular_file() && ascii_lowered(entry.path().extension().string()) == ".xml") {
             xml_files.push_back(entry.path());
         }
     }
