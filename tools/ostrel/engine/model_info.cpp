@@ -171,6 +171,20 @@ uint32_t model_crc32(const uint8_t *data, size_t size) {
 
 namespace {
 
+// What the trailer says against what was read: a length that differs from
+// the records' end, and bytes after the trailer.
+void add_trailer_problems(ModelInfo &info) {
+    if (!info.length_matches()) {
+        info.problems.push_back(strformat("trailer: its length field says %llu bytes, the records end at byte %llu",
+                                          static_cast<unsigned long long>(info.stored_length),
+                                          static_cast<unsigned long long>(info.content_length)));
+    }
+    if (info.bytes_after_trailer() > 0) {
+        info.problems.push_back(strformat("%llu bytes follow the trailer",
+                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
+    }
+}
+
 // The accurate layout, after the magic (already read by r).
 void parse_accurate(Reader &r, ModelInfo &info, const std::string &source) {
     info.accurate = true;
@@ -263,15 +277,7 @@ ModelInfo parse_accurate_from(ByteSource &bytes, const std::string &source) {
     info.computed_crc = r.finish_crc();
     info.stored_length = r.u64("the trailer");
     info.stored_crc = r.u32("the trailer");
-    if (!info.length_matches()) {
-        info.problems.push_back(strformat("trailer: its length field says %llu bytes, the records end at byte %llu",
-                                          static_cast<unsigned long long>(info.stored_length),
-                                          static_cast<unsigned long long>(info.content_length)));
-    }
-    if (info.bytes_after_trailer() > 0) {
-        info.problems.push_back(strformat("%llu bytes follow the trailer",
-                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
-    }
+    add_trailer_problems(info);
     return info;
 }
 
@@ -349,15 +355,7 @@ ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
         }
     }
     add_consistency_problems(info);
-    if (!info.length_matches()) {
-        info.problems.push_back(strformat("trailer: its length field says %llu bytes, the records end at byte %llu",
-                                          static_cast<unsigned long long>(info.stored_length),
-                                          static_cast<unsigned long long>(info.content_length)));
-    }
-    if (info.bytes_after_trailer() > 0) {
-        info.problems.push_back(strformat("%llu bytes follow the trailer",
-                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
-    }
+    add_trailer_problems(info);
     return info;
 }
 
