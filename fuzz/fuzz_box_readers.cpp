@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "box_io.h"
-#include "tool_error.h"
-#include "voc_annotations.h"
+#include "boxes/box_io.h"
+#include "cli/tool_error.h"
+#include "files/voc_annotations.h"
 
 namespace {
 

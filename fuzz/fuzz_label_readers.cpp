@@ -19,6 +19,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "cli/tool_error.h"
 #include "labels/coco_labels.h"
 #include "labels/cvat_labels.h"
 #include "labels/imglab_labels.h"
@@ -26,7 +27,6 @@
 #include "labels/labelstudio_labels.h"
 #include "labels/voc_labels.h"
 #include "labels/yolo_labels.h"
-#include "tool_error.h"
 
 namespace {
 

@@ -18,8 +18,8 @@
 
 #include <zlib.h>
 
-#include "picture_file.h"
-#include "picture_header.h"
+#include "files/picture_file.h"
+#include "files/picture_header.h"
 
 namespace {
 

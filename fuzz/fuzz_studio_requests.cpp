@@ -34,11 +34,11 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-#include "picture_store.h"
-#include "studio_api.h"
-#include "studio_server.h"
-#include "web_assets.h"
-#include "workspace.h"
+#include "studio/picture_store.h"
+#include "studio/studio_api.h"
+#include "studio/studio_server.h"
+#include "studio/web_assets.h"
+#include "studio/workspace.h"
 
 namespace fs = std::filesystem;
 using namespace ostrel_tool::studio;

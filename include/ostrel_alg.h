@@ -894,7 +894,7 @@ OSTREL_ALG_API int32_t ostrel_alg_setProgressHandler(ostrel_alg *handle, ostrel_
  * ---------------------------------------------------------------------- */
 
 /*
- * Two formats, and the file says which (README, "Model file layout"):
+ * Two formats, and the file says which (docs/model-formats.md):
  *   - the classic format, without a magic number, as it always was; every
  *     model made under the classic profile is written so, byte for byte as
  *     before, and read as before (the same lines, the same model);

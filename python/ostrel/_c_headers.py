@@ -3,7 +3,7 @@
 The pixel limits of pictures read from files are defined once, in C: the
 library's OSTREL_ALG_MAX_PICTURE_PIXELS in ``include/ostrel_alg.h`` and the
 ostrel tool's default limit, kDefaultMaxPicturePixels in
-``tools/ostrel/picture_file.h``; so are the window sizes a model holds,
+``tools/ostrel/files/picture_file.h``; so are the window sizes a model holds,
 OSTREL_ALG_MIN_WINDOW_WEIGHTS and OSTREL_ALG_MAX_WINDOW_WEIGHTS, and the
 version, OSTREL_ALG_VERSION_*, in ``include/ostrel_alg.h``. ``setup.py`` reads them from the checkout
 when the package is installed and writes them into ``_header_values.py``;
@@ -19,7 +19,7 @@ from pathlib import Path
 # name: (file in the checkout, pattern whose group 1 is the number)
 _VALUES = {
     "MAX_PICTURE_PIXELS": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MAX_PICTURE_PIXELS\s+(\d+)\b"),
-    "DEFAULT_MAX_PICTURE_PIXELS": ("tools/ostrel/picture_file.h", r"\bkDefaultMaxPicturePixels\s*=\s*(\d+)\s*;"),
+    "DEFAULT_MAX_PICTURE_PIXELS": ("tools/ostrel/files/picture_file.h", r"\bkDefaultMaxPicturePixels\s*=\s*(\d+)\s*;"),
     "MIN_WINDOW_WEIGHTS": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MIN_WINDOW_WEIGHTS\s+(\d+)\b"),
     "MAX_WINDOW_WEIGHTS": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MAX_WINDOW_WEIGHTS\s+(\d+)\b"),
     "VERSION_MAJOR": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_VERSION_MAJOR\s+(\d+)\b"),

@@ -6,7 +6,7 @@ is looked at first (opening some devices does something), then opened
 without waiting (O_NONBLOCK: a FIFO would wait for a writer for ever) and
 looked at again through the open file, in case it was swapped meanwhile.
 
-Writing (the model files of Detector.save), as tools/ostrel/atomic_file
+Writing (the model files of Detector.save), as tools/ostrel/files/atomic_file
 does for every output of the tool:
 
 - a symbolic link is written through: its target is replaced and the link

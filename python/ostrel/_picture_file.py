@@ -1,5 +1,5 @@
 """Picture files as ostrel.detect_files reads them: by the rules of the
-ostrel tool (tools/ostrel/picture_header.*, picture_file.*, picture.cpp),
+ostrel tool (tools/ostrel/files/picture_header.*, picture_file.*, picture.cpp),
 so that the package refuses exactly what the tool refuses.
 
 - Only a regular file is read (never a FIFO, device or folder), by the

@@ -1,5 +1,5 @@
 """Detections written for other tools: what ``ostrel detect --format`` writes
-(tools/ostrel/detection_output.*), from Python results."""
+(tools/ostrel/batch/detection_output.*), from Python results."""
 from __future__ import annotations
 
 import json

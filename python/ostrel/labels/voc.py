@@ -1,5 +1,5 @@
 """Pascal VOC: one XML file per picture (1-based, inclusive corners), and
-folders of them (tools/ostrel/voc_annotations.*, labels/voc_labels.*)."""
+folders of them (tools/ostrel/files/voc_annotations.*, labels/voc_labels.*)."""
 from __future__ import annotations
 
 import math

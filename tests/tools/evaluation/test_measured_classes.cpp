@@ -5,8 +5,8 @@
 // a file's classes take (the labels', then the file's own).
 #include <gtest/gtest.h>
 
+#include "cli/tool_error.h"
 #include "evaluation/measured_classes.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 namespace {

@@ -4,13 +4,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "support/test_data.h"
+#include "tools/support/tool_test_support.h"
 
 namespace label_fixture {
 
@@ -18,12 +18,7 @@ namespace fs = std::filesystem;
 
 inline fs::path label_files() { return fs::path(__FILE__).parent_path().parent_path() / "label_files"; }
 
-inline std::string bytes_of(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using ::bytes_of;
 
 inline void write(const fs::path &path, const std::string &text) {
     fs::create_directories(path.parent_path());

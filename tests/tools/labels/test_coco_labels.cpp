@@ -2,10 +2,10 @@
 // refusals of malformed files with the key and the reason.
 #include <gtest/gtest.h>
 
+#include "cli/tool_error.h"
 #include "label_fixture.h"
 #include "labels/coco_labels.h"
 #include "labels/label_formats.h"
-#include "tool_error.h"
 
 using namespace ostrel_tool;
 using label_fixture::LabelFiles;

@@ -2,10 +2,10 @@
 // writer makes for import, and the refusals with the key.
 #include <gtest/gtest.h>
 
+#include "cli/tool_error.h"
 #include "label_fixture.h"
 #include "labels/label_formats.h"
 #include "labels/labelstudio_labels.h"
-#include "tool_error.h"
 
 using namespace ostrel_tool;
 using label_fixture::LabelFiles;

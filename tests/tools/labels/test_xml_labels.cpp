@@ -2,12 +2,12 @@
 // label set; what the tools write and the refusals with the line.
 #include <gtest/gtest.h>
 
+#include "cli/tool_error.h"
 #include "label_fixture.h"
 #include "labels/cvat_labels.h"
 #include "labels/imglab_labels.h"
 #include "labels/label_formats.h"
 #include "labels/voc_labels.h"
-#include "tool_error.h"
 
 using namespace ostrel_tool;
 using label_fixture::LabelFiles;

@@ -2,10 +2,10 @@
 // class names of data.yaml and classes.txt, and the refusals with the line.
 #include <gtest/gtest.h>
 
+#include "cli/tool_error.h"
 #include "label_fixture.h"
 #include "labels/label_formats.h"
 #include "labels/yolo_labels.h"
-#include "tool_error.h"
 
 using namespace ostrel_tool;
 using label_fixture::LabelFiles;

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
+#include "cli/tool_error.h"
 #include "labels/coco_labels.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

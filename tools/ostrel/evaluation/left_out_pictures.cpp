@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "cli/tool_error.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

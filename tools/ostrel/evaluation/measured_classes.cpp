@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 namespace ostrel_tool {
 

@@ -2,7 +2,7 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "tool_output.h"
+#include "cli/tool_output.h"
 
 namespace ostrel_tool {
 

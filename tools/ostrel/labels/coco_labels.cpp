@@ -5,9 +5,9 @@
 #include <map>
 #include <set>
 
+#include "cli/tool_error.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

@@ -6,9 +6,9 @@
 
 #include <pugixml.hpp>
 
+#include "cli/tool_error.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

@@ -8,7 +8,9 @@
 
 #include <pugixml.hpp>
 
-#include "atomic_file.h"
+#include "cli/tool_error.h"
+#include "files/atomic_file.h"
+#include "files/picture.h"
 #include "labels/coco_labels.h"
 #include "labels/cvat_labels.h"
 #include "labels/imglab_labels.h"
@@ -17,19 +19,12 @@
 #include "labels/picture_lookup.h"
 #include "labels/voc_labels.h"
 #include "labels/yolo_labels.h"
-#include "picture.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
 
 enum class FileKind { none, voc, coco, coco_results, yolo, cvat, labelstudio, imglab };
 
@@ -78,8 +73,8 @@ FileKind json_kind(const std::string &path) {
 }
 
 FileKind file_kind(const fs::path &path) {
-    const std::string ext = lower(path.extension().string());
-    const std::string name = lower(path.filename().string());
+    const std::string ext = ascii_lowered(path.extension().string());
+    const std::string name = ascii_lowered(path.filename().string());
     if (ext == ".xml") {
         return xml_kind(path.string());
     }
@@ -150,8 +145,8 @@ std::map<LabelFormat, std::vector<std::string>> formats_in(const fs::path &dir) 
     for (const auto &folder : folders) {
         int xml_seen = 0;
         for (const auto &file : sorted_files(folder)) {
-            const std::string ext = lower(file.extension().string());
-            const std::string name = lower(file.filename().string());
+            const std::string ext = ascii_lowered(file.extension().string());
+            const std::string name = ascii_lowered(file.filename().string());
             pictures_here = pictures_here || (folder == dir && is_picture_file_name(file));
             FileKind kind = FileKind::none;
             if (ext == ".xml") {
@@ -163,7 +158,7 @@ std::map<LabelFormat, std::vector<std::string>> formats_in(const fs::path &dir) 
             } else if (ext == ".json") {
                 kind = json_kind(file.string());
             } else if (name == "data.yaml" || name == "data.yml" || name == "classes.txt" || name == "obj.names" ||
-                       (ext == ".txt" && lower(folder.filename().string()) == "labels")) {
+                       (ext == ".txt" && ascii_lowered(folder.filename().string()) == "labels")) {
                 kind = FileKind::yolo;
             }
             if (kind == FileKind::none || kind == FileKind::coco_results) {

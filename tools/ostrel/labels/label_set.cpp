@@ -5,7 +5,8 @@
 #include <cmath>
 #include <set>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
+#include "labels/label_text.h"
 
 namespace ostrel_tool {
 
@@ -20,12 +21,6 @@ constexpr FormatName kFormatNames[] = {
     {LabelFormat::cvat, "cvat"},       {LabelFormat::labelstudio, "labelstudio"},
     {LabelFormat::imglab, "imglab"},
 };
-
-std::string lowered(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 std::string trimmed(const std::string &text) {
     const size_t first = text.find_first_not_of(" \t");
@@ -50,7 +45,7 @@ const char *format_name(LabelFormat format) {
 }
 
 std::optional<LabelFormat> format_of_name(const std::string &name) {
-    const std::string n = lowered(name);
+    const std::string n = ascii_lowered(name);
     for (const auto &f : kFormatNames) {
         if (n == f.name) {
             return f.format;

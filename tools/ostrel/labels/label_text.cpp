@@ -9,8 +9,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "tool_error.h"
-#include "tool_output.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
 
 namespace ostrel_tool {
 
@@ -230,9 +230,8 @@ pugi::xml_encoding declared_xml_encoding(const std::string &text) {
         return pugi::encoding_auto;
     }
     const size_t end = head.find("?>");
-    std::string declaration = head.substr(0, end == std::string::npos ? std::min<size_t>(head.size(), 200) : end);
-    std::transform(declaration.begin(), declaration.end(), declaration.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const std::string declaration =
+        ascii_lowered(head.substr(0, end == std::string::npos ? std::min<size_t>(head.size(), 200) : end));
     for (const char *latin1 : {"iso-8859-1", "latin1", "latin-1", "iso8859-1"}) {
         if (declaration.find(std::string("\"") + latin1 + "\"") != std::string::npos ||
             declaration.find(std::string("'") + latin1 + "'") != std::string::npos) {
@@ -277,6 +276,12 @@ std::optional<std::string> child_text(const pugi::xml_node &parent, const char *
         return std::string();
     }
     return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+std::string ascii_lowered(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
 }
 
 std::optional<bool> flag_text(const std::string &text) {

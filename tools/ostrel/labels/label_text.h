@@ -96,6 +96,10 @@ int line_of(const pugi::xml_node &node, const std::string &text);
 // nothing when there is no such child.
 std::optional<std::string> child_text(const pugi::xml_node &parent, const char *tag);
 
+// The text in lower case, byte by byte (std::tolower): for file extensions,
+// names and keywords compared without regard to case.
+std::string ascii_lowered(std::string text);
+
 // "0"/"1", "true"/"false", "yes"/"no" (any case); nothing for anything else.
 std::optional<bool> flag_text(const std::string &text);
 

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <map>
 
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
-#include "tool_output.h"
 
 namespace ostrel_tool {
 

@@ -4,21 +4,17 @@
 #include <algorithm>
 #include <fstream>
 
-#include "picture.h"
-#include "picture_file.h"
-#include "picture_header.h"
-#include "tool_error.h"
+#include "cli/tool_error.h"
+#include "files/picture.h"
+#include "files/picture_file.h"
+#include "files/picture_header.h"
+#include "labels/label_text.h"
 
 namespace ostrel_tool {
 
 namespace fs = std::filesystem;
 
 namespace {
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return s;
-}
-
 // A JPEG's size lies in its first start-of-frame segment, after the
 // metadata segments (an embedded thumbnail among them), which rarely take
 // more than this.
@@ -27,7 +23,7 @@ constexpr size_t kHeaderBytes = 512 * 1024;
 
 bool is_picture_file_name(const fs::path &path) {
     static const char *exts[] = {".jpg", ".jpeg", ".png", ".bmp", ".tif", ".tiff", ".webp", ".ppm", ".pgm"};
-    const std::string e = lower(path.extension().string());
+    const std::string e = ascii_lowered(path.extension().string());
     return std::any_of(std::begin(exts), std::end(exts), [&](const char *x) { return e == x; });
 }
 

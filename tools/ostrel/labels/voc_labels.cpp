@@ -6,10 +6,10 @@
 
 #include <pugixml.hpp>
 
+#include "cli/tool_error.h"
+#include "files/picture.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "picture.h"
-#include "tool_error.h"
 
 namespace ostrel_tool {
 

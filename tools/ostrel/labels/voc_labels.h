@@ -9,9 +9,9 @@
 
 #include <string>
 
+#include "files/voc_annotations.h"
 #include "labels/label_set.h"
 #include "labels/label_writing.h"
-#include "voc_annotations.h"
 
 namespace ostrel_tool {
 

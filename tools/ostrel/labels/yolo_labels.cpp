@@ -7,10 +7,10 @@
 #include <map>
 #include <set>
 
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
 #include "labels/label_text.h"
 #include "labels/picture_lookup.h"
-#include "tool_error.h"
-#include "tool_output.h"
 
 namespace ostrel_tool {
 

@@ -1,11 +1,11 @@
-#include "api_requests.h"
+#include "studio/api_requests.h"
 
 #include <limits>
 
 #include <nlohmann/json.hpp>
 
-#include "api_error.h"
-#include "tool_output.h"
+#include "cli/tool_output.h"
+#include "studio/api_error.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "box_geometry.h"
+#include "boxes/box_geometry.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -17,19 +17,19 @@
 
 #include <CLI/CLI.hpp>
 
-#include "api_error.h"
-#include "command_support.h"
-#include "commands.h"
-#include "exit_codes.h"
-#include "label_store.h"
+#include "cli/exit_codes.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "commands/command_support.h"
+#include "commands/commands.h"
 #include "labels/label_set.h"
-#include "picture_store.h"
-#include "studio_api.h"
-#include "studio_server.h"
-#include "tool_error.h"
-#include "tool_output.h"
-#include "web_assets.h"
-#include "workspace.h"
+#include "studio/api_error.h"
+#include "studio/label_store.h"
+#include "studio/picture_store.h"
+#include "studio/studio_api.h"
+#include "studio/studio_server.h"
+#include "studio/web_assets.h"
+#include "studio/workspace.h"
 
 namespace ostrel_tool {
 
@@ -235,7 +235,7 @@ void add_studio_command(CLI::App &app, CommandAction &action) {
         "Ctrl-C stops it. Every box marked in the browser is saved at once as a label file next to its picture\n"
         "(Pascal VOC unless --labels says otherwise); labels other tools left in the folder are shown too.\n"
         "Pictures added in the browser, and their labels, are kept in a temporary folder for the session.\n"
-        "The JSON interface under /api/ is described in the README.\n\n" +
+        "The JSON interface under /api/ is described in docs/studio.md.\n\n" +
         std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_studio(*o); }; });
 }

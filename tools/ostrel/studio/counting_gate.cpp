@@ -1,4 +1,4 @@
-#include "counting_gate.h"
+#include "studio/counting_gate.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,4 +1,4 @@
-#include "engine_thread.h"
+#include "studio/engine_thread.h"
 
 namespace ostrel_tool {
 namespace studio {

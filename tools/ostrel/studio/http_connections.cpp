@@ -1,4 +1,4 @@
-#include "http_connections.h"
+#include "studio/http_connections.h"
 
 #include <algorithm>
 #include <cerrno>

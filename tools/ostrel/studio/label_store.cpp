@@ -1,19 +1,19 @@
-#include "label_store.h"
+#include "studio/label_store.h"
 
 #include <algorithm>
 #include <filesystem>
 
-#include "api_error.h"
-#include "atomic_file.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "files/atomic_file.h"
+#include "files/picture.h"
 #include "labels/coco_labels.h"
 #include "labels/label_formats.h"
 #include "labels/label_text.h"
 #include "labels/voc_labels.h"
 #include "labels/yolo_labels.h"
-#include "picture.h"
-#include "safe_names.h"
-#include "tool_error.h"
-#include "tool_output.h"
+#include "studio/api_error.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {
@@ -207,13 +207,7 @@ void LabelStore::read_own(const std::vector<PictureEntry> &entries) {
         if (!fs::exists(file, ec)) return;
         try {
             const LabelSet set = read_coco_labels(file);
-            for (const std::string &c : set.classes) {
-                try {
-                    check_class_name(c);
-                    add_class_locked(c);
-                } catch (const ApiError &) {
-                }
-            }
+            add_set_classes_locked(set.classes);
             for (const LabelledPicture &p : set.pictures) {
                 const std::string path = canonical_or_empty(p.picture_path);
                 for (const PictureEntry &e : entries) {
@@ -288,13 +282,7 @@ void LabelStore::read_others(const std::vector<PictureEntry> &entries) {
                 notes_.push_back(e.what());
                 continue;
             }
-            for (const std::string &c : set.classes) {
-                try {
-                    check_class_name(c);
-                    add_class_locked(c);
-                } catch (const ApiError &) {
-                }
-            }
+            add_set_classes_locked(set.classes);
             for (const LabelledPicture &p : set.pictures) {
                 const auto it = by_path.find(canonical_or_empty(p.picture_path));
                 if (p.picture_path.empty() || it == by_path.end()) continue;
@@ -326,6 +314,16 @@ void LabelStore::read_existing() {
     }
     if (classes_.empty()) {
         add_class_locked("object");
+    }
+}
+
+void LabelStore::add_set_classes_locked(const std::vector<std::string> &classes) {
+    for (const std::string &c : classes) {
+        try {
+            check_class_name(c);
+            add_class_locked(c);
+        } catch (const ApiError &) {
+        }
     }
 }
 

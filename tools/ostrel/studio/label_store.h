@@ -34,9 +34,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "box_geometry.h"
+#include "boxes/box_geometry.h"
 #include "labels/label_set.h"
-#include "picture_store.h"
+#include "studio/picture_store.h"
 
 namespace ostrel_tool {
 namespace studio {
@@ -123,6 +123,8 @@ private:
     void read_others(const std::vector<PictureEntry> &entries);
     void take(const PictureEntry &entry, const LabelledPicture &picture, bool own);
     void add_class_locked(const std::string &name, const std::string &color = "");
+    // The classes of a label set the studio can keep; other names are passed over.
+    void add_set_classes_locked(const std::vector<std::string> &classes);
     void write_locked(const PictureEntry &entry);
     void write_whole_set_locked(const std::string &folder);
     void write_class_names_locked();

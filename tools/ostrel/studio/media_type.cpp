@@ -1,9 +1,9 @@
-#include "media_type.h"
+#include "studio/media_type.h"
 
 #include <cctype>
 #include <cstring>
 
-#include "safe_names.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {

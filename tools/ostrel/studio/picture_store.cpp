@@ -1,15 +1,15 @@
-#include "picture_store.h"
+#include "studio/picture_store.h"
 
 #include <algorithm>
 #include <chrono>
 
 #include <opencv2/imgcodecs.hpp>
 
-#include "api_error.h"
-#include "atomic_file.h"
-#include "safe_names.h"
-#include "tool_error.h"
-#include "tool_output.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "files/atomic_file.h"
+#include "studio/api_error.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {

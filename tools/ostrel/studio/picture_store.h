@@ -17,10 +17,10 @@
 #include <string>
 #include <vector>
 
-#include "counting_gate.h"
-#include "picture.h"
-#include "picture_header.h"
-#include "read_only_file.h"
+#include "files/picture.h"
+#include "files/picture_header.h"
+#include "studio/counting_gate.h"
+#include "studio/read_only_file.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,4 +1,4 @@
-#include "read_only_file.h"
+#include "studio/read_only_file.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "api_error.h"
+#include "studio/api_error.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,10 +1,10 @@
-#include "request_guard.h"
+#include "studio/request_guard.h"
 
 #include <fstream>
 #include <random>
 
-#include "api_error.h"
-#include "safe_names.h"
+#include "studio/api_error.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,4 +1,4 @@
-#include "safe_names.h"
+#include "studio/safe_names.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,4 +1,4 @@
-#include "studio_api.h"
+#include "studio/studio_api.h"
 
 #include <algorithm>
 #include <chrono>
@@ -8,18 +8,18 @@
 
 #include <opencv2/imgcodecs.hpp>
 
-#include "api_error.h"
-#include "api_requests.h"
-#include "box_io.h"
-#include "cli.h"
-#include "media_type.h"
-#include "command_support.h"
+#include "boxes/box_io.h"
+#include "cli/cli.h"
+#include "cli/tool_output.h"
+#include "commands/command_support.h"
+#include "files/picture.h"
 #include "labels/coco_labels.h"
 #include "labels/label_formats.h"
-#include "picture.h"
-#include "zip_archive.h"
-#include "safe_names.h"
-#include "tool_output.h"
+#include "studio/api_error.h"
+#include "studio/api_requests.h"
+#include "studio/media_type.h"
+#include "studio/safe_names.h"
+#include "studio/zip_archive.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "label_store.h"
-#include "picture_store.h"
-#include "api_requests.h"
-#include "read_only_file.h"
-#include "workspace.h"
+#include "studio/api_requests.h"
+#include "studio/label_store.h"
+#include "studio/picture_store.h"
+#include "studio/read_only_file.h"
+#include "studio/workspace.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,14 +1,14 @@
-#include "studio_server.h"
+#include "studio/studio_server.h"
 
 #include <algorithm>
 #include <vector>
 
 #include <httplib.h>
 
-#include "api_error.h"
-#include "safe_names.h"
-#include "tool_error.h"
-#include "tool_output.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "studio/api_error.h"
+#include "studio/safe_names.h"
 
 namespace ostrel_tool {
 namespace studio {

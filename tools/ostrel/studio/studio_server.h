@@ -19,11 +19,11 @@
 #include <memory>
 #include <string>
 
-#include "counting_gate.h"
-#include "http_connections.h"
-#include "request_guard.h"
-#include "studio_api.h"
-#include "web_assets.h"
+#include "studio/counting_gate.h"
+#include "studio/http_connections.h"
+#include "studio/request_guard.h"
+#include "studio/studio_api.h"
+#include "studio/web_assets.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,4 +1,4 @@
-#include "training_monitor.h"
+#include "studio/training_monitor.h"
 
 #include <cmath>
 

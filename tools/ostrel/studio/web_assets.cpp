@@ -1,4 +1,4 @@
-#include "web_assets.h"
+#include "studio/web_assets.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -6,7 +6,7 @@
 #include <sstream>
 #include <vector>
 
-#include "tool_error.h"
+#include "cli/tool_error.h"
 
 #ifndef OSTREL_STUDIO_SOURCE_WEB_DIR
 #define OSTREL_STUDIO_SOURCE_WEB_DIR ""

@@ -1,4 +1,4 @@
-#include "workspace.h"
+#include "studio/workspace.h"
 
 #include <algorithm>
 #include <chrono>
@@ -6,15 +6,15 @@
 #include <fstream>
 #include <sstream>
 
-#include "api_error.h"
-#include "atomic_file.h"
-#include "command_support.h"
-#include "label_store.h"
-#include "model_info.h"
-#include "model_usability.h"
-#include "tool_error.h"
-#include "tool_output.h"
-#include "training_set.h"
+#include "cli/tool_error.h"
+#include "cli/tool_output.h"
+#include "commands/command_support.h"
+#include "engine/model_info.h"
+#include "engine/model_usability.h"
+#include "files/atomic_file.h"
+#include "files/training_set.h"
+#include "studio/api_error.h"
+#include "studio/label_store.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -38,11 +38,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "box_geometry.h"
-#include "engine.h"
-#include "engine_thread.h"
-#include "picture_store.h"
-#include "training_monitor.h"
+#include "boxes/box_geometry.h"
+#include "engine/engine.h"
+#include "studio/engine_thread.h"
+#include "studio/picture_store.h"
+#include "studio/training_monitor.h"
 
 namespace ostrel_tool {
 namespace studio {

@@ -1,4 +1,4 @@
-#include "zip_archive.h"
+#include "studio/zip_archive.h"
 
 #include <cstdint>
 #include <stdexcept>

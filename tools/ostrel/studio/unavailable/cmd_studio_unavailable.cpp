@@ -2,8 +2,8 @@
 // exists and says why it cannot run.
 #include <CLI/CLI.hpp>
 
-#include "commands.h"
-#include "tool_error.h"
+#include "cli/tool_error.h"
+#include "commands/commands.h"
 
 namespace ostrel_tool {
 

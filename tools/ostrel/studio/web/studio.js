@@ -1,5 +1,5 @@
 // ostrel studio: the page. It talks to the studio only through the JSON
-// interface under /api/ (see the README). The boxes a person marks are the
+// interface under /api/ (see docs/studio.md). The boxes a person marks are the
 // picture's labels: every change is sent to the studio, which keeps them in
 // label files next to the pictures, so a reload or a restart loses nothing.
 'use strict';

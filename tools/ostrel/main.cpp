@@ -1,4 +1,0 @@
-// ostrel: the command-line host of the ostrel_alg library.
-#include "cli.h"
-
-int main(int argc, char **argv) { return ostrel_tool::run_cli(argc, argv); }
