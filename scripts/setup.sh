@@ -16,6 +16,7 @@ packages=(
   jq                       # a test pipes `ostrel detect --json` into it
   hyperfine                # bench/time_cli.sh: end-to-end timing of the tool
   clang libclang-rt-14-dev # libFuzzer target and its runtime
+  clang-format clang-tidy   # scripts/check-format.sh and scripts/check-tidy.sh
   g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 dpkg-dev  # the Windows DLL and its tests under Wine
   gfortran-mingw-w64-x86-64-posix libeigen3-dev  # the Windows OpenCV's LAPACK and Eigen, as Debian's
   libcpp-httplib-dev       # the HTTP server of `ostrel studio`

@@ -11,9 +11,11 @@
 #      each, when present (longer runs: scripts/fuzz.sh SECONDS TARGET),
 #   5. the Python package's tests,
 #   6. the Windows DLL, cross-built with MinGW-w64 and tested under Wine,
-#   7. the studio over HTTP and in a headless browser.
+#   7. the studio over HTTP and in a headless browser,
 #   8. the Debian package and the Python wheel, installed and used as a user
 #      would (as root: the package is installed and purged again).
+# After the release tests, the sources' layout (.clang-format) and
+# clang-tidy's checks (.clang-tidy) are checked as well.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -49,6 +51,11 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 cmake --build build -j"$jobs"
 stage "release tests"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+stage "format and tidy checks"
+echo "== format and clang-tidy checks"
+scripts/check-format.sh
+scripts/check-tidy.sh build  # needs the release build's compile_commands.json
 
 stage "address/undefined sanitizer build"
 echo "== sanitizer build and tests (address, undefined)"
