@@ -165,14 +165,14 @@ int32_t ostrel_alg::exportAccurateModel(const std::string &path) {
     }
     std::FILE *out = std::fopen(path.c_str(), "wb");
     if (out == nullptr) {
-        ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+        ostrel::log_failure(kExportOpenFailFormat, kExportModelName, path.c_str());
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot create the model file " + path).c_str());
         return 1;
     }
     const bool written = std::fwrite(bytes.data(), 1, bytes.size(), out) == bytes.size();
     const bool closed = std::fclose(out) == 0;
     if (!written || !closed) {
-        ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
+        ostrel::log_failure(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportWriteLine);
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
         return 1;
     }

@@ -109,12 +109,12 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
             return exportAccurateModel(path);
         }
         if (ostrel::checkSvmModel(svm_model)) {
-            ostrel::log(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
+            ostrel::log_failure(kSvmValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(pca_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
+            ostrel::log_failure(kPcaValueWrongFormat, kExportModelName, ostrel::kEngineSource, kExportPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -122,13 +122,13 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
 
         std::ofstream out(path, std::ios::binary | std::ios::out | std::ios::trunc);
         if (!out.is_open()) {
-            ostrel::log(kExportOpenFailFormat, kExportModelName, path.c_str());
+            ostrel::log_failure(kExportOpenFailFormat, kExportModelName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE,
                                  ("cannot create the model file " + path).c_str());
             return 1;
         }
         if (ostrel::write_svm_block(out, svm_model) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
+            ostrel::log_failure(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportSvmWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
@@ -137,7 +137,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         // is written, so the file always matches the filter it carries.
         ostrel::getBestFPThreshold(pca_filter, training_samples);
         if (ostrel::write_filter_block(out, pca_filter) != 0) {
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
+            ostrel::log_failure(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportFilterWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             out.close();
             return 1;
@@ -154,7 +154,7 @@ int32_t ostrel_alg::exportModel(const std::string &path) {
         if (!written || !append) {
             // A file without its trailer is not a model file: say so rather
             // than report success.
-            ostrel::log(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
+            ostrel::log_failure(kFileWriteFailFormat, kExportModelName, ostrel::kEngineSource, kExportTrailerWriteLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE, ("cannot write the model file " + path).c_str());
             return 1;
         }
@@ -185,31 +185,31 @@ int32_t ostrel_alg::importModel(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kImportModelName, path.c_str());
+            ostrel::log_failure(kReadOpenFailFormat, kImportModelName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model read_model = copy_of_record(svm_model);
         if (ostrel::read_svm_block(in, read_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
+            ostrel::log_failure(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportSvmReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(read_model)) {
-            ostrel::log(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
+            ostrel::log_failure(kSvmValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         ostrel::pca_fp_filter read_filter = filter_file_fields(pca_filter);
         if (ostrel::read_filter_block(in, read_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
+            ostrel::log_failure(kFileReadFailFormat, kImportModelName, ostrel::kEngineSource, kImportFilterReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkPcaFilter(read_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
+            ostrel::log_failure(kPcaValueWrongFormat, kImportModelName, ostrel::kEngineSource, kImportPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -257,31 +257,31 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         std::ifstream in(path, std::ios::binary);
         if (!in.is_open()) {
-            ostrel::log(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
+            ostrel::log_failure(kReadOpenFailFormat, kCheckModelValidationName, path.c_str());
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
             return 1;
         }
         ostrel::svm_model scratch_model;
         if (ostrel::read_svm_block(in, scratch_model) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
+            ostrel::log_failure(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         ostrel::pca_fp_filter scratch_filter;
         if (ostrel::read_filter_block(in, scratch_filter) != 0) {
-            ostrel::log(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
+            ostrel::log_failure(kFileReadFailFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckFilterReadLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  ("the model file " + path + " ends inside its records").c_str());
             return 1;
         }
         if (ostrel::checkSvmModel(scratch_model)) {
-            ostrel::log(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
+            ostrel::log_failure(kSvmValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckSvmWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
             return 1;
         }
         if (ostrel::checkPcaFilter(scratch_filter)) {
-            ostrel::log(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
+            ostrel::log_failure(kPcaValueWrongFormat, kCheckModelValidationName, ostrel::kEngineSource, kCheckPcaWrongLine);
             ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                                  "the false-positive filter's values are out of their range");
             return 1;
@@ -301,7 +301,7 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         ostrel::log(kStoredLengthFormat, static_cast<unsigned long long>(stored_length),
                     static_cast<unsigned long long>(total_length));
-        ostrel::log(kCrcMismatchFormat, stored_crc, computed_crc);
+        ostrel::log_failure(kCrcMismatchFormat, stored_crc, computed_crc);
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                              ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;

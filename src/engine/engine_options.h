@@ -41,6 +41,9 @@ const option_range *option_table(int32_t *count);
 const option_range *find_option(int32_t id);
 // Whether value lies in the option's range.
 bool within_range(const option_range &range, int32_t value);
+// The least value of the range other than an automatic 0: with the maximum
+// and the default, what the range is to a host (ostrel_alg_getOptionRange).
+int32_t least_chosen_value(const option_range &range);
 
 struct engine_options {
     int32_t profile = kProfileClassic;
