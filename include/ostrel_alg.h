@@ -47,15 +47,17 @@
  *   thread, reused only by engines with the same feature configuration:
  *   engines of the two profiles never share features). The random draws
  *   of training belong to the engine
- *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler may be called from
- *   any thread at any time. There is no other process-wide state: an
+ *   (ostrel_alg_setRandomSeed). ostrel_alg_setLogHandler and
+ *   ostrel_alg_setLogRecordHandler may be called from any thread at any
+ *   time. There is no other process-wide state: an
  *   engine's last failure and progress handler belong to the engine, and
  *   the last failure of calls without an engine to the calling thread.
  *
  * Log lines
  *   The library reports through one printf-style function, one message per
  *   call, to standard output or, once the host has installed one, to its
- *   log handler (ostrel_alg_setLogHandler), which then receives every
+ *   log handler (ostrel_alg_setLogHandler, or ostrel_alg_setLogRecordHandler
+ *   to receive each message's severity with it), which then receives every
  *   message instead. Interface failures look like
  *     [Alg.Fail] <function> (ostrel_alg_lib line:<n>)
  *   and failures inside the engine like
@@ -308,11 +310,15 @@ OSTREL_ALG_API int32_t ostrel_alg_init(ostrel_alg *handle);
  * Parameters
  * ---------------------------------------------------------------------- */
 
+/* Sensitivities a host may set, both inclusive. */
+#define OSTREL_ALG_MIN_SENSITIVITY 0
+#define OSTREL_ALG_MAX_SENSITIVITY 100
+
 /*
  * Sets how readily the detector reports a box, 0..100 (higher finds more).
  * The confidence threshold becomes 90 at 0, 50 at 79 and 80, 30 at 100
  * (ostrel_alg_getConfidenceOfSensitivity gives every value).
- * Values above 100 return 1 and change nothing.
+ * Values above OSTREL_ALG_MAX_SENSITIVITY return 1 and change nothing.
  */
 OSTREL_ALG_API int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity);
 
@@ -487,6 +493,21 @@ OSTREL_ALG_API int32_t ostrel_alg_getModelId(ostrel_alg *handle, uint32_t *model
 OSTREL_ALG_API int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value);
 
 /*
+ * The values ostrel_alg_setOption takes for option number `option`, from
+ * the table setOption itself checks against: every value from *minimum to
+ * *maximum (both inclusive), and *default_value, the option's default (for
+ * the two heights 0, automatic, which lies below their minimum of 8). Any
+ * of the three pointers may be null and is then skipped. The minimum height
+ * must not lie above the maximum set (see above); that depends on the
+ * engine, not on the range. Needs no engine, logs nothing on success, may
+ * be called from any thread at any time. Returns 0; 1 with a log line and
+ * nothing written for an unknown option (the calling thread's failure
+ * record then says so, code OSTREL_ALG_ERR_BAD_ARGUMENT).
+ */
+OSTREL_ALG_API int32_t ostrel_alg_getOptionRange(int32_t option, int32_t *minimum, int32_t *maximum,
+                                                 int32_t *default_value);
+
+/*
  * Writes the value of option number `option` to *value (the default until
  * it is set). Returns 1, with one log line and *value untouched, for a
  * null handle, a null value or an unknown option.
@@ -526,6 +547,34 @@ OSTREL_ALG_API int32_t ostrel_alg_getOption(ostrel_alg *handle, int32_t option, 
  */
 OSTREL_ALG_API int32_t ostrel_alg_setDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
                                                   const ostrel_alg_box *boxes, int32_t count);
+
+/*
+ * Says, before a person marks it, whether the detector can learn box as
+ * the first box of a new picture of picture_width x picture_height pixels,
+ * under the engine's rule as set-up applies it (classic profile): the box
+ * is at least 1 x 1 pixel; its window on the feature map covers a whole
+ * cell each way and no more than the map; it has as many features as the
+ * training samples the engine already holds (a model learns one window);
+ * and a model file can hold its weights (OSTREL_ALG_MIN_WINDOW_WEIGHTS to
+ * OSTREL_ALG_MAX_WINDOW_WEIGHTS: set-up would train such a window, but the
+ * model could not be exported). Only the box's size and the picture's size
+ * count, not where the box lies. Reads only the box's width and height;
+ * changes nothing in the engine but its failure record.
+ *   *code receives OSTREL_ALG_ERR_OK when the box can be learnt, else the
+ *   reason: BOX_NOT_LEARNABLE (too small, too large, or not the window of
+ *   the samples held; the message says which and what to do, for instance
+ *   "use a larger box"), BAD_PICTURE (a size below 1 x 1),
+ *   PICTURE_TOO_LARGE (above OSTREL_ALG_MAX_PICTURE_PIXELS), WRONG_PROFILE
+ *   (the engine is set to the accurate profile, whose set-up checks a
+ *   picture's boxes together: there, call set-up and read its failure).
+ *   code may be null.
+ * Returns 0 when the box can be learnt; 1 when it cannot, or for a null
+ * handle or box, with a log line (OSTREL_ALG_LOG_FAILURE) and the reason in
+ * the engine's failure record (ostrel_alg_getLastError). The host owns box.
+ * Threads: like every call on an engine.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_checkBox(ostrel_alg *handle, int32_t picture_width, int32_t picture_height,
+                                           const ostrel_alg_box *box, int32_t *code);
 
 /*
  * Makes the random background samples of this engine reproducible: from
@@ -720,6 +769,46 @@ typedef void (*ostrel_alg_log_handler)(const char *message, void *user);
  */
 OSTREL_ALG_API int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user);
 
+/*
+ * Severity of a message, set by the library where it writes the message (a
+ * program never needs to read the words of a message to sort it):
+ *   OSTREL_ALG_LOG_DETAIL    what the library did, for a person tracing it
+ *                            (the "[Debug]" lines, the channel routines'
+ *                            notes).
+ *   OSTREL_ALG_LOG_PROGRESS  a step of a training ended ("[Alg. Scc]"
+ *                            lines); the progress records
+ *                            (ostrel_alg_setProgressHandler) carry the same
+ *                            steps as numbers.
+ *   OSTREL_ALG_LOG_FAILURE   why a call fails: the lines logged on the way
+ *                            to its status 1, from the one that says what
+ *                            was wrong to the location lines ("[Alg.Fail]",
+ *                            "[Alg. FAIL!]", ...).
+ * Numbers are never reused; treat an unknown severity like DETAIL.
+ */
+#define OSTREL_ALG_LOG_DETAIL 0
+#define OSTREL_ALG_LOG_PROGRESS 1
+#define OSTREL_ALG_LOG_FAILURE 2
+
+/*
+ * Receives one message of the library with its severity (OSTREL_ALG_LOG_*);
+ * message and user as for ostrel_alg_log_handler.
+ */
+typedef void (*ostrel_alg_log_record_handler)(int32_t severity, const char *message, void *user);
+
+/*
+ * Like ostrel_alg_setLogHandler, for a handler that also receives each
+ * message's severity. The messages are the same, byte for byte. There is
+ * one destination: installing a handler of either kind replaces the handler
+ * of the other kind, and a null handler of either kind sends every message
+ * to standard output again. Every rule of ostrel_alg_setLogHandler holds:
+ * process-wide; called on the logging thread, so thread-safe; one whole
+ * message per call; must not call the library (contained as described
+ * there: from inside a handler this returns 1 and changes nothing); once it
+ * returns, the old handler is never called again. May be called at any
+ * time from any thread. Returns 0.
+ */
+OSTREL_ALG_API int32_t ostrel_alg_setLogRecordHandler(ostrel_alg_log_record_handler handler, void *user);
+
 /* ------------------------------------------------------------------------
  * Errors
  *
@@ -811,11 +900,14 @@ OSTREL_ALG_API int32_t ostrel_alg_getLastError(ostrel_alg *handle, int32_t *code
 /* ------------------------------------------------------------------------
  * Progress
  *
- * A host that shows how training goes installs a progress handler on the
- * engine. The engine calls it at each step of set-up (ostrel_alg_setDetector*,
- * and the retraining of ostrel_alg_removeSample), with one record that says
- * which step ended and what it counted. The log lines report the same steps
- * in words, for people; a program reads these records.
+ * A host that shows how training and detection go installs a progress
+ * handler on the engine. The engine calls it at each step of set-up
+ * (ostrel_alg_setDetector*, and the retraining of ostrel_alg_removeSample)
+ * and at the end of each detection run (ostrel_alg_runDetector*), with one
+ * record that says which step ended and what it counted. The log lines
+ * report the training's steps in words, for people; a program reads these
+ * records. A handler changes nothing else: the same log lines, models and
+ * boxes as without one.
  *
  * Stages (numbers are never reused; ignore a stage you do not know):
  *   SAMPLES        classic: samples were cut for the marked boxes or for
@@ -836,6 +928,12 @@ OSTREL_ALG_API int32_t ostrel_alg_getLastError(ostrel_alg *handle, int32_t *code
  *   MINING_ROUND   accurate: a round of mining ended. round = the round,
  *                  hard_windows_added of hard_windows_found were added;
  *                  object_windows, background_windows = the totals now.
+ *   DETECTION      either profile: a detection run of the host's call
+ *                  ended and returns its boxes. done of total pictures are
+ *                  searched (a call searches one picture: 1 of 1). A run
+ *                  that fails reports nothing. The detections of a
+ *                  training's own passes are part of the training and are
+ *                  not reported.
  * Fields a stage does not name are 0. seconds = time since the host's call
  * began.
  * ---------------------------------------------------------------------- */
@@ -846,9 +944,11 @@ OSTREL_ALG_API int32_t ostrel_alg_getLastError(ostrel_alg *handle, int32_t *code
 #define OSTREL_ALG_STAGE_PASS 5
 #define OSTREL_ALG_STAGE_ACCURATE_TRAINING 6
 #define OSTREL_ALG_STAGE_MINING_ROUND 7
+#define OSTREL_ALG_STAGE_DETECTION 8
 
-/* Progress record (48 bytes), owned by the library, valid during the
- * handler's call only. */
+/* Progress record (56 bytes), owned by the library, valid during the
+ * handler's call only. done and total came after the first version's 48
+ * bytes; a host built against that version reads those 48 as before. */
 typedef struct ostrel_alg_progress {
     int32_t stage;
     int32_t round;
@@ -861,10 +961,14 @@ typedef struct ostrel_alg_progress {
     int32_t hard_windows_added;
     int32_t hard_windows_found;
     double seconds;
+    int32_t done;
+    int32_t total;
 } ostrel_alg_progress;
 
-OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_progress) == 48, "progress record is 48 bytes");
+OSTREL_ALG_STATIC_ASSERT(sizeof(ostrel_alg_progress) == 56, "progress record is 56 bytes");
 OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_progress, seconds) == 40, "progress.seconds at 40");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_progress, done) == 48, "progress.done at 48");
+OSTREL_ALG_STATIC_ASSERT(offsetof(ostrel_alg_progress, total) == 52, "progress.total at 52");
 
 /* Receives one progress record; user is the pointer given with the
  * handler. */

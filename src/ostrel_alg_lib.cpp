@@ -11,6 +11,8 @@
 #include "common/progress.h"
 #include "common/utf16_path.h"
 #include "engine/engine_options.h"
+#include "engine/input_limits.h"
+#include "engine/learnable_window.h"
 #include "engine/ostrel_alg.h"
 #include "engine/sensitivity.h"
 
@@ -31,7 +33,7 @@ constexpr const char *kLibExceptionFormat = "[Alg.Exc!] %s (%s line:%d): %s\n";
 constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\n";
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
 constexpr const char *kLongPathFormat = "[Alg.Fail] %s: the path is longer than %u UTF-16 units\n";
-constexpr const char *kSensitivityAboveFormat = "[Alg.Fail] %s: sensitivity %u is above 100\n";
+constexpr const char *kSensitivityAboveFormat = "[Alg.Fail] %s: sensitivity %u is above %u\n";
 constexpr const char *kUnconvertedPathFormat = "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
 
 // Line numbers of each function's failure line; they are part of the
@@ -71,11 +73,12 @@ enum LibLine : int {
     kGetClassNamePtrLine = 611,
     kGetBoxClassesPtrLine = 627,
     kSetProgressHandlerLine = 643,
+    kCheckBoxLine = 659,
 };
 
 bool handle_ok(const ostrel_alg *handle, const char *function, int line) {
     if (handle == nullptr) {
-        ostrel::log(kLibFailFormat, function, kLibSource, line);
+        ostrel::log_failure(kLibFailFormat, function, kLibSource, line);
         ostrel::note_failure(OSTREL_ALG_ERR_BAD_ARGUMENT, "the engine handle is null");
         return false;
     }
@@ -140,6 +143,56 @@ int32_t guarded(const char *function, int line, Operation &&operation) {
     return 1;
 }
 
+// One detection run of the host's call; a run that returns its boxes is
+// reported to the progress handler (the runs inside a training are not: they
+// are that training's business).
+int32_t run_detection(ostrel_alg &engine, const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
+    const int32_t status = engine.runDetector(image, out);
+    if (status == 0) {
+        ostrel_alg_progress ended = ostrel::progress_record(OSTREL_ALG_STAGE_DETECTION);
+        ended.done = 1;
+        ended.total = 1;
+        ostrel::report_progress(ended);
+    }
+    return status;
+}
+
+// Whether the engine can learn box as the first box of a new picture of
+// width x height pixels: the set-up's own rule, and a window a model file
+// can hold.
+int32_t check_box(const ostrel_alg &engine, int32_t width, int32_t height, const ostrel_alg_box &box,
+                  const char *function) {
+    if (engine.options.is_accurate()) {
+        ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
+                     "[Alg.Fail] %s: the accurate profile checks the boxes of a picture together, at set-up\n",
+                     function);
+        return 1;
+    }
+    if (width < 1 || height < 1) {
+        ostrel::fail(OSTREL_ALG_ERR_BAD_PICTURE, "[Alg.Fail] %s: a picture of %d x %d pixels is below 1 x 1\n",
+                     function, width, height);
+        return 1;
+    }
+    if (!ostrel::picture_within_pixel_limit(width, height)) {
+        ostrel::fail(OSTREL_ALG_ERR_PICTURE_TOO_LARGE,
+                     "[Alg.Fail] %s: a picture of %d x %d pixels is larger than the limit of %lld pixels\n", function,
+                     width, height, static_cast<long long>(ostrel::kMaxPicturePixels));
+        return 1;
+    }
+    if (!engine.feat_extractor) {
+        ostrel::fail(OSTREL_ALG_ERR_INTERNAL, "[Alg.Fail] %s: the engine has no feature extractor\n", function);
+        return 1;
+    }
+    const ostrel::learning_state state = ostrel::learning_state_of(*engine.feat_extractor, engine.training_samples);
+    const ostrel::window_check check =
+        ostrel::check_storable_window({box}, width, height, state.map, state.held_sample_features);
+    if (check.verdict == ostrel::window_verdict::learnable) {
+        return 0;
+    }
+    ostrel::fail_unlearnable_box(check, box, width, height, state.map, function);
+    return 1;
+}
+
 int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, const char *function,
                             int32_t (*plain)(ostrel_alg *, std::string)) {
     std::string narrow;
@@ -190,7 +243,7 @@ int32_t ostrel_alg_create(ostrel_alg **handle) {
             }
             // The engine is deliberately not freed here: a host may still hold
             // on to pointers handed out while init ran.
-            ostrel::log(kLibFailFormat, function, kLibSource, kCreateInitFailedLine);
+            ostrel::log_failure(kLibFailFormat, function, kLibSource, kCreateInitFailedLine);
             ostrel::note_failure(OSTREL_ALG_ERR_INTERNAL, "the new engine could not be initialised");
             return status;
         } catch (const std::exception &e) {
@@ -222,7 +275,7 @@ int32_t ostrel_alg_init(ostrel_alg *handle) {
         return guarded(function, kInitFailedLine, [&] {
             const int32_t status = handle->init();
             if (status != 0) {
-                ostrel::log(kLibFailFormat, function, kLibSource, kInitFailedLine);
+                ostrel::log_failure(kLibFailFormat, function, kLibSource, kInitFailedLine);
                 ostrel::note_failure(OSTREL_ALG_ERR_INTERNAL, "the engine could not be initialised");
             }
             return status;
@@ -236,9 +289,10 @@ int32_t ostrel_alg_setSensitivity(ostrel_alg *handle, uint32_t sensitivity) {
             return 1;
         }
         // The engine takes the inverted value and inverts it again.
-        const int32_t status = handle->setSensitivity(100u - sensitivity);
+        const int32_t status = handle->setSensitivity(ostrel::kMaxSensitivity - sensitivity);
         if (status != 0) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity);
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity,
+                         ostrel::kMaxSensitivity);
         }
         return status;
     });
@@ -250,7 +304,8 @@ int32_t ostrel_alg_getConfidenceOfSensitivity(uint32_t sensitivity, uint32_t *pe
             return 1;
         }
         if (sensitivity > ostrel::kMaxSensitivity) {
-            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity);
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kSensitivityAboveFormat, function, sensitivity,
+                         ostrel::kMaxSensitivity);
             return 1;
         }
         *percent = static_cast<uint32_t>(ostrel::confidence_of_sensitivity(sensitivity));
@@ -280,7 +335,7 @@ int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image
         if (!handle_ok(handle, function, kRunDetectorLine)) {
             return 1;
         }
-        return guarded(function, kRunDetectorLine, [&] { return handle->runDetector(image, out); });
+        return guarded(function, kRunDetectorLine, [&] { return run_detection(*handle, image, out); });
     });
 }
 
@@ -293,7 +348,7 @@ int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostrel_alg_image *i
         }
         return guarded(function, kRunDetectorPtrLine, [&] {
             std::vector<ostrel_alg_box> results;
-            const int32_t status = handle->runDetector(image, results);
+            const int32_t status = run_detection(*handle, image, results);
             *boxes = handle->result_boxes.get();
             *count = handle->result_box_count;
             return status;
@@ -421,6 +476,23 @@ int32_t ostrel_alg_getSamples(ostrel_alg *handle, std::vector<ostrel_alg_sample>
     });
 }
 
+int32_t ostrel_alg_checkBox(ostrel_alg *handle, int32_t picture_width, int32_t picture_height,
+                            const ostrel_alg_box *box, int32_t *code) {
+    const int32_t status = api_call(handle, __func__, [&](const char *function) -> int32_t {
+        if (!handle_ok(handle, function, kCheckBoxLine) || !argument_ok(box, function, "box")) {
+            return 1;
+        }
+        return guarded(function, kCheckBoxLine,
+                       [&] { return check_box(*handle, picture_width, picture_height, *box, function); });
+    });
+    if (code != nullptr) {
+        // The reason is the one the call has just filed.
+        *code = status == 0 ? OSTREL_ALG_ERR_OK
+                            : (handle != nullptr ? handle->last_failure : ostrel::thread_failure()).code;
+    }
+    return status;
+}
+
 int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples, uint32_t *count) {
     return api_call(handle, __func__, [&](const char *function) -> int32_t {
         if (!handle_ok(handle, function, kGetSamplesPtrLine) || !argument_ok(samples, function, "samples") ||
@@ -539,6 +611,11 @@ int32_t ostrel_alg_setLogHandler(ostrel_alg_log_handler handler, void *user) {
     return ostrel::set_log_handler(handler, user) ? 0 : 1;
 }
 
+int32_t ostrel_alg_setLogRecordHandler(ostrel_alg_log_record_handler handler, void *user) {
+    // Refused only from inside a handler, without a line, as above.
+    return ostrel::set_log_record_handler(handler, user) ? 0 : 1;
+}
+
 int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) {
     return api_call(handle, __func__, [&](const char *function) -> int32_t {
         if (!handle_ok(handle, function, kSetOptionLine)) {
@@ -566,6 +643,20 @@ int32_t ostrel_alg_setOption(ostrel_alg *handle, int32_t option, int32_t value) 
         }
         handle->options.set(option, value);
         handle->options.set_by_host |= 1u << option;
+        return 0;
+    });
+}
+
+int32_t ostrel_alg_getOptionRange(int32_t option, int32_t *minimum, int32_t *maximum, int32_t *default_value) {
+    return api_call(nullptr, __func__, [&](const char *function) -> int32_t {
+        const ostrel::option_range *range = ostrel::find_option(option);
+        if (range == nullptr) {
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s: option %d is unknown\n", function, option);
+            return 1;
+        }
+        if (minimum != nullptr) *minimum = ostrel::least_chosen_value(*range);
+        if (maximum != nullptr) *maximum = range->maximum;
+        if (default_value != nullptr) *default_value = range->default_value;
         return 0;
     });
 }

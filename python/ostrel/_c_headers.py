@@ -4,7 +4,9 @@ The pixel limits of pictures read from files are defined once, in C: the
 library's OSTREL_ALG_MAX_PICTURE_PIXELS in ``include/ostrel_alg.h`` and the
 ostrel tool's default limit, kDefaultMaxPicturePixels in
 ``tools/ostrel/files/picture_file.h``; so are the window sizes a model holds,
-OSTREL_ALG_MIN_WINDOW_WEIGHTS and OSTREL_ALG_MAX_WINDOW_WEIGHTS, and the
+OSTREL_ALG_MIN_WINDOW_WEIGHTS and OSTREL_ALG_MAX_WINDOW_WEIGHTS, the
+sensitivities a detector takes, OSTREL_ALG_MIN_SENSITIVITY and
+OSTREL_ALG_MAX_SENSITIVITY, and the
 version, OSTREL_ALG_VERSION_*, in ``include/ostrel_alg.h``. ``setup.py`` reads them from the checkout
 when the package is installed and writes them into ``_header_values.py``;
 a package used straight from its checkout reads them here.
@@ -22,6 +24,8 @@ _VALUES = {
     "DEFAULT_MAX_PICTURE_PIXELS": ("tools/ostrel/files/picture_file.h", r"\bkDefaultMaxPicturePixels\s*=\s*(\d+)\s*;"),
     "MIN_WINDOW_WEIGHTS": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MIN_WINDOW_WEIGHTS\s+(\d+)\b"),
     "MAX_WINDOW_WEIGHTS": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MAX_WINDOW_WEIGHTS\s+(\d+)\b"),
+    "MIN_SENSITIVITY": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MIN_SENSITIVITY\s+(\d+)\b"),
+    "MAX_SENSITIVITY": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_MAX_SENSITIVITY\s+(\d+)\b"),
     "VERSION_MAJOR": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_VERSION_MAJOR\s+(\d+)\b"),
     "VERSION_MINOR": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_VERSION_MINOR\s+(\d+)\b"),
     "VERSION_PATCH": ("include/ostrel_alg.h", r"#define\s+OSTREL_ALG_VERSION_PATCH\s+(\d+)\b"),

@@ -56,7 +56,7 @@ _REQUIRED = {
     "ostrel_alg_exportModel_ptr": [ctypes.c_void_p, ctypes.c_char_p],
     "ostrel_alg_importModel_ptr": [ctypes.c_void_p, ctypes.c_char_p],
     "ostrel_alg_checkModelValidation_ptr": [ctypes.c_void_p, ctypes.c_char_p],
-    "ostrel_alg_setLogHandler": [rec.LOG_HANDLER, ctypes.c_void_p],
+    "ostrel_alg_setLogRecordHandler": [rec.LOG_RECORD_HANDLER, ctypes.c_void_p],
 }
 
 # Functions that older libraries lack; the package looks them up and says
@@ -73,6 +73,7 @@ _OPTIONAL = {
     "ostrel_alg_getVersion": [_p(_c_int32), _p(_c_int32), _p(_c_int32)],
     "ostrel_alg_getLastError": [ctypes.c_void_p, _p(_c_int32), ctypes.c_char_p, ctypes.c_size_t],
     "ostrel_alg_setProgressHandler": [ctypes.c_void_p, rec.PROGRESS_HANDLER, ctypes.c_void_p],
+    "ostrel_alg_checkBox": [ctypes.c_void_p, _c_int32, _c_int32, _p(rec.BoxRecord), _p(_c_int32)],
 }
 
 

@@ -9,14 +9,17 @@ written into ``_header_values.py`` at install time, or read from the
 checkout the package is used from. ``MIN_WINDOW_WEIGHTS`` and
 ``MAX_WINDOW_WEIGHTS``: the weights a detector's window may have
 (OSTREL_ALG_MIN_WINDOW_WEIGHTS..OSTREL_ALG_MAX_WINDOW_WEIGHTS).
+``MIN_SENSITIVITY`` and ``MAX_SENSITIVITY``: the sensitivities a detector
+takes (OSTREL_ALG_MIN_SENSITIVITY..OSTREL_ALG_MAX_SENSITIVITY).
 """
 from __future__ import annotations
 
 from pathlib import Path
 
 try:
-    from ._header_values import (DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS, MAX_WINDOW_WEIGHTS,
-                                 MIN_WINDOW_WEIGHTS, VERSION_MAJOR, VERSION_MINOR, VERSION_PATCH)
+    from ._header_values import (DEFAULT_MAX_PICTURE_PIXELS, MAX_PICTURE_PIXELS, MAX_SENSITIVITY,
+                                 MAX_WINDOW_WEIGHTS, MIN_SENSITIVITY, MIN_WINDOW_WEIGHTS, VERSION_MAJOR,
+                                 VERSION_MINOR, VERSION_PATCH)
 except ImportError:  # used straight from its checkout
     from ._c_headers import read_values
 
@@ -25,6 +28,8 @@ except ImportError:  # used straight from its checkout
     DEFAULT_MAX_PICTURE_PIXELS = _values["DEFAULT_MAX_PICTURE_PIXELS"]
     MIN_WINDOW_WEIGHTS = _values["MIN_WINDOW_WEIGHTS"]
     MAX_WINDOW_WEIGHTS = _values["MAX_WINDOW_WEIGHTS"]
+    MIN_SENSITIVITY = _values["MIN_SENSITIVITY"]
+    MAX_SENSITIVITY = _values["MAX_SENSITIVITY"]
     VERSION_MAJOR = _values["VERSION_MAJOR"]
     VERSION_MINOR = _values["VERSION_MINOR"]
     VERSION_PATCH = _values["VERSION_PATCH"]

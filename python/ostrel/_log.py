@@ -1,15 +1,15 @@
 """The library's messages: to Python's ``logging`` and to the failing call.
 
-The package installs one process-wide log handler when it loads the
-library, so nothing the library says reaches standard output. Each message
-goes to the logger ``"ostrel"``:
+The package installs one process-wide log record handler when it loads the
+library, so nothing the library says reaches standard output. The library
+gives every message its severity where it writes it, and each message goes
+to the logger ``"ostrel"`` at the level of that severity:
 
-- failures at WARNING: messages whose bracketed tag says so
-  (``[Alg.Fail]``, ``[Alg. FAIL!]``, ``[Alg.Exc!]``, ``[exception]``,
-  ``[CRC values ERROR]``, ``[SVM model values wrong]``, ...) and reports of
-  invalid image data,
-- training progress (``[Alg. Scc]``) at INFO,
-- everything else (``[Debug]`` and the channel routines' lines) at DEBUG,
+- failures (``OSTREL_ALG_LOG_FAILURE``: the lines of a call that fails) at
+  WARNING,
+- training progress (``OSTREL_ALG_LOG_PROGRESS``) at INFO,
+- details (``OSTREL_ALG_LOG_DETAIL``, and any severity this package does not
+  know) at DEBUG,
 
 with its line end removed. The messages that a call made on the current
 thread are also collected, so that an :class:`ostrel.Error` can carry them
@@ -30,25 +30,17 @@ if TYPE_CHECKING:
 
 logger = logging.getLogger("ostrel")
 
-# Words of the library's bracketed tags that mark a failure.
-_FAILURE_TAG_WORDS = ("fail", "wrong", "error", "exc")
-_PROGRESS_PREFIX = "[Alg. Scc]"
+_LEVELS = {rec.LOG_FAILURE: logging.WARNING, rec.LOG_PROGRESS: logging.INFO, rec.LOG_DETAIL: logging.DEBUG}
 
 _collected = threading.local()
 
 
-def level_of(message: str) -> int:
-    """The logging level of one library message."""
-    text = message.lstrip()
-    tag = text[:text.find("]") + 1].lower() if text.startswith("[") else ""
-    if any(word in tag for word in _FAILURE_TAG_WORDS) or "invalid image data" in text:
-        return logging.WARNING
-    if text.startswith(_PROGRESS_PREFIX):
-        return logging.INFO
-    return logging.DEBUG
+def level_of(severity: int) -> int:
+    """The logging level of a library message of this severity (OSTREL_ALG_LOG_*)."""
+    return _LEVELS.get(severity, logging.DEBUG)
 
 
-def _on_message(message: Optional[bytes], user: Any) -> None:
+def _on_message(severity: int, message: Optional[bytes], user: Any) -> None:
     # An exception must not escape into the library's stack frame: ctypes
     # would only print it. Whatever happens, the message is not lost from
     # the call's own record.
@@ -57,20 +49,20 @@ def _on_message(message: Optional[bytes], user: Any) -> None:
         lines = getattr(_collected, "lines", None)
         if lines is not None:
             lines.append(text)
-        logger.log(level_of(text), "%s", text.rstrip("\r\n"))
+        logger.log(level_of(severity), "%s", text.rstrip("\r\n"))
     except BaseException:  # noqa: BLE001 - nothing may escape into C
         pass
 
 
 # The C function pointer must live as long as the library may call it.
-_handler = rec.LOG_HANDLER(_on_message)
+_handler = rec.LOG_RECORD_HANDLER(_on_message)
 _installed: Optional["Library"] = None
 
 
 def install(library: "Library") -> None:
     """Routes the library's messages to this module for the rest of the process."""
     global _installed
-    if library.setLogHandler(_handler, None) != 0:
+    if library.setLogRecordHandler(_handler, None) != 0:
         raise OSError(f"the ostrel_alg library at {library.path} refused the log handler")
     _installed = library
     atexit.register(_uninstall)
@@ -80,7 +72,7 @@ def _uninstall() -> None:
     # While the interpreter shuts down, a late message (an engine freed by
     # the last garbage collection) must not call into Python any more.
     if _installed is not None:
-        _installed.setLogHandler(rec.LOG_HANDLER(), None)
+        _installed.setLogRecordHandler(rec.LOG_RECORD_HANDLER(), None)
 
 
 def call(function: Callable[..., int], *arguments: Any) -> tuple[int, list[str]]:

@@ -63,12 +63,17 @@ class SampleRecord(ctypes.Structure):
     ]
 
 
-LOG_HANDLER = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_void_p)
-"""``ostrel_alg_log_handler``: ``void (*)(const char *message, void *user)``."""
+LOG_RECORD_HANDLER = ctypes.CFUNCTYPE(None, ctypes.c_int32, ctypes.c_char_p, ctypes.c_void_p)
+"""``ostrel_alg_log_record_handler``: ``void (*)(int32_t severity, const char *message, void *user)``."""
+
+# Severities of a library message (OSTREL_ALG_LOG_*).
+LOG_DETAIL = 0
+LOG_PROGRESS = 1
+LOG_FAILURE = 2
 
 
 class ProgressRecord(ctypes.Structure):
-    """``ostrel_alg_progress``: one step of a training."""
+    """``ostrel_alg_progress``: one step of a training, or a detection run."""
 
     _fields_ = [
         ("stage", ctypes.c_int32),
@@ -82,6 +87,8 @@ class ProgressRecord(ctypes.Structure):
         ("hard_windows_added", ctypes.c_int32),
         ("hard_windows_found", ctypes.c_int32),
         ("seconds", ctypes.c_double),
+        ("done", ctypes.c_int32),
+        ("total", ctypes.c_int32),
     ]
 
 
@@ -90,7 +97,7 @@ PROGRESS_HANDLER = ctypes.CFUNCTYPE(None, ctypes.POINTER(ProgressRecord), ctypes
 
 # Stages of a progress record (OSTREL_ALG_STAGE_*).
 STAGE_NAMES = {1: "samples", 2: "box_skipped", 3: "filter_rebuilt", 4: "trained", 5: "pass",
-               6: "accurate_training", 7: "mining_round"}
+               6: "accurate_training", 7: "mining_round", 8: "detection"}
 
 # Codes of the library's last failure (OSTREL_ALG_ERR_*).
 ERR_OK = 0
@@ -120,7 +127,8 @@ def _check_layout() -> None:
                          "color_main": 24, "color_second": 28}),
         ThumbImageRecord: (32, {"width": 0, "height": 4, "channels": 8, "data": 16, "image_key": 24}),
         SampleRecord: (48, {"label": 0, "reserved0": 4, "image": 8, "reserved1": 40}),
-        ProgressRecord: (48, {"stage": 0, "round": 4, "samples": 8, "hard_windows_found": 36, "seconds": 40}),
+        ProgressRecord: (56, {"stage": 0, "round": 4, "samples": 8, "hard_windows_found": 36, "seconds": 40,
+                              "done": 48, "total": 52}),
     }
     for record, (size, offsets) in expected.items():
         if ctypes.sizeof(record) != size:

@@ -130,7 +130,7 @@ class Detector:
     def __init__(self, sensitivity: int = DEFAULT_SENSITIVITY, seed: Optional[int] = None,
                  profile: str = DEFAULT_PROFILE) -> None:
         self._handle: Optional[ctypes.c_void_p] = None
-        sensitivity = _inputs.integer(sensitivity, "sensitivity", 0, 100)
+        sensitivity = _inputs.integer(sensitivity, "sensitivity", _limits.MIN_SENSITIVITY, _limits.MAX_SENSITIVITY)
         if seed is not None:
             seed = _inputs.integer(seed, "seed", 0, _inputs.UINT32_MAX)
         from_file = profile is _PROFILE_OF_THE_FILE
@@ -363,7 +363,8 @@ class Detector:
             if key is not None and key == self._training_key and pixels.shape != self._training_shape:
                 raise ValueError(f"key {key} was trained on a picture of another size; equal keys mean equal "
                                  f"pixels: give this picture its own key, or none")
-            if classic:
+            # The same key again retrains on what the engine holds: the boxes are not read.
+            if classic and not (key is not None and key == self._training_key):
                 self._check_window(pixels, marked)
             chosen = _inputs.key(key, pixels.shape)
             records = (rec.BoxRecord * len(marked))()
@@ -378,26 +379,29 @@ class Detector:
                             "training failed")
 
     def _check_window(self, pixels: npt.NDArray[np.uint8], marked: npt.NDArray[np.int32]) -> None:
-        """Classic profile: refuses a first box whose window a model cannot
-        hold, before any training (the library would train it and only
-        refuse to save it). The accurate profile chooses its own window and
-        the library says itself when a box cannot fit it."""
+        """Classic profile: refuses a first box whose window the library
+        cannot learn or a model cannot hold, before any training (the
+        library would train some such windows and only refuse to save the
+        model). The library applies its own rule (ostrel_alg_checkBox); the
+        accurate profile chooses its own window and set-up says itself when
+        a box cannot fit it."""
         height, width = pixels.shape[0], pixels.shape[1]
         box_width, box_height = int(marked[0, 2]), int(marked[0, 3])
         if any(int(w) != box_width or int(h) != box_height for w, h in marked[:, 2:4].tolist()):
             warnings.warn(f"the boxes differ in size; the detector learns one window, the first box's "
                           f"{box_width} x {box_height} (give every box one size)", stacklevel=3)
-        channels, rows, columns = self.feature_map(pixels).shape
-        # The library maps sizes to cells with single-precision factors and truncates.
-        window_columns = int(np.float32(box_width) * (np.float32(columns) / np.float32(width)))
-        window_rows = int(np.float32(box_height) * (np.float32(rows) / np.float32(height)))
-        values = channels * window_columns * window_rows
-        if not _limits.MIN_WINDOW_WEIGHTS <= values <= _limits.MAX_WINDOW_WEIGHTS:
-            raise ValueError(
-                f"a {box_width} x {box_height} box on this {width} x {height} picture gives the detector a window "
-                f"of {window_columns} x {window_rows} feature cells ({values} values); a model holds "
-                f"{_limits.MIN_WINDOW_WEIGHTS} to {_limits.MAX_WINDOW_WEIGHTS} values: use a "
-                f"{'larger' if values < _limits.MIN_WINDOW_WEIGHTS else 'smaller'} box")
+        if not self._library.has("ostrel_alg_checkBox"):
+            return  # an older library: set-up and export say it themselves
+        box = rec.BoxRecord(x=int(marked[0, 0]), y=int(marked[0, 1]), width=box_width, height=box_height, label=1)
+        code = ctypes.c_int32(rec.ERR_OK)
+        status, log = self._call(self._library.checkBox, self._live_handle(), width, height, ctypes.byref(box),
+                                 ctypes.byref(code))
+        if status == 0:
+            return
+        if code.value != rec.ERR_BOX_NOT_LEARNABLE:
+            self._check((status, log), "the library could not check the box")
+        _, reason = self._library.last_error(self._handle)
+        raise ValueError(f"cannot train on this box: {reason}")
 
     @property
     def samples(self) -> list[Sample]:

@@ -25,7 +25,7 @@ from . import _limits
 from ._picture_file import read_picture
 from .errors import PictureError
 
-MOST_SENSITIVE = 100
+MOST_SENSITIVE = _limits.MAX_SENSITIVITY
 
 
 @dataclass

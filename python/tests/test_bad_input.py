@@ -224,3 +224,24 @@ def test_bad_detect_files_arguments(model_file, tmp_path):
         ostrel.detect_files(model_file, [], client="tcp://localhost:8786")
     with pytest.raises(ValueError, match="sensitivity"):
         ostrel.detect_files(model_file, [], sensitivity=200)
+
+
+def test_the_sensitivity_bounds_are_the_headers():
+    # The package refuses sensitivities outside the range the C header gives
+    # (installed into it, or read from the checkout).
+    from ostrel import _limits
+    header = (Path(__file__).resolve().parents[2] / "include" / "ostrel_alg.h").read_text()
+    assert f"#define OSTREL_ALG_MIN_SENSITIVITY {_limits.MIN_SENSITIVITY}\n" in header
+    assert f"#define OSTREL_ALG_MAX_SENSITIVITY {_limits.MAX_SENSITIVITY}\n" in header
+    with pytest.raises(ValueError):
+        ostrel.Detector(sensitivity=_limits.MAX_SENSITIVITY + 1)
+
+
+def test_a_box_of_another_size_than_the_samples_held_is_refused_before_training(picture, training_boxes):
+    # The library's own rule, asked before set-up: a model learns one window,
+    # and the engine already holds samples of the first picture's.
+    with ostrel.Detector(seed=1, profile="classic") as detector:
+        detector.train(picture, training_boxes)
+        with pytest.raises(ValueError, match="samples the engine holds"):
+            detector.train(picture, [(100, 100, 150, 150)])
+        assert detector.is_trained

@@ -272,7 +272,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
     svm_settings.cost = settings.cost_permille / 1000.0;
     svm_settings.seed = seed;
     int32_t epochs = svm.train(svm_settings);
-    log("[Alg. Scc] Accurate training: %u objects, %u background windows, %d passes of the solver\n",
+    log_progress("[Alg. Scc] Accurate training: %u objects, %u background windows, %d passes of the solver\n",
         result.positives, result.negatives, epochs);
     ostrel_alg_progress first = progress_record(OSTREL_ALG_STAGE_ACCURATE_TRAINING);
     first.object_windows = static_cast<int32_t>(result.positives);
@@ -324,7 +324,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         }
         epochs = svm.train(svm_settings);
         result.rounds = round;
-        log("[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
+        log_progress("[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
             round, take, hard.size(), epochs);
         ostrel_alg_progress mined = progress_record(OSTREL_ALG_STAGE_MINING_ROUND);
         mined.round = round;

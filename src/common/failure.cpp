@@ -57,7 +57,7 @@ void fail(int32_t code, const char *format, ...) {
         note_failure(code);
         return;
     }
-    log_text(text.data, text.size);
+    log_text(text.data, text.size, OSTREL_ALG_LOG_FAILURE);
     try {
         note_failure(code, sentence_of_line(std::string(text.data, text.size)).c_str());
     } catch (...) {
@@ -65,8 +65,15 @@ void fail(int32_t code, const char *format, ...) {
     }
 }
 
+void log_failure(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    log_with_severity(OSTREL_ALG_LOG_FAILURE, format, args);
+    va_end(args);
+}
+
 int32_t fail_at(int32_t code, const char *operation, int line) {
-    log(kEngineFailFormat, operation, kEngineSource, line);
+    log_failure(kEngineFailFormat, operation, kEngineSource, line);
     note_failure(code);
     return 1;
 }

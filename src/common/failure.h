@@ -22,9 +22,14 @@ struct failure {
     std::string message;
 };
 
-// Logs exactly what log(format, ...) logs and notes code with that text as
-// its sentence (without the leading "[...] " tag and the line end).
+// Logs exactly what log(format, ...) logs, as a failure line
+// (OSTREL_ALG_LOG_FAILURE), and notes code with that text as its sentence
+// (without the leading "[...] " tag and the line end).
 void fail(int32_t code, const char *format, ...) OSTREL_PRINTF_LIKE(2, 3);
+
+// Logs a failure line without noting a code: for the lines of a failure
+// whose code is noted beside them (note_failure, fail_at) or further up.
+void log_failure(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
 
 // Logs the engine's location line "[Alg. FAIL!] <operation> (ostrel_alg
 // line:<line>)" and notes code (its sentence comes from the line before it,

@@ -15,7 +15,9 @@ namespace {
 // threads run at the same time and a change waits for them to end.
 struct log_destination {
     std::shared_mutex lock;
+    // At most one of the two is set.
     ostrel_alg_log_handler handler = nullptr;
+    ostrel_alg_log_record_handler record_handler = nullptr;
     void *user = nullptr;
 };
 
@@ -33,13 +35,17 @@ log_destination &destination() {
 thread_local int handler_depth = 0;
 constexpr int kDeepestNestedDelivery = 1;
 
-void deliver(const char *text, size_t length, ostrel_alg_log_handler handler, void *user) {
-    if (handler != nullptr) {
+void deliver(const char *text, size_t length, int32_t severity, const log_destination &to) {
+    if (to.handler != nullptr || to.record_handler != nullptr) {
         struct handler_scope {
             handler_scope() { ++handler_depth; }
             ~handler_scope() { --handler_depth; }
         } scope;
-        handler(text, user);
+        if (to.record_handler != nullptr) {
+            to.record_handler(severity, text, to.user);
+        } else {
+            to.handler(text, to.user);
+        }
     } else {
         std::fwrite(text, 1, length, stdout);
         std::fflush(stdout);
@@ -71,7 +77,7 @@ bool format_message(const char *format, va_list args, message_text *out) {
     return true;
 }
 
-void log_text(const char *message, size_t length) {
+void log_text(const char *message, size_t length, int32_t severity) {
 #if defined(OSTREL_TEST_REWORDED_LOG)
     // A test build that shows no front end reads these lines: every
     // message is reworded (prefixed) before it leaves the library.
@@ -84,26 +90,31 @@ void log_text(const char *message, size_t length) {
     log_destination &to = destination();
     if (handler_depth > 0) {
         if (handler_depth <= kDeepestNestedDelivery) {
-            deliver(text, length, to.handler, to.user);
+            deliver(text, length, severity, to);
         }
         return;
     }
     std::shared_lock<std::shared_mutex> reading(to.lock);
-    deliver(text, length, to.handler, to.user);
+    deliver(text, length, severity, to);
+}
+
+void log_with_severity(int32_t severity, const char *format, va_list args) {
+    message_text text;
+    if (format_message(format, args, &text)) {
+        log_text(text.data, text.size, severity);
+    }
 }
 
 void log(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    message_text text;
-    const bool formatted = format_message(format, args, &text);
+    log_with_severity(OSTREL_ALG_LOG_DETAIL, format, args);
     va_end(args);
-    if (formatted) {
-        log_text(text.data, text.size);
-    }
 }
 
-bool set_log_handler(ostrel_alg_log_handler handler, void *user) {
+namespace {
+
+bool set_destination(ostrel_alg_log_handler handler, ostrel_alg_log_record_handler record_handler, void *user) {
     if (handler_depth > 0) {
         return false;
     }
@@ -113,8 +124,17 @@ bool set_log_handler(ostrel_alg_log_handler handler, void *user) {
     // standard output path may still hold before the handler takes over.
     std::fflush(stdout);
     to.handler = handler;
-    to.user = handler != nullptr ? user : nullptr;
+    to.record_handler = record_handler;
+    to.user = handler != nullptr || record_handler != nullptr ? user : nullptr;
     return true;
+}
+
+}  // namespace
+
+bool set_log_handler(ostrel_alg_log_handler handler, void *user) { return set_destination(handler, nullptr, user); }
+
+bool set_log_record_handler(ostrel_alg_log_record_handler handler, void *user) {
+    return set_destination(nullptr, handler, user);
 }
 
 }  // namespace ostrel

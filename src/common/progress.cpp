@@ -1,5 +1,7 @@
 #include "common/progress.h"
 
+#include <cstdarg>
+
 namespace ostrel {
 
 namespace {
@@ -13,6 +15,13 @@ struct progress_sink {
 thread_local progress_sink t_sink;
 
 }  // namespace
+
+void log_progress(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    log_with_severity(OSTREL_ALG_LOG_PROGRESS, format, args);
+    va_end(args);
+}
 
 ostrel_alg_progress progress_record(int32_t stage) {
     ostrel_alg_progress record{};

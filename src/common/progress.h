@@ -9,8 +9,13 @@
 #include <chrono>
 
 #include "ostrel_alg.h"
+#include "common/log.h"
 
 namespace ostrel {
+
+// Logs a line that tells a person how a training goes, as a progress line
+// (OSTREL_ALG_LOG_PROGRESS).
+void log_progress(const char *format, ...) OSTREL_PRINTF_LIKE(1, 2);
 
 // Calls the handler of the running call, if any, with record (seconds
 // filled in).

@@ -384,7 +384,7 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
     if (trainAccurate() != 0) {
         return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kSetDetectorName, ostrel::kRefusedInputLine);
     }
-    ostrel::log("[Alg. Scc] Training done...\n");
+    ostrel::log_progress("[Alg. Scc] Training done...\n");
     ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED));
     return 0;
 }
@@ -469,7 +469,7 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
         return static_cast<size_t>(
             std::count_if(s.objects.begin(), s.objects.end(), [](float m) { return std::isfinite(m); }));
     };
-    ostrel::log("[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
+    ostrel::log_progress("[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
                 "copies %zu of %zu objects, %zu false alarms; best cut at margin %.2f; 50%% confidence at margin "
                 "%.2f\n",
                 found(held_out), held_out.objects.size(), held_out.false_alarms.size(), found(copies),

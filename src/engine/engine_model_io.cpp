@@ -54,19 +54,19 @@ int64_t file_length(const std::string &path) {
 // The failure lines of the classic model file's readers and checks: each
 // logs its line, notes the failure and returns 1.
 int32_t model_file_not_opened(const char *operation, const std::string &path) {
-    ostrel::log(kReadOpenFailFormat, operation, path.c_str());
+    ostrel::log_failure(kReadOpenFailFormat, operation, path.c_str());
     ostrel::note_failure(OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE, ("cannot open the model file " + path).c_str());
     return 1;
 }
 
 int32_t records_cut_short(const char *operation, int line, const std::string &path) {
-    ostrel::log(kFileReadFailFormat, operation, ostrel::kEngineSource, line);
+    ostrel::log_failure(kFileReadFailFormat, operation, ostrel::kEngineSource, line);
     ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, ("the model file " + path + " ends inside its records").c_str());
     return 1;
 }
 
 int32_t classifier_values_wrong(const char *operation, int line) {
-    ostrel::log(kSvmValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::log_failure(kSvmValueWrongFormat, operation, ostrel::kEngineSource, line);
     ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the classifier's values are out of their range");
     return 1;
 }
@@ -77,7 +77,7 @@ int32_t exception_failure(const char *operation, int line, const std::exception 
 }
 
 int32_t filter_values_wrong(const char *operation, int line) {
-    ostrel::log(kPcaValueWrongFormat, operation, ostrel::kEngineSource, line);
+    ostrel::log_failure(kPcaValueWrongFormat, operation, ostrel::kEngineSource, line);
     ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID, "the false-positive filter's values are out of their range");
     return 1;
 }
@@ -296,7 +296,7 @@ int32_t ostrel_alg::checkModelValidation(const std::string &path) {
         }
         ostrel::log(kStoredLengthFormat, static_cast<unsigned long long>(stored_length),
                     static_cast<unsigned long long>(total_length));
-        ostrel::log(kCrcMismatchFormat, stored_crc, computed_crc);
+        ostrel::log_failure(kCrcMismatchFormat, stored_crc, computed_crc);
         ostrel::note_failure(OSTREL_ALG_ERR_MODEL_INVALID,
                              ("the CRC-32 of the model file " + path + " does not match its contents").c_str());
         return 1;

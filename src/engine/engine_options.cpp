@@ -39,6 +39,10 @@ bool within_range(const option_range &range, int32_t value) {
     return range.least_nonzero <= 0 || value == 0 || value >= range.least_nonzero;
 }
 
+int32_t least_chosen_value(const option_range &range) {
+    return range.least_nonzero > 0 ? range.least_nonzero : range.minimum;
+}
+
 const char *engine_options::conflict(int32_t id, int32_t value) const {
     if (id == kOptionAccurateMinHeight && value > 0 && accurate.max_height > 0 && value > accurate.max_height) {
         return "is above the accurate max height";

@@ -41,6 +41,9 @@ const option_range *option_table(int32_t *count);
 const option_range *find_option(int32_t id);
 // Whether value lies in the option's range.
 bool within_range(const option_range &range, int32_t value);
+// The least value of the range other than an automatic 0: with the maximum
+// and the default, what the range is to a host (ostrel_alg_getOptionRange).
+int32_t least_chosen_value(const option_range &range);
 
 // The options that are accurate settings, and the field of the settings
 // record each one holds, in number order.

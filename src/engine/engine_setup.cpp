@@ -44,9 +44,10 @@ bool accept_learnable_window(const ostrel_alg &engine, const ostrel_alg_image &i
     if (!engine.feat_extractor) {
         return true;
     }
-    const ostrel::map_extent map = ostrel::scale0_map_extent(*engine.feat_extractor);
-    const size_t held = engine.training_samples.empty() ? 0 : engine.training_samples.front().features.size();
-    const ostrel::window_check check = ostrel::check_learnable_window(boxes, image.width, image.height, map, held);
+    const ostrel::learning_state state = ostrel::learning_state_of(*engine.feat_extractor, engine.training_samples);
+    const ostrel::map_extent &map = state.map;
+    const ostrel::window_check check =
+        ostrel::check_learnable_window(boxes, image.width, image.height, map, state.held_sample_features);
     if (check.verdict == ostrel::window_verdict::learnable) {
         return true;
     }
@@ -146,7 +147,7 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
             return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kSetDetectorName, kRetrainingFailedLine);
         }
         ++pass;
-        ostrel::log("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
+        ostrel::log_progress("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
                     pass, false_positives.size(), low_confidence.size());
         ostrel_alg_progress ended = ostrel::progress_record(OSTREL_ALG_STAGE_PASS);
         ended.round = pass;

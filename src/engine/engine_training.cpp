@@ -96,11 +96,11 @@ bool ostrel_alg::set_training_mat_outlier(cv::Mat &samples, cv::Mat &labels) {
                             kOutlierStepFailedLine);
             return false;
         }
-        ostrel::log("[Alg. Scc] Outlier rejection ...\n");
+        ostrel::log_progress("[Alg. Scc] Outlier rejection ...\n");
         ostrel::report_progress(ostrel::progress_record(OSTREL_ALG_STAGE_FILTER_REBUILT));
     }
 
-    ostrel::log("[Alg. Scc] filterPositive_outlier ...\n");
+    ostrel::log_progress("[Alg. Scc] filterPositive_outlier ...\n");
     ostrel::set_training_mat(training_samples, &samples, &labels);
     uint32_t all_positives = 0;
     uint32_t all_negatives = 0;
@@ -148,7 +148,7 @@ int32_t ostrel_alg::trainClassifier() {
         ostrel::fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, kTrainClassifierName, kTrainingSetFailedLine);
         return 1;
     }
-    ostrel::log("[Alg. Scc] set_training_mat...\n");
+    ostrel::log_progress("[Alg. Scc] set_training_mat...\n");
 
     // The model record is replaced only by a complete new one: a failed
     // training keeps the old model, weights included.
@@ -170,7 +170,7 @@ int32_t ostrel_alg::trainClassifier() {
         pca_filter.pca_filter_ready = 0;
         pca_filter.pca_filter_frozen = 0;
     }
-    ostrel::log("[Alg. Scc] Training done...\n");
+    ostrel::log_progress("[Alg. Scc] Training done...\n");
     ostrel_alg_progress trained = ostrel::progress_record(OSTREL_ALG_STAGE_TRAINED);
     trained.samples = static_cast<int32_t>(training_samples.size());
     ostrel::report_progress(trained);

@@ -4,6 +4,7 @@
 #include "acf/ostrel_acf.h"
 #include "common/failure.h"
 #include "common/log.h"
+#include "common/window_weights.h"
 
 namespace ostrel {
 
@@ -38,6 +39,13 @@ map_extent scale0_map_extent(const ostrel_acf &extractor) {
     map.columns = extractor.pyramid.height[0];
     map.rows = extractor.pyramid.width[0];
     return map;
+}
+
+learning_state learning_state_of(const ostrel_acf &extractor, const std::vector<training_sample> &held_samples) {
+    learning_state state;
+    state.map = scale0_map_extent(extractor);
+    state.held_sample_features = held_samples.empty() ? 0 : held_samples.front().features.size();
+    return state;
 }
 
 window_check check_learnable_window(const std::vector<ostrel_alg_box> &boxes, int32_t picture_width,
@@ -76,10 +84,58 @@ window_check check_learnable_window(const std::vector<ostrel_alg_box> &boxes, in
     return check;
 }
 
+window_check check_storable_window(const std::vector<ostrel_alg_box> &boxes, int32_t picture_width,
+                                   int32_t picture_height, const map_extent &map, size_t held_sample_features) {
+    window_check check = check_learnable_window(boxes, picture_width, picture_height, map, held_sample_features);
+    if (check.verdict == window_verdict::learnable &&
+        (check.window_features < kMinWindowWeights || check.window_features > kMaxWindowWeights)) {
+        check.verdict = window_verdict::weights_unstorable;
+    }
+    return check;
+}
+
+void fail_unlearnable_box(const window_check &check, const ostrel_alg_box &box, int32_t picture_width,
+                          int32_t picture_height, const map_extent &map, const char *operation) {
+    switch (check.verdict) {
+    case window_verdict::learnable:
+        return;
+    case window_verdict::box_without_size:
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Debug] %s: a box of %d x %d pixels has no window: use a larger box\n",
+             operation, box.width, box.height);
+        return;
+    case window_verdict::window_beyond_map:
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window larger than the "
+             "picture's %d x %d feature cells; a model holds %d to %d values: use a smaller box\n",
+             operation, box.width, box.height, picture_width, picture_height, map.columns, map.rows,
+             kMinWindowWeights, kMaxWindowWeights);
+        return;
+    case window_verdict::window_without_cell:
+    case window_verdict::weights_unstorable:
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature cells "
+             "(%lld values); a model holds %d to %d values: use a %s box\n",
+             operation, box.width, box.height, picture_width, picture_height, check.window.width, check.window.height,
+             static_cast<long long>(static_cast<int64_t>(map.channels) * check.window.width * check.window.height),
+             kMinWindowWeights, kMaxWindowWeights,
+             check.window_features > kMaxWindowWeights ? "smaller" : "larger");
+        return;
+    case window_verdict::other_sample_length:
+        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature cells "
+             "(%lld values), but the samples the engine holds have %lld: mark the box at the size of the boxes "
+             "before it\n",
+             operation, box.width, box.height, picture_width, picture_height, check.window.width, check.window.height,
+             static_cast<long long>(check.window_features), static_cast<long long>(check.sample_features));
+        return;
+    }
+}
+
 void log_window_check(const window_check &check, const ostrel_alg_box &first, int32_t picture_width,
                       int32_t picture_height, const map_extent &map, const char *operation) {
     switch (check.verdict) {
     case window_verdict::learnable:
+    case window_verdict::weights_unstorable:  // set-up trains such a window
         return;
     case window_verdict::box_without_size:
         fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,

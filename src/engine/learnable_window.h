@@ -32,12 +32,21 @@ struct map_extent {
 // any picture is computed.
 map_extent scale0_map_extent(const ostrel_acf &extractor);
 
+// What the rule reads of an engine: the extractor's scale-0 map and the
+// length of the first training sample it holds (0 when it holds none).
+struct learning_state {
+    map_extent map;
+    size_t held_sample_features = 0;
+};
+learning_state learning_state_of(const ostrel_acf &extractor, const std::vector<training_sample> &held_samples);
+
 enum class window_verdict {
     learnable,
     box_without_size,    // the first box is not at least 1 x 1 pixels
     window_without_cell, // its window covers no whole cell
     window_beyond_map,   // its window is larger than the map
     other_sample_length, // the model's weights would come from samples of another window
+    weights_unstorable,  // a model of this window cannot be stored (check_storable_window only)
 };
 
 struct window_check {
@@ -52,6 +61,19 @@ struct window_check {
 // the engine already holds, 0 when it holds none. boxes is not empty.
 window_check check_learnable_window(const std::vector<ostrel_alg_box> &boxes, int32_t picture_width,
                                     int32_t picture_height, const map_extent &map, size_t held_sample_features);
+
+// The check above, and then whether a model file can hold the window's
+// weights (OSTREL_ALG_MIN_WINDOW_WEIGHTS..OSTREL_ALG_MAX_WINDOW_WEIGHTS).
+// Set-up trains such a window and only the export refuses it; a host asking
+// before it marks a box (ostrel_alg_checkBox) learns of both at once.
+window_check check_storable_window(const std::vector<ostrel_alg_box> &boxes, int32_t picture_width,
+                                   int32_t picture_height, const map_extent &map, size_t held_sample_features);
+
+// Notes why a box a host asks about cannot be learnt (code
+// OSTREL_ALG_ERR_BOX_NOT_LEARNABLE), with a "[Debug]" line that says what
+// to do instead (a larger or smaller box, the size of the samples held).
+void fail_unlearnable_box(const window_check &check, const ostrel_alg_box &box, int32_t picture_width,
+                          int32_t picture_height, const map_extent &map, const char *operation);
 
 // Logs the "[Debug]" line that says why the window cannot be learnt.
 void log_window_check(const window_check &check, const ostrel_alg_box &first, int32_t picture_width,

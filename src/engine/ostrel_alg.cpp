@@ -60,7 +60,7 @@ int32_t ostrel_alg::initFeatExtractor() {
     feat_extractor->unnamed_params[2] = 0;
     const int32_t defaults_status = feat_extractor->set_extractor_defaults();
     if (defaults_status != 0) {
-        ostrel::log(kErrorCodeFormat, kInitFeatExtractorName, defaults_status);
+        ostrel::log_failure(kErrorCodeFormat, kInitFeatExtractorName, defaults_status);
     }
     if (!result_boxes) {
         result_boxes = std::make_unique<ostrel_alg_box[]>(kResultBoxCapacity);

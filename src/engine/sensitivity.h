@@ -5,9 +5,14 @@
 
 #include <cstdint>
 
+#include "ostrel_alg.h"
+
 namespace ostrel {
 
-inline constexpr uint32_t kMaxSensitivity = 100;
+// The header's range: hosts read it there, the library checks against it here.
+inline constexpr uint32_t kMinSensitivity = OSTREL_ALG_MIN_SENSITIVITY;
+inline constexpr uint32_t kMaxSensitivity = OSTREL_ALG_MAX_SENSITIVITY;
+static_assert(kMinSensitivity == 0, "every unsigned sensitivity up to the maximum is taken");
 
 // The confidence percent, 30..90, for a sensitivity of at most
 // kMaxSensitivity: 90 at 0, 50 at 79 and 80, 30 at 100.

@@ -15,6 +15,7 @@
 #include <zlib.h>
 
 #include "common/log.h"
+#include "common/failure.h"
 #include "common/log_lines.h"
 
 namespace ostrel {
@@ -285,7 +286,7 @@ void read_trailer(std::istream &in, uint64_t *length, uint32_t *crc) {
 uint32_t getFileCRC(const std::string &path, uint64_t limit) {
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
-        log(kGetFileCrcFailFormat, kGetFileCrcName, kEngineSource, kGetFileCrcLine);
+        log_failure(kGetFileCrcFailFormat, kGetFileCrcName, kEngineSource, kGetFileCrcLine);
         return 0;
     }
     // One byte per read call; the bytes are folded in batches, which gives

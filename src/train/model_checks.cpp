@@ -3,6 +3,7 @@
 
 #include "common/log.h"
 #include "common/window_weights.h"
+#include "common/failure.h"
 
 namespace ostrel {
 
@@ -35,12 +36,12 @@ bool checkSvmModel(const svm_model &model) {
                           model.input_width > 0 && model.input_height > 0 && model.trained_acf_scale_idx >= 0 &&
                           in_range(model.support_vector_size, ostrel::kMinWindowWeights, ostrel::kMaxWindowWeights);
     if (!sizes_ok) {
-        log(kSvmValuesWrongFormat, model.class_idx, model.trained_width, model.trained_height, model.input_width,
+        log_failure(kSvmValuesWrongFormat, model.class_idx, model.trained_width, model.trained_height, model.input_width,
             model.input_height, model.trained_acf_scale_idx, model.support_vector_size);
         return true;
     }
     if (!model.vector) {
-        log("%s", kSvmVectorMissing);
+        log_failure("%s", kSvmVectorMissing);
         return true;
     }
     return false;  // the bias is not checked
@@ -61,7 +62,7 @@ bool checkPcaFilter(const pca_fp_filter &filter) {
     };
     for (const auto &entry : required) {
         if (has_no_elements(entry.matrix)) {
-            log("%s", entry.message);
+            log_failure("%s", entry.message);
             return true;
         }
     }
@@ -76,7 +77,7 @@ bool checkPcaFilter(const pca_fp_filter &filter) {
                           reduce_mean.rows == mean.rows && in_range(reduce_mean.cols, 1, kMaxComponents) &&
                           in_range(inv_covar.rows, 1, kMaxComponents) && in_range(inv_covar.cols, 1, kMaxComponents);
     if (!sizes_ok) {
-        log(kPcaSizesWrongFormat, mean.rows, mean.cols, eigenvectors.rows, eigenvectors.cols, reduce_mean.rows,
+        log_failure(kPcaSizesWrongFormat, mean.rows, mean.cols, eigenvectors.rows, eigenvectors.cols, reduce_mean.rows,
             reduce_mean.cols, inv_covar.rows, inv_covar.cols);
         return true;
     }

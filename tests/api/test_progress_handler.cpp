@@ -201,3 +201,50 @@ TEST_F(ProgressHandler, NullHandleIsRefused) {
     EXPECT_EQ(ostrel_alg_getLastError(nullptr, &code, nullptr, 0), 0);
     EXPECT_EQ(code, OSTREL_ALG_ERR_BAD_ARGUMENT);
 }
+
+// Detection runs of the host's calls: each run that returns boxes reports one
+// DETECTION record (1 of 1 pictures), a failing run none, and a handler
+// changes neither the boxes nor the log lines of a run.
+TEST_F(ProgressHandler, DetectionRunsAreReportedAndChangeNothing) {
+    for (const int32_t profile : {OSTREL_ALG_PROFILE_CLASSIC, OSTREL_ALG_PROFILE_ACCURATE}) {
+        ostrel_alg *engine = nullptr;
+        ASSERT_EQ(ostrel_alg_create(&engine), 0);
+        ASSERT_EQ(ostrel_alg_setRandomSeed(engine, 4), 0);
+        ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_PROFILE, profile), 0);
+        recorded r;
+        ASSERT_EQ(ostrel_alg_setProgressHandler(engine, &record_step, &r), 0);
+        ASSERT_EQ(set_up(engine, picture_.record(1), picture_.boxes), 0);
+        EXPECT_EQ(count_stage(r, OSTREL_ALG_STAGE_DETECTION), 0u) << "the training's own runs are not reported";
+
+        r.steps.clear();
+        const detection with = detect(engine, picture_.record(2));
+        ASSERT_EQ(with.status, 0);
+        ASSERT_EQ(r.steps.size(), 1u) << "profile " << profile;
+        const ostrel_alg_progress &step = r.steps.front();
+        EXPECT_EQ(step.stage, OSTREL_ALG_STAGE_DETECTION);
+        EXPECT_EQ(step.done, 1);
+        EXPECT_EQ(step.total, 1);
+        EXPECT_GE(step.seconds, 0.0);
+        EXPECT_EQ(step.round + step.samples + step.boxes_skipped + step.false_positives + step.low_confidence +
+                      step.object_windows + step.background_windows + step.hard_windows_added +
+                      step.hard_windows_found,
+                  0);
+
+        // The same picture without a handler (a new key: computed afresh).
+        ASSERT_EQ(ostrel_alg_setProgressHandler(engine, nullptr, nullptr), 0);
+        const detection without = detect(engine, picture_.record(3));
+        ASSERT_EQ(without.status, 0);
+        EXPECT_TRUE(same_boxes(with.boxes, without.boxes)) << "profile " << profile;
+        EXPECT_EQ(with.log, without.log) << "profile " << profile;
+        EXPECT_FALSE(with.boxes.empty());
+
+        // A run that fails reports nothing.
+        ASSERT_EQ(ostrel_alg_setProgressHandler(engine, &record_step, &r), 0);
+        r.steps.clear();
+        ostrel_alg_image broken = picture_.record(4);
+        broken.channels = 1;
+        EXPECT_EQ(detect(engine, broken).status, 1);
+        EXPECT_TRUE(r.steps.empty());
+        EXPECT_EQ(ostrel_alg_destroy(engine), 0);
+    }
+}

@@ -1,12 +1,16 @@
 // The logging function: whole messages, to standard output or to the host's
-// handler, exactly as printf would have printed them.
+// handler, exactly as printf would have printed them, each with the severity
+// its writer gives it.
 #include "common/log.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "common/failure.h"
+#include "common/progress.h"
 #include "support/stdout_capture.h"
 
 namespace {
@@ -87,3 +91,55 @@ TEST(Log, AHandlerThatCallsBackDoesNotHang) {
 }
 
 }  // namespace
+
+namespace {
+
+struct severity_record {
+    std::vector<std::pair<int32_t, std::string>> messages;
+};
+
+void record_with_severity(int32_t severity, const char *message, void *user) {
+    static_cast<severity_record *>(user)->messages.emplace_back(severity, message);
+}
+
+}  // namespace
+
+// Each writer gives its own severity: log() details, the failure units
+// failures (noted or not), log_progress() the steps of a training; the text
+// is the same as without a record handler.
+TEST(Log, EachWriterGivesItsSeverity) {
+    severity_record seen;
+    ASSERT_TRUE(ostrel::set_log_record_handler(&record_with_severity, &seen));
+    {
+        const ostrel::failure_scope call;
+        ostrel::log("[Debug] %d\n", 1);
+        ostrel::log_progress("[Alg. Scc] %s\n", "step");
+        ostrel::log_failure("[file read FAIL!] %s\n", "x");
+        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, "[Alg.Fail] %s\n", "y");
+        ostrel::fail_at(OSTREL_ALG_ERR_FAILED, "ostrel_alg::op", 7);
+    }
+    ostrel::set_log_record_handler(nullptr, nullptr);
+    const std::vector<std::pair<int32_t, std::string>> expected = {
+        {OSTREL_ALG_LOG_DETAIL, "[Debug] 1\n"},
+        {OSTREL_ALG_LOG_PROGRESS, "[Alg. Scc] step\n"},
+        {OSTREL_ALG_LOG_FAILURE, "[file read FAIL!] x\n"},
+        {OSTREL_ALG_LOG_FAILURE, "[Alg.Fail] y\n"},
+        {OSTREL_ALG_LOG_FAILURE, "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:7)\n"},
+    };
+    EXPECT_EQ(seen.messages, expected);
+}
+
+// One destination: a plain handler replaces a record handler and the reverse.
+TEST(Log, EitherHandlerReplacesTheOther) {
+    severity_record with_severity;
+    recorded plain;
+    ASSERT_TRUE(ostrel::set_log_record_handler(&record_with_severity, &with_severity));
+    ASSERT_TRUE(ostrel::set_log_handler(&record, &plain));
+    ostrel::log("a\n");
+    ASSERT_TRUE(ostrel::set_log_record_handler(&record_with_severity, &with_severity));
+    ostrel::log("b\n");
+    ostrel::set_log_record_handler(nullptr, nullptr);
+    EXPECT_EQ(plain.messages, std::vector<std::string>{"a\n"});
+    ASSERT_EQ(with_severity.messages.size(), 1u);
+    EXPECT_EQ(with_severity.messages[0].second, "b\n");
+}

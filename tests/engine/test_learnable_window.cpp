@@ -109,3 +109,41 @@ TEST(LearnableWindow, DebugLines) {
     });
     EXPECT_EQ(log, "");
 }
+
+// What a host asks before marking a box: the set-up's rule, and then the
+// weights a model file holds (201..5999), which set-up leaves to the export.
+TEST(LearnableWindow, StorableWindowsAreThoseAModelFileHolds) {
+    auto storable = [](int32_t w, int32_t h, size_t held = 0) {
+        return ostrel::check_storable_window({box(0, 0, w, h)}, 640, 480, kMap, held).verdict;
+    };
+    EXPECT_EQ(storable(96, 99), window_verdict::learnable);
+    // 1 x 1 cell: 10 values, learnt by set-up but held by no model file.
+    EXPECT_EQ(check({box(0, 0, 6, 8)}).verdict, window_verdict::learnable);
+    EXPECT_EQ(storable(6, 8), window_verdict::weights_unstorable);
+    // 5 x 4 cells = 200 values, 6 x 4 = 240.
+    EXPECT_EQ(storable(27, 29), window_verdict::weights_unstorable);
+    EXPECT_EQ(storable(32, 29), window_verdict::learnable);
+    // The whole map: 121 x 68 x 10 values.
+    EXPECT_EQ(storable(640, 480), window_verdict::weights_unstorable);
+    // The set-up's own verdicts come first.
+    EXPECT_EQ(storable(5, 99), window_verdict::window_without_cell);
+    EXPECT_EQ(storable(646, 480), window_verdict::window_beyond_map);
+    EXPECT_EQ(storable(96, 99, 2000), window_verdict::other_sample_length);
+}
+
+TEST(LearnableWindow, TheHostsSentenceSaysWhichWayToGo) {
+    auto sentence = [](int32_t w, int32_t h) {
+        const ostrel_alg_box b = box(0, 0, w, h);
+        const ostrel::window_check c = ostrel::check_storable_window({b}, 640, 480, kMap, 0);
+        return ostrel_test::capture_stdout([&] { ostrel::fail_unlearnable_box(c, b, 640, 480, kMap, "op"); });
+    };
+    EXPECT_EQ(sentence(6, 8), "[Debug] op: a 6 x 8 box on this 640 x 480 picture gives the detector a window of 1 x 1 "
+                              "feature cells (10 values); a model holds 201 to 5999 values: use a larger box\n");
+    EXPECT_EQ(sentence(640, 480), "[Debug] op: a 640 x 480 box on this 640 x 480 picture gives the detector a window "
+                                  "of 121 x 68 feature cells (82280 values); a model holds 201 to 5999 values: use a "
+                                  "smaller box\n");
+    EXPECT_EQ(sentence(646, 480), "[Debug] op: a 646 x 480 box on this 640 x 480 picture gives the detector a window "
+                                  "larger than the picture's 121 x 68 feature cells; a model holds 201 to 5999 values: "
+                                  "use a smaller box\n");
+    EXPECT_EQ(sentence(96, 99), "");
+}
