@@ -360,7 +360,7 @@ void add_demo_command(CLI::App &app, CommandAction &action) {
         ->type_name("DIR");
     add_training_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(whole_number_in(0, 100))
+        ->check(sensitivity_in_range())
         ->type_name("N");
     add_max_pixels_option(sub);
     sub->footer(

@@ -108,7 +108,7 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
     sub->add_flag("-r,--recursive", o.recursive, "search folders in their sub-folders too");
     add_model_profile_option(sub, &o.profile);
     sub->add_option("--sensitivity", o.sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(whole_number_in(0, 100))
+        ->check(sensitivity_in_range())
         ->type_name("N");
     sub->add_flag("--json", o.json,
                   "print one JSON line per picture or frame: {\"file\",[\"frame\",\"time_ms\",]\"width\",\"height\","

@@ -47,7 +47,7 @@ struct EvalOptions {
 // The most sensitive setting: the lowest confidence threshold the library
 // offers. The boxes it finds beyond those of the chosen sensitivity are the
 // boxes below that threshold, which the APs rank too.
-constexpr uint32_t kMostSensitive = 100;
+constexpr uint32_t kMostSensitive = OSTREL_ALG_MAX_SENSITIVITY;
 
 std::string class_list(const LabelSet &set) {
     std::string names;
@@ -434,7 +434,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         ->type_name("T");
     add_model_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")
-        ->check(whole_number_in(0, 100))
+        ->check(sensitivity_in_range())
         ->type_name("N");
     sub->add_flag("--json", o->json, "print the figures as one JSON object");
     sub->add_option("--plot", o->plot, "draw the precision/recall curve into this PNG file")->type_name("FILE");

@@ -487,7 +487,7 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--model", o->model, "where to write the model file")->type_name("OUT")->required();
     sub->add_option("--sensitivity", o->sensitivity,
                     "0..100, how readily the detector reports a box (default 80); used by auto-training")
-        ->check(whole_number_in(0, 100))
+        ->check(sensitivity_in_range())
         ->type_name("N");
     add_training_profile_option(sub, &o->profile);
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");

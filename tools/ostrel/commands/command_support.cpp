@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <map>
 
+#include "ostrel_alg.h"
+
 #include "cli/tool_error.h"
 #include "cli/tool_output.h"
 #include "engine/model_info.h"
@@ -52,6 +54,10 @@ void add_model_profile_option(CLI::App *command, int32_t *profile) {
     add_profile_names(command, profile,
                       "not needed: the model file says its profile; given, it must agree with the file "
                       "(a contradiction is refused)");
+}
+
+CLI::Validator sensitivity_in_range() {
+    return whole_number_in(OSTREL_ALG_MIN_SENSITIVITY, OSTREL_ALG_MAX_SENSITIVITY);
 }
 
 CLI::Validator whole_number_in(long long lo, long long hi) {

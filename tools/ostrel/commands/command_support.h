@@ -48,6 +48,8 @@ extern const char *const kProfileRuleHelp;
 // or "'101' is not in lo..hi" (CLI11's own range check says "not in range"
 // for a word and prints the type's limits for PositiveNumber).
 CLI::Validator whole_number_in(long long lo, long long hi);
+// The sensitivities the library takes (its header's range).
+CLI::Validator sensitivity_in_range();
 // A real number lo..hi; "nan" and "inf" are not numbers here.
 CLI::Validator real_number_in(double lo, double hi);
 

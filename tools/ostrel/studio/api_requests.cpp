@@ -1,8 +1,11 @@
 #include "studio/api_requests.h"
 
 #include <limits>
+#include <string>
 
 #include <nlohmann/json.hpp>
+
+#include "ostrel_alg.h"
 
 #include "cli/tool_output.h"
 #include "studio/api_error.h"
@@ -11,6 +14,11 @@ namespace ostrel_tool {
 namespace studio {
 
 namespace {
+
+// The one wording of the sensitivity rule, from the library's range.
+const std::string kSensitivityRule = "sensitivity must be a whole number from " +
+                                     std::to_string(OSTREL_ALG_MIN_SENSITIVITY) + " to " +
+                                     std::to_string(OSTREL_ALG_MAX_SENSITIVITY);
 
 const char *kTrainShape = "expected {\"picture\": NAME, \"boxes\": [[x, y, w, h], ...]}";
 
@@ -255,8 +263,9 @@ AcceptRequest parse_accept_request(const std::string &body) {
     }
     const auto sensitivity = doc.find("sensitivity");
     if (sensitivity != doc.end()) {
-        if (!sensitivity->is_number_integer() || sensitivity->get<int64_t>() < 0 || sensitivity->get<int64_t>() > 100) {
-            throw ApiError(http_status::bad_request, "sensitivity must be a whole number from 0 to 100");
+        if (!sensitivity->is_number_integer() || sensitivity->get<int64_t>() < OSTREL_ALG_MIN_SENSITIVITY ||
+            sensitivity->get<int64_t>() > OSTREL_ALG_MAX_SENSITIVITY) {
+            throw ApiError(http_status::bad_request, kSensitivityRule);
         }
         r.sensitivity = static_cast<uint32_t>(sensitivity->get<int64_t>());
     }
@@ -272,8 +281,8 @@ uint32_t parse_sensitivity(const std::string &text, bool present, uint32_t fallb
         digits = digits && c >= '0' && c <= '9';
     }
     const int value = digits ? std::stoi(text) : -1;
-    if (value < 0 || value > 100) {
-        throw ApiError(http_status::bad_request, "sensitivity must be a whole number from 0 to 100, not '" + text + "'");
+    if (value < OSTREL_ALG_MIN_SENSITIVITY || value > OSTREL_ALG_MAX_SENSITIVITY) {
+        throw ApiError(http_status::bad_request, kSensitivityRule + ", not '" + text + "'");
     }
     return static_cast<uint32_t>(value);
 }
