@@ -34,12 +34,12 @@ cv::Mat small_object_picture(std::vector<ostrel_alg_box> *boxes) {
     cv::Mat picture = cv::imread(kDataDir + "/bccd/images/BloodImage_00002.jpg", cv::IMREAD_COLOR);
     for (int i = 0; i < 16; ++i) {
         const ostrel_alg_box b{30 + 36 * i, 60 + 200 * (i % 2), 19, 40, 0.0f, 1, 0, 0};
-        cv::ellipse(picture, cv::Point(b.x + 9, b.y + 20), cv::Size(8, 18), 0, 0, 360, cv::Scalar(40, 30, 30), cv::FILLED);
+        cv::ellipse(picture, cv::Point(b.x + 9, b.y + 20), cv::Size(8, 18), 0, 0, 360, cv::Scalar(40, 30, 30),
+                    cv::FILLED);
         boxes->push_back(b);
     }
     return picture;
 }
-
 
 ostrel_alg *train(int32_t profile, const cv::Mat &picture, const std::vector<ostrel_alg_box> &boxes, int64_t key) {
     ostrel_alg *e = nullptr;

@@ -114,7 +114,8 @@ void BM_SetDetector(benchmark::State &state) {
         ostrel_alg_setSensitivity(engine, 50);
         state.ResumeTiming();
         const ostrel_alg_image image{training.cols, training.rows, 3, training.data, ++key, 0, 0};
-        const int32_t status = ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
+        const int32_t status =
+            ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
         state.PauseTiming();
         if (status != 0) {
             state.SkipWithError("set-up failed");

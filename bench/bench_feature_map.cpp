@@ -124,9 +124,8 @@ void BM_LoadAndResampleOnePass(benchmark::State &state) {
     const lab_planes lab = lab_planes_of(bgr);
     ostrel::picture_resample_scratch scratch;
     for (auto _ : state) {
-        ostrel::chn_image8 scaled =
-            ostrel::resample_picture_planes(lab.data, lab.strides, 3, bgr.rows, bgr.cols, kScaleZeroWidth,
-                                            kScaleZeroHeight, 1.0f, scratch);
+        ostrel::chn_image8 scaled = ostrel::resample_picture_planes(lab.data, lab.strides, 3, bgr.rows, bgr.cols,
+                                                                    kScaleZeroWidth, kScaleZeroHeight, 1.0f, scratch);
         benchmark::DoNotOptimize(scaled.data.data());
     }
 }

@@ -106,20 +106,24 @@ ostrel_alg *trained_detector() {
 // already reach training.
 int32_t fuzzed_side(FuzzedDataProvider &in) {
     switch (in.ConsumeIntegralInRange<int>(0, 7)) {
-    case 0: case 1: case 2: case 3: return in.ConsumeIntegralInRange<int32_t>(24, 160);
-    case 4: return in.ConsumeIntegralInRange<int32_t>(-3, 23);
-    case 5: return in.ConsumeIntegral<int32_t>();
-    case 6: return in.ConsumeIntegralInRange<int32_t>(16380, 16390);  // around the pixel limit's square
-    default: return in.ConsumeBool() ? in.ConsumeIntegralInRange<int32_t>(268435450, 268435460)
-                                     : in.ConsumeIntegralInRange<int32_t>(1, 5000);
+        case 0:
+        case 1:
+        case 2:
+        case 3: return in.ConsumeIntegralInRange<int32_t>(24, 160);
+        case 4: return in.ConsumeIntegralInRange<int32_t>(-3, 23);
+        case 5: return in.ConsumeIntegral<int32_t>();
+        case 6: return in.ConsumeIntegralInRange<int32_t>(16380, 16390);  // around the pixel limit's square
+        default:
+            return in.ConsumeBool() ? in.ConsumeIntegralInRange<int32_t>(268435450, 268435460)
+                                    : in.ConsumeIntegralInRange<int32_t>(1, 5000);
     }
 }
 
 int32_t fuzzed_coordinate(FuzzedDataProvider &in) {
     switch (in.ConsumeIntegralInRange<int>(0, 4)) {
-    case 0: return in.ConsumeIntegral<int32_t>();
-    case 1: return in.ConsumeIntegralInRange<int32_t>(-200, 200);
-    default: return in.ConsumeIntegralInRange<int32_t>(0, 320);
+        case 0: return in.ConsumeIntegral<int32_t>();
+        case 1: return in.ConsumeIntegralInRange<int32_t>(-200, 200);
+        default: return in.ConsumeIntegralInRange<int32_t>(0, 320);
     }
 }
 
@@ -130,9 +134,9 @@ int32_t fuzzed_coordinate(FuzzedDataProvider &in) {
 // memory and time, which would only slow the search down.
 int32_t fuzzed_extent(FuzzedDataProvider &in, int32_t picture_side) {
     switch (in.ConsumeIntegralInRange<int>(0, 2)) {
-    case 0: return in.ConsumeIntegral<int32_t>();
-    case 1: return in.ConsumeIntegralInRange<int32_t>(-200, 0);
-    default: return in.ConsumeIntegralInRange<int32_t>(0, picture_side > 4 ? picture_side / 4 : 1);
+        case 0: return in.ConsumeIntegral<int32_t>();
+        case 1: return in.ConsumeIntegralInRange<int32_t>(-200, 0);
+        default: return in.ConsumeIntegralInRange<int32_t>(0, picture_side > 4 ? picture_side / 4 : 1);
     }
 }
 
@@ -243,9 +247,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // boxes; beyond the limit, 4.
     int32_t count = 0;
     switch (in.ConsumeIntegralInRange<int>(0, 9)) {
-    case 8: count = in.ConsumeIntegral<int32_t>(); break;
-    case 9: count = OSTREL_ALG_MAX_MARKED_BOXES + in.ConsumeIntegralInRange<int32_t>(-1, 1); break;
-    default: count = in.ConsumeIntegralInRange<int32_t>(1, 24); break;
+        case 8: count = in.ConsumeIntegral<int32_t>(); break;
+        case 9: count = OSTREL_ALG_MAX_MARKED_BOXES + in.ConsumeIntegralInRange<int32_t>(-1, 1); break;
+        default: count = in.ConsumeIntegralInRange<int32_t>(1, 24); break;
     }
     const bool count_refused = count < 0 || count > OSTREL_ALG_MAX_MARKED_BOXES;
     std::vector<ostrel_alg_box> boxes(count_refused ? 4 : static_cast<size_t>(count));

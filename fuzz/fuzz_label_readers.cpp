@@ -40,8 +40,7 @@ void require(bool condition, const char *what) {
 }
 
 void check_box(const LabelBox &b) {
-    require(std::isfinite(b.x) && std::isfinite(b.y) && std::isfinite(b.w) && std::isfinite(b.h),
-            "finite coordinates");
+    require(std::isfinite(b.x) && std::isfinite(b.y) && std::isfinite(b.w) && std::isfinite(b.h), "finite coordinates");
     require(b.w > 0 && b.h > 0, "a positive size");
 }
 
@@ -79,63 +78,63 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const LabelWriteOptions options;
     try {
         switch (reader) {
-        case 0: {
-            const LabelSet set = parse_coco(text, "f.json");
-            check_set(set);
-            (void)write_coco_dataset(set, options);
-            break;
-        }
-        case 1: {
-            for (const auto &b : parse_yolo_label_text(text, "f.txt", 640, 480, {"a", "b", "c"})) {
-                check_box(b);
+            case 0: {
+                const LabelSet set = parse_coco(text, "f.json");
+                check_set(set);
+                (void)write_coco_dataset(set, options);
+                break;
             }
-            break;
-        }
-        case 2: (void)parse_yolo_data_yaml(text, "data.yaml"); break;
-        case 3: (void)parse_yolo_names(text, "classes.txt"); break;
-        case 4: {
-            const LabelSet set = parse_cvat(text, "f.xml");
-            check_set(set);
-            (void)write_cvat(set, options);
-            break;
-        }
-        case 5: {
-            const LabelSet set = parse_labelstudio(text, "f.json");
-            check_set(set);
-            (void)write_labelstudio(set, options);
-            break;
-        }
-        case 6: {
-            const LabelSet set = parse_imglab(text, "f.xml");
-            check_set(set);
-            (void)write_imglab(set, options);
-            break;
-        }
-        case 7: {
-            const LabelledPicture p = voc_picture_of(parse_voc_annotation(text, "f.xml"), "f.xml");
-            for (const auto &b : p.boxes) {
-                check_box(b);
+            case 1: {
+                for (const auto &b : parse_yolo_label_text(text, "f.txt", 640, 480, {"a", "b", "c"})) {
+                    check_box(b);
+                }
+                break;
             }
-            (void)write_voc_annotation(p, options);
-            break;
-        }
-        case 8: {
-            const LabelSet set = parse_coco_results(text, "r.json", small_dataset());
-            check_set(set);
-            (void)write_coco_results(set, &small_dataset());
-            break;
-        }
-        default: {
-            std::ofstream(scratch_file(), std::ios::binary | std::ios::trunc) << text;
-            try {
-                (void)detect_label_format(scratch_file());
-            } catch (const ToolError &) {
+            case 2: (void)parse_yolo_data_yaml(text, "data.yaml"); break;
+            case 3: (void)parse_yolo_names(text, "classes.txt"); break;
+            case 4: {
+                const LabelSet set = parse_cvat(text, "f.xml");
+                check_set(set);
+                (void)write_cvat(set, options);
+                break;
+            }
+            case 5: {
+                const LabelSet set = parse_labelstudio(text, "f.json");
+                check_set(set);
+                (void)write_labelstudio(set, options);
+                break;
+            }
+            case 6: {
+                const LabelSet set = parse_imglab(text, "f.xml");
+                check_set(set);
+                (void)write_imglab(set, options);
+                break;
+            }
+            case 7: {
+                const LabelledPicture p = voc_picture_of(parse_voc_annotation(text, "f.xml"), "f.xml");
+                for (const auto &b : p.boxes) {
+                    check_box(b);
+                }
+                (void)write_voc_annotation(p, options);
+                break;
+            }
+            case 8: {
+                const LabelSet set = parse_coco_results(text, "r.json", small_dataset());
+                check_set(set);
+                (void)write_coco_results(set, &small_dataset());
+                break;
+            }
+            default: {
+                std::ofstream(scratch_file(), std::ios::binary | std::ios::trunc) << text;
+                try {
+                    (void)detect_label_format(scratch_file());
+                } catch (const ToolError &) {
+                    std::remove(scratch_file().c_str());
+                    throw;
+                }
                 std::remove(scratch_file().c_str());
-                throw;
+                break;
             }
-            std::remove(scratch_file().c_str());
-            break;
-        }
         }
     } catch (const ToolError &e) {
         require(e.code() == ExitCode::input || e.code() == ExitCode::usage, "a refusal of an input");

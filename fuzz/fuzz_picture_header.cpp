@@ -67,8 +67,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (form == 0) {
         const ostrel_tool::PictureHeader h = ostrel_tool::read_picture_header(rest);
         check_header(h);
-        const ostrel_tool::PictureFacts f = ostrel_tool::picture_facts_from_header(
-            reinterpret_cast<const uint8_t *>(rest.data()), rest.size());
+        const ostrel_tool::PictureFacts f =
+            ostrel_tool::picture_facts_from_header(reinterpret_cast<const uint8_t *>(rest.data()), rest.size());
         require(f.width == h.width && f.height == h.height, "the facts give the header's size");
         ostrel_tool::JpegEndScanner scanner;
         scanner.feed(reinterpret_cast<const uint8_t *>(rest.data()), rest.size());

@@ -133,15 +133,39 @@ std::string header_safe(const std::string &text) {
 
 std::string build_request(FuzzedDataProvider &in) {
     static const char *methods[] = {"GET", "POST", "POST", "POST", "DELETE", "PUT", "PATCH", "OPTIONS", "HEAD"};
-    static const char *routes[] = {"/api/status", "/api/session", "/api/pictures", "/api/pictures/a.png",
-                                   "/api/pictures/b.jpg", "/api/pictures/", "/api/train", "/api/train/progress",
-                                   "/api/detect", "/api/samples", "/api/samples/0", "/api/samples/0/thumbnail",
-                                   "/api/model", "/api/reset", "/", "/studio.js", "/api/", "/api/labels/a.png",
-                                   "/api/classes", "/api/classes/object", "/api/accept", "/api/train/labels",
-                                   "/api/export/labels", "/api/export/detections", "/api/profile"};
-    static const char *types[] = {"application/json", "application/octet-stream", "image/png",
-                                  "text/plain\t;charset=utf-8", "Application/JSON ; charset=UTF-8",
-                                  "multipart/form-data; boundary=x", "application/x-www-form-urlencoded", ""};
+    static const char *routes[] = {"/api/status",
+                                   "/api/session",
+                                   "/api/pictures",
+                                   "/api/pictures/a.png",
+                                   "/api/pictures/b.jpg",
+                                   "/api/pictures/",
+                                   "/api/train",
+                                   "/api/train/progress",
+                                   "/api/detect",
+                                   "/api/samples",
+                                   "/api/samples/0",
+                                   "/api/samples/0/thumbnail",
+                                   "/api/model",
+                                   "/api/reset",
+                                   "/",
+                                   "/studio.js",
+                                   "/api/",
+                                   "/api/labels/a.png",
+                                   "/api/classes",
+                                   "/api/classes/object",
+                                   "/api/accept",
+                                   "/api/train/labels",
+                                   "/api/export/labels",
+                                   "/api/export/detections",
+                                   "/api/profile"};
+    static const char *types[] = {"application/json",
+                                  "application/octet-stream",
+                                  "image/png",
+                                  "text/plain\t;charset=utf-8",
+                                  "Application/JSON ; charset=UTF-8",
+                                  "multipart/form-data; boundary=x",
+                                  "application/x-www-form-urlencoded",
+                                  ""};
     std::string method = in.ConsumeBool() ? methods[in.ConsumeIntegralInRange<size_t>(0, 8)]
                                           : request_line_safe(in.ConsumeRandomLengthString(8));
     std::string target = routes[in.ConsumeIntegralInRange<size_t>(0, sizeof(routes) / sizeof(routes[0]) - 1)];
@@ -192,8 +216,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Studio &s = studio();
     FuzzedDataProvider in(data, size);
     const bool raw = size > 0 && (data[0] & 7) == 7;
-    const std::string request = raw ? std::string(reinterpret_cast<const char *>(data) + 1, size - 1)
-                                    : build_request(in);
+    const std::string request =
+        raw ? std::string(reinterpret_cast<const char *>(data) + 1, size - 1) : build_request(in);
 
     int sockets[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
@@ -240,8 +264,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (end == std::string::npos) break;
             size_t length = 0;
             for (size_t line = reply.find("\r\n", head); line < end; line = reply.find("\r\n", line + 2)) {
-                require(reply.compare(line + 2, 20, "Access-Control-Allow") != 0, "no cross-origin permission",
-                        reply);
+                require(reply.compare(line + 2, 20, "Access-Control-Allow") != 0, "no cross-origin permission", reply);
                 if (reply.compare(line + 2, 16, "Content-Length: ") == 0) {
                     length = std::strtoull(reply.c_str() + line + 18, nullptr, 10);
                 }

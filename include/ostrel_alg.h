@@ -87,21 +87,21 @@
 #define OSTREL_ALG_VERSION_PATCH 0
 
 #if defined(_WIN32)
-#  if defined(OSTREL_ALG_BUILDING)
-#    define OSTREL_ALG_API __declspec(dllexport)
-#  else
-#    define OSTREL_ALG_API __declspec(dllimport)
-#  endif
+#if defined(OSTREL_ALG_BUILDING)
+#define OSTREL_ALG_API __declspec(dllexport)
 #else
-#  define OSTREL_ALG_API __attribute__((visibility("default")))
+#define OSTREL_ALG_API __declspec(dllimport)
+#endif
+#else
+#define OSTREL_ALG_API __attribute__((visibility("default")))
 #endif
 
 #if defined(__cplusplus)
-#  define OSTREL_ALG_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#define OSTREL_ALG_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
 #elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
-#  define OSTREL_ALG_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#define OSTREL_ALG_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
 #else
-#  define OSTREL_ALG_STATIC_ASSERT(cond, msg)
+#define OSTREL_ALG_STATIC_ASSERT(cond, msg)
 #endif
 
 #ifdef __cplusplus
@@ -339,9 +339,8 @@ OSTREL_ALG_API int32_t ostrel_alg_getConfidenceOfSensitivity(uint32_t sensitivit
  * pixels of the training picture) and that picture's size. Training also
  * sets them from the first marked box, so hosts rarely need this call.
  */
-OSTREL_ALG_API int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width,
-                                                  uint32_t object_height, uint32_t picture_width,
-                                                  uint32_t picture_height);
+OSTREL_ALG_API int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, uint32_t object_height,
+                                                  uint32_t picture_width, uint32_t picture_height);
 
 /* Writes 1 to *trained when the engine holds a trained or imported model,
  * else 0. trained must not be null. */
@@ -591,8 +590,7 @@ OSTREL_ALG_API int32_t ostrel_alg_setRandomSeed(ostrel_alg *handle, uint32_t see
  * records owned by the engine (null when count is 0). They stay valid
  * until the next training, ostrel_alg_removeSample, init or destroy.
  */
-OSTREL_ALG_API int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples,
-                                                 uint32_t *count);
+OSTREL_ALG_API int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_sample **samples, uint32_t *count);
 
 /*
  * Removes sample number index (its thumbnail and training samples) and
@@ -604,13 +602,11 @@ OSTREL_ALG_API int32_t ostrel_alg_getSamples_ptr(ostrel_alg *handle, ostrel_alg_
 OSTREL_ALG_API int32_t ostrel_alg_removeSample(ostrel_alg *handle, uint32_t index);
 
 /* Counts the training samples (with their shifted variants) by label. */
-OSTREL_ALG_API int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives,
-                                                       uint32_t *negatives);
+OSTREL_ALG_API int32_t ostrel_alg_temp_getNumofSamples(ostrel_alg *handle, uint32_t *positives, uint32_t *negatives);
 
 /* Writes a pointer to a static, null-terminated string naming the method
  * used for negative samples ("BELOW_CONF"). The host must not free it. */
-OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle,
-                                                                const char **method);
+OSTREL_ALG_API int32_t ostrel_alg_temp_getAddNegativeMethod_ptr(ostrel_alg *handle, const char **method);
 
 /* ------------------------------------------------------------------------
  * Detection
@@ -656,8 +652,8 @@ OSTREL_ALG_API int32_t ostrel_alg_runDetector_ptr(ostrel_alg *handle, const ostr
  * This is the classic profile's map, whatever the profile.
  */
 OSTREL_ALG_API int32_t ostrel_alg_getFeatureMap_ptr(ostrel_alg *handle, const ostrel_alg_image *image,
-                                                    const uint8_t **data, uint32_t *channels,
-                                                    uint32_t *columns, uint32_t *rows);
+                                                    const uint8_t **data, uint32_t *channels, uint32_t *columns,
+                                                    uint32_t *rows);
 
 /* ------------------------------------------------------------------------
  * Classes: several kinds of object in one model (accurate profile)
@@ -728,8 +724,7 @@ OSTREL_ALG_API int32_t ostrel_alg_getClassName_ptr(ostrel_alg *handle, uint32_t 
  * the next detection, init or destroy; count 0 (classes null) before any
  * run and after a failed one.
  */
-OSTREL_ALG_API int32_t ostrel_alg_getBoxClasses_ptr(ostrel_alg *handle, const uint32_t **classes,
-                                                    uint32_t *count);
+OSTREL_ALG_API int32_t ostrel_alg_getBoxClasses_ptr(ostrel_alg *handle, const uint32_t **classes, uint32_t *count);
 
 /* ------------------------------------------------------------------------
  * Log handler
@@ -1052,8 +1047,7 @@ typedef uint_least16_t ostrel_alg_utf16; /* same representation as char16_t */
 
 OSTREL_ALG_API int32_t ostrel_alg_exportModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path);
 OSTREL_ALG_API int32_t ostrel_alg_importModel_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path);
-OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle,
-                                                            const ostrel_alg_utf16 *path);
+OSTREL_ALG_API int32_t ostrel_alg_checkModelValidation_bstr(ostrel_alg *handle, const ostrel_alg_utf16 *path);
 
 #ifdef __cplusplus
 } /* extern "C" */

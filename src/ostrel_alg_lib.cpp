@@ -16,7 +16,8 @@
 #include "engine/ostrel_alg.h"
 #include "engine/sensitivity.h"
 
-static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE && ostrel::kProfileClassic == OSTREL_ALG_PROFILE_CLASSIC &&
+static_assert(ostrel::kOptionProfile == OSTREL_ALG_OPTION_PROFILE &&
+                  ostrel::kProfileClassic == OSTREL_ALG_PROFILE_CLASSIC &&
                   ostrel::kProfileAccurate == OSTREL_ALG_PROFILE_ACCURATE &&
                   ostrel::kOptionAccurateCells == OSTREL_ALG_OPTION_ACCURATE_CELLS &&
                   ostrel::kOptionAccurateSizeSteps == OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS &&
@@ -34,7 +35,8 @@ constexpr const char *kNullArgumentFormat = "[Alg.Fail] %s: %s must not be null\
 constexpr const char *kBadPathFormat = "[Alg.Fail] %s: the path is null or not a valid UTF-16 string\n";
 constexpr const char *kLongPathFormat = "[Alg.Fail] %s: the path is longer than %u UTF-16 units\n";
 constexpr const char *kSensitivityAboveFormat = "[Alg.Fail] %s: sensitivity %u is above %u\n";
-constexpr const char *kUnconvertedPathFormat = "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
+constexpr const char *kUnconvertedPathFormat =
+    "[Alg.Fail] %s: the path cannot be converted to the thread's code page\n";
 
 // Line numbers of each function's failure line; they are part of the
 // messages that hosts already match on.
@@ -197,18 +199,16 @@ int32_t run_with_utf16_path(ostrel_alg *handle, const ostrel_alg_utf16 *path, co
                             int32_t (*plain)(ostrel_alg *, std::string)) {
     std::string narrow;
     switch (ostrel::utf16_path_to_narrow(path, &narrow)) {
-    case ostrel::Utf16PathResult::converted:
-        return plain(handle, std::move(narrow));
-    case ostrel::Utf16PathResult::too_long:
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kLongPathFormat, function,
-                     static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
-        return 1;
-    case ostrel::Utf16PathResult::conversion_failed:
-        ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kUnconvertedPathFormat, function);
-        return 1;
-    case ostrel::Utf16PathResult::null_path:
-    case ostrel::Utf16PathResult::invalid_utf16:
-        break;
+        case ostrel::Utf16PathResult::converted: return plain(handle, std::move(narrow));
+        case ostrel::Utf16PathResult::too_long:
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kLongPathFormat, function,
+                         static_cast<unsigned>(ostrel::kMaxUtf16PathUnits));
+            return 1;
+        case ostrel::Utf16PathResult::conversion_failed:
+            ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kUnconvertedPathFormat, function);
+            return 1;
+        case ostrel::Utf16PathResult::null_path:
+        case ostrel::Utf16PathResult::invalid_utf16: break;
     }
     ostrel::fail(OSTREL_ALG_ERR_BAD_ARGUMENT, kBadPathFormat, function);
     return 1;
@@ -329,8 +329,7 @@ int32_t ostrel_alg_setTrainingSize(ostrel_alg *handle, uint32_t object_width, ui
     });
 }
 
-int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image,
-                               std::vector<ostrel_alg_box> &out) {
+int32_t ostrel_alg_runDetector(ostrel_alg *handle, const ostrel_alg_image *image, std::vector<ostrel_alg_box> &out) {
     return api_call(handle, __func__, [&](const char *function) -> int32_t {
         if (!handle_ok(handle, function, kRunDetectorLine)) {
             return 1;

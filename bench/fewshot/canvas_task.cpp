@@ -24,7 +24,8 @@
 namespace {
 
 [[noreturn]] void usage(const char *message) {
-    std::fprintf(stderr, "canvas_task: %s\nusage: canvas_task --task TASK.json --width W --height H --out DIR\n", message);
+    std::fprintf(stderr, "canvas_task: %s\nusage: canvas_task --task TASK.json --width W --height H --out DIR\n",
+                 message);
     std::exit(2);
 }
 
@@ -36,13 +37,19 @@ int main(int argc, char **argv) {
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string key = argv[i];
         const std::string value = argv[i + 1];
-        if (key == "--task") task_path = value;
-        else if (key == "--out") out = value;
-        else if (key == "--width") width = std::stoi(value);
-        else if (key == "--height") height = std::stoi(value);
-        else usage(("unknown argument " + key).c_str());
+        if (key == "--task")
+            task_path = value;
+        else if (key == "--out")
+            out = value;
+        else if (key == "--width")
+            width = std::stoi(value);
+        else if (key == "--height")
+            height = std::stoi(value);
+        else
+            usage(("unknown argument " + key).c_str());
     }
-    if (task_path.empty() || out.empty() || width < 1 || height < 1) usage("--task, --width, --height and --out are required");
+    if (task_path.empty() || out.empty() || width < 1 || height < 1)
+        usage("--task, --width, --height and --out are required");
     nlohmann::json task;
     {
         std::ifstream in(task_path);
@@ -58,7 +65,8 @@ int main(int argc, char **argv) {
     for (const auto &t : task["test_images"]) {
         const cv::Mat picture = cv::imread(t["path"].get<std::string>(), cv::IMREAD_COLOR);
         if (picture.empty() || picture.cols > width || picture.rows > height) {
-            std::fprintf(stderr, "canvas_task: %s is missing or larger than the canvas\n", t["path"].get<std::string>().c_str());
+            std::fprintf(stderr, "canvas_task: %s is missing or larger than the canvas\n",
+                         t["path"].get<std::string>().c_str());
             return 1;
         }
         // The place moves along a fixed walk over the free room.
@@ -92,6 +100,7 @@ int main(int argc, char **argv) {
     }
     task["test_images"] = tests;
     std::ofstream(out + "/task.json") << task.dump(1) << "\n";
-    std::printf("canvas_task: %zu pictures on %d x %d canvases -> %s/task.json\n", tests.size(), width, height, out.c_str());
+    std::printf("canvas_task: %zu pictures on %d x %d canvases -> %s/task.json\n", tests.size(), width, height,
+                out.c_str());
     return 0;
 }

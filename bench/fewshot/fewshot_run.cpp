@@ -104,8 +104,8 @@ bool load(const std::string &path, int64_t key, Picture *picture) {
     picture->bgr = cv::imread(path, cv::IMREAD_COLOR);
     if (picture->bgr.empty()) return false;
     if (!picture->bgr.isContinuous()) picture->bgr = picture->bgr.clone();
-    picture->record = ostrel_alg_image{picture->bgr.cols, picture->bgr.rows, 3, picture->bgr.data, key, 0,
-                                       OSTREL_ALG_FORMAT_INTERLEAVED};
+    picture->record = ostrel_alg_image{
+        picture->bgr.cols, picture->bgr.rows, 3, picture->bgr.data, key, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
     return true;
 }
 
@@ -166,8 +166,8 @@ int main(int argc, char **argv) {
     }
     const auto train_start = Clock::now();
     const double train_cpu_start = thread_cpu_ms();
-    const int32_t trained = ostrel_alg_setDetector_ptr(engine, &train.record, marked.data(),
-                                                       static_cast<int32_t>(marked.size()));
+    const int32_t trained =
+        ostrel_alg_setDetector_ptr(engine, &train.record, marked.data(), static_cast<int32_t>(marked.size()));
     const double train_ms = milliseconds(Clock::now() - train_start);
     const double train_cpu_ms = thread_cpu_ms() - train_cpu_start;
     if (trained != 0) {
@@ -229,10 +229,11 @@ int main(int argc, char **argv) {
     double cpu_sum = 0.0;
     for (double v : detect_cpu_ms) cpu_sum += v;
     const double cpu_mean = detect_cpu_ms.empty() ? 0.0 : cpu_sum / static_cast<double>(detect_cpu_ms.size());
-    std::fprintf(stderr,
-                 "fewshot_run: %s, training %.1f ms (cpu %.1f), detection %.2f ms a picture (cpu %.2f), %zu detections\n",
-                 args.profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic", train_ms, train_cpu_ms, mean,
-                 cpu_mean, detections);
+    std::fprintf(
+        stderr,
+        "fewshot_run: %s, training %.1f ms (cpu %.1f), detection %.2f ms a picture (cpu %.2f), %zu detections\n",
+        args.profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic", train_ms, train_cpu_ms, mean, cpu_mean,
+        detections);
     if (!args.timing.empty()) {
         nlohmann::json timing = {{"profile", args.profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic"},
                                  {"training_ms", train_ms},

@@ -47,15 +47,15 @@ inline std::vector<ostrel_alg_box> cell_boxes() {
 struct tile {
     int picture;  // offset from the first picture of the canvas
     double scale;
-    int x, y;     // top-left on the canvas
+    int x, y;  // top-left on the canvas
 };
 
 // Tiles of 1.5 (960 x 720), 1 (640 x 480) and 0.5 (320 x 240) times a
 // 640 x 480 picture, filling 1920 x 1080 (the bottom row is cut).
 inline std::vector<tile> street_layout() {
-    return {{0, 1.5, 0, 0},   {0, 1.0, 960, 0},   {0, 0.5, 960, 480}, {1, 0.5, 1280, 480}, {2, 0.5, 1600, 480},
-            {3, 1.0, 1600, 0}, {4, 0.5, 960, 720}, {5, 0.5, 1280, 720}, {6, 0.5, 1600, 720}, {7, 1.0, 0, 720},
-            {1, 1.0, 640, 720}, {2, 1.0, 1280, 960}};
+    return {{0, 1.5, 0, 0},      {0, 1.0, 960, 0},  {0, 0.5, 960, 480}, {1, 0.5, 1280, 480},
+            {2, 0.5, 1600, 480}, {3, 1.0, 1600, 0}, {4, 0.5, 960, 720}, {5, 0.5, 1280, 720},
+            {6, 0.5, 1600, 720}, {7, 1.0, 0, 720},  {1, 1.0, 640, 720}, {2, 1.0, 1280, 960}};
 }
 
 // The test canvas: blood pictures of three sizes in every tile, from the
@@ -63,7 +63,8 @@ inline std::vector<tile> street_layout() {
 inline cv::Mat street_canvas(const std::string &data_dir, int first) {
     cv::Mat canvas(1080, 1920, CV_8UC3, cv::Scalar(210, 200, 220));
     for (const tile &t : street_layout()) {
-        const cv::Mat picture = cv::imread(picture_path(data_dir, shipped_blood_picture(first + t.picture)), cv::IMREAD_COLOR);
+        const cv::Mat picture =
+            cv::imread(picture_path(data_dir, shipped_blood_picture(first + t.picture)), cv::IMREAD_COLOR);
         if (picture.empty()) continue;
         cv::Mat scaled;
         cv::resize(picture, scaled, cv::Size(), t.scale, t.scale, cv::INTER_AREA);
@@ -110,7 +111,8 @@ inline cv::Mat street_training_canvas(const std::string &data_dir) {
     const std::vector<ostrel_alg_box> boxes = street_boxes();
     for (size_t i = 0; i < boxes.size() && !cells_picture.empty(); ++i) {
         const ostrel_alg_box &c = cells[i % cells.size()];
-        const cv::Rect from = cv::Rect(c.x, c.y, c.width, c.height) & cv::Rect(0, 0, cells_picture.cols, cells_picture.rows);
+        const cv::Rect from =
+            cv::Rect(c.x, c.y, c.width, c.height) & cv::Rect(0, 0, cells_picture.cols, cells_picture.rows);
         cv::Mat patch;
         cv::resize(cells_picture(from), patch, cv::Size(boxes[i].width, boxes[i].height), 0, 0, cv::INTER_AREA);
         patch.copyTo(canvas(cv::Rect(boxes[i].x, boxes[i].y, boxes[i].width, boxes[i].height)));

@@ -54,7 +54,8 @@ void normalise(chn_image32 &magnitude, int32_t radius, int32_t floor) {
         int32_t *out = box.data() + static_cast<size_t>(y) * w;
         const int32_t *previous = out - w;
         const int32_t *entering = y + radius < H ? across.data() + static_cast<size_t>(y + radius) * w : nullptr;
-        const int32_t *leaving = y - radius - 1 >= 0 ? across.data() + static_cast<size_t>(y - radius - 1) * w : nullptr;
+        const int32_t *leaving =
+            y - radius - 1 >= 0 ? across.data() + static_cast<size_t>(y - radius - 1) * w : nullptr;
         for (size_t x = 0; x < w; ++x) {
             out[x] = previous[x] + (entering ? entering[x] : 0) - (leaving ? leaving[x] : 0);
         }
@@ -105,7 +106,8 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
             const uint8_t *r0 = lab.plane(c) + static_cast<size_t>(2 * cy) * lab.width;
             const uint8_t *r1 = r0 + lab.width;
             for (int32_t cx = 0; cx < cells_w; ++cx) {
-                cell(c, cy, cx) = static_cast<uint8_t>((r0[2 * cx] + r0[2 * cx + 1] + r1[2 * cx] + r1[2 * cx + 1] + 2) / 4);
+                cell(c, cy, cx) =
+                    static_cast<uint8_t>((r0[2 * cx] + r0[2 * cx + 1] + r1[2 * cx] + r1[2 * cx + 1] + 2) / 4);
             }
         }
     }
@@ -142,8 +144,8 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
     }
 #endif
     for (; i < squared.data.size(); ++i) {
-        magnitude.data[i] = static_cast<int32_t>(std::sqrt(static_cast<float>(squared.data[i])) *
-                                                     static_cast<float>(kMagnitudeScale) + 0.5f);
+        magnitude.data[i] = static_cast<int32_t>(
+            std::sqrt(static_cast<float>(squared.data[i])) * static_cast<float>(kMagnitudeScale) + 0.5f);
     }
     if (recipe.norm_radius >= 0) {
         normalise(magnitude, recipe.norm_radius, std::max(recipe.norm_floor, 1));
@@ -165,7 +167,8 @@ feature_map accurate_channel_map(const chn_image8 &lab, const channel_recipe &re
         for (int32_t b = 0; b < kAccurateOrientations; ++b) {
             for (int32_t cy = 0; cy < cells_h; ++cy) {
                 for (int32_t cx = 0; cx < cells_w; ++cx) {
-                    cell(4 + b, cy, cx) = to_byte(static_cast<int64_t>(hist.at(b, cy, cx)) * kByteGain / (16 * kMagnitudeScale));
+                    cell(4 + b, cy, cx) =
+                        to_byte(static_cast<int64_t>(hist.at(b, cy, cx)) * kByteGain / (16 * kMagnitudeScale));
                 }
             }
         }

@@ -70,8 +70,8 @@ namespace {
 // What a class's search needs of a level: its margin's terms and the
 // least sum that can reach the floor.
 struct level_terms {
-    double scale = 0.0;   // margin per unit of window sum
-    double width = 0.0;   // reported box, pixels
+    double scale = 0.0;  // margin per unit of window sum
+    double width = 0.0;  // reported box, pixels
     double height = 0.0;
     double bias = 0.0;
     double floor_sum = 0.0;  // sums below this cannot reach the floor (the test below is exact)

@@ -37,8 +37,8 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
         // Within the budget when that keeps min_budget_cells cells, else as
         // few cells as that and a larger picture, up to the hard limit.
         const double keeping =
-            kAccurateShrink * std::sqrt(static_cast<double>(std::min(settings.min_budget_cells, settings.object_cells)) /
-                                        object_area);
+            kAccurateShrink *
+            std::sqrt(static_cast<double>(std::min(settings.min_budget_cells, settings.object_cells)) / object_area);
         const double hard = std::sqrt(static_cast<double>(settings.hard_working_pixels) / picture_area);
         scale = std::min(scale, std::min(std::max(budget, keeping), hard));
     }
@@ -65,17 +65,14 @@ geometry_status derive_accurate_geometry(int32_t object_width, int32_t object_he
 
 const char *geometry_status_text(geometry_status status) {
     switch (status) {
-        case geometry_status::ok:
-            return "it fits";
-        case geometry_status::bad_size:
-            return "a size is not positive or too large";
+        case geometry_status::ok: return "it fits";
+        case geometry_status::bad_size: return "a size is not positive or too large";
         case geometry_status::object_too_small:
             return "the object is too small for a window (fewer than 3 cells a side or " OSTREL_MIN_WINDOW_WEIGHTS_TEXT
                    " weights)";
         case geometry_status::window_too_large:
             return "its window would need more than " OSTREL_MAX_WINDOW_WEIGHTS_TEXT " weights";
-        case geometry_status::picture_too_small:
-            return "the picture is smaller than a window";
+        case geometry_status::picture_too_small: return "the picture is smaller than a window";
     }
     return "unknown";
 }

@@ -25,10 +25,9 @@ struct accurate_picture_key {
         const pyramid_request &b = o.request;
         return image_key == o.image_key && picture_columns == o.picture_columns && picture_rows == o.picture_rows &&
                a.base_columns == b.base_columns && a.base_rows == b.base_rows && a.size_factors == b.size_factors &&
-               a.marked_index == b.marked_index && a.with_mirror == b.with_mirror &&
-               a.pad_columns == b.pad_columns && a.pad_rows == b.pad_rows &&
-               a.recipe.norm_radius == b.recipe.norm_radius && a.recipe.norm_floor == b.recipe.norm_floor &&
-               a.exact_every == b.exact_every &&
+               a.marked_index == b.marked_index && a.with_mirror == b.with_mirror && a.pad_columns == b.pad_columns &&
+               a.pad_rows == b.pad_rows && a.recipe.norm_radius == b.recipe.norm_radius &&
+               a.recipe.norm_floor == b.recipe.norm_floor && a.exact_every == b.exact_every &&
                a.approximation_exponent_permille == b.approximation_exponent_permille &&
                a.keep_exact_lab == b.keep_exact_lab && a.ties == b.ties;
     }

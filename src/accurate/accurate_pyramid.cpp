@@ -57,8 +57,8 @@ accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyra
         const double s = request.size_factors[k];
         const int32_t columns = scaled_working_side(request.base_columns, s, request.ties);
         const int32_t rows = scaled_working_side(request.base_rows, s, request.ties);
-        const bool exact = request.exact_every <= 0 || k % static_cast<size_t>(request.exact_every) == 0 ||
-                           exact_map.empty();
+        const bool exact =
+            request.exact_every <= 0 || k % static_cast<size_t>(request.exact_every) == 0 || exact_map.empty();
         pyramid_level level;
         level.size_factor = s;
         level.scale_x = static_cast<float>(columns) / static_cast<float>(out.picture_columns);
@@ -89,8 +89,7 @@ accurate_pyramid build_accurate_pyramid(const split_picture &picture, const pyra
             }
         } else {
             const double ratio = s / exact_factor;
-            map = approximate_level(exact_map, columns / 2, rows / 2, ratio,
-                                    request.approximation_exponent_permille);
+            map = approximate_level(exact_map, columns / 2, rows / 2, ratio, request.approximation_exponent_permille);
             if (map.empty()) {
                 continue;
             }

@@ -24,7 +24,7 @@ struct pyramid_level {
     int32_t pad_columns = 0;
     int32_t pad_rows = 0;
     feature_map map;
-    feature_map mirrored;      // the mirror image's map (training only)
+    feature_map mirrored;  // the mirror image's map (training only)
     // Computed from the picture (true) or approximated from a finer level's
     // channels (false).
     bool exact = true;

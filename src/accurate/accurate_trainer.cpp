@@ -95,9 +95,11 @@ void mark_background(training_map &tm, const pyramid_level &level, const accurat
         if (area_ratio != 0.0 && !(areas < area_ratio && areas * area_ratio > 1.0)) continue;
         // Windows whose object box reaches into the box, one cell either side.
         const int32_t x0 = std::max(0, static_cast<int32_t>(std::floor((box.x - w - l0) / cell_x)) - 1);
-        const int32_t x1 = std::min(tm.columns - 1, static_cast<int32_t>(std::ceil((box.x + box.width - l0) / cell_x)) + 1);
+        const int32_t x1 =
+            std::min(tm.columns - 1, static_cast<int32_t>(std::ceil((box.x + box.width - l0) / cell_x)) + 1);
         const int32_t y0 = std::max(0, static_cast<int32_t>(std::floor((box.y - h - t0) / cell_y)) - 1);
-        const int32_t y1 = std::min(tm.rows - 1, static_cast<int32_t>(std::ceil((box.y + box.height - t0) / cell_y)) + 1);
+        const int32_t y1 =
+            std::min(tm.rows - 1, static_cast<int32_t>(std::ceil((box.y + box.height - t0) / cell_y)) + 1);
         for (int32_t x = x0; x <= x1; ++x) {
             for (int32_t y = y0; y <= y1; ++y) {
                 double l, t, ww, hh;
@@ -188,7 +190,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                 window_bytes(map, x, y, geometry.window_columns, geometry.window_rows, bytes.data());
                 svm.add(bytes.data(), box.label == 1 ? 1 : -1);
                 const ostrel_alg_box &original = picture.boxes[static_cast<size_t>(&box - boxes.data())];
-                origins.push_back(sample_origin{static_cast<uint32_t>(p), box.label == 1 ? static_cast<int32_t>(index) : -1,
+                origins.push_back(sample_origin{static_cast<uint32_t>(p),
+                                                box.label == 1 ? static_cast<int32_t>(index) : -1,
                                                 original.x + original.width / 2.0});
                 (box.label == 1 ? result.positives : result.negatives) += 1;
             }
@@ -208,10 +211,9 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
                         continue;
                     }
                     svm.add(window.data(), 1);
-                    origins.push_back(sample_origin{static_cast<uint32_t>(p), static_cast<int32_t>(index),
-                                                    index < objects.size()
-                                                        ? objects[index]->x + objects[index]->width / 2.0
-                                                        : 0.0});
+                    origins.push_back(
+                        sample_origin{static_cast<uint32_t>(p), static_cast<int32_t>(index),
+                                      index < objects.size() ? objects[index]->x + objects[index]->width / 2.0 : 0.0});
                     ++result.positives;
                 }
             }
@@ -273,7 +275,7 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
     svm_settings.seed = seed;
     int32_t epochs = svm.train(svm_settings);
     log_progress("[Alg. Scc] Accurate training: %u objects, %u background windows, %d passes of the solver\n",
-        result.positives, result.negatives, epochs);
+                 result.positives, result.negatives, epochs);
     ostrel_alg_progress first = progress_record(OSTREL_ALG_STAGE_ACCURATE_TRAINING);
     first.object_windows = static_cast<int32_t>(result.positives);
     first.background_windows = static_cast<int32_t>(result.negatives);
@@ -310,7 +312,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
             return a.margin != b.margin ? a.margin > b.margin : a.id < b.id;
         });
         const size_t room = static_cast<size_t>(settings.max_negatives) - result.negatives;
-        const size_t take = std::min({hard.size(), static_cast<size_t>(std::max(settings.negatives_per_round, 0)), room});
+        const size_t take =
+            std::min({hard.size(), static_cast<size_t>(std::max(settings.negatives_per_round, 0)), room});
         for (size_t i = 0; i < take; ++i) {
             const uint64_t id = hard[i].id;
             const size_t m = static_cast<size_t>(id >> 40);
@@ -324,7 +327,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
         }
         epochs = svm.train(svm_settings);
         result.rounds = round;
-        log_progress("[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
+        log_progress(
+            "[Alg. Scc] Accurate mining round %d: %zu of %zu hard background windows added, %d passes of the solver\n",
             round, take, hard.size(), epochs);
         ostrel_alg_progress mined = progress_record(OSTREL_ALG_STAGE_MINING_ROUND);
         mined.round = round;
@@ -346,8 +350,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
 }
 
 accurate_training_result retrain_without(const accurate_training_state &state,
-                                         const std::vector<held_out_part> &held_out,
-                                         const accurate_settings &settings, uint32_t seed) {
+                                         const std::vector<held_out_part> &held_out, const accurate_settings &settings,
+                                         uint32_t seed) {
     accurate_training_result result;
     if (!state.svm || state.origins.size() != state.svm->size()) return result;
     const linear_svm &full = *state.svm;

@@ -51,7 +51,7 @@ struct accurate_training_result {
     double bias = 0.0;           // margin = sum(weights * bytes) + bias
     uint32_t positives = 0;
     uint32_t negatives = 0;
-    int32_t rounds = 0;          // mining rounds run
+    int32_t rounds = 0;  // mining rounds run
 };
 
 // A part of a training picture kept out of a training (to see how the
@@ -104,8 +104,8 @@ accurate_training_result train_accurate(const std::vector<accurate_training_pict
 // elsewhere, no new mining, starting from the dual variables the training
 // ended with (so it takes a fraction of the first training's time).
 accurate_training_result retrain_without(const accurate_training_state &state,
-                                         const std::vector<held_out_part> &held_out,
-                                         const accurate_settings &settings, uint32_t seed);
+                                         const std::vector<held_out_part> &held_out, const accurate_settings &settings,
+                                         uint32_t seed);
 
 // The window (top-left cell of the padded map) of a level whose object
 // cells are centred on the box's centre.

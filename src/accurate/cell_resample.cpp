@@ -48,8 +48,8 @@ axis_taps taps_for(int32_t source, int32_t target) {
             const int64_t lo = std::max<int64_t>(begin, static_cast<int64_t>(k) * target);
             const int64_t hi = std::min<int64_t>(end, static_cast<int64_t>(k + 1) * target);
             // The last tap takes what rounding left, so the weights sum to one.
-            const uint32_t w = k == last ? kWeightOne - given
-                                         : static_cast<uint32_t>(((hi - lo) * kWeightOne + source / 2) / source);
+            const uint32_t w =
+                k == last ? kWeightOne - given : static_cast<uint32_t>(((hi - lo) * kWeightOne + source / 2) / source);
             taps.weights.push_back(w);
             given += w;
         }
@@ -76,8 +76,8 @@ shrink_plan plan_shrink(int32_t source_columns, int32_t source_rows, int32_t col
     shrink_plan plan;
     plan.across = taps_for(source_columns, columns);
     plan.down = taps_for(source_rows, rows);
-    plan.three_taps = source_rows >= kDownTaps &&
-                      *std::max_element(plan.down.count.begin(), plan.down.count.end()) <= kDownTaps;
+    plan.three_taps =
+        source_rows >= kDownTaps && *std::max_element(plan.down.count.begin(), plan.down.count.end()) <= kDownTaps;
     if (!plan.three_taps) return plan;
     plan.down_first.resize(static_cast<size_t>(rows));
     plan.down_weight.assign(static_cast<size_t>(rows) * kDownTaps, 0);
@@ -124,8 +124,8 @@ void shrink_column(const shrink_plan &plan, const uint8_t *plane, int32_t source
             sum = dw[0] * m[0] + dw[1] * m[1] + dw[2] * m[2];
         } else {
             for (int32_t k = 0; k < plan.down.count[sj]; ++k) {
-                sum += plan.down.weights[static_cast<size_t>(plan.down.offset[sj] + k)] *
-                       middle[plan.down.first[sj] + k];
+                sum +=
+                    plan.down.weights[static_cast<size_t>(plan.down.offset[sj] + k)] * middle[plan.down.first[sj] + k];
             }
         }
         column[j] = cell_value(sum);
@@ -136,8 +136,8 @@ void shrink_column(const shrink_plan &plan, const uint8_t *plane, int32_t source
 // The same column with AVX2: eight rows at a time across, and the three
 // taps of eight target rows gathered at once. The same integers.
 __attribute__((target("avx2"))) void shrink_column_avx2(const shrink_plan &plan, const uint8_t *plane,
-                                                        int32_t source_rows, int32_t i, uint32_t gain,
-                                                        uint32_t *middle, uint8_t *column, int32_t rows) {
+                                                        int32_t source_rows, int32_t i, uint32_t gain, uint32_t *middle,
+                                                        uint8_t *column, int32_t rows) {
     const size_t si = static_cast<size_t>(i);
     const uint32_t *w = plan.across.weights.data() + plan.across.offset[si];
     const int32_t count = plan.across.count[si];
@@ -159,7 +159,8 @@ __attribute__((target("avx2"))) void shrink_column_avx2(const shrink_plan &plan,
         uint32_t sum = 0;
         for (int32_t k = 0; k < count; ++k) {
             const uint32_t weight = (w[k] * gain + (1u << (kWeightBits - 1))) >> kWeightBits;
-            sum += weight * plane[static_cast<size_t>(plan.across.first[si] + k) * static_cast<size_t>(source_rows) + y];
+            sum +=
+                weight * plane[static_cast<size_t>(plan.across.first[si] + k) * static_cast<size_t>(source_rows) + y];
         }
         middle[y] = middle_value(sum);
     }
@@ -169,7 +170,8 @@ __attribute__((target("avx2"))) void shrink_column_avx2(const shrink_plan &plan,
     int32_t j = 0;
     for (; j + 8 <= rows; j += 8) {
         const __m256i first = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(plan.down_first.data() + j));
-        const int32_t *dw = reinterpret_cast<const int32_t *>(plan.down_weight.data()) + static_cast<size_t>(j) * kDownTaps;
+        const int32_t *dw =
+            reinterpret_cast<const int32_t *>(plan.down_weight.data()) + static_cast<size_t>(j) * kDownTaps;
         __m256i sum = _mm256_setzero_si256();
         for (int32_t k = 0; k < kDownTaps; ++k) {
             const __m256i weights = _mm256_i32gather_epi32(dw + k, offsets, 4);

@@ -218,8 +218,8 @@ float best_f1_margin(const std::vector<const held_out_scores *> &sets, float ban
                      float fallback) {
     bool any_found = false;
     for (const held_out_scores *s : sets) {
-        any_found = any_found || std::any_of(s->objects.begin(), s->objects.end(),
-                                             [](float m) { return std::isfinite(m); });
+        any_found =
+            any_found || std::any_of(s->objects.begin(), s->objects.end(), [](float m) { return std::isfinite(m); });
     }
     if (!any_found || !(high > low) || !(bandwidth > 0.0f)) return fallback;
     // The sum of the sets' smoothed F1 over a grid of hundredths. Where it

@@ -38,16 +38,16 @@ struct order_generator {
 constexpr int32_t kLanes = 16;
 
 // sum over j of w[j] * x[j].
-#define OSTREL_SVM_DOT_BODY                                                                        \
-    float lanes[kLanes] = {};                                                                      \
-    int32_t j = 0;                                                                                 \
-    for (; j + kLanes <= n; j += kLanes) {                                                         \
+#define OSTREL_SVM_DOT_BODY                                                                       \
+    float lanes[kLanes] = {};                                                                     \
+    int32_t j = 0;                                                                                \
+    for (; j + kLanes <= n; j += kLanes) {                                                        \
         for (int32_t k = 0; k < kLanes; ++k) lanes[k] += w[j + k] * static_cast<float>(x[j + k]); \
-    }                                                                                              \
+    }                                                                                             \
     for (int32_t k = 0; j < n; ++j, ++k) lanes[k] += w[j] * static_cast<float>(x[j]);             \
-    for (int32_t width = kLanes / 2; width >= 1; width /= 2) {                                     \
-        for (int32_t k = 0; k < width; ++k) lanes[k] += lanes[k + width];                          \
-    }                                                                                              \
+    for (int32_t width = kLanes / 2; width >= 1; width /= 2) {                                    \
+        for (int32_t k = 0; k < width; ++k) lanes[k] += lanes[k + width];                         \
+    }                                                                                             \
     return lanes[0];
 
 // w[j] += step * x[j].
@@ -62,9 +62,7 @@ void add_bytes_plain(float *w, float step, const uint8_t *x, int32_t n) { OSTREL
 // The same loops compiled for AVX2: wider vectors, the same additions in
 // the same order (AVX2 alone brings no fused multiply-add), so the same
 // floats.
-__attribute__((target("avx2"))) float byte_dot_avx2(const float *w, const uint8_t *x, int32_t n) {
-    OSTREL_SVM_DOT_BODY
-}
+__attribute__((target("avx2"))) float byte_dot_avx2(const float *w, const uint8_t *x, int32_t n) { OSTREL_SVM_DOT_BODY }
 __attribute__((target("avx2"))) void add_bytes_avx2(float *w, float step, const uint8_t *x, int32_t n) {
     OSTREL_SVM_ADD_BODY
 }
@@ -81,9 +79,7 @@ bool use_avx2(svm_kernel_path path) {
 
 }  // namespace
 
-bool svm_kernel_path_available(svm_kernel_path path) {
-    return path != svm_kernel_path::avx2 || use_avx2(path);
-}
+bool svm_kernel_path_available(svm_kernel_path path) { return path != svm_kernel_path::avx2 || use_avx2(path); }
 
 float byte_dot(const float *w, const uint8_t *x, int32_t n, svm_kernel_path path) {
 #if defined(OSTREL_SVM_AVX2)

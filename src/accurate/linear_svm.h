@@ -15,13 +15,13 @@
 namespace ostrel {
 
 struct linear_svm_settings {
-    double cost = 1.0;          // C, the price of a sample on the wrong side of its margin
-    double tolerance = 0.05;    // stop when the projected gradients span less
-    int32_t max_epochs = 400;   // passes over the samples, at most
+    double cost = 1.0;         // C, the price of a sample on the wrong side of its margin
+    double tolerance = 0.05;   // stop when the projected gradients span less
+    int32_t max_epochs = 400;  // passes over the samples, at most
     // Samples visited in all, at most: with max_epochs the bound of a
     // training's work (about 100 000 on the development sets).
     int64_t max_visits = 2000000;
-    uint32_t seed = 1;          // of the coordinate order
+    uint32_t seed = 1;  // of the coordinate order
 };
 
 // The solver's two kernels over a row of bytes. `plain` is the portable
@@ -34,8 +34,7 @@ bool svm_kernel_path_available(svm_kernel_path path);
 // sum over j < n of w[j] * x[j], in a fixed order of additions.
 float byte_dot(const float *w, const uint8_t *x, int32_t n, svm_kernel_path path = svm_kernel_path::fastest);
 // w[j] += step * x[j] for j < n.
-void add_bytes(float *w, float step, const uint8_t *x, int32_t n,
-               svm_kernel_path path = svm_kernel_path::fastest);
+void add_bytes(float *w, float step, const uint8_t *x, int32_t n, svm_kernel_path path = svm_kernel_path::fastest);
 
 // The samples: rows of `dimension` bytes, each read as byte / 255 less the
 // centre of that feature, plus a constant bias feature of 1. Centring keeps
@@ -82,10 +81,10 @@ private:
     // (see solver_margin); the bias feature's weight is label_sum_.
     std::vector<float> raw_;
     double label_sum_ = 0.0;
-    double raw_centre_ = 0.0;     // raw_ . centre_
-    std::vector<float> centre_;   // per feature, in byte / 255 units
-    double centre_square_ = 0.0;  // centre_ . centre_
-    std::vector<double> norms_;   // squared norm of each centred sample, bias feature included
+    double raw_centre_ = 0.0;          // raw_ . centre_
+    std::vector<float> centre_;        // per feature, in byte / 255 units
+    double centre_square_ = 0.0;       // centre_ . centre_
+    std::vector<double> norms_;        // squared norm of each centred sample, bias feature included
     std::vector<double> centre_dots_;  // centre_ . x / 255 of each sample
 
     double centred_norm(const uint8_t *features) const;

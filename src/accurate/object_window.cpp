@@ -23,8 +23,8 @@ std::vector<uint8_t> object_window(const split_picture &picture, const ostrel_al
 }
 
 std::vector<uint8_t> object_window_approximated(const split_picture &picture, const ostrel_alg_box &box,
-                                                const window_shape &shape, const channel_recipe &recipe,
-                                                bool mirrored, double finer_ratio, int32_t exponent_permille,
+                                                const window_shape &shape, const channel_recipe &recipe, bool mirrored,
+                                                double finer_ratio, int32_t exponent_permille,
                                                 picture_resample_scratch &scratch, int64_t max_pixels) {
     finer_ratio = std::max(finer_ratio, 1.0);
     const int32_t columns = picture.columns();

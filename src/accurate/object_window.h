@@ -43,8 +43,8 @@ std::vector<uint8_t> object_window(const split_picture &picture, const ostrel_al
 // to the object's size (approximate_level, with the power law's exponent).
 // finer_ratio 1 is object_window itself.
 std::vector<uint8_t> object_window_approximated(const split_picture &picture, const ostrel_alg_box &box,
-                                                const window_shape &shape, const channel_recipe &recipe,
-                                                bool mirrored, double finer_ratio, int32_t exponent_permille,
+                                                const window_shape &shape, const channel_recipe &recipe, bool mirrored,
+                                                double finer_ratio, int32_t exponent_permille,
                                                 picture_resample_scratch &scratch, int64_t max_pixels = 1 << 22);
 
 }  // namespace ostrel

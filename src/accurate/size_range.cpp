@@ -81,8 +81,8 @@ plan_status plan_levels(int32_t picture_columns, int32_t picture_rows, const sea
     if (low < out->smallest_searchable * (1.0 - kTolerance)) {
         // The automatic margin gives way to the bounds; the taught range and
         // the host's range do not.
-        const bool may_cut = !searched.min_from_host && taught.valid() &&
-                             taught.min >= out->smallest_searchable * (1.0 - kTolerance);
+        const bool may_cut =
+            !searched.min_from_host && taught.valid() && taught.min >= out->smallest_searchable * (1.0 - kTolerance);
         if (!may_cut) {
             return upscale_limit <= pixel_limit ? plan_status::too_small : plan_status::too_large;
         }
@@ -126,14 +126,10 @@ plan_status plan_levels(int32_t picture_columns, int32_t picture_rows, const sea
 
 const char *plan_status_text(plan_status status) {
     switch (status) {
-        case plan_status::ok:
-            return "it fits";
-        case plan_status::no_range:
-            return "there is no range of sizes to search";
-        case plan_status::too_many_levels:
-            return "the range of sizes is too wide (more than 48 levels)";
-        case plan_status::too_small:
-            return "its smallest objects would have to be enlarged more than 4 times";
+        case plan_status::ok: return "it fits";
+        case plan_status::no_range: return "there is no range of sizes to search";
+        case plan_status::too_many_levels: return "the range of sizes is too wide (more than 48 levels)";
+        case plan_status::too_small: return "its smallest objects would have to be enlarged more than 4 times";
         case plan_status::too_large:
             return "its smallest objects would need a working picture beyond the search bounds";
         case plan_status::nothing_fits:

@@ -129,14 +129,10 @@ double scale_for_height(double height, const window_shape &shape) {
 
 const char *shape_status_text(shape_status status) {
     switch (status) {
-        case shape_status::ok:
-            return "they fit one window";
-        case shape_status::bad_size:
-            return "a box side is not positive or too large";
-        case shape_status::aspect_extreme:
-            return "a box is more than 16 times wider than high, or higher than wide";
-        case shape_status::aspects_differ:
-            return "their shapes differ too much to share one window";
+        case shape_status::ok: return "they fit one window";
+        case shape_status::bad_size: return "a box side is not positive or too large";
+        case shape_status::aspect_extreme: return "a box is more than 16 times wider than high, or higher than wide";
+        case shape_status::aspects_differ: return "their shapes differ too much to share one window";
         case shape_status::window_too_large:
             return "the window would need more than " OSTREL_MAX_WINDOW_WEIGHTS_TEXT " weights";
     }

@@ -52,10 +52,10 @@ struct window_shape {
 
 enum class shape_status {
     ok,
-    bad_size,         // a box side is not positive or absurdly large, or no box is an object
-    aspect_extreme,   // a box is more than kMaxObjectAspect times wider than high or the reverse
-    aspects_differ,   // the boxes' shapes cannot share one window
-    window_too_large, // more weights than a model file holds
+    bad_size,          // a box side is not positive or absurdly large, or no box is an object
+    aspect_extreme,    // a box is more than kMaxObjectAspect times wider than high or the reverse
+    aspects_differ,    // the boxes' shapes cannot share one window
+    window_too_large,  // more weights than a model file holds
 };
 
 struct shape_result {

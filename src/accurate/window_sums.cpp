@@ -192,9 +192,10 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
 // that have AVX2: 32 positions at a time stay in four registers while every
 // tap of the window passes, so the sums are written once. The same integer
 // sums as the loop below.
-__attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_avx2(
-    const paired_map &map, const quantised_weights &weights, int32_t x, int32_t first_row, int32_t blocks8,
-    int32_t *accumulator) {
+__attribute__((target("avx2"), OSTREL_SCAN_LOOP_OPTIONS)) void column_sums_avx2(const paired_map &map,
+                                                                                const quantised_weights &weights,
+                                                                                int32_t x, int32_t first_row,
+                                                                                int32_t blocks8, int32_t *accumulator) {
     int32_t b = 0;
     for (; b + 4 <= blocks8; b += 4) avx2_blocks_any<4>(map, weights, x, first_row, b, accumulator);
     switch (blocks8 - b) {
@@ -260,7 +261,9 @@ __attribute__((target("avx2"), always_inline, OSTREL_SCAN_LOOP_OPTIONS)) inline 
 // Blocks a turn: enough sums to hide the multiply-add's latency, few enough
 // for the registers (K * N + N + 1 of 16).
 template <int K>
-constexpr int kAvx2ClassBlocks = K <= 2 ? 4 : K == 3 ? 3 : 2;
+constexpr int kAvx2ClassBlocks = K <= 2   ? 4
+                                 : K == 3 ? 3
+                                          : 2;
 
 // The last `left` blocks (fewer than M).
 template <int K, int M>
@@ -422,7 +425,10 @@ __attribute__((target("avx512f,avx512vnni"), always_inline, OSTREL_SCAN_LOOP_OPT
 // Blocks a turn: at least sixteen sums, so that the multiply-add's latency
 // is hidden, within the registers (K * N + N + 1 of 32).
 template <int K>
-constexpr int kVnniClassBlocks = K <= 2 ? 8 : K == 3 ? 6 : K == 4 ? 5 : 4;
+constexpr int kVnniClassBlocks = K <= 2   ? 8
+                                 : K == 3 ? 6
+                                 : K == 4 ? 5
+                                          : 4;
 
 // The last `left` blocks (fewer than M).
 template <int K, int M>
@@ -551,8 +557,7 @@ bool shape_grid(const paired_map &map, const quantised_weights &weights, window_
     return true;
 }
 
-bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid,
-               int32_t fill = 0) {
+bool size_grid(const paired_map &map, const quantised_weights &weights, window_sum_grid *grid, int32_t fill = 0) {
     if (!shape_grid(map, weights, grid)) return false;
     grid->sums.assign(static_cast<size_t>(grid->columns) * grid->rows, fill);
     return true;
@@ -639,8 +644,8 @@ void refine_odd_columns(const paired_map &map, const quantised_weights &weights,
 
 }  // namespace
 
-window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
-                                           double refine_from, sums_path path) {
+window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights, double refine_from,
+                                           sums_path path) {
     window_sum_grid grid;
     if (!size_grid(map, weights, &grid, kSkippedSum)) return grid;  // what an odd column is not computed
     const scan_choice choice = choose_loop(map, weights, path, grid.rows);
@@ -835,8 +840,7 @@ int64_t least_sum_reaching(double value) {
 bool sums_path_available(sums_path path) {
     switch (path) {
         case sums_path::portable:
-        case sums_path::fastest:
-            return true;
+        case sums_path::fastest: return true;
         case sums_path::sse2:
 #if defined(OSTREL_SSE2)
             return true;
@@ -861,8 +865,8 @@ bool sums_path_available(sums_path path) {
 
 std::vector<sums_path> available_sums_paths() {
     std::vector<sums_path> out;
-    for (const sums_path p : {sums_path::portable, sums_path::sse2, sums_path::avx2, sums_path::avx512_vnni,
-                              sums_path::fastest}) {
+    for (const sums_path p :
+         {sums_path::portable, sums_path::sse2, sums_path::avx2, sums_path::avx512_vnni, sums_path::fastest}) {
         if (sums_path_available(p)) out.push_back(p);
     }
     return out;

@@ -21,10 +21,10 @@ struct quantised_weights {
     int32_t channels = 0;
     int32_t window_columns = 0;
     int32_t window_rows = 0;
-    int32_t tap_pairs = 0;          // (window_rows + 1) / 2
-    std::vector<int16_t> pairs;     // per channel, window column, tap pair: (w[k], w[k+1]), 0 past the window
-    std::vector<int16_t> plain;     // window feature order, for the reference loop
-    double scale = 0.0;             // a weight is about its 16-bit value times scale
+    int32_t tap_pairs = 0;       // (window_rows + 1) / 2
+    std::vector<int16_t> pairs;  // per channel, window column, tap pair: (w[k], w[k+1]), 0 past the window
+    std::vector<int16_t> plain;  // window feature order, for the reference loop
+    double scale = 0.0;          // a weight is about its 16-bit value times scale
 };
 
 // Weights in window feature order (channel, window column, window row).
@@ -67,8 +67,8 @@ struct paired_map {
 paired_map pair_cells(const feature_map &map);
 
 struct window_sum_grid {
-    int32_t columns = 0;  // positions across
-    int32_t rows = 0;     // positions down
+    int32_t columns = 0;        // positions across
+    int32_t rows = 0;           // positions down
     std::vector<int32_t> sums;  // position (x, y) at x * rows + y
     int32_t at(int32_t x, int32_t y) const { return sums[static_cast<size_t>(x) * rows + y]; }
 };
@@ -103,8 +103,8 @@ inline constexpr int32_t kSkippedSum = INT32_MIN;
 // below the lowest sum that matters the windows that reach it are the same
 // as in the whole scan but for rare ones whose every neighbour across lies
 // far below. Every computed sum is the whole scan's integer.
-window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights,
-                                           double refine_from, sums_path path = sums_path::fastest);
+window_sum_grid window_sums_coarse_to_fine(const paired_map &map, const quantised_weights &weights, double refine_from,
+                                           sums_path path = sums_path::fastest);
 // Several classifiers on one map in one scan: (*grids)[k] becomes what
 // window_sums_coarse_to_fine(map, *weights[k], refine_from[k], path) gives,
 // or window_sums(map, *weights[k], path) where refine_from[k] is -infinity

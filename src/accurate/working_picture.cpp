@@ -7,7 +7,6 @@
 
 #include "acf/acf_helper.h"
 
-
 namespace ostrel {
 
 split_picture split_bgr(const cv::Mat &bgr) {
@@ -18,16 +17,15 @@ split_picture split_bgr(const cv::Mat &bgr) {
     return out;
 }
 
-chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows,
-                       picture_resample_scratch &scratch) {
+chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows, picture_resample_scratch &scratch) {
     if (picture.planes[0].empty() || columns < 2 || rows < 2) {
         return chn_image8();
     }
     const uint8_t *data[3] = {picture.planes[0].data, picture.planes[1].data, picture.planes[2].data};
     const size_t strides[3] = {picture.planes[0].step[0], picture.planes[1].step[0], picture.planes[2].step[0]};
     // Record terms: the record's width runs along the picture's rows.
-    chn_image8 bgr = resample_picture_planes(data, strides, 3, picture.rows(), picture.columns(), rows, columns, 1.0f,
-                                             scratch);
+    chn_image8 bgr =
+        resample_picture_planes(data, strides, 3, picture.rows(), picture.columns(), rows, columns, 1.0f, scratch);
     if (bgr.empty() || bgr.width != rows || bgr.height != columns) {
         return chn_image8();
     }
@@ -60,8 +58,7 @@ chn_image8 lab_of_record(const chn_image8 &bgr) {
     return out;
 }
 
-chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows,
-                       picture_resample_scratch &scratch) {
+chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows, picture_resample_scratch &scratch) {
     return lab_of_record(working_bgr(picture, columns, rows, scratch));
 }
 

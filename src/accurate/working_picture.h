@@ -30,13 +30,11 @@ split_picture split_bgr(const cv::Mat &bgr);
 // The picture resampled to columns x rows pixels and converted to Lab
 // (OpenCV 8-bit): a record of 3 planes, width = rows, height = columns.
 // Empty when a size is below 2 or the resampler refuses it.
-chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows,
-                       picture_resample_scratch &scratch);
+chn_image8 working_lab(const split_picture &picture, int32_t columns, int32_t rows, picture_resample_scratch &scratch);
 
 // The two steps of working_lab: the picture's BGR planes resampled to
 // columns x rows (a record in the same terms), and a BGR record in Lab.
-chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows,
-                       picture_resample_scratch &scratch);
+chn_image8 working_bgr(const split_picture &picture, int32_t columns, int32_t rows, picture_resample_scratch &scratch);
 chn_image8 lab_of_record(const chn_image8 &bgr);
 
 // A BGR record resampled to a smaller columns x rows (the library's

@@ -25,7 +25,9 @@ struct chn_image {
 
     chn_image() = default;
     chn_image(int32_t channels_, int32_t width_, int32_t height_)
-        : channels(channels_), width(width_), height(height_),
+        : channels(channels_),
+          width(width_),
+          height(height_),
           data(static_cast<size_t>(channels_ > 0 ? channels_ : 0) * static_cast<size_t>(width_ > 0 ? width_ : 0) *
                static_cast<size_t>(height_ > 0 ? height_ : 0)) {}
 

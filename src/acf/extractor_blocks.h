@@ -16,17 +16,17 @@ namespace ostrel {
 // Pyramid and channel settings of the detector. Field order is the block's
 // layout.
 struct pyramid_params {
-    int32_t n_per_oct = 8;   // scales per octave
-    int32_t reserved = 0;    // second word, always 0
-    int32_t n_approx = 7;    // scale i is computed when i mod (n_approx + 1) == 0
+    int32_t n_per_oct = 8;  // scales per octave
+    int32_t reserved = 0;   // second word, always 0
+    int32_t n_approx = 7;   // scale i is computed when i mod (n_approx + 1) == 0
     // Passed on to detection, which owns their meaning.
     float pyr_param_a = 0.00033f;
     float pyr_param_b = 0.51733f;  // bits 0x3F046FBD
     float pyr_param_c = 0.52436f;  // bits 0x3F063C75
-    int32_t pad_x = 8;  // feature pad along a record's width, in pixels
-    int32_t pad_y = 6;  // feature pad along a record's height, in pixels
-    float model_w = 50.0f;  // object width inside the model window
-    float model_h = 20.5f;  // object height inside the model window
+    int32_t pad_x = 8;             // feature pad along a record's width, in pixels
+    int32_t pad_y = 6;             // feature pad along a record's height, in pixels
+    float model_w = 50.0f;         // object width inside the model window
+    float model_h = 20.5f;         // object height inside the model window
     chn_config chns;
     float model_w_copy = 50.0f;
     float model_h_copy = 20.5f;

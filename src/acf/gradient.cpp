@@ -79,8 +79,8 @@ void gradient_row_diff(const chn_image8 &image, int32_t y, int32_t c, int32_t wi
     std::fill(horizontal_row, horizontal_row + width, 0);
     // Both differences need a neighbour on each axis; anything else leaves
     // the rows zeroed rather than reading past the planes.
-    if (width < 2 || height < 2 || width != image.width || height != image.height || y < 0 || y >= height ||
-        c < 0 || c >= image.channels || !holds_its_planes(image)) {
+    if (width < 2 || height < 2 || width != image.width || height != image.height || y < 0 || y >= height || c < 0 ||
+        c >= image.channels || !holds_its_planes(image)) {
         return;
     }
 

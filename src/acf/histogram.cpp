@@ -26,7 +26,8 @@ bool holds_one_plane(const chn_image32 &plane, size_t plane_size) { return plane
 class orientation_binner {
 public:
     orientation_binner(int32_t bin_width, int32_t n_orients)
-        : bin_width_(bin_width), last_bin_(n_orients - 1),
+        : bin_width_(bin_width),
+          last_bin_(n_orients - 1),
           magic_((uint64_t{1} << 32) / static_cast<uint64_t>(bin_width) + 1) {}
 
     int32_t operator()(int32_t orient) const {
@@ -94,8 +95,8 @@ chn_image32 gradient_mag_histogram(const chn_image32 &mag, const chn_image32 &or
     }
     // Records whose buffers are shorter than their extents, or a cell size or
     // bin count no caller passes, give an empty record instead of a fault.
-    if (mag.width < 0 || mag.height < 0 || bin_size < 1 || n_orients < 0 ||
-        !holds_one_plane(mag, mag.plane_size()) || !holds_one_plane(orient, mag.plane_size())) {
+    if (mag.width < 0 || mag.height < 0 || bin_size < 1 || n_orients < 0 || !holds_one_plane(mag, mag.plane_size()) ||
+        !holds_one_plane(orient, mag.plane_size())) {
         return chn_image32();
     }
 

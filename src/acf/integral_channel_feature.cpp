@@ -41,12 +41,9 @@ integral_channel_feature::integral_channel_feature() : scratch_(kChannelScratchB
 
 int32_t integral_channel_feature::first_plane(int32_t group) const {
     switch (group) {
-        case kColorGroup:
-            return 0;
-        case kMagnitudeGroup:
-            return config.n_color_chns;
-        default:
-            return config.n_color_chns + config.n_mag_chns;
+        case kColorGroup: return 0;
+        case kMagnitudeGroup: return config.n_color_chns;
+        default: return config.n_color_chns + config.n_mag_chns;
     }
 }
 

@@ -22,7 +22,7 @@ struct chn_config {
     int32_t n_hist_chns = 6;   // orientation-histogram planes
     bool color_enabled = true;
     bool mag_enabled = true;
-    int32_t hist_enabled = 1;  // a flag, kept in a full 32-bit word
+    int32_t hist_enabled = 1;   // a flag, kept in a full 32-bit word
     int32_t hist_bin_size = 2;  // cell side handed to the histogram kernel
     int32_t n_orients = 6;      // orientation bins handed to the histogram kernel
 

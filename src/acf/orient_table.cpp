@@ -10,8 +10,8 @@ namespace acf_helper {
 
 namespace {
 
-constexpr int32_t kDiffRange = 255;   // a and b run over -255..255
-constexpr int32_t kTableSide = 511;   // 2 * 255 + 1
+constexpr int32_t kDiffRange = 255;  // a and b run over -255..255
+constexpr int32_t kTableSide = 511;  // 2 * 255 + 1
 constexpr double kPi = 3.14159265358979323846;
 
 // Entry (a + 255) * 511 + (b + 255): trunc(10000 * atan2(a, b)), with a

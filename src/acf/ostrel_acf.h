@@ -36,10 +36,10 @@ void addJitteredSamples(const feature_map *map, const window_rect *window, int32
 // The training window and its size at every pyramid scale, in feature
 // cells of the unpadded map (picture terms: x along map columns).
 struct training_window {
-    int32_t width = 0;         // object window in pixels of the input picture
+    int32_t width = 0;  // object window in pixels of the input picture
     int32_t height = 0;
-    int32_t input_width = 0;   // picture columns
-    int32_t input_height = 0;  // picture rows
+    int32_t input_width = 0;                   // picture columns
+    int32_t input_height = 0;                  // picture rows
     float sx[pyramid_store::kMaxScales] = {};  // map columns / input width
     float sy[pyramid_store::kMaxScales] = {};  // map rows / input height
     int32_t scaled_width[pyramid_store::kMaxScales] = {};
@@ -68,8 +68,7 @@ public:
     // Writes every default, re-initialises the tree tables.
     int32_t set_extractor_defaults();
     // Stores the training window and its size at every pyramid scale.
-    void setTrainingWindow(int32_t window_width, int32_t window_height, int32_t input_width,
-                           int32_t input_height);
+    void setTrainingWindow(int32_t window_width, int32_t window_height, int32_t input_width, int32_t input_height);
 
     // --- training samples -----------------------------------------------
     // Cuts the box samples, their jittered variants and (unless

@@ -108,8 +108,7 @@ void addJitteredSamples(const feature_map *map, const window_rect *window, int32
             // not kept.
             if (x < 0 || y < 0 || x + window->width >= map->columns || y + window->height >= map->rows) continue;
             training_sample variant;
-            variant.rect = window_rect{static_cast<int32_t>(x), static_cast<int32_t>(y), window->width,
-                                       window->height};
+            variant.rect = window_rect{static_cast<int32_t>(x), static_cast<int32_t>(y), window->width, window->height};
             variant.label = label;
             variant.features = cropChannelWindow(map, &variant.rect);
             parent->variants.push_back(std::move(variant));
@@ -158,7 +157,8 @@ void ostrel_acf::addRandomNegative(const feature_map *map, const std::vector<win
         }
         bool overlaps_positive = false;
         for (const window_rect &p : positives) {
-            if (box_overlap(candidate.x, candidate.y, candidate.width, candidate.height, p.x, p.y, p.width, p.height) > kMaxNegativeOverlap) {
+            if (box_overlap(candidate.x, candidate.y, candidate.width, candidate.height, p.x, p.y, p.width, p.height) >
+                kMaxNegativeOverlap) {
                 overlaps_positive = true;
                 break;
             }

@@ -119,7 +119,8 @@ bool compute_lab_features(ostrel_acf &extractor, const cv::Mat &lab, picture_fea
         return false;
     }
     cv::split(lab, out->lab_planes);
-    compute_acf_pyramid(*extractor.chn_options, pyramid_input(extractor.pyramid, out->lab_planes, extractor.resample_scratch),
+    compute_acf_pyramid(*extractor.chn_options,
+                        pyramid_input(extractor.pyramid, out->lab_planes, extractor.resample_scratch),
                         *extractor.params, extractor.pyramid);
     out->map = unpadded_map(extractor.pyramid, kMapScale);
     return true;

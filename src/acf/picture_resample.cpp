@@ -55,8 +55,7 @@ bool vertical_results_are_bytes(const rd::resample_plan &plan) {
                 }
             }
             return true;
-        default:
-            return true;  // averages of 2, 3 or 4 bytes
+        default: return true;  // averages of 2, 3 or 4 bytes
     }
 }
 
@@ -119,8 +118,8 @@ bool vertical_lanes_sse2(const rd::resample_plan &plan, const uint8_t *tile, int
 // Vertical pass of record row y for the 16 record columns of one tile
 // (tile row k = record row k): the resampler's own loop on a plan whose
 // rows are 16 wide, or the multiply-add form of it.
-void vertical_lanes(const rd::resample_plan &plan, const rd::resample_plan &lane_plan, const uint8_t *tile,
-                    int32_t y, uint8_t *out) {
+void vertical_lanes(const rd::resample_plan &plan, const rd::resample_plan &lane_plan, const uint8_t *tile, int32_t y,
+                    uint8_t *out) {
 #if defined(OSTREL_SSE2)
     if (vertical_lanes_sse2(plan, tile, y, out)) {
         return;
@@ -136,8 +135,8 @@ void vertical_lanes(const rd::resample_plan &plan, const rd::resample_plan &lane
 // Fills `out` with the resampled record of the planes; false (out
 // untouched) for sizes the resampler refuses or a plan whose row buffers
 // would not be bytes.
-bool resample_picture_planes_into(const uint8_t *const *planes, const size_t *strides, int32_t n_planes,
-                                  int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r,
+bool resample_picture_planes_into(const uint8_t *const *planes, const size_t *strides, int32_t n_planes, int32_t rows,
+                                  int32_t columns, int32_t dst_width, int32_t dst_height, float r,
                                   picture_resample_scratch &scratch, chn_image8 &out) {
     if (planes == nullptr || strides == nullptr || n_planes < 1 || rows < 1 || columns < 1 || dst_width < 1 ||
         dst_height < 1 || rows > rd::kMaxSide || columns > rd::kMaxSide || dst_width > rd::kMaxSide ||
@@ -198,8 +197,8 @@ bool resample_picture_plane(const uint8_t *plane, size_t stride, int32_t rows, i
     return true;
 }
 
-chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes,
-                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r,
+chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes, int32_t rows,
+                                   int32_t columns, int32_t dst_width, int32_t dst_height, float r,
                                    picture_resample_scratch &scratch) {
     chn_image8 out;
     if (!resample_picture_planes_into(planes, strides, n_planes, rows, columns, dst_width, dst_height, r, scratch,

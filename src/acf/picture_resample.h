@@ -35,8 +35,8 @@ bool resample_picture_plane(const uint8_t *plane, size_t stride, int32_t rows, i
 // All planes of a picture (planes of equal size) into one record of
 // dst_width x dst_height; an empty record where resample_picture_plane
 // would answer false.
-chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes,
-                                   int32_t rows, int32_t columns, int32_t dst_width, int32_t dst_height, float r,
+chn_image8 resample_picture_planes(const uint8_t *const *planes, const size_t *strides, int32_t n_planes, int32_t rows,
+                                   int32_t columns, int32_t dst_width, int32_t dst_height, float r,
                                    picture_resample_scratch &scratch);
 
 }  // namespace ostrel

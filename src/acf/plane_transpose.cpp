@@ -20,8 +20,8 @@ namespace {
 
 // Transposes the part of the plane from row r0, column k0 on, of the given
 // extent, element by element.
-void transpose_part(const uint8_t *src, size_t src_stride, int32_t rows, int32_t r0, int32_t r1, int32_t k0,
-                    int32_t k1, uint8_t *dst) {
+void transpose_part(const uint8_t *src, size_t src_stride, int32_t rows, int32_t r0, int32_t r1, int32_t k0, int32_t k1,
+                    uint8_t *dst) {
     for (int32_t r = r0; r < r1; ++r) {
         const uint8_t *row = src + static_cast<size_t>(r) * src_stride;
         for (int32_t k = k0; k < k1; ++k) {

@@ -278,9 +278,8 @@ void compute_acf_pyramid(channel_options &options, const chn_image8 &image, cons
         const int32_t i = store.computed[k];
         const int32_t wi = store.image_width[i];
         const int32_t hi = store.image_height[i];
-        chn_image8 scaled = (wi != base->width || hi != base->height)
-                                ? acf_helper::image_resample_fix(*base, wi, hi, 1.0f)
-                                : *base;
+        chn_image8 scaled =
+            (wi != base->width || hi != base->height) ? acf_helper::image_resample_fix(*base, wi, hi, 1.0f) : *base;
         if (store.scales[i] == kRebaseFactor && (params.n_approx > 0 || params.n_per_oct == 1)) {
             // Later scales are resampled from this half-size image, not from
             // the full input: their pixels differ from a direct resampling,

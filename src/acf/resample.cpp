@@ -37,8 +37,8 @@ constexpr const char *kConvertNormByteName = "acf_helper::convert_norm_byte_fix"
 //
 // `faster` lets 8-bit images take the SSE2 loops, which give the same bytes.
 template <typename In>
-chn_image8 resample_kernel(const chn_image<In> &src, int32_t dst_width, int32_t dst_height, float r,
-                           const char *name, bool faster) {
+chn_image8 resample_kernel(const chn_image<In> &src, int32_t dst_width, int32_t dst_height, float r, const char *name,
+                           bool faster) {
     if (dst_width < 1 || dst_height < 1) {
         // The target width is printed first, after the word "height".
         log(kTooSmallFormat, name, dst_width, dst_height);

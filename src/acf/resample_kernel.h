@@ -17,10 +17,10 @@ namespace ostrel {
 namespace acf_helper {
 namespace resample_detail {
 
-constexpr int32_t kOne = 1 << 14;      // 1.0 in Q14
-constexpr int32_t kHalf = 1 << 13;     // 0.5 in Q14
-constexpr int32_t kMinWeight = 163;    // weights up to this are dropped; also the end tolerance
-constexpr int32_t kThirdQ10 = 342;     // 1/3 in Q10, used by the 3:1 shortcuts
+constexpr int32_t kOne = 1 << 14;    // 1.0 in Q14
+constexpr int32_t kHalf = 1 << 13;   // 0.5 in Q14
+constexpr int32_t kMinWeight = 163;  // weights up to this are dropped; also the end tolerance
+constexpr int32_t kThirdQ10 = 342;   // 1/3 in Q10, used by the 3:1 shortcuts
 
 // Longest side the Q14 positions (side << 14) hold in 32 bits.
 constexpr int32_t kMaxSide = 1 << 16;
@@ -209,7 +209,8 @@ void horizontal_pass(const resample_plan &plan, const C *c, uint8_t *out) {
                 if (xi < h.bd0 || xi >= plan.dst_w - h.bd1) {
                     out[x] = clamp_byte(mul32(c[i], weight) >> 14);
                 } else {
-                    out[x] = clamp_byte(wrap(u32(c[i]) * u32(weight) + u32(c[i + 1]) * (u32(plan.rq) - u32(weight))) >> 14);
+                    out[x] =
+                        clamp_byte(wrap(u32(c[i]) * u32(weight) + u32(c[i + 1]) * (u32(plan.rq) - u32(weight))) >> 14);
                 }
             }
             return;

@@ -26,8 +26,8 @@ public:
     int32_t next();
 
 private:
-    static constexpr int kDegree = 31;      // length of the state (the library's "TYPE_3")
-    static constexpr int kSeparation = 3;   // distance between the two taps
+    static constexpr int kDegree = 31;        // length of the state (the library's "TYPE_3")
+    static constexpr int kSeparation = 3;     // distance between the two taps
     static constexpr int kWarmUpDraws = 310;  // draws discarded after seeding: 10 x the degree
 
     int32_t state_[kDegree] = {};

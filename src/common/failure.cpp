@@ -96,38 +96,22 @@ void note_failure(int32_t code, const char *message) noexcept {
 
 const char *failure_sentence(int32_t code) {
     switch (code) {
-    case OSTREL_ALG_ERR_OK:
-        return "";
-    case OSTREL_ALG_ERR_BAD_ARGUMENT:
-        return "an argument is not valid";
-    case OSTREL_ALG_ERR_BAD_PICTURE:
-        return "the picture record cannot be read";
-    case OSTREL_ALG_ERR_PICTURE_TOO_LARGE:
-        return "the picture is larger than the pixel limit";
-    case OSTREL_ALG_ERR_TOO_MANY_BOXES:
-        return "more boxes than one picture may have";
-    case OSTREL_ALG_ERR_BOX_NOT_LEARNABLE:
-        return "no window can be learnt from the marked boxes";
-    case OSTREL_ALG_ERR_PICTURE_TOO_SMALL:
-        return "the trained object cannot be searched for on this picture";
-    case OSTREL_ALG_ERR_NOT_TRAINED:
-        return "the engine holds no trained or imported model";
-    case OSTREL_ALG_ERR_WRONG_PROFILE:
-        return "the model was made under another profile or window";
-    case OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE:
-        return "the model file cannot be read";
-    case OSTREL_ALG_ERR_MODEL_INVALID:
-        return "the model is not valid";
-    case OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE:
-        return "the model file cannot be written";
-    case OSTREL_ALG_ERR_NOTHING_TO_LEARN:
-        return "training found nothing to learn from";
-    case OSTREL_ALG_ERR_OUT_OF_MEMORY:
-        return "out of memory";
-    case OSTREL_ALG_ERR_INTERNAL:
-        return "an unexpected error inside the library";
-    default:
-        return "the call failed";
+        case OSTREL_ALG_ERR_OK: return "";
+        case OSTREL_ALG_ERR_BAD_ARGUMENT: return "an argument is not valid";
+        case OSTREL_ALG_ERR_BAD_PICTURE: return "the picture record cannot be read";
+        case OSTREL_ALG_ERR_PICTURE_TOO_LARGE: return "the picture is larger than the pixel limit";
+        case OSTREL_ALG_ERR_TOO_MANY_BOXES: return "more boxes than one picture may have";
+        case OSTREL_ALG_ERR_BOX_NOT_LEARNABLE: return "no window can be learnt from the marked boxes";
+        case OSTREL_ALG_ERR_PICTURE_TOO_SMALL: return "the trained object cannot be searched for on this picture";
+        case OSTREL_ALG_ERR_NOT_TRAINED: return "the engine holds no trained or imported model";
+        case OSTREL_ALG_ERR_WRONG_PROFILE: return "the model was made under another profile or window";
+        case OSTREL_ALG_ERR_MODEL_FILE_UNREADABLE: return "the model file cannot be read";
+        case OSTREL_ALG_ERR_MODEL_INVALID: return "the model is not valid";
+        case OSTREL_ALG_ERR_MODEL_FILE_UNWRITABLE: return "the model file cannot be written";
+        case OSTREL_ALG_ERR_NOTHING_TO_LEARN: return "training found nothing to learn from";
+        case OSTREL_ALG_ERR_OUT_OF_MEMORY: return "out of memory";
+        case OSTREL_ALG_ERR_INTERNAL: return "an unexpected error inside the library";
+        default: return "the call failed";
     }
 }
 

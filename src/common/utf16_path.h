@@ -17,9 +17,9 @@ constexpr size_t kMaxUtf16PathUnits = 32767;
 enum class Utf16PathResult {
     converted,
     null_path,
-    too_long,            // more than kMaxUtf16PathUnits units before the terminator
-    invalid_utf16,       // a surrogate without its other half
-    conversion_failed,   // Windows: WideCharToMultiByte refused the path
+    too_long,           // more than kMaxUtf16PathUnits units before the terminator
+    invalid_utf16,      // a surrogate without its other half
+    conversion_failed,  // Windows: WideCharToMultiByte refused the path
 };
 
 // Converts a null-terminated UTF-16 path into *out, which is left empty on

@@ -46,8 +46,7 @@ bool touches_any(const ostrel_alg_box &box, const std::vector<ostrel_alg_box> &o
 
 }  // namespace
 
-std::vector<ostrel_alg_box> suppressOverlaps(std::vector<ostrel_alg_box> &boxes, float min_score,
-                                             float min_overlap) {
+std::vector<ostrel_alg_box> suppressOverlaps(std::vector<ostrel_alg_box> &boxes, float min_score, float min_overlap) {
     std::vector<ostrel_alg_box> kept;
     if (boxes.empty()) {
         return kept;

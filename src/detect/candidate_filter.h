@@ -19,8 +19,7 @@ inline constexpr float kMarkedBoxOverlap = 0.3f;
 // Greedy non-maximum suppression. Sorts `boxes` by score (highest first),
 // overwrites the score of every box it suppresses with -1.0 and returns the
 // kept boxes in order, at most 64.
-std::vector<ostrel_alg_box> suppressOverlaps(std::vector<ostrel_alg_box> &boxes, float min_score,
-                                             float min_overlap);
+std::vector<ostrel_alg_box> suppressOverlaps(std::vector<ostrel_alg_box> &boxes, float min_score, float min_overlap);
 
 // The false-positive filter's distance of the window under a box, or no
 // value when the window cannot be projected (which fails the stage).

@@ -161,8 +161,8 @@ void copy_window_features(const feature_map &map, int32_t x, int32_t y, int32_t 
     }
 }
 
-int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t window_columns,
-                           int32_t window_rows, const int32_t *weights) {
+int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                           const int32_t *weights) {
     if (weights == nullptr || window_columns <= 0 || window_rows <= 0) {
         return 0;
     }
@@ -422,8 +422,7 @@ private:
 
 // Plain path: the window column of one channel is a contiguous run of wh
 // bytes, and so are its weights; run offsets are the same for every window.
-void scan_runs(const feature_map &map, const scan_geometry &geometry, const int32_t *weights,
-               const window_sink &sink) {
+void scan_runs(const feature_map &map, const scan_geometry &geometry, const int32_t *weights, const window_sink &sink) {
     const int32_t ww = geometry.window_columns;
     const int32_t wh = geometry.window_rows;
     const size_t runs = static_cast<size_t>(map.channels) * static_cast<size_t>(ww);
@@ -473,8 +472,7 @@ void scan_windows_reference(const feature_map &map, const scan_geometry &geometr
     }
     const window_sink sink(geometry, settings, out);
     for_each_position(map, geometry, [&](int32_t x, int32_t y) {
-        sink(x, y,
-             window_dot_product(map, x, y, geometry.window_columns, geometry.window_rows, settings.weights));
+        sink(x, y, window_dot_product(map, x, y, geometry.window_columns, geometry.window_rows, settings.weights));
     });
 }
 

@@ -13,11 +13,11 @@ namespace ostrel {
 
 // The engine fields that the window size update reads and writes.
 struct window_size_state {
-    int32_t train_width = 0;    // object window in picture pixels
+    int32_t train_width = 0;  // object window in picture pixels
     int32_t train_height = 0;
-    int32_t scaled_width = 0;   // window in cells; both 0: derived anew on every run
+    int32_t scaled_width = 0;  // window in cells; both 0: derived anew on every run
     int32_t scaled_height = 0;
-    int32_t input_width = 0;    // picture size the sizes above belong to
+    int32_t input_width = 0;  // picture size the sizes above belong to
     int32_t input_height = 0;
 };
 
@@ -48,8 +48,8 @@ void copy_window_features(const feature_map &map, int32_t x, int32_t y, int32_t 
 
 // The integer dot product of the window's bytes and the weights in the window
 // feature order, accumulated in 32 bits with wrap-around.
-int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t window_columns,
-                           int32_t window_rows, const int32_t *weights);
+int32_t window_dot_product(const feature_map &map, int32_t x, int32_t y, int32_t window_columns, int32_t window_rows,
+                           const int32_t *weights);
 
 // Confidence percentage of a window from its dot product and the bias, by
 // the fast exponential (0..100, truncated).
@@ -62,7 +62,7 @@ struct scan_settings {
     bool collect_below = false;        // keep windows below the threshold (detector set up)
     int32_t image_width = 0;           // picture size, for box mapping and clamping
     int32_t image_height = 0;
-    int32_t box_width = 0;             // size of every reported box (train_width, train_height)
+    int32_t box_width = 0;  // size of every reported box (train_width, train_height)
     int32_t box_height = 0;
 };
 

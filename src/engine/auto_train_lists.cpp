@@ -8,8 +8,7 @@ namespace {
 
 constexpr size_t kMaxLowConfidencePerPass = 10;
 
-bool matches_marked_box(const std::vector<ostrel_alg_box> &marked, const ostrel_alg_box &detection,
-                        float min_overlap) {
+bool matches_marked_box(const std::vector<ostrel_alg_box> &marked, const ostrel_alg_box &detection, float min_overlap) {
     for (const ostrel_alg_box &box : marked) {
         if (box.label == 1 && box_overlap(box, detection) >= min_overlap) {
             return true;

@@ -371,8 +371,8 @@ int32_t ostrel_alg::setDetectorAccurate(const ostrel_alg_image *image, const std
         }
         // Kept as a model file keeps it (single precision), so that an
         // exported and imported model searches exactly the same sizes.
-        accurate_class.taught = ostrel::height_range{ostrel::single_precision(taught.min),
-                                                     ostrel::single_precision(taught.max)};
+        accurate_class.taught =
+            ostrel::height_range{ostrel::single_precision(taught.min), ostrel::single_precision(taught.max)};
         accurate_pictures.push_back(std::move(picture));
 
         marked_boxes.clear();
@@ -440,27 +440,26 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
     search.taught_max = accurate_class.taught.max;
     search.size_penalty = settings.size_prior_permille / 1000.0;
     search.penalty_step = settings.search_margin_percent / 100.0;
-    search.neighbourhood_maxima = ostrel::neighbours_suppressed(
-        accurate_class.shape.columns, accurate_class.shape.rows, settings.suppression_overlap_percent / 100.0f);
+    search.neighbourhood_maxima = ostrel::neighbours_suppressed(accurate_class.shape.columns, accurate_class.shape.rows,
+                                                                settings.suppression_overlap_percent / 100.0f);
     // Objects and background the classifier has not seen...
     const ostrel::held_out_scores held_out =
         ostrel::score_held_out_parts(accurate_pictures, geometry, settings, search, seed, settings.calibration_folds,
                                      settings.calibration_mining_rounds > 0 ? nullptr : &state);
     // ...and the ones it has, seen again through other resampling.
     const std::vector<double> wide(trained.weights.begin(), trained.weights.end());
-    const ostrel::quantised_weights weights = ostrel::quantise_weights(
-        wide.data(), ostrel::kAccurateChannels, geometry.window_columns, geometry.window_rows);
+    const ostrel::quantised_weights weights =
+        ostrel::quantise_weights(wide.data(), ostrel::kAccurateChannels, geometry.window_columns, geometry.window_rows);
     ostrel::accurate_search full = search;
     full.weights = &weights;
     full.sum_scale = 1.0;
     full.bias = trained.bias;
     // Half a level's step either way: 2^(-1 / 2n) and 2^(1 / 2n).
     const int32_t half_steps_per_octave = 2 * std::max(settings.levels_per_octave, 1);
-    const ostrel::held_out_scores copies =
-        ostrel::score_rescaled_copies(accurate_pictures, geometry, settings, full,
-                                      {ostrel::octave_factor(-1, half_steps_per_octave),
-                                       ostrel::octave_factor(1, half_steps_per_octave)},
-                                      detection_levels(accurate_class, settings));
+    const ostrel::held_out_scores copies = ostrel::score_rescaled_copies(
+        accurate_pictures, geometry, settings, full,
+        {ostrel::octave_factor(-1, half_steps_per_octave), ostrel::octave_factor(1, half_steps_per_octave)},
+        detection_levels(accurate_class, settings));
     const float prior = static_cast<float>(settings.calibration_prior_permille / 1000.0);
     const float learnt = ostrel::best_f1_margin({&held_out, &copies}, settings.calibration_bandwidth_permille / 1000.0f,
                                                 settings.floor_margin_permille / 1000.0f, 2.0f, prior);
@@ -469,12 +468,12 @@ float ostrel_alg::calibrateAccurate(const ostrel::accurate_training_result &trai
         return static_cast<size_t>(
             std::count_if(s.objects.begin(), s.objects.end(), [](float m) { return std::isfinite(m); }));
     };
-    ostrel::log_progress("[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
-                "copies %zu of %zu objects, %zu false alarms; best cut at margin %.2f; 50%% confidence at margin "
-                "%.2f\n",
-                found(held_out), held_out.objects.size(), held_out.false_alarms.size(), found(copies),
-                copies.objects.size(), copies.false_alarms.size(), static_cast<double>(learnt),
-                static_cast<double>(offset));
+    ostrel::log_progress(
+        "[Alg. Scc] Accurate calibration: held-out parts %zu of %zu objects, %zu false alarms; rescaled "
+        "copies %zu of %zu objects, %zu false alarms; best cut at margin %.2f; 50%% confidence at margin "
+        "%.2f\n",
+        found(held_out), held_out.objects.size(), held_out.false_alarms.size(), found(copies), copies.objects.size(),
+        copies.false_alarms.size(), static_cast<double>(learnt), static_cast<double>(offset));
     return offset;
 }
 
@@ -492,8 +491,7 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
     }
     const ostrel::accurate_settings settings = modelSettings();
     const ostrel::window_shape &shape = accurate_class.shape;
-    if (settings.object_cells != model_settings.object_cells ||
-        shape.features() != svm_model.support_vector_size) {
+    if (settings.object_cells != model_settings.object_cells || shape.features() != svm_model.support_vector_size) {
         ostrel::fail(OSTREL_ALG_ERR_WRONG_PROFILE,
                      "[Alg.Fail] %s: the accurate cells option changed since the model was made, so its window no "
                      "longer fits the model; set it back, or train or import the model again\n",
@@ -523,8 +521,8 @@ int32_t ostrel_alg::runDetectorAccurate(const ostrel_alg_image *image, std::vect
             return ostrel::fail_at(OSTREL_ALG_ERR_FAILED, ostrel::kRunDetectorName, ostrel::kRunDetectorLine);
         }
         const ostrel::quantised_weights weights = class_weights(svm_model, shape);
-        const ostrel::accurate_search search = class_search(svm_model, accurate_class, weights, settings,
-                                                            plan.range.min);
+        const ostrel::accurate_search search =
+            class_search(svm_model, accurate_class, weights, settings, plan.range.min);
         const size_t keep = ostrel::kMaxReportedDetections + static_cast<size_t>(std::max(settings.max_below_boxes, 0));
         const ostrel::accurate_geometry geometry = shape.geometry();
         const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
@@ -697,8 +695,8 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
                 if (height > 2.0 * image->height || height * classAt(k).model->shape.aspect > 2.0 * image->width) {
                     continue;
                 }
-                level_classes.push_back({&geometries[k], &searches[k], run.inset_columns, run.inset_rows,
-                                         &run.candidates});
+                level_classes.push_back(
+                    {&geometries[k], &searches[k], run.inset_columns, run.inset_rows, &run.candidates});
             }
             if (level_classes.empty()) continue;
             ostrel::search_paired_level_classes(ostrel::pair_cells(level.map), level, level_classes, floor_margin,
@@ -708,12 +706,13 @@ int32_t ostrel_alg::runDetectorClasses(const ostrel_alg_image *image, std::vecto
         const size_t max_below = static_cast<size_t>(std::max(settings.max_below_boxes, 0));
         for (uint32_t k = 0; k < classes; ++k) {
             if (!runs[k].searched) continue;
-            const std::vector<ostrel::margin_box> found = ostrel::suppress_by_margin(
-                std::move(runs[k].candidates), settings.suppression_overlap_percent / 100.0f,
-                ostrel::kMaxReportedDetections + max_below, settings.suppression_contained_percent / 100.0f);
+            const std::vector<ostrel::margin_box> found =
+                ostrel::suppress_by_margin(std::move(runs[k].candidates), settings.suppression_overlap_percent / 100.0f,
+                                           ostrel::kMaxReportedDetections + max_below,
+                                           settings.suppression_contained_percent / 100.0f);
             std::vector<ostrel_alg_box> class_detections, class_below;
-            split_by_threshold(found, image->width, image->height, confidence_threshold, detector_set != 0,
-                               max_below, &class_detections, &class_below);
+            split_by_threshold(found, image->width, image->height, confidence_threshold, detector_set != 0, max_below,
+                               &class_detections, &class_below);
             ostrel::label_colours_by_level(*pyramid, class_detections);
             detections.insert(detections.end(), class_detections.begin(), class_detections.end());
             detection_classes.insert(detection_classes.end(), class_detections.size(), k);
@@ -779,8 +778,8 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
     // the order of the objects) go with it.
     uint32_t seen = 0;
     for (ostrel::accurate_training_picture &picture : accurate_pictures) {
-        const size_t objects = static_cast<size_t>(std::count_if(
-            picture.boxes.begin(), picture.boxes.end(), [](const ostrel_alg_box &b) { return b.label == 1; }));
+        const size_t objects = static_cast<size_t>(std::count_if(picture.boxes.begin(), picture.boxes.end(),
+                                                                 [](const ostrel_alg_box &b) { return b.label == 1; }));
         const size_t per_object = objects > 0 ? picture.object_windows.size() / objects : 0;
         uint32_t object = 0;
         for (size_t b = 0; b < picture.boxes.size(); ++b) {
@@ -792,9 +791,9 @@ int32_t ostrel_alg::removeSampleAccurate(uint32_t index) {
             picture.boxes.erase(picture.boxes.begin() + static_cast<std::ptrdiff_t>(b));
             const size_t first_window = per_object * object;
             if (first_window + per_object <= picture.object_windows.size()) {
-                picture.object_windows.erase(
-                    picture.object_windows.begin() + static_cast<std::ptrdiff_t>(first_window),
-                    picture.object_windows.begin() + static_cast<std::ptrdiff_t>(first_window + per_object));
+                picture.object_windows.erase(picture.object_windows.begin() + static_cast<std::ptrdiff_t>(first_window),
+                                             picture.object_windows.begin() +
+                                                 static_cast<std::ptrdiff_t>(first_window + per_object));
             }
             delete[] sample_thumbs[index].image.data;
             sample_thumbs.erase(sample_thumbs.begin() + index);

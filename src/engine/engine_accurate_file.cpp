@@ -48,14 +48,14 @@ std::string engine_problem(const ostrel::accurate_model_file &file, const ostrel
     if (f.min_height > 0 && f.max_height > 0 && f.min_height > f.max_height) {
         return "its accurate min height is above its max height";
     }
-    for (const std::string &p : {in_range("search margin", f.search_margin_percent, 100, 400),
-                                 in_range("levels per octave", f.levels_per_octave, 1, 16),
-                                 in_range("approximation exponent", f.approximation_exponent_permille, -1000, 1000),
-                                 in_range("normalisation radius", f.norm_radius, -1, 64),
-                                 in_range("normalisation floor", f.norm_floor, 0, 1024),
-                                 in_range("edge reach", f.edge_reach_percent, 0, 100),
-                                 in_range("size prior", f.size_prior_permille, 0, 100000),
-                                 in_range("contained suppression", f.suppression_contained_percent, 1, 100)}) {
+    for (const std::string &p :
+         {in_range("search margin", f.search_margin_percent, 100, 400),
+          in_range("levels per octave", f.levels_per_octave, 1, 16),
+          in_range("approximation exponent", f.approximation_exponent_permille, -1000, 1000),
+          in_range("normalisation radius", f.norm_radius, -1, 64),
+          in_range("normalisation floor", f.norm_floor, 0, 1024), in_range("edge reach", f.edge_reach_percent, 0, 100),
+          in_range("size prior", f.size_prior_permille, 0, 100000),
+          in_range("contained suppression", f.suppression_contained_percent, 1, 100)}) {
         if (!p.empty()) return "its " + p;
     }
     for (size_t k = 0; k < file.classes.size(); ++k) {

@@ -144,10 +144,8 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
 
     // A model of another window size (an imported file, say) would make the
     // scan read past its weights: refuse it instead.
-    const int64_t window_features = static_cast<int64_t>(geometry.window_columns) * geometry.window_rows *
-                                    map.channels;
-    if (geometry.window_columns > 0 && geometry.window_rows > 0 &&
-        window_features != svm_model.support_vector_size) {
+    const int64_t window_features = static_cast<int64_t>(geometry.window_columns) * geometry.window_rows * map.channels;
+    if (geometry.window_columns > 0 && geometry.window_rows > 0 && window_features != svm_model.support_vector_size) {
         ostrel::fail(OSTREL_ALG_ERR_MODEL_INVALID,
                      "[Debug] %s: a window of %lld features does not fit the model's %d weights\n", kRunDetectorName,
                      static_cast<long long>(window_features), svm_model.support_vector_size);
@@ -176,7 +174,8 @@ int32_t ostrel_alg::runDetectorOnce(const ostrel_alg_image *image, std::vector<o
         return window_fp_distance(map, geometry, box);
     };
     std::vector<ostrel_alg_box> candidates;
-    const int32_t filter_status = ostrel::filterCandidates(windows.accepted, windows.below, filter, distance, candidates);
+    const int32_t filter_status =
+        ostrel::filterCandidates(windows.accepted, windows.below, filter, distance, candidates);
     if (filter_status != 0) {
         log_filter_failure(pca_filter, window_features);
         return filter_status;

@@ -95,10 +95,14 @@ struct record_reads {
     bool check_after_both;
 };
 
-constexpr record_reads kImportReads = {ostrel::kImportModelName, kImportSvmReadLine, kImportSvmWrongLine,
-                                       kImportFilterReadLine, kImportPcaWrongLine, false};
-constexpr record_reads kCheckReads = {ostrel::kCheckModelValidationName, kCheckSvmReadLine, kCheckSvmWrongLine,
-                                      kCheckFilterReadLine, kCheckPcaWrongLine, true};
+constexpr record_reads kImportReads = {ostrel::kImportModelName, kImportSvmReadLine,  kImportSvmWrongLine,
+                                       kImportFilterReadLine,    kImportPcaWrongLine, false};
+constexpr record_reads kCheckReads = {ostrel::kCheckModelValidationName,
+                                      kCheckSvmReadLine,
+                                      kCheckSvmWrongLine,
+                                      kCheckFilterReadLine,
+                                      kCheckPcaWrongLine,
+                                      true};
 
 // Opens the file at `path` in `in`, reads its classifier and filter
 // records into *model and *filter (in place) and checks their values;

@@ -96,8 +96,7 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
     detector_set = 1;
 
     if (new_picture) {
-        if (cached_image.rows != image->height || cached_image.cols != image->width ||
-            cached_image.type() != CV_8UC3) {
+        if (cached_image.rows != image->height || cached_image.cols != image->width || cached_image.type() != CV_8UC3) {
             cached_image.create(image->height, image->width, CV_8UC3);
         }
         std::memcpy(cached_image.data, image->data,
@@ -147,8 +146,9 @@ int32_t ostrel_alg::setDetectorWithAutoTrain(const ostrel_alg_image *image, cons
             return fail_at(OSTREL_ALG_ERR_NOTHING_TO_LEARN, ostrel::kSetDetectorName, kRetrainingFailedLine);
         }
         ++pass;
-        ostrel::log_progress("[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n",
-                    pass, false_positives.size(), low_confidence.size());
+        ostrel::log_progress(
+            "[Alg. Scc] Auto-training pass %d: %zu false positives and %zu low-confidence negatives added\n", pass,
+            false_positives.size(), low_confidence.size());
         ostrel_alg_progress ended = ostrel::progress_record(OSTREL_ALG_STAGE_PASS);
         ended.round = pass;
         ended.samples = static_cast<int32_t>(training_samples.size());

@@ -41,8 +41,8 @@ int32_t ostrel_alg::addTrainingSamples(const cv::Mat &picture, const std::vector
     }
 
     std::vector<ostrel::training_sample> collected;
-    feat_extractor->collectTrainingSamples(collected, &features.map, boxes, random_negatives_added != 0,
-                                           picture.cols, picture.rows);
+    feat_extractor->collectTrainingSamples(collected, &features.map, boxes, random_negatives_added != 0, picture.cols,
+                                           picture.rows);
     // Only the first picture an engine sees gets random negatives, whether or
     // not they could be drawn.
     random_negatives_added = 1;

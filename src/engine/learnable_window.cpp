@@ -97,71 +97,75 @@ window_check check_storable_window(const std::vector<ostrel_alg_box> &boxes, int
 void fail_unlearnable_box(const window_check &check, const ostrel_alg_box &box, int32_t picture_width,
                           int32_t picture_height, const map_extent &map, const char *operation) {
     switch (check.verdict) {
-    case window_verdict::learnable:
-        return;
-    case window_verdict::box_without_size:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE, "[Debug] %s: a box of %d x %d pixels has no window: use a larger box\n",
-             operation, box.width, box.height);
-        return;
-    case window_verdict::window_beyond_map:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window larger than the "
-             "picture's %d x %d feature cells; a model holds %d to %d values: use a smaller box\n",
-             operation, box.width, box.height, picture_width, picture_height, map.columns, map.rows,
-             kMinWindowWeights, kMaxWindowWeights);
-        return;
-    case window_verdict::window_without_cell:
-    case window_verdict::weights_unstorable:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature cells "
-             "(%lld values); a model holds %d to %d values: use a %s box\n",
-             operation, box.width, box.height, picture_width, picture_height, check.window.width, check.window.height,
-             static_cast<long long>(static_cast<int64_t>(map.channels) * check.window.width * check.window.height),
-             kMinWindowWeights, kMaxWindowWeights,
-             check.window_features > kMaxWindowWeights ? "smaller" : "larger");
-        return;
-    case window_verdict::other_sample_length:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature cells "
-             "(%lld values), but the samples the engine holds have %lld: mark the box at the size of the boxes "
-             "before it\n",
-             operation, box.width, box.height, picture_width, picture_height, check.window.width, check.window.height,
-             static_cast<long long>(check.window_features), static_cast<long long>(check.sample_features));
-        return;
+        case window_verdict::learnable: return;
+        case window_verdict::box_without_size:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: a box of %d x %d pixels has no window: use a larger box\n", operation, box.width,
+                 box.height);
+            return;
+        case window_verdict::window_beyond_map:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window larger than the "
+                 "picture's %d x %d feature cells; a model holds %d to %d values: use a smaller box\n",
+                 operation, box.width, box.height, picture_width, picture_height, map.columns, map.rows,
+                 kMinWindowWeights, kMaxWindowWeights);
+            return;
+        case window_verdict::window_without_cell:
+        case window_verdict::weights_unstorable:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature "
+                 "cells "
+                 "(%lld values); a model holds %d to %d values: use a %s box\n",
+                 operation, box.width, box.height, picture_width, picture_height, check.window.width,
+                 check.window.height,
+                 static_cast<long long>(static_cast<int64_t>(map.channels) * check.window.width * check.window.height),
+                 kMinWindowWeights, kMaxWindowWeights,
+                 check.window_features > kMaxWindowWeights ? "smaller" : "larger");
+            return;
+        case window_verdict::other_sample_length:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: a %d x %d box on this %d x %d picture gives the detector a window of %d x %d feature "
+                 "cells "
+                 "(%lld values), but the samples the engine holds have %lld: mark the box at the size of the boxes "
+                 "before it\n",
+                 operation, box.width, box.height, picture_width, picture_height, check.window.width,
+                 check.window.height, static_cast<long long>(check.window_features),
+                 static_cast<long long>(check.sample_features));
+            return;
     }
 }
 
 void log_window_check(const window_check &check, const ostrel_alg_box &first, int32_t picture_width,
                       int32_t picture_height, const map_extent &map, const char *operation) {
     switch (check.verdict) {
-    case window_verdict::learnable:
-    case window_verdict::weights_unstorable:  // set-up trains such a window
-        return;
-    case window_verdict::box_without_size:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: the first box is %d x %d pixels: no window can be learnt from it\n", operation, first.width,
-             first.height);
-        return;
-    case window_verdict::window_without_cell:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, covers %d x %d feature cells: too "
-             "small to learn\n",
-             operation, first.width, first.height, picture_width, picture_height, check.window.width,
-             check.window.height);
-        return;
-    case window_verdict::window_beyond_map:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, is larger than the picture's %d x %d "
-             "feature cells: too large to learn\n",
-             operation, first.width, first.height, picture_width, picture_height, map.columns, map.rows);
-        return;
-    case window_verdict::other_sample_length:
-        fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
-             "[Debug] %s: the first box's window of %d x %d cells has %lld features, but the training samples "
-             "it would join have %lld: a model learns one window, so mark every box at one size\n",
-             operation, check.window.width, check.window.height, static_cast<long long>(check.window_features),
-             static_cast<long long>(check.sample_features));
-        return;
+        case window_verdict::learnable:
+        case window_verdict::weights_unstorable:  // set-up trains such a window
+            return;
+        case window_verdict::box_without_size:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: the first box is %d x %d pixels: no window can be learnt from it\n", operation,
+                 first.width, first.height);
+            return;
+        case window_verdict::window_without_cell:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, covers %d x %d feature cells: too "
+                 "small to learn\n",
+                 operation, first.width, first.height, picture_width, picture_height, check.window.width,
+                 check.window.height);
+            return;
+        case window_verdict::window_beyond_map:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: the first box, %d x %d pixels of a %d x %d picture, is larger than the picture's %d x %d "
+                 "feature cells: too large to learn\n",
+                 operation, first.width, first.height, picture_width, picture_height, map.columns, map.rows);
+            return;
+        case window_verdict::other_sample_length:
+            fail(OSTREL_ALG_ERR_BOX_NOT_LEARNABLE,
+                 "[Debug] %s: the first box's window of %d x %d cells has %lld features, but the training samples "
+                 "it would join have %lld: a model learns one window, so mark every box at one size\n",
+                 operation, check.window.width, check.window.height, static_cast<long long>(check.window_features),
+                 static_cast<long long>(check.sample_features));
+            return;
     }
 }
 

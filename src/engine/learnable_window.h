@@ -42,18 +42,18 @@ learning_state learning_state_of(const ostrel_acf &extractor, const std::vector<
 
 enum class window_verdict {
     learnable,
-    box_without_size,    // the first box is not at least 1 x 1 pixels
-    window_without_cell, // its window covers no whole cell
-    window_beyond_map,   // its window is larger than the map
-    other_sample_length, // the model's weights would come from samples of another window
-    weights_unstorable,  // a model of this window cannot be stored (check_storable_window only)
+    box_without_size,     // the first box is not at least 1 x 1 pixels
+    window_without_cell,  // its window covers no whole cell
+    window_beyond_map,    // its window is larger than the map
+    other_sample_length,  // the model's weights would come from samples of another window
+    weights_unstorable,   // a model of this window cannot be stored (check_storable_window only)
 };
 
 struct window_check {
     window_verdict verdict = window_verdict::learnable;
-    window_rect window;              // the first box's window (valid from window_without_cell on)
-    int64_t window_features = 0;     // channels * window width * window height
-    int64_t sample_features = 0;     // length of the first training sample; 0 when none is known
+    window_rect window;           // the first box's window (valid from window_without_cell on)
+    int64_t window_features = 0;  // channels * window width * window height
+    int64_t sample_features = 0;  // length of the first training sample; 0 when none is known
 };
 
 // Checks the boxes of a new picture of picture_width x picture_height

@@ -124,8 +124,7 @@ void ostrel_alg::setTrainingSize(uint32_t object_width, uint32_t object_height, 
     train_input_height = picture_height;
     if (feat_extractor) {
         feat_extractor->setTrainingWindow(static_cast<int32_t>(object_width), static_cast<int32_t>(object_height),
-                                          static_cast<int32_t>(picture_width),
-                                          static_cast<int32_t>(picture_height));
+                                          static_cast<int32_t>(picture_width), static_cast<int32_t>(picture_height));
     }
 }
 

@@ -75,8 +75,8 @@ public:
     int32_t exportModel(const std::string &path);
     int32_t importModel(const std::string &path);
     int32_t checkModelValidation(const std::string &path);
-    int32_t getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels,
-                          uint32_t *columns, uint32_t *rows);
+    int32_t getFeatureMap(const ostrel_alg_image *image, const uint8_t **data, uint32_t *channels, uint32_t *columns,
+                          uint32_t *rows);
 
     // Refuses a picture the engine cannot read: logs the invalid-image line
     // and returns false.

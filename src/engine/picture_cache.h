@@ -16,7 +16,7 @@
 namespace ostrel {
 
 struct last_picture {
-    bool valid = false;      // features hold the picture of image_key
+    bool valid = false;  // features hold the picture of image_key
     int64_t image_key = 0;
     picture_features features;
 

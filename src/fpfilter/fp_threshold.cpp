@@ -79,10 +79,9 @@ void getBestFPThreshold(pca_fp_filter &filter, const std::vector<training_sample
     labels.reserve(ordered.size());
     for (const training_sample *sample : ordered) {
         // A view of the sample's own floats (pca_project does not write it).
-        const cv::Mat row = sample->features.empty()
-                                ? cv::Mat(1, 0, CV_32F)
-                                : cv::Mat(1, static_cast<int>(sample->features.size()), CV_32F,
-                                          const_cast<float *>(sample->features.data()));
+        const cv::Mat row = sample->features.empty() ? cv::Mat(1, 0, CV_32F)
+                                                     : cv::Mat(1, static_cast<int>(sample->features.size()), CV_32F,
+                                                               const_cast<float *>(sample->features.data()));
         distances.push_back(fp_distance(filter, row));
         labels.push_back(sample->label);
     }

@@ -52,7 +52,8 @@ public:
     bool i32(int32_t *v) {
         uint32_t raw = 0;
         if (!u32(&raw)) return false;
-        *v = raw <= 0x7fffffffu ? static_cast<int32_t>(raw) : static_cast<int32_t>(static_cast<int64_t>(raw) - 0x100000000LL);
+        *v = raw <= 0x7fffffffu ? static_cast<int32_t>(raw)
+                                : static_cast<int32_t>(static_cast<int64_t>(raw) - 0x100000000LL);
         return true;
     }
     bool f32(float *v) {
@@ -125,8 +126,7 @@ std::string class_problem(const accurate_file_class &c) {
         return "a class's window of " + std::to_string(n) + " weights is outside " OSTREL_WINDOW_WEIGHTS_RANGE_TEXT;
     }
     if (static_cast<int64_t>(c.weights.size()) != n) {
-        return "a class has " + std::to_string(c.weights.size()) + " weights where its window has " +
-               std::to_string(n);
+        return "a class has " + std::to_string(c.weights.size()) + " weights where its window has " + std::to_string(n);
     }
     if (!std::isfinite(c.aspect) || c.aspect < 1.0f / 16.0f || c.aspect > 16.0f) {
         return "a class's object shape is not a width / height ratio within 1/16..16";
@@ -140,8 +140,8 @@ std::string class_problem(const accurate_file_class &c) {
         c.input_height > kMaxSide) {
         return "a class's training sizes are not sizes";
     }
-    if (!std::isfinite(c.calibration_offset) || !std::isfinite(c.calibration_slope) ||
-        !(c.calibration_slope > 0.0f) || std::fabs(c.calibration_offset) > 1.0e6f || c.calibration_slope > 1.0e6f) {
+    if (!std::isfinite(c.calibration_offset) || !std::isfinite(c.calibration_slope) || !(c.calibration_slope > 0.0f) ||
+        std::fabs(c.calibration_offset) > 1.0e6f || c.calibration_slope > 1.0e6f) {
         return "a class's score calibration is not finite with a positive slope";
     }
     return "";
@@ -236,8 +236,8 @@ std::vector<unsigned char> write_accurate_model(const accurate_model_file &model
     for (const auto field : kSettingsFields) put_i32(out, model.settings.*field);
     put_u32(out, static_cast<uint32_t>(model.classes.size()));
     for (const accurate_file_class &c : model.classes) {
-        const uint32_t record = kClassFixedBytes + static_cast<uint32_t>(c.name.size()) +
-                                4u * static_cast<uint32_t>(c.weights.size());
+        const uint32_t record =
+            kClassFixedBytes + static_cast<uint32_t>(c.name.size()) + 4u * static_cast<uint32_t>(c.weights.size());
         put_u32(out, record);
         put_u32(out, static_cast<uint32_t>(c.name.size()));
         out.insert(out.end(), c.name.begin(), c.name.end());
@@ -291,7 +291,8 @@ bool read_accurate_model(const unsigned char *bytes, size_t size, accurate_model
         if (!in.i32(&(out->settings.*field))) return fail(problem, "it ends inside its settings");
     }
     if (out->settings.profile != 1) {
-        return fail(problem, "it names profile " + std::to_string(out->settings.profile) + " where it must be 1 (accurate)");
+        return fail(problem,
+                    "it names profile " + std::to_string(out->settings.profile) + " where it must be 1 (accurate)");
     }
     uint32_t classes = 0;
     if (!in.u32(&classes)) return fail(problem, "it ends before its class count");

@@ -211,8 +211,8 @@ int32_t write_filter_block(std::ostream &out, const pca_fp_filter &filter) {
     put_f32(bytes, filter.fp_threshold);
     bytes.push_back(filter.pca_filter_ready);
     if (filter.pca_filter_ready != 0) {
-        for (const cv::Mat *matrix : {&filter.mean, &filter.eigenvectors, &filter.reduce_mean,
-                                      &filter.reduce_inv_covar}) {
+        for (const cv::Mat *matrix :
+             {&filter.mean, &filter.eigenvectors, &filter.reduce_mean, &filter.reduce_inv_covar}) {
             if (!put_matrix(bytes, *matrix)) {
                 return 1;
             }

@@ -36,8 +36,8 @@ bool checkSvmModel(const svm_model &model) {
                           model.input_width > 0 && model.input_height > 0 && model.trained_acf_scale_idx >= 0 &&
                           in_range(model.support_vector_size, ostrel::kMinWindowWeights, ostrel::kMaxWindowWeights);
     if (!sizes_ok) {
-        log_failure(kSvmValuesWrongFormat, model.class_idx, model.trained_width, model.trained_height, model.input_width,
-            model.input_height, model.trained_acf_scale_idx, model.support_vector_size);
+        log_failure(kSvmValuesWrongFormat, model.class_idx, model.trained_width, model.trained_height,
+                    model.input_width, model.input_height, model.trained_acf_scale_idx, model.support_vector_size);
         return true;
     }
     if (!model.vector) {
@@ -78,7 +78,7 @@ bool checkPcaFilter(const pca_fp_filter &filter) {
                           in_range(inv_covar.rows, 1, kMaxComponents) && in_range(inv_covar.cols, 1, kMaxComponents);
     if (!sizes_ok) {
         log_failure(kPcaSizesWrongFormat, mean.rows, mean.cols, eigenvectors.rows, eigenvectors.cols, reduce_mean.rows,
-            reduce_mean.cols, inv_covar.rows, inv_covar.cols);
+                    reduce_mean.cols, inv_covar.rows, inv_covar.cols);
         return true;
     }
     return false;

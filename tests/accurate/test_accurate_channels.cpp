@@ -24,7 +24,8 @@ ostrel::chn_image8 flat(int32_t columns, int32_t rows, uint8_t value) {
 ostrel::chn_image8 vertical_edge(int32_t columns, int32_t rows, uint8_t left, uint8_t right) {
     ostrel::chn_image8 lab = flat(columns, rows, 128);
     for (int32_t x = 0; x < columns; ++x) {
-        for (int32_t y = 0; y < rows; ++y) lab.at(0, x, y) = x < columns / 2 ? left : right;  // record row = picture column
+        for (int32_t y = 0; y < rows; ++y)
+            lab.at(0, x, y) = x < columns / 2 ? left : right;  // record row = picture column
     }
     return lab;
 }
@@ -54,7 +55,8 @@ TEST(AccurateChannels, ColourPlanesAreCellMeansAndAFlatPictureHasNoGradient) {
 }
 
 TEST(AccurateChannels, AVerticalEdgeFillsOneOrientationBinAtTheEdge) {
-    const ostrel::feature_map map = ostrel::accurate_channel_map(vertical_edge(32, 16, 40, 200), ostrel::channel_recipe{});
+    const ostrel::feature_map map =
+        ostrel::accurate_channel_map(vertical_edge(32, 16, 40, 200), ostrel::channel_recipe{});
     const int32_t edge_cell = 8;  // picture columns 15 and 16 meet in cells 7 and 8
     int32_t strongest = -1, strongest_value = 0, total = 0;
     for (int32_t b = 0; b < 6; ++b) {

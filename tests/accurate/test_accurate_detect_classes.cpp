@@ -47,9 +47,8 @@ struct test_class {
 // Classes whose window shapes follow `shapes` in turn, each with its own
 // weights, margin terms, box size and size prior; the floor (margin 0)
 // lies near the top twentieth of the windows of `map`.
-std::vector<test_class> make_classes(size_t count, const std::vector<std::pair<int32_t, int32_t>> &shapes,
-                                     bool maxima, double refine_margin, const ostrel::feature_map &map,
-                                     std::mt19937 &random) {
+std::vector<test_class> make_classes(size_t count, const std::vector<std::pair<int32_t, int32_t>> &shapes, bool maxima,
+                                     double refine_margin, const ostrel::feature_map &map, std::mt19937 &random) {
     std::vector<test_class> out(count);
     for (size_t k = 0; k < count; ++k) {
         test_class &c = out[k];

@@ -51,7 +51,8 @@ TEST(AccurateGeometry, TheWorkingPictureStaysWithinItsPixelBudget) {
     accurate_geometry g;
     const accurate_settings settings;
     ASSERT_EQ(derive_accurate_geometry(200, 200, 4000, 3000, settings, &g), geometry_status::ok);
-    EXPECT_LE(g.working_width * g.working_height, settings.max_working_pixels + 2 * (g.working_width + g.working_height));
+    EXPECT_LE(g.working_width * g.working_height,
+              settings.max_working_pixels + 2 * (g.working_width + g.working_height));
     EXPECT_LT(g.window_columns * g.window_rows, settings.object_cells);
 }
 

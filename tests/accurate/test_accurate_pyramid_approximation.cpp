@@ -59,8 +59,10 @@ ostrel::pyramid_request six_levels(int32_t exact_every) {
 TEST(AccuratePyramidApproximation, OneExactLevelPerOctaveTheOthersApproximated) {
     const cv::Mat bgr = cv::imread(ostrel_test::data_path("bccd/images/BloodImage_00001.jpg"), cv::IMREAD_COLOR);
     ostrel::picture_resample_scratch scratch;
-    const ostrel::accurate_pyramid fast = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(6), scratch);
-    const ostrel::accurate_pyramid exact = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(0), scratch);
+    const ostrel::accurate_pyramid fast =
+        ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(6), scratch);
+    const ostrel::accurate_pyramid exact =
+        ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(0), scratch);
     ASSERT_EQ(fast.levels.size(), 7u);
     ASSERT_EQ(exact.levels.size(), 7u);
     for (size_t k = 0; k < 7; ++k) {
@@ -75,8 +77,10 @@ TEST(AccuratePyramidApproximation, OneExactLevelPerOctaveTheOthersApproximated) 
 TEST(AccuratePyramidApproximation, ApproximatedChannelsStayCloseToExactOnes) {
     const cv::Mat bgr = cv::imread(ostrel_test::data_path("bccd/images/BloodImage_00001.jpg"), cv::IMREAD_COLOR);
     ostrel::picture_resample_scratch scratch;
-    const ostrel::accurate_pyramid fast = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(6), scratch);
-    const ostrel::accurate_pyramid exact = ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(0), scratch);
+    const ostrel::accurate_pyramid fast =
+        ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(6), scratch);
+    const ostrel::accurate_pyramid exact =
+        ostrel::build_accurate_pyramid(ostrel::split_bgr(bgr), six_levels(0), scratch);
     for (size_t k = 1; k < 6; ++k) {
         double histogram_exact = 0.0, histogram_approximated = 0.0;
         for (int32_t c = 0; c < 10; ++c) {

@@ -35,7 +35,8 @@ TEST(AccurateTrainerParts, HeldOutObjectsAreNotLearnt) {
 TEST(AccurateTrainerParts, EverySampleKeepsItsOrigin) {
     const scene s = ring_scene();
     ostrel::accurate_training_state state;
-    const ostrel::accurate_training_result t = ostrel::train_accurate(s.pictures, s.geometry, s.settings, 1, {}, &state);
+    const ostrel::accurate_training_result t =
+        ostrel::train_accurate(s.pictures, s.geometry, s.settings, 1, {}, &state);
     ASSERT_TRUE(t.trained);
     ASSERT_TRUE(state.svm);
     ASSERT_EQ(state.origins.size(), state.svm->size());
@@ -53,7 +54,8 @@ TEST(AccurateTrainerParts, EverySampleKeepsItsOrigin) {
 TEST(AccurateTrainerParts, RetrainingWithoutAPartLeavesItsSamplesOut) {
     const scene s = ring_scene();
     ostrel::accurate_training_state state;
-    const ostrel::accurate_training_result t = ostrel::train_accurate(s.pictures, s.geometry, s.settings, 1, {}, &state);
+    const ostrel::accurate_training_result t =
+        ostrel::train_accurate(s.pictures, s.geometry, s.settings, 1, {}, &state);
     ASSERT_TRUE(t.trained);
     // Nothing held out: the training's own classifier (its dual variables
     // are already optimal).

@@ -76,7 +76,8 @@ TEST(CellResample, TheVectorLoopGivesThePlainLoopsBytes) {
         ASSERT_EQ(plain.data, fast.data) << what;
     };
     for (unsigned seed = 0; seed < 6; ++seed) {
-        const ostrel::feature_map map = random_map(10, 37 + 11 * static_cast<int>(seed), 29 + 7 * static_cast<int>(seed), seed);
+        const ostrel::feature_map map =
+            random_map(10, 37 + 11 * static_cast<int>(seed), 29 + 7 * static_cast<int>(seed), seed);
         for (const double ratio : {1.0, 1.12, 1.26, 1.41, 1.59, 1.78, 2.0, 2.5}) {
             const int32_t columns = std::max(1, static_cast<int32_t>(map.columns / ratio));
             const int32_t rows = std::max(1, static_cast<int32_t>(map.rows / ratio));
@@ -85,8 +86,10 @@ TEST(CellResample, TheVectorLoopGivesThePlainLoopsBytes) {
     }
     // Edges: columns shorter than one vector (tails only), exactly one or
     // two vectors, one cell across, every byte 255 under the largest gain.
-    for (const auto &size : {std::pair<int, int>{5, 3}, {9, 7}, {13, 8}, {17, 9}, {11, 16}, {12, 17}, {1, 23}, {40, 31}}) {
-        const ostrel::feature_map map = random_map(10, size.first, size.second, 100u + static_cast<unsigned>(size.second));
+    for (const auto &size :
+         {std::pair<int, int>{5, 3}, {9, 7}, {13, 8}, {17, 9}, {11, 16}, {12, 17}, {1, 23}, {40, 31}}) {
+        const ostrel::feature_map map =
+            random_map(10, size.first, size.second, 100u + static_cast<unsigned>(size.second));
         for (const double ratio : {1.0, 1.19, 1.5, 2.0}) {
             const int32_t columns = std::max(1, static_cast<int32_t>(map.columns / ratio));
             const int32_t rows = std::max(1, static_cast<int32_t>(map.rows / ratio));

@@ -91,8 +91,9 @@ TEST(HeldOutCalibration, HeldOutStripsOfAPictureOfRingsFindTheRings) {
     search.box_width = shape.aspect;
     ostrel::accurate_training_state state;
     ASSERT_TRUE(ostrel::train_accurate(pictures, shape.geometry(), settings, 1, {}, &state).trained);
-    for (const ostrel::accurate_training_state *trained : {static_cast<const ostrel::accurate_training_state *>(nullptr),
-                                                           static_cast<const ostrel::accurate_training_state *>(&state)}) {
+    for (const ostrel::accurate_training_state *trained :
+         {static_cast<const ostrel::accurate_training_state *>(nullptr),
+          static_cast<const ostrel::accurate_training_state *>(&state)}) {
         const ostrel::held_out_scores scores =
             ostrel::score_held_out_parts(pictures, shape.geometry(), settings, search, 1, 4, trained);
         ASSERT_EQ(scores.objects.size(), 16u);  // every ring once, and once mirrored

@@ -32,8 +32,8 @@ TEST(LinearSvmKernels, TheAvx2DotProductGivesThePlainFloats) {
             for (uint8_t &v : x) v = trial == 2 ? 255 : static_cast<uint8_t>(random() & 0xff);
             const float plain = ostrel::byte_dot(w.data(), x.data(), n, ostrel::svm_kernel_path::plain);
             const float fast = ostrel::byte_dot(w.data(), x.data(), n, ostrel::svm_kernel_path::avx2);
-            EXPECT_EQ(std::memcmp(&plain, &fast, sizeof plain), 0) << "n " << n << " trial " << trial << ": " << plain
-                                                                   << " and " << fast;
+            EXPECT_EQ(std::memcmp(&plain, &fast, sizeof plain), 0)
+                << "n " << n << " trial " << trial << ": " << plain << " and " << fast;
         }
     }
 }

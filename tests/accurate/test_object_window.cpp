@@ -42,7 +42,8 @@ struct fixture {
 TEST(ObjectWindow, TheBoxsWindowIsTheWindowOfALevelAtItsScale) {
     fixture f;
     const ostrel_alg_box box{83, 336, 96, 99, 0.0f, 1, 0, 0};
-    const std::vector<uint8_t> window = ostrel::object_window(ostrel::split_bgr(f.bgr), box, f.shape, f.recipe, false, f.scratch);
+    const std::vector<uint8_t> window =
+        ostrel::object_window(ostrel::split_bgr(f.bgr), box, f.shape, f.recipe, false, f.scratch);
     ASSERT_EQ(window.size(), static_cast<size_t>(f.shape.features()));
     // The whole picture at the box's scale, and the window on it.
     const double scale = ostrel::scale_for_height(ostrel::box_height(box, f.shape), f.shape);

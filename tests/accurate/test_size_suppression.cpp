@@ -20,7 +20,8 @@ ostrel::margin_box candidate(int x, int y, int w, int h, float margin) {
 TEST(SizeSuppression, APartOfAStrongerBoxOfAnotherSizeIsDropped) {
     // A person (40 x 120) and its upper half found at a smaller size: IoU
     // 0.33 (kept by overlap alone), but wholly inside the stronger box.
-    const std::vector<ostrel::margin_box> boxes = {candidate(100, 100, 40, 120, 2.0f), candidate(105, 100, 30, 55, 1.0f)};
+    const std::vector<ostrel::margin_box> boxes = {candidate(100, 100, 40, 120, 2.0f),
+                                                   candidate(105, 100, 30, 55, 1.0f)};
     EXPECT_EQ(ostrel::suppress_by_margin(boxes, 0.5f, 10).size(), 2u);
     EXPECT_EQ(ostrel::suppress_by_margin(boxes, 0.5f, 10, 1.0f).size(), 2u);
     const std::vector<ostrel::margin_box> kept = ostrel::suppress_by_margin(boxes, 0.5f, 10, 0.7f);
@@ -28,12 +29,14 @@ TEST(SizeSuppression, APartOfAStrongerBoxOfAnotherSizeIsDropped) {
     EXPECT_EQ(kept[0].box.width, 40);
     // The part stronger than the larger box: of two boxes one inside the
     // other only the stronger stays, whichever is the smaller.
-    const std::vector<ostrel::margin_box> reversed = {candidate(100, 100, 40, 120, 1.0f), candidate(105, 100, 30, 55, 2.0f)};
+    const std::vector<ostrel::margin_box> reversed = {candidate(100, 100, 40, 120, 1.0f),
+                                                      candidate(105, 100, 30, 55, 2.0f)};
     const std::vector<ostrel::margin_box> part = ostrel::suppress_by_margin(reversed, 0.5f, 10, 0.7f);
     ASSERT_EQ(part.size(), 1u);
     EXPECT_EQ(part[0].box.width, 30);
     // Two people side by side, barely touching: both stay.
-    EXPECT_EQ(ostrel::suppress_by_margin({candidate(0, 0, 40, 120, 1.0f), candidate(38, 0, 40, 120, 0.9f)}, 0.3f, 10, 0.7f)
+    EXPECT_EQ(ostrel::suppress_by_margin({candidate(0, 0, 40, 120, 1.0f), candidate(38, 0, 40, 120, 0.9f)}, 0.3f, 10,
+                                         0.7f)
                   .size(),
               2u);
 }

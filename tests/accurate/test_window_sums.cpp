@@ -45,7 +45,8 @@ TEST(WindowSums, EveryLoopGivesTheReferenceSums) {
         const ostrel::feature_map map = random_map(s.channels, s.columns, s.rows, seed++);
         const std::vector<double> w =
             random_weights(static_cast<size_t>(s.channels) * s.window_columns * s.window_rows, seed++, 0.01);
-        const ostrel::quantised_weights q = ostrel::quantise_weights(w.data(), s.channels, s.window_columns, s.window_rows);
+        const ostrel::quantised_weights q =
+            ostrel::quantise_weights(w.data(), s.channels, s.window_columns, s.window_rows);
         const ostrel::window_sum_grid reference = ostrel::window_sums_reference(map, q);
         ASSERT_EQ(reference.columns, s.columns - s.window_columns + 1);
         ASSERT_EQ(reference.rows, s.rows - s.window_rows + 1);

@@ -70,9 +70,9 @@ void expect_own_scans(const ostrel::paired_map &paired, const ostrel::feature_ma
     ASSERT_EQ(grids.size(), weights.size()) << what;
     for (size_t k = 0; k < weights.size(); ++k) {
         const bool whole = refine_from.empty() || refine_from[k] == kWhole;
-        const ostrel::window_sum_grid own = whole ? ostrel::window_sums_reference(map, *weights[k])
-                                                  : ostrel::window_sums_coarse_to_fine(paired, *weights[k],
-                                                                                       refine_from[k], path);
+        const ostrel::window_sum_grid own =
+            whole ? ostrel::window_sums_reference(map, *weights[k])
+                  : ostrel::window_sums_coarse_to_fine(paired, *weights[k], refine_from[k], path);
         ASSERT_FALSE(own.sums.empty()) << what;
         EXPECT_EQ(grids[k].columns, own.columns) << what << ", classifier " << k;
         EXPECT_EQ(grids[k].rows, own.rows) << what << ", classifier " << k;

@@ -55,7 +55,8 @@ std::vector<bool> expected_rows(const ostrel::window_sum_grid &whole, int32_t x,
     for (int32_t y = 0; y < whole.rows; ++y) {
         const bool reaches = whole.at(x - 1, y) >= t || (x + 1 < whole.columns && whole.at(x + 1, y) >= t);
         if (!reaches) continue;
-        for (int32_t z = std::max(0, y - 2); z <= std::min(whole.rows - 1, y + 2); ++z) rows[static_cast<size_t>(z)] = true;
+        for (int32_t z = std::max(0, y - 2); z <= std::min(whole.rows - 1, y + 2); ++z)
+            rows[static_cast<size_t>(z)] = true;
     }
     return rows;
 }
@@ -72,7 +73,8 @@ TEST(WindowSumsCoarseToFine, ComputedSumsAreTheReferenceSumsAndSkippedOnesAreWhe
         std::vector<int32_t> sorted = reference.sums;
         std::sort(sorted.begin(), sorted.end());
         // Refine levels from below every sum to above every sum.
-        const double levels[] = {static_cast<double>(sorted.front()) - 1.0, static_cast<double>(sorted[sorted.size() / 2]),
+        const double levels[] = {static_cast<double>(sorted.front()) - 1.0,
+                                 static_cast<double>(sorted[sorted.size() / 2]),
                                  static_cast<double>(sorted[sorted.size() * 9 / 10]),
                                  static_cast<double>(sorted.back()) + 1.0};
         for (const ostrel::sums_path path : ostrel::available_sums_paths()) {
@@ -82,8 +84,9 @@ TEST(WindowSumsCoarseToFine, ComputedSumsAreTheReferenceSumsAndSkippedOnesAreWhe
                 ASSERT_EQ(grid.columns, reference.columns);
                 ASSERT_EQ(grid.rows, reference.rows);
                 for (int32_t x = 0; x < grid.columns; ++x) {
-                    const std::vector<bool> wanted =
-                        x % 2 == 0 ? std::vector<bool>(static_cast<size_t>(grid.rows), true) : expected_rows(reference, x, t);
+                    const std::vector<bool> wanted = x % 2 == 0
+                                                         ? std::vector<bool>(static_cast<size_t>(grid.rows), true)
+                                                         : expected_rows(reference, x, t);
                     for (int32_t y = 0; y < grid.rows; ++y) {
                         if (wanted[static_cast<size_t>(y)]) {
                             ASSERT_EQ(grid.at(x, y), reference.at(x, y))

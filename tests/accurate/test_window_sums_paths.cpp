@@ -68,7 +68,8 @@ std::vector<scan_case> scan_cases() {
 void expect_path_matches_reference(ostrel::sums_path path) {
     if (!ostrel::sums_path_available(path)) GTEST_SKIP() << "this processor does not run this loop";
     for (const scan_case &c : scan_cases()) {
-        const ostrel::quantised_weights q = ostrel::quantise_weights(c.weights.data(), c.map.channels, c.columns, c.rows);
+        const ostrel::quantised_weights q =
+            ostrel::quantise_weights(c.weights.data(), c.map.channels, c.columns, c.rows);
         const ostrel::window_sum_grid reference = ostrel::window_sums_reference(c.map, q);
         ASSERT_FALSE(reference.sums.empty()) << c.name;
         const ostrel::window_sum_grid sums = ostrel::window_sums(ostrel::pair_cells(c.map), q, path);
@@ -78,13 +79,17 @@ void expect_path_matches_reference(ostrel::sums_path path) {
     }
 }
 
-TEST(WindowSumsPaths, ThePortableLoopGivesTheReferenceSums) { expect_path_matches_reference(ostrel::sums_path::portable); }
+TEST(WindowSumsPaths, ThePortableLoopGivesTheReferenceSums) {
+    expect_path_matches_reference(ostrel::sums_path::portable);
+}
 TEST(WindowSumsPaths, TheSse2LoopGivesTheReferenceSums) { expect_path_matches_reference(ostrel::sums_path::sse2); }
 TEST(WindowSumsPaths, TheAvx2LoopGivesTheReferenceSums) { expect_path_matches_reference(ostrel::sums_path::avx2); }
 TEST(WindowSumsPaths, TheAvx512VnniLoopGivesTheReferenceSums) {
     expect_path_matches_reference(ostrel::sums_path::avx512_vnni);
 }
-TEST(WindowSumsPaths, TheFastestLoopGivesTheReferenceSums) { expect_path_matches_reference(ostrel::sums_path::fastest); }
+TEST(WindowSumsPaths, TheFastestLoopGivesTheReferenceSums) {
+    expect_path_matches_reference(ostrel::sums_path::fastest);
+}
 
 TEST(WindowSumsPaths, AWindowLargerThanTheMapGivesNoSums) {
     std::mt19937 random(3);

@@ -54,8 +54,9 @@ TEST(WindowSumsPictures, EveryLoopGivesTheReferenceSumsOnRealPictures) {
     } windows[] = {{6, 16}, {7, 15}, {7, 13}, {6, 17}, {7, 14}, {8, 19}, {5, 20}, {4, 5}, {6, 23}};
     std::mt19937 random(11);
     int compared = 0;
-    for (const char *picture : {"chess/images/03d3ff4582c8125d69c19a72f846bec8_jpg.rf.5f77781cbc56eff8679f258ff4f7cc9f.jpg",
-                                "bccd/images/BloodImage_00001.jpg"}) {
+    for (const char *picture :
+         {"chess/images/03d3ff4582c8125d69c19a72f846bec8_jpg.rf.5f77781cbc56eff8679f258ff4f7cc9f.jpg",
+          "bccd/images/BloodImage_00001.jpg"}) {
         for (const ostrel::feature_map &map : picture_maps(picture)) {
             const ostrel::paired_map paired = ostrel::pair_cells(map);
             for (const auto &window : windows) {
@@ -83,8 +84,9 @@ TEST(WindowSumsPictures, EveryLoopGivesTheReferenceSumsOnRealPictures) {
                             }
                             // An odd position beside one reaching the refine
                             // level is computed.
-                            const bool beside = x % 2 == 1 && (reference.at(x - 1, y) >= refine_from ||
-                                                               (x + 1 < coarse.columns && reference.at(x + 1, y) >= refine_from));
+                            const bool beside =
+                                x % 2 == 1 && (reference.at(x - 1, y) >= refine_from ||
+                                               (x + 1 < coarse.columns && reference.at(x + 1, y) >= refine_from));
                             if (beside) ASSERT_EQ(sum, reference.at(x, y)) << picture << " at " << x << "," << y;
                         }
                     }
@@ -99,11 +101,11 @@ TEST(WindowSumsPictures, EveryLoopGivesTheReferenceSumsOnRealPictures) {
 
 TEST(WindowSumsPictures, TheIntegerBoundSaysWhatTheDoubleBoundSays) {
     const double inf = std::numeric_limits<double>::infinity();
-    const double values[] = {0.0, -0.0, 0.5, -0.5, 1.0, -1.0, 1e-300, -1e-300, 12345.25, -12345.75,
-                             2147483646.5, 2147483647.0, 2147483647.5, 2147483648.0, -2147483647.5,
-                             -2147483648.0, -2147483648.5, 1e12, -1e12, inf, -inf};
-    const int32_t sums[] = {INT32_MIN, INT32_MIN + 1, -12346, -12345, -1, 0, 1, 12345, 12346,
-                            INT32_MAX - 1, INT32_MAX};
+    const double values[] = {0.0,          -0.0,         0.5,           -0.5,          1.0,           -1.0,
+                             1e-300,       -1e-300,      12345.25,      -12345.75,     2147483646.5,  2147483647.0,
+                             2147483647.5, 2147483648.0, -2147483647.5, -2147483648.0, -2147483648.5, 1e12,
+                             -1e12,        inf,          -inf};
+    const int32_t sums[] = {INT32_MIN, INT32_MIN + 1, -12346, -12345, -1, 0, 1, 12345, 12346, INT32_MAX - 1, INT32_MAX};
     for (const double value : values) {
         const int64_t least = ostrel::least_sum_reaching(value);
         for (const int32_t s : sums) {

@@ -17,8 +17,8 @@ TEST(WorkingPicture, ResamplesAndConvertsToLabColumnByColumn) {
     ostrel::picture_resample_scratch scratch;
     const ostrel::chn_image8 lab = ostrel::working_lab(ostrel::split_bgr(bgr), 40, 30, scratch);
     ASSERT_EQ(lab.channels, 3);
-    EXPECT_EQ(lab.width, 30);   // picture rows
-    EXPECT_EQ(lab.height, 40);  // picture columns
+    EXPECT_EQ(lab.width, 30);           // picture rows
+    EXPECT_EQ(lab.height, 40);          // picture columns
     EXPECT_EQ(lab.at(0, 0, 0), 0);      // L of picture column 0: black
     EXPECT_GE(lab.at(0, 39, 29), 250);  // L of picture column 39: white (the resampler rounds down)
     EXPECT_EQ(lab.at(1, 39, 29), 128);  // neutral a
@@ -51,7 +51,7 @@ TEST(WorkingPicture, PaddingRepeatsColourAndLeavesGradientsEmpty) {
     }
     EXPECT_EQ(padded.at(0, 0, 0), map.at(0, 0, 0));  // corner repeats the nearest cell
     EXPECT_EQ(padded.at(2, 6, 3), map.at(2, 2, 1));
-    EXPECT_EQ(padded.at(3, 0, 0), 0);                // a gradient plane: empty border
+    EXPECT_EQ(padded.at(3, 0, 0), 0);  // a gradient plane: empty border
     EXPECT_EQ(padded.at(3, 3, 3), 0);
     EXPECT_EQ(ostrel::pad_map(map, 0, 0, 3).data, map.data);
 }

@@ -44,8 +44,7 @@ inline ostrel_alg_box make_box(int32_t x, int32_t y, int32_t width, int32_t heig
 
 // The window a crop of a position map came from: channel 0 of its first cell
 // is the column, channel 1 the row.
-inline ostrel::window_rect window_of_position_crop(const std::vector<float> &features, int32_t width,
-                                                   int32_t height) {
+inline ostrel::window_rect window_of_position_crop(const std::vector<float> &features, int32_t width, int32_t height) {
     ostrel::window_rect w;
     w.x = static_cast<int32_t>(features.at(0));
     w.y = static_cast<int32_t>(features.at(static_cast<size_t>(width) * height));

@@ -61,8 +61,8 @@ const char *const kTooSmallLine = "[acf_helper::gradient_mag_orient] Image must 
 TEST(GradientRowDiff, PreviousMinusNextWithDoubledBorders) {
     // 4 wide, 3 high.
     const chn_image8 image = image_of(1, 4, 3,
-                                      {1, 5, 2, 9,   //
-                                       3, 4, 8, 6,   //
+                                      {1, 5, 2, 9,  //
+                                       3, 4, 8, 6,  //
                                        7, 0, 2, 1});
     const row_diff top = diff_of(image, 0, 0);
     EXPECT_EQ(top.vertical, (std::vector<int32_t>{2 * (1 - 3), 2 * (5 - 4), 2 * (2 - 8), 2 * (9 - 6)}));

@@ -90,10 +90,10 @@ TEST(GradientMagHistogram, CellsSumTheirPixelsPerBin) {
     // 4 wide, 2 high: two cells side by side, 2 bins (width 15707).
     chn_image32 m(1, 4, 2);
     chn_image32 o(1, 4, 2);
-    m.data = {40, 8, 100, 12,  //
-              20, 400, 4, 16};
-    o.data = {0, 20000, 31415, 0,  //
-              15706, 15707, 100, 5};
+    m.data = {40, 8,   100, 12,  //
+              20, 400, 4,   16};
+    o.data = {0,     20000, 31415, 0,  //
+              15706, 15707, 100,   5};
     const chn_image32 hist = gradient_mag_histogram(m, o, 2, 2);
     ASSERT_EQ(hist.channels, 2);
     ASSERT_EQ(hist.width, 2);
@@ -174,8 +174,9 @@ TEST(GradientMagHistogram, MismatchedInputsAreRefused) {
 TEST(GradientMagHistogram, OrientationChannelCountIsNotChecked) {
     const chn_image32 m = plane_of(2, 2, 8);
     chn_image32 o(3, 2, 2);
-    const std::string out =
-        ostrel_test::capture_stdout([&] { EXPECT_EQ(gradient_mag_histogram(m, o, 2, 2).data, (std::vector<int32_t>{8, 0})); });
+    const std::string out = ostrel_test::capture_stdout([&] {
+        EXPECT_EQ(gradient_mag_histogram(m, o, 2, 2).data, (std::vector<int32_t>{8, 0}));
+    });
     EXPECT_EQ(out, "");
 }
 

@@ -60,8 +60,7 @@ TEST(CropChannelWindow, OrderIsChannelThenColumnThenRowCellByCell) {
 
     const window_rect right_square{1, 0, 2, 2};
     // c0: (1,0) (1,1) (2,0) (2,1); c1: the same cells of plane 1.
-    EXPECT_EQ(ostrel::cropChannelWindow(&map, &right_square),
-              (std::vector<float>{2, 3, 4, 5, 8, 9, 10, 11}));
+    EXPECT_EQ(ostrel::cropChannelWindow(&map, &right_square), (std::vector<float>{2, 3, 4, 5, 8, 9, 10, 11}));
 
     const window_rect bottom_strip{0, 1, 3, 1};
     // Row 1 of columns 0, 1, 2, plane 0 then plane 1.
@@ -87,10 +86,10 @@ TEST(CropChannelWindow, MatchesMapCellsOnNonSymmetricMap) {
             }
     // Channel 0 holds the column, channel 1 the row.
     EXPECT_EQ(crop[0], 3.0f);
-    EXPECT_EQ(crop[4], 4.0f);    // second window column
-    EXPECT_EQ(crop[1], 3.0f);    // same column, next row
-    EXPECT_EQ(crop[20], 2.0f);   // channel 1, first cell: row 2
-    EXPECT_EQ(crop[21], 3.0f);   // channel 1, next row
+    EXPECT_EQ(crop[4], 4.0f);   // second window column
+    EXPECT_EQ(crop[1], 3.0f);   // same column, next row
+    EXPECT_EQ(crop[20], 2.0f);  // channel 1, first cell: row 2
+    EXPECT_EQ(crop[21], 3.0f);  // channel 1, next row
 }
 
 // Values are copied without scaling.
@@ -216,8 +215,7 @@ TEST(AddJitteredSamples, NarrowBoxOnlyOffsetZeroAcross) {
     const window_rect box{30, 30, 9, 20};
     training_sample parent;
     ostrel::addJitteredSamples(&map, &box, 1, 0.1f, &parent);
-    EXPECT_EQ(rects_of(parent.variants),
-              (std::vector<window_rect>{{30, 28, 9, 20}, {30, 30, 9, 20}, {30, 32, 9, 20}}));
+    EXPECT_EQ(rects_of(parent.variants), (std::vector<window_rect>{{30, 28, 9, 20}, {30, 30, 9, 20}, {30, 32, 9, 20}}));
     // The unshifted copy is among them here.
     EXPECT_EQ(parent.variants[1].features, expected_crop(map, box));
 }
@@ -282,8 +280,8 @@ TEST(CollectTrainingSamples, PositiveBoxSampleAndVariants) {
     const feature_map map = make_position_map(100, 80);
     ostrel::ostrel_acf acf;
     std::vector<training_sample> out;
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, true, 100, 80); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, true, 100, 80); });
     EXPECT_EQ(log, "");
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].label, 1);
@@ -396,8 +394,8 @@ TEST(CollectTrainingSamples, SkipFlagDrawsNoNegatives) {
     const feature_map map = make_position_map(100, 80);
     ostrel::ostrel_acf acf;
     std::vector<training_sample> out;
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, true, 100, 80); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, true, 100, 80); });
     EXPECT_EQ(log, "");
     EXPECT_EQ(out.size(), 1u);
 }
@@ -411,8 +409,8 @@ TEST(CollectTrainingSamples, TenRandomNegativesOfFirstPositiveSizeInsideAndApart
     ostrel::ostrel_acf acf;
     for (int round = 0; round < 5; ++round) {
         std::vector<training_sample> out;
-        acf.collectTrainingSamples(out, &map, {make_box(20, 20, 24, 16, 1), make_box(70, 40, 30, 30, 1)}, false,
-                                   120, 90);
+        acf.collectTrainingSamples(out, &map, {make_box(20, 20, 24, 16, 1), make_box(70, 40, 30, 30, 1)}, false, 120,
+                                   90);
         ASSERT_EQ(out.size(), 12u);
         const auto negatives = random_negatives_of(out);
         ASSERT_EQ(negatives.size(), 10u);
@@ -491,8 +489,8 @@ TEST(CollectTrainingSamples, PositiveAsLargeAsMapGivesUp) {
     ostrel::ostrel_acf acf;
     acf.setRandomSeed(1);
     std::vector<training_sample> out;
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(0, 0, 40, 30, 1)}, false, 40, 30); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(0, 0, 40, 30, 1)}, false, 40, 30); });
     EXPECT_EQ(log, kGaveUpLine);
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].label, 1);
@@ -557,8 +555,7 @@ TEST(CollectTrainingSamples, BoxOutsideMapIsSkippedButStillKeepsNegativesAway) {
     ASSERT_EQ(out.size(), 11u);
     EXPECT_EQ(out[0].features, expected_crop(map, {5, 5, 10, 10}));
     // The visible part of box 1, columns 60..99 and rows 20..69, is an obstacle.
-    const auto expected =
-        ostrel_test::reference_random_negatives(99, 100, 80, {{5, 5, 10, 10}, {60, 20, 40, 50}});
+    const auto expected = ostrel_test::reference_random_negatives(99, 100, 80, {{5, 5, 10, 10}, {60, 20, 40, 50}});
     for (size_t i = 0; i < 10; ++i) EXPECT_EQ(out[1 + i].features, expected_crop(map, expected[i]));
 }
 
@@ -567,13 +564,12 @@ TEST(CollectTrainingSamples, BoxOnMapEdgeIsKept) {
     const feature_map map = make_position_map(100, 80);
     ostrel::ostrel_acf acf;
     std::vector<training_sample> out;
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(70, 60, 30, 20, 1)}, true, 100, 80); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(70, 60, 30, 20, 1)}, true, 100, 80); });
     EXPECT_EQ(log, "");
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].features, expected_crop(map, {70, 60, 30, 20}));
-    EXPECT_EQ(rects_of(out[0].variants),
-              (std::vector<window_rect>{{67, 58, 30, 20}, {69, 58, 30, 20}}));
+    EXPECT_EQ(rects_of(out[0].variants), (std::vector<window_rect>{{67, 58, 30, 20}, {69, 58, 30, 20}}));
 }
 
 // A picture size that cannot scale the boxes: no samples, a line.
@@ -581,8 +577,8 @@ TEST(CollectTrainingSamples, UnusablePictureSizeGivesNoSamples) {
     const feature_map map = make_position_map(100, 80);
     ostrel::ostrel_acf acf;
     std::vector<training_sample> out(2);
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, false, 0, 80); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, false, 0, 80); });
     EXPECT_EQ(log, "[Debug] picture size 0 x 80 cannot scale boxes to the feature map: no samples\n");
     EXPECT_TRUE(out.empty());
 }
@@ -593,8 +589,8 @@ TEST(CollectTrainingSamples, TruncatedMapGivesNoSamples) {
     map.data.resize(100);
     ostrel::ostrel_acf acf;
     std::vector<training_sample> out;
-    const std::string log = capture_stdout(
-        [&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, false, 100, 80); });
+    const std::string log =
+        capture_stdout([&] { acf.collectTrainingSamples(out, &map, {make_box(30, 30, 30, 20, 1)}, false, 100, 80); });
     EXPECT_EQ(log, "[Debug] feature map of 3 channels, 100 x 80 cells holds only 100 bytes: no samples\n");
     EXPECT_TRUE(out.empty());
 }

@@ -30,7 +30,9 @@ protected:
     ostrel_acf acf_;
 };
 
-cv::Mat blood_picture() { return cv::imread(ostrel_test::data_path("bccd/images/BloodImage_00000.jpg"), cv::IMREAD_COLOR); }
+cv::Mat blood_picture() {
+    return cv::imread(ostrel_test::data_path("bccd/images/BloodImage_00000.jpg"), cv::IMREAD_COLOR);
+}
 
 // Fingerprint of the blood picture's whole scale-0 map (sizes and bytes),
 // computed once from this implementation. A change means the features
@@ -182,7 +184,7 @@ TEST_F(PictureFeatures, VerticalStripeShowsAlongMapColumns) {
     for (int y = 0; y < map.rows; ++y) {
         EXPECT_GT(map.at(0, 55, y), map.at(0, 20, y) + 50) << y;  // L inside the stripe vs outside
         EXPECT_EQ(map.at(0, 20, y), map.at(0, 100, y)) << y;
-        EXPECT_EQ(map.at(3, 20, y), 0) << y;                      // no gradient far from the stripe
+        EXPECT_EQ(map.at(3, 20, y), 0) << y;                     // no gradient far from the stripe
         EXPECT_GT(map.at(3, 50, y) + map.at(3, 51, y), 0) << y;  // left edge
     }
     // Nothing changes down a map column away from the picture's borders.

@@ -78,8 +78,8 @@ TEST(ResamplePicturePlane, EveryCaseOfBothPasses) {
             expect_same_as_record_resampler(37, dst * factor, 19, dst, 1.0f);  // vertical shortcut
             expect_same_as_record_resampler(dst * factor, 37, dst, 19, 1.0f);  // horizontal shortcut
         }
-        expect_same_as_record_resampler(dst, dst, dst, dst, 1.0f);          // equal size
-        expect_same_as_record_resampler(7, 5, dst, dst + 3, 1.0f);          // enlargement
+        expect_same_as_record_resampler(dst, dst, dst, dst, 1.0f);                  // equal size
+        expect_same_as_record_resampler(7, 5, dst, dst + 3, 1.0f);                  // enlargement
         expect_same_as_record_resampler(dst * 5 + 1, dst * 7 + 3, dst, dst, 1.0f);  // general reduction
         expect_same_as_record_resampler(dst * 2 + 1, dst * 9, dst, dst, 1.0f);      // more than 4 sources
     }

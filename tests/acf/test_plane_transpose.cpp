@@ -36,8 +36,8 @@ TEST(TransposePlane, PixelAtRowAndColumnLandsAtColumnTimesRowsPlusRow) {
 
 // Fast path and plain loop agree, with ragged edges and a padded stride.
 TEST(TransposePlane, FastPathGivesTheSameBytesAsThePlainLoop) {
-    const int sizes[][2] = {{1, 1}, {1, 40}, {40, 1}, {15, 17}, {16, 16}, {17, 15}, {32, 48},
-                            {33, 47}, {270, 480}, {137, 243}, {480, 640}};
+    const int sizes[][2] = {{1, 1},   {1, 40},  {40, 1},    {15, 17},   {16, 16},  {17, 15},
+                            {32, 48}, {33, 47}, {270, 480}, {137, 243}, {480, 640}};
     for (const auto &size : sizes) {
         const int rows = size[0];
         const int columns = size[1];

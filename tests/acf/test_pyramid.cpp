@@ -275,10 +275,10 @@ TEST(ComputeAcfPyramid, ColourOptionOtherThanOneReplicatesOnlyPlaneZero) {
         compute_acf_pyramid(options, flat_image(3, 24, 16, 101), pyramid_params{}, store);
         const chn_image8 padded = store.padded_map(0);
         for (int32_t c = 0; c < 3; ++c) {
-            EXPECT_EQ(padded.at(c, 0, 0), c == 0 ? 100 : 0) << option << " " << c;            // corner
-            EXPECT_EQ(padded.at(c, 7, 1), c == 0 ? 100 : 0) << option << " " << c;            // left border
-            EXPECT_EQ(padded.at(c, 13, 10), c == 0 ? 100 : 0) << option << " " << c;          // bottom border
-            EXPECT_EQ(padded.at(c, 5, 10), 100) << option << " " << c;                         // inside
+            EXPECT_EQ(padded.at(c, 0, 0), c == 0 ? 100 : 0) << option << " " << c;    // corner
+            EXPECT_EQ(padded.at(c, 7, 1), c == 0 ? 100 : 0) << option << " " << c;    // left border
+            EXPECT_EQ(padded.at(c, 13, 10), c == 0 ? 100 : 0) << option << " " << c;  // bottom border
+            EXPECT_EQ(padded.at(c, 5, 10), 100) << option << " " << c;                // inside
         }
     }
 }

@@ -45,7 +45,9 @@ chn_image<T> constant(int32_t channels, int32_t width, int32_t height, T value) 
     return image;
 }
 
-std::vector<int32_t> bytes(const chn_image8 &image) { return std::vector<int32_t>(image.data.begin(), image.data.end()); }
+std::vector<int32_t> bytes(const chn_image8 &image) {
+    return std::vector<int32_t>(image.data.begin(), image.data.end());
+}
 
 // --- a literal second reading of the kernel ---------------------------------
 //
@@ -123,8 +125,8 @@ chn_image8 literal_resample(const chn_image<T> &src, int32_t dw, int32_t dh, flo
                 }
             } else if (sw == 4 * dw) {
                 for (int32_t x = 0; x < dw; ++x) {
-                    row[x] = w32((static_cast<int64_t>(c[4 * x]) + c[4 * x + 1] + c[4 * x + 2] + c[4 * x + 3]) * r13) >>
-                             15;
+                    row[x] =
+                        w32((static_cast<int64_t>(c[4 * x]) + c[4 * x + 1] + c[4 * x + 2] + c[4 * x + 3]) * r13) >> 15;
                 }
             } else if (sw <= dw) {
                 for (int32_t x = 0; x < dw; ++x) {
@@ -305,8 +307,8 @@ TEST(ResampleCoef, SliversAreDropped) {
 // Sources never run past the line, and each target's weights sum to at most
 // 1.0, for the picture sizes and a spread of others.
 TEST(ResampleCoef, IndicesInRangeAndWeightsBounded) {
-    const std::vector<std::pair<int32_t, int32_t>> sizes = {
-        {1080, 136}, {1920, 242}, {480, 136}, {640, 242}, {7, 3}, {100, 99}, {3, 100}, {242, 121}, {97, 13}};
+    const std::vector<std::pair<int32_t, int32_t>> sizes = {{1080, 136}, {1920, 242}, {480, 136}, {640, 242}, {7, 3},
+                                                            {100, 99},   {3, 100},    {242, 121}, {97, 13}};
     for (const auto &[a, b] : sizes) {
         for (int32_t p : {0, 4}) {
             const resample_coefs c = resample_coef(a, b, p);
@@ -552,8 +554,8 @@ TEST(ImageResampleFix, MatchesTheLiteralRuleOnRandomImages) {
     };
     const std::vector<resize_case> cases = {
         {1080, 1920, 136, 242}, {480, 640, 136, 242}, {136, 242, 68, 121}, {37, 23, 100, 50}, {40, 30, 13, 10},
-        {11, 90, 2, 30},        {30, 33, 7, 8},      {9, 12, 3, 3},        {6, 17, 5, 17},  {64, 48, 97, 11},
-        {5, 5, 1, 1},           {1000, 7, 5, 7},     {2, 2, 4, 4}};
+        {11, 90, 2, 30},        {30, 33, 7, 8},       {9, 12, 3, 3},       {6, 17, 5, 17},    {64, 48, 97, 11},
+        {5, 5, 1, 1},           {1000, 7, 5, 7},      {2, 2, 4, 4}};
     uint32_t seed = 1;
     for (const resize_case &c : cases) {
         const chn_image8 image = random_image(3, c.sw, c.sh, seed++);
@@ -572,8 +574,8 @@ TEST(FeatureResampleFix, MatchesTheLiteralRuleOnRandomPlanes) {
     struct resize_case {
         int32_t sw, sh, dw, dh;
     };
-    const std::vector<resize_case> cases = {
-        {136, 242, 68, 121}, {45, 33, 15, 11}, {40, 40, 10, 10}, {50, 70, 13, 9}, {8, 6, 20, 9}, {23, 19, 23, 19}};
+    const std::vector<resize_case> cases = {{136, 242, 68, 121}, {45, 33, 15, 11}, {40, 40, 10, 10},
+                                            {50, 70, 13, 9},     {8, 6, 20, 9},    {23, 19, 23, 19}};
     uint32_t seed = 100;
     for (const resize_case &c : cases) {
         for (float r : {1.0f, kGradientFactor}) {
@@ -581,7 +583,8 @@ TEST(FeatureResampleFix, MatchesTheLiteralRuleOnRandomPlanes) {
                 const chn_image32 planes = random_planes(2, c.sw, c.sh, range.first, range.second, seed++);
                 const chn_image8 out = feature_resample_fix(planes, c.dw, c.dh, r);
                 const chn_image8 expected = literal_resample(planes, c.dw, c.dh, r);
-                EXPECT_EQ(out.data, expected.data) << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh << " r " << r;
+                EXPECT_EQ(out.data, expected.data)
+                    << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh << " r " << r;
             }
         }
     }
@@ -633,11 +636,10 @@ TEST(ImageResampleFix, FasterLoopsGiveTheReferenceBytes) {
         int32_t sw, sh, dw, dh;
     };
     const std::vector<resize_case> cases = {
-        {1080, 1920, 136, 242}, {480, 640, 136, 242}, {136, 242, 68, 121}, {272, 484, 136, 242},
-        {405, 726, 135, 242},   {544, 968, 136, 242}, {37, 23, 100, 50},   {40, 30, 13, 10},
-        {11, 90, 2, 30},        {30, 33, 7, 8},       {9, 12, 3, 3},       {6, 17, 5, 17},
-        {64, 48, 97, 11},       {5, 5, 1, 1},         {1000, 7, 5, 7},     {2, 2, 4, 4},
-        {17, 1, 3, 1},          {1, 17, 1, 3},        {1, 1, 9, 9},        {31, 47, 31, 47},
+        {1080, 1920, 136, 242}, {480, 640, 136, 242}, {136, 242, 68, 121}, {272, 484, 136, 242}, {405, 726, 135, 242},
+        {544, 968, 136, 242},   {37, 23, 100, 50},    {40, 30, 13, 10},    {11, 90, 2, 30},      {30, 33, 7, 8},
+        {9, 12, 3, 3},          {6, 17, 5, 17},       {64, 48, 97, 11},    {5, 5, 1, 1},         {1000, 7, 5, 7},
+        {2, 2, 4, 4},           {17, 1, 3, 1},        {1, 17, 1, 3},       {1, 1, 9, 9},         {31, 47, 31, 47},
         {33, 100, 15, 2},       {300, 3, 2, 1},       {250, 250, 249, 251}};
     uint32_t seed = 500;
     for (const resize_case &c : cases) {
@@ -648,8 +650,7 @@ TEST(ImageResampleFix, FasterLoopsGiveTheReferenceBytes) {
             ASSERT_EQ(fast.channels, reference.channels);
             ASSERT_EQ(fast.width, reference.width);
             ASSERT_EQ(fast.height, reference.height);
-            EXPECT_EQ(fast.data, reference.data)
-                << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh << " r " << r;
+            EXPECT_EQ(fast.data, reference.data) << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh << " r " << r;
         }
     }
     // Extreme bytes: all 255 and alternating 0 / 255 stress the 16-bit

@@ -7,12 +7,12 @@
 
 static int failures = 0;
 
-#define CHECK(cond)                                                   \
-    do {                                                              \
-        if (!(cond)) {                                                \
+#define CHECK(cond)                                                           \
+    do {                                                                      \
+        if (!(cond)) {                                                        \
             fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
-            ++failures;                                               \
-        }                                                             \
+            ++failures;                                                       \
+        }                                                                     \
     } while (0)
 
 int main(void) {

@@ -175,7 +175,8 @@ TEST_F(ModelFiles, AClassicModelRoundTripsIntoEveryEngineAndMakesItClassic) {
         ASSERT_EQ(ostrel_alg_setSensitivity(engine, 80), 0);
         std::string printed;
         int32_t status = 1;
-        printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(engine, classic_path_.c_str()); });
+        printed =
+            ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(engine, classic_path_.c_str()); });
         ASSERT_EQ(status, 0);
         EXPECT_EQ(printed, "");  // a classic import says nothing, as always
         EXPECT_EQ(option(engine, OSTREL_ALG_OPTION_PROFILE), OSTREL_ALG_PROFILE_CLASSIC);
@@ -221,7 +222,8 @@ TEST(ModelFileOptions, TheFileRecordsTheOptionsAndTheEngineTakesTheOnesItsHostLe
     ASSERT_EQ(ostrel_alg_create(&other), 0);
     ASSERT_EQ(ostrel_alg_setOption(other, OSTREL_ALG_OPTION_ACCURATE_CELLS, 144), 0);
     int32_t status = 0;
-    const std::string printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(other, path.c_str()); });
+    const std::string printed =
+        ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(other, path.c_str()); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(count_lines(printed), 1) << printed;
     EXPECT_NE(printed.find("made with 100 accurate cells and this engine's accurate cells option is set to 144"),
@@ -297,12 +299,14 @@ TEST_F(ModelFiles, DamagedAccurateFilesAreRefusedAndTheEngineStaysAsItWas) {
         SCOPED_TRACE(d.name);
         write_bytes(path, d.bytes);
         int32_t status = 0;
-        std::string printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(engine, path.c_str()); });
+        std::string printed =
+            ostrel_test::capture_stdout([&] { status = ostrel_alg_importModel_ptr(engine, path.c_str()); });
         EXPECT_EQ(status, 1);
         EXPECT_EQ(count_lines(printed), 1) << printed;
         EXPECT_NE(printed.find("ostrel_alg::importModel: the accurate model file"), std::string::npos) << printed;
         EXPECT_NE(printed.find(d.reason), std::string::npos) << printed;
-        printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_checkModelValidation_ptr(engine, path.c_str()); });
+        printed =
+            ostrel_test::capture_stdout([&] { status = ostrel_alg_checkModelValidation_ptr(engine, path.c_str()); });
         EXPECT_EQ(status, 1);
         EXPECT_NE(printed.find("is not valid: "), std::string::npos) << printed;
         status = -1;

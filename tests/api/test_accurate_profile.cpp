@@ -96,7 +96,9 @@ double average_precision(ostrel_alg *engine) {
         }
     }
     std::stable_sort(ranked.begin(), ranked.end(),
-                     [](const std::pair<float, bool> &a, const std::pair<float, bool> &b) { return a.first > b.first; });
+                     [](const std::pair<float, bool> &a, const std::pair<float, bool> &b) {
+                         return a.first > b.first;
+                     });
     std::vector<double> precision, recall;
     double tp = 0.0;
     for (size_t i = 0; i < ranked.size(); ++i) {

@@ -90,7 +90,6 @@ std::vector<char> bytes_of_file(const std::string &path) {
     return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-
 // A light picture with dark rings in 64 x 64 boxes, the object to learn.
 struct RingPicture {
     static constexpr int kWidth = 640, kHeight = 480, kBox = 64;
@@ -231,8 +230,7 @@ TEST_F(Utf16Paths, LongestAcceptedPathIsConverted) {
     const std::string expected =
         "[ostrel_alg::checkModelValidation] file open fail , check file path : " + ascii(path) + " \n";
     int32_t status = 0;
-    EXPECT_EQ(capture_stdout([&] { status = ostrel_alg_checkModelValidation_bstr(engine_, path.c_str()); }),
-              expected);
+    EXPECT_EQ(capture_stdout([&] { status = ostrel_alg_checkModelValidation_bstr(engine_, path.c_str()); }), expected);
     EXPECT_EQ(status, 1);
 
     // std::thread takes the default stack; on Windows ask for 256 KiB.

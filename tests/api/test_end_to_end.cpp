@@ -53,8 +53,7 @@ protected:
         marked_ = ostrel_test::median_size_boxes(training_.objects, "RBC");
         ASSERT_GE(marked_.size(), 10u);
         const ostrel_alg_image image = image_record(training_.pixels, 1);
-        ASSERT_EQ(ostrel_alg_setDetector_ptr(engine_, &image, marked_.data(), static_cast<int32_t>(marked_.size())),
-                  0);
+        ASSERT_EQ(ostrel_alg_setDetector_ptr(engine_, &image, marked_.data(), static_cast<int32_t>(marked_.size())), 0);
     }
     void TearDown() override { ASSERT_EQ(ostrel_alg_destroy(engine_), 0); }
 

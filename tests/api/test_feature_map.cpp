@@ -47,8 +47,7 @@ protected:
     };
 
     int32_t get(const ostrel_alg_image *image, map_view *view) {
-        return ostrel_alg_getFeatureMap_ptr(engine_, image, &view->data, &view->channels, &view->columns,
-                                            &view->rows);
+        return ostrel_alg_getFeatureMap_ptr(engine_, image, &view->data, &view->channels, &view->columns, &view->rows);
     }
 
     ostrel_alg *engine_ = nullptr;

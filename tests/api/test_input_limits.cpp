@@ -76,9 +76,8 @@ TEST_F(InputLimits, TooManyBoxesThroughThePointerForm) {
     for (const int32_t count : {OSTREL_ALG_MAX_MARKED_BOXES + 1, INT_MAX}) {
         const ostrel_alg_image image = picture_.record(kKeys + 1);
         int32_t status = -1;
-        const std::string log = capture_stdout([&] {
-            status = ostrel_alg_setDetector_ptr(engine_, &image, page_.as<ostrel_alg_box>(), count);
-        });
+        const std::string log = capture_stdout(
+            [&] { status = ostrel_alg_setDetector_ptr(engine_, &image, page_.as<ostrel_alg_box>(), count); });
         EXPECT_EQ(status, 1);
         EXPECT_EQ(log, "[Alg.Fail] ostrel_alg_setDetector_ptr: box count " + std::to_string(count) +
                            " is above the limit of " + std::to_string(OSTREL_ALG_MAX_MARKED_BOXES) + "\n");
@@ -121,10 +120,10 @@ TEST_F(InputLimits, SetUpRefusesTooLargePictures) {
         const ostrel_alg_image image = untouchable_picture(size.width, size.height);
         std::string log;
         EXPECT_EQ(set_up(engine_, image, picture_.boxes, &log), 1);
-        EXPECT_EQ(log, engine_refusal("setDetectorWithAutoTrain", 4102,
-                                      "a picture of " + std::to_string(size.width) + " x " +
-                                          std::to_string(size.height) +
-                                          " pixels is larger than the limit of 268435456 pixels"));
+        EXPECT_EQ(log,
+                  engine_refusal("setDetectorWithAutoTrain", 4102,
+                                 "a picture of " + std::to_string(size.width) + " x " + std::to_string(size.height) +
+                                     " pixels is larger than the limit of 268435456 pixels"));
     }
     EXPECT_EQ(trained(), 0);
 }
@@ -158,10 +157,10 @@ TEST_F(InputLimits, FeatureMapRefusesTooLargePictures) {
         const std::string log = capture_stdout(
             [&] { status = ostrel_alg_getFeatureMap_ptr(engine_, &image, &data, &channels, &columns, &rows); });
         EXPECT_EQ(status, 1);
-        EXPECT_EQ(log, engine_refusal("getFeatureMap", 4121,
-                                      "a picture of " + std::to_string(size.width) + " x " +
-                                          std::to_string(size.height) +
-                                          " pixels is larger than the limit of 268435456 pixels"));
+        EXPECT_EQ(log,
+                  engine_refusal("getFeatureMap", 4121,
+                                 "a picture of " + std::to_string(size.width) + " x " + std::to_string(size.height) +
+                                     " pixels is larger than the limit of 268435456 pixels"));
     }
 }
 

@@ -72,8 +72,7 @@ TEST(NullHandle, EachFunctionLogsItsOwnLine) {
         // Pointer forms log under their own names with the line of the operation they stand for.
         {"ostrel_alg_exportModel_ptr", 232, [&] { return ostrel_alg_exportModel_ptr(h, "m.bin"); }},
         {"ostrel_alg_importModel_ptr", 246, [&] { return ostrel_alg_importModel_ptr(h, "m.bin"); }},
-        {"ostrel_alg_checkModelValidation_ptr", 260,
-         [&] { return ostrel_alg_checkModelValidation_ptr(h, "m.bin"); }},
+        {"ostrel_alg_checkModelValidation_ptr", 260, [&] { return ostrel_alg_checkModelValidation_ptr(h, "m.bin"); }},
         {"ostrel_alg_temp_getAddNegativeMethod_ptr", 451,
          [&] { return ostrel_alg_temp_getAddNegativeMethod_ptr(h, &method); }},
         {"ostrel_alg_setRandomSeed", 483, [&] { return ostrel_alg_setRandomSeed(h, 7); }},
@@ -107,8 +106,9 @@ TEST_F(Engine, Utf16PathThatCannotBeConvertedIsRefused) {
     for (const char16_t *path : {static_cast<const char16_t *>(nullptr), lone_high, lone_low}) {
         const std::string out =
             capture_stdout([&] { EXPECT_EQ(ostrel_alg_checkModelValidation_bstr(engine_, path), 1); });
-        EXPECT_EQ(out, "[Alg.Fail] ostrel_alg_checkModelValidation_bstr: the path is null or not a valid UTF-16 "
-                       "string\n");
+        EXPECT_EQ(out,
+                  "[Alg.Fail] ostrel_alg_checkModelValidation_bstr: the path is null or not a valid UTF-16 "
+                  "string\n");
     }
 }
 

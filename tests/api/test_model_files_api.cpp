@@ -154,9 +154,9 @@ TEST_F(ModelFilesApi, ValidationOfAChangedFile) {
     int32_t status = 0;
     const std::string out = capture_stdout([&] { status = ostrel_alg_checkModelValidation_ptr(engine_, p.c_str()); });
     EXPECT_EQ(status, 1);
-    EXPECT_EQ(out, "[file size without CRC] read : " + std::to_string(content.size()) +
-                       ", calc : " + std::to_string(b.size()) + "\n[CRC values ERROR] read : " +
-                       std::to_string(stored_crc) + ", calc : " + std::to_string(crc32_of(content)) + "\n");
+    EXPECT_EQ(out, "[file size without CRC] read : " + std::to_string(content.size()) + ", calc : " +
+                       std::to_string(b.size()) + "\n[CRC values ERROR] read : " + std::to_string(stored_crc) +
+                       ", calc : " + std::to_string(crc32_of(content)) + "\n");
 }
 
 // Importing a good file trains the engine; exporting it again writes the

@@ -118,9 +118,9 @@ TEST_F(ProfileConfusion, TheWeightCountsAgree) {
     // The accurate file's first class record: its weight count after the
     // 56-byte settings, the class count, the record length, an empty name
     // and the window, shape, sizes, calibration and bias fields.
-    EXPECT_EQ(i32_at(accurate, 80), 0);    // name length
-    EXPECT_EQ(i32_at(accurate, 84), 5);    // window columns
-    EXPECT_EQ(i32_at(accurate, 88), 18);   // window rows
+    EXPECT_EQ(i32_at(accurate, 80), 0);   // name length
+    EXPECT_EQ(i32_at(accurate, 84), 5);   // window columns
+    EXPECT_EQ(i32_at(accurate, 88), 18);  // window rows
     EXPECT_EQ(i32_at(accurate, 136), 900);
 }
 

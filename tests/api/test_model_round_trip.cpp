@@ -44,8 +44,9 @@ TEST(ModelRoundTrip, ImportedEngineDetectsTheSameBoxes) {
     std::remove(model_path.c_str());
 
     const cv::Mat training = cv::imread(data_path("bccd/images/BloodImage_00000.jpg"), cv::IMREAD_COLOR);
-    const std::vector<ostrel_alg_box> marked = ostrel_test::median_size_boxes(
-        ostrel_test::read_voc(data_path("bccd/annotations/BloodImage_00000.xml")), "RBC");
+    const std::vector<ostrel_alg_box> marked =
+        ostrel_test::median_size_boxes(ostrel_test::read_voc(data_path("bccd/annotations/BloodImage_00000.xml")),
+                                       "RBC");
     const cv::Mat other = cv::imread(data_path("bccd/images/BloodImage_00006.jpg"), cv::IMREAD_COLOR);
     ASSERT_FALSE(training.empty());
     ASSERT_FALSE(other.empty());

@@ -36,7 +36,8 @@ struct taught_class {
     const char *picture;
 };
 // RBC and WBC from one picture, Platelets from another.
-const taught_class kClasses[] = {{"RBC", "BloodImage_00000"}, {"WBC", "BloodImage_00000"},
+const taught_class kClasses[] = {{"RBC", "BloodImage_00000"},
+                                 {"WBC", "BloodImage_00000"},
                                  {"Platelets", "BloodImage_00005"}};
 
 ostrel_alg *accurate_engine() {

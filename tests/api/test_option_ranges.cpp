@@ -12,9 +12,9 @@
 namespace {
 
 // Every option number the header defines.
-const int32_t kEveryOption[] = {OSTREL_ALG_OPTION_PROFILE,          OSTREL_ALG_OPTION_ACCURATE_CELLS,
-                                OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS, OSTREL_ALG_OPTION_ACCURATE_OVERLAP,
-                                OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT};
+const int32_t kEveryOption[] = {
+    OSTREL_ALG_OPTION_PROFILE,          OSTREL_ALG_OPTION_ACCURATE_CELLS,      OSTREL_ALG_OPTION_ACCURATE_SIZE_STEPS,
+    OSTREL_ALG_OPTION_ACCURATE_OVERLAP, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT};
 
 class OptionRanges : public testing::Test {
 protected:
@@ -71,9 +71,8 @@ TEST_F(OptionRanges, TheDocumentedNumbers) {
 TEST_F(OptionRanges, AnUnknownOptionIsRefusedWithOneLineAndNothingWritten) {
     for (const int32_t option : {0, 5, 8, -1}) {
         int32_t minimum = -7, maximum = -7, default_value = -7;
-        const std::string log = ostrel_test::capture_stdout([&] {
-            EXPECT_EQ(ostrel_alg_getOptionRange(option, &minimum, &maximum, &default_value), 1);
-        });
+        const std::string log = ostrel_test::capture_stdout(
+            [&] { EXPECT_EQ(ostrel_alg_getOptionRange(option, &minimum, &maximum, &default_value), 1); });
         EXPECT_EQ(log, "[Alg.Fail] ostrel_alg_getOptionRange: option " + std::to_string(option) + " is unknown\n");
         EXPECT_EQ(minimum, -7);
         EXPECT_EQ(maximum, -7);

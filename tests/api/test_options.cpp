@@ -84,7 +84,8 @@ protected:
         marked_ = ring_boxes(6, 40, 60);
         train_picture_ = ring_picture(marked_, 1);
         train_record_ = ostrel_test::host_record(train_picture_, false, train_storage_, fresh_key());
-        return ostrel_alg_setDetector_ptr(engine_, &train_record_, marked_.data(), static_cast<int32_t>(marked_.size()));
+        return ostrel_alg_setDetector_ptr(engine_, &train_record_, marked_.data(),
+                                          static_cast<int32_t>(marked_.size()));
     }
     int32_t detect(std::vector<ostrel_alg_box> &found) {
         test_picture_ = ring_picture(ring_boxes(4, 90, 120), 2);
@@ -161,8 +162,8 @@ TEST_F(Options, ANullHandleOrValueIsRefusedWithOneLine) {
         ostrel_test::capture_stdout([&] { status = ostrel_alg_getOption(nullptr, OSTREL_ALG_OPTION_PROFILE, &value); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(printed, "[Alg.Fail] ostrel_alg_getOption (ostrel_alg_lib line:531)\n");
-    printed =
-        ostrel_test::capture_stdout([&] { status = ostrel_alg_getOption(engine_, OSTREL_ALG_OPTION_PROFILE, nullptr); });
+    printed = ostrel_test::capture_stdout(
+        [&] { status = ostrel_alg_getOption(engine_, OSTREL_ALG_OPTION_PROFILE, nullptr); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(count_lines(printed), 1);
 }

@@ -226,8 +226,7 @@ TEST_F(ProgressHandler, DetectionRunsAreReportedAndChangeNothing) {
         EXPECT_EQ(step.total, 1);
         EXPECT_GE(step.seconds, 0.0);
         EXPECT_EQ(step.round + step.samples + step.boxes_skipped + step.false_positives + step.low_confidence +
-                      step.object_windows + step.background_windows + step.hard_windows_added +
-                      step.hard_windows_found,
+                      step.object_windows + step.background_windows + step.hard_windows_added + step.hard_windows_found,
                   0);
 
         // The same picture without a handler (a new key: computed afresh).

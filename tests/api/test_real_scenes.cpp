@@ -59,8 +59,8 @@ float overlap(const ostrel_alg_box &a, const ostrel_alg_box &b) {
 }
 
 std::vector<ostrel_alg_box> detect(ostrel_alg *engine, const cv::Mat &picture) {
-    const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, fresh_key(), 0,
-                                 OSTREL_ALG_FORMAT_INTERLEAVED};
+    const ostrel_alg_image image{
+        picture.cols, picture.rows, 3, picture.data, fresh_key(), 0, OSTREL_ALG_FORMAT_INTERLEAVED};
     ostrel_alg_box *boxes = nullptr;
     uint32_t count = 0;
     EXPECT_EQ(ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count), 0);
@@ -80,7 +80,8 @@ ostrel_alg *three_size_engine() {
     for (int i = 0; i < 3; ++i) marked.push_back(draw_figure(picture, 40 + 130 * i, 250, 160));
     // Background that is not the figure: bare bodies and bars.
     for (int i = 0; i < 5; ++i) {
-        cv::ellipse(picture, cv::Point(470 + 60 * i, 300), cv::Size(12, 30), 0, 0, 360, cv::Scalar(60, 40, 150), cv::FILLED);
+        cv::ellipse(picture, cv::Point(470 + 60 * i, 300), cv::Size(12, 30), 0, 0, 360, cv::Scalar(60, 40, 150),
+                    cv::FILLED);
         cv::rectangle(picture, cv::Rect(460 + 60 * i, 450, 30, 8), cv::Scalar(230, 230, 210), cv::FILLED);
     }
     ostrel_alg *engine = nullptr;
@@ -88,8 +89,8 @@ ostrel_alg *three_size_engine() {
     EXPECT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_PROFILE, OSTREL_ALG_PROFILE_ACCURATE), 0);
     EXPECT_EQ(ostrel_alg_setRandomSeed(engine, 1), 0);
     EXPECT_EQ(ostrel_alg_setSensitivity(engine, 80), 0);  // the default sensitivity of the front ends
-    const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, fresh_key(), 0,
-                                 OSTREL_ALG_FORMAT_INTERLEAVED};
+    const ostrel_alg_image image{
+        picture.cols, picture.rows, 3, picture.data, fresh_key(), 0, OSTREL_ALG_FORMAT_INTERLEAVED};
     EXPECT_EQ(ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size())), 0);
     return engine;
 }
@@ -141,10 +142,12 @@ TEST(RealScenes, BoxesWhoseShapesCannotShareAWindowAreRefused) {
     ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_PROFILE, OSTREL_ALG_PROFILE_ACCURATE), 0);
     const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, fresh_key(), 0, 0};
     int32_t status = 0;
-    const std::string printed = ostrel_test::capture_stdout(
-        [&] { status = ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size())); });
+    const std::string printed = ostrel_test::capture_stdout([&] {
+        status = ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size()));
+    });
     EXPECT_EQ(status, 1);
-    EXPECT_NE(printed.find("boxes whose shapes cannot share one window: box 2 (200 x 60"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("boxes whose shapes cannot share one window: box 2 (200 x 60"), std::string::npos)
+        << printed;
     EXPECT_NE(printed.find("ostrel_alg::setDetectorWithAutoTrain"), std::string::npos) << printed;
     uint8_t trained = 1;
     ASSERT_EQ(ostrel_alg_istraied(engine, &trained), 0);
@@ -161,7 +164,8 @@ TEST(RealScenes, RangeOptionsOutOfBoundsAreRefusedWithOneLine) {
         EXPECT_EQ(value, 0);  // automatic
         for (const int32_t bad : {-1, 1, 7, 16385, INT32_MAX}) {
             int32_t status = 0;
-            const std::string printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_setOption(engine, option, bad); });
+            const std::string printed =
+                ostrel_test::capture_stdout([&] { status = ostrel_alg_setOption(engine, option, bad); });
             EXPECT_EQ(status, 1) << bad;
             EXPECT_EQ(count_lines(printed), 1) << printed;
             EXPECT_NE(printed.find("is outside 0 (automatic) and 8..16384"), std::string::npos) << printed;
@@ -173,12 +177,13 @@ TEST(RealScenes, RangeOptionsOutOfBoundsAreRefusedWithOneLine) {
     // A minimum above the maximum, either way round.
     ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, 100), 0);
     int32_t status = 0;
-    std::string printed =
-        ostrel_test::capture_stdout([&] { status = ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, 200); });
+    std::string printed = ostrel_test::capture_stdout(
+        [&] { status = ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, 200); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(printed, "[Alg.Fail] ostrel_alg_setOption: accurate min height 200 is above the accurate max height\n");
     ASSERT_EQ(ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MIN_HEIGHT, 50), 0);
-    printed = ostrel_test::capture_stdout([&] { status = ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, 40); });
+    printed = ostrel_test::capture_stdout(
+        [&] { status = ostrel_alg_setOption(engine, OSTREL_ALG_OPTION_ACCURATE_MAX_HEIGHT, 40); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(count_lines(printed), 1);
     int32_t value = 0;
@@ -232,14 +237,17 @@ TEST(RealScenes, BoxesThatCannotShareTheTrainedWindowAreRefusedAndTheModelKept) 
     const std::vector<ostrel_alg_box> before = detect(engine, test);
     ASSERT_FALSE(before.empty());
     cv::Mat picture = noise_picture(640, 480, 7);
-    std::vector<ostrel_alg_box> marked = {draw_figure(picture, 20, 20, 80), ostrel_alg_box{300, 100, 240, 60, 0.0f, 1, 0, 0}};
+    std::vector<ostrel_alg_box> marked = {draw_figure(picture, 20, 20, 80),
+                                          ostrel_alg_box{300, 100, 240, 60, 0.0f, 1, 0, 0}};
     const ostrel_alg_image image{picture.cols, picture.rows, 3, picture.data, fresh_key(), 0, 0};
     int32_t status = 0;
-    const std::string printed = ostrel_test::capture_stdout(
-        [&] { status = ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size())); });
+    const std::string printed = ostrel_test::capture_stdout([&] {
+        status = ostrel_alg_setDetector_ptr(engine, &image, marked.data(), static_cast<int32_t>(marked.size()));
+    });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(count_lines(printed), 1) << printed;
-    EXPECT_NE(printed.find("boxes whose shapes cannot share one window: box 1 (240 x 60"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("boxes whose shapes cannot share one window: box 1 (240 x 60"), std::string::npos)
+        << printed;
     uint8_t trained = 0;
     ASSERT_EQ(ostrel_alg_istraied(engine, &trained), 0);
     EXPECT_EQ(trained, 1);

@@ -20,10 +20,8 @@ namespace {
 // per thread, so every file of the test program keeps keys of its own.
 constexpr int64_t kKeys = 72000;
 constexpr uint32_t kSeed = 11;
-const std::string kUnlearnableLine =
-    "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:4103)\n";
-const std::string kOtherWindowLine =
-    "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:4104)\n";
+const std::string kUnlearnableLine = "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:4103)\n";
+const std::string kOtherWindowLine = "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:4104)\n";
 
 ostrel_alg_box box(int32_t x, int32_t y, int32_t w, int32_t h, int32_t label = 1) {
     return ostrel_alg_box{x, y, w, h, 0.0f, label, 0, 0};
@@ -220,10 +218,17 @@ TEST_F(SetupRefusals, BoxesOfOtherSizesAfterAGoodFirstBoxStillTrain) {
 // Every set-up that returns 0 leaves a model that detects, whatever the
 // boxes: a sweep of first-box sizes and places.
 TEST_F(SetupRefusals, EverySuccessfulSetUpCanDetect) {
-    const std::vector<ostrel_alg_box> firsts = {
-        box(10, 10, 4, 4),    box(10, 10, 6, 8),     box(200, 200, 96, 99), box(600, 400, 96, 99),
-        box(-50, -50, 96, 99), box(0, 0, 320, 240),  box(0, 0, 639, 479),   box(0, 0, 640, 480),
-        box(100, 100, 96, 99, -1), box(0, 0, INT_MAX, INT_MAX), box(INT_MAX - 5, INT_MAX - 5, 96, 99)};
+    const std::vector<ostrel_alg_box> firsts = {box(10, 10, 4, 4),
+                                                box(10, 10, 6, 8),
+                                                box(200, 200, 96, 99),
+                                                box(600, 400, 96, 99),
+                                                box(-50, -50, 96, 99),
+                                                box(0, 0, 320, 240),
+                                                box(0, 0, 639, 479),
+                                                box(0, 0, 640, 480),
+                                                box(100, 100, 96, 99, -1),
+                                                box(0, 0, INT_MAX, INT_MAX),
+                                                box(INT_MAX - 5, INT_MAX - 5, 96, 99)};
     int64_t key = 100;
     for (const ostrel_alg_box &first : firsts) {
         ostrel_alg *engine = new_engine();
@@ -290,7 +295,8 @@ TEST_F(SetupRefusals, InitKeepsTheModelAndSameKeyStillRetrains) {
     std::string log;
     const std::vector<ostrel_alg_box> ignored = {box(0, 0, 1, 1)};
     EXPECT_EQ(set_up(engine, picture_.record(kKeys + 1), ignored, &log), 0)
-        << "the boxes of a retraining on the same key are not read\n" << log;
+        << "the boxes of a retraining on the same key are not read\n"
+        << log;
     EXPECT_EQ(ostrel_alg_destroy(engine), 0);
 }
 

@@ -113,8 +113,8 @@ TEST_F(SilentFailures, FilterThatDoesNotFitLogs) {
     const detection d = detect(importer, picture_.record(kKeys + 2));
     EXPECT_EQ(d.status, 1);
     EXPECT_EQ(d.log, "[Debug] ostrel_alg::runDetector: the false-positive filter cannot measure a window of " +
+                         std::to_string(n) + " features (mean 1 x " + std::to_string(n) + ", eigenvectors 2 x " +
                          std::to_string(n) +
-                         " features (mean 1 x " + std::to_string(n) + ", eigenvectors 2 x " + std::to_string(n) +
                          ", reduce_mean 1 x 3, reduce_inv_covar 3 x 3)\n"
                          "[Alg. FAIL!] ostrel_alg::runDetector (ostrel_alg line:4113)\n");
     EXPECT_EQ(ostrel_alg_destroy(importer), 0);

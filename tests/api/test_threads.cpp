@@ -93,8 +93,8 @@ std::vector<std::string> take_messages_of_this_thread(messages_by_thread &all) {
     return mine;
 }
 
-work_result run_work(const training_set &training, const std::vector<cv::Mat> &pictures,
-                     const std::string &model_path, messages_by_thread &messages) {
+work_result run_work(const training_set &training, const std::vector<cv::Mat> &pictures, const std::string &model_path,
+                     messages_by_thread &messages) {
     work_result result;
     ostrel_alg *engine = nullptr;
     if (ostrel_alg_create(&engine) != 0) {
@@ -103,13 +103,18 @@ work_result run_work(const training_set &training, const std::vector<cv::Mat> &p
     }
     result.failures += ostrel_alg_setRandomSeed(engine, training.seed);
     result.failures += ostrel_alg_setSensitivity(engine, 60);
-    const ostrel_alg_image train_image{training.pixels.cols, training.pixels.rows, 3, training.pixels.data, 1000,
-                                       0, OSTREL_ALG_FORMAT_INTERLEAVED};
+    const ostrel_alg_image train_image{
+        training.pixels.cols, training.pixels.rows, 3, training.pixels.data, 1000, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
     result.failures += ostrel_alg_setDetector_ptr(engine, &train_image, training.boxes.data(),
                                                   static_cast<int32_t>(training.boxes.size()));
     for (size_t i = 0; i < pictures.size(); ++i) {
-        const ostrel_alg_image image{pictures[i].cols, pictures[i].rows, 3, pictures[i].data,
-                                     static_cast<int64_t>(i + 1), 0, OSTREL_ALG_FORMAT_INTERLEAVED};
+        const ostrel_alg_image image{pictures[i].cols,
+                                     pictures[i].rows,
+                                     3,
+                                     pictures[i].data,
+                                     static_cast<int64_t>(i + 1),
+                                     0,
+                                     OSTREL_ALG_FORMAT_INTERLEAVED};
         ostrel_alg_box *boxes = nullptr;
         uint32_t count = 0;
         result.failures += ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count);
@@ -222,15 +227,15 @@ TEST_F(ThreadedEngines, TheLastPictureIsSharedOnAThreadOnly) {
     ASSERT_EQ(ostrel_alg_create(&b), 0);
     for (ostrel_alg *engine : {a, b}) {
         ASSERT_EQ(ostrel_alg_setRandomSeed(engine, 5), 0);
-        const ostrel_alg_image image{training_[0].pixels.cols, training_[0].pixels.rows, 3,
-                                     training_[0].pixels.data, 1000, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
+        const ostrel_alg_image image{
+            training_[0].pixels.cols,     training_[0].pixels.rows, 3, training_[0].pixels.data, 1000, 0,
+            OSTREL_ALG_FORMAT_INTERLEAVED};
         ASSERT_EQ(ostrel_alg_setDetector_ptr(engine, &image, training_[0].boxes.data(),
                                              static_cast<int32_t>(training_[0].boxes.size())),
                   0);
     }
     auto detect = [](ostrel_alg *engine, const cv::Mat &pixels, int64_t key) {
-        const ostrel_alg_image image{pixels.cols, pixels.rows, 3, pixels.data, key, 0,
-                                     OSTREL_ALG_FORMAT_INTERLEAVED};
+        const ostrel_alg_image image{pixels.cols, pixels.rows, 3, pixels.data, key, 0, OSTREL_ALG_FORMAT_INTERLEAVED};
         ostrel_alg_box *boxes = nullptr;
         uint32_t count = 0;
         EXPECT_EQ(ostrel_alg_runDetector_ptr(engine, &image, &boxes, &count), 0);

@@ -19,9 +19,7 @@ ostrel_alg_box make_box(int32_t x, int32_t y, int32_t width, int32_t height) {
 }  // namespace
 
 // A box against itself overlaps fully.
-TEST(BoxOverlap, IdenticalBoxesGiveOne) {
-    EXPECT_EQ(ostrel::box_overlap(3, 4, 10, 20, 3, 4, 10, 20), 1.0f);
-}
+TEST(BoxOverlap, IdenticalBoxesGiveOne) { EXPECT_EQ(ostrel::box_overlap(3, 4, 10, 20, 3, 4, 10, 20), 1.0f); }
 
 // Disjoint boxes and boxes sharing only an edge or a corner have an empty
 // intersection and overlap 0.
@@ -45,9 +43,7 @@ TEST(BoxOverlap, RatioInSinglePrecision) {
 
 // One row of ten pixels shared by a 10 x 10 and a 10 x 11 box: 10 / 200,
 // exactly the float 0.05f.
-TEST(BoxOverlap, ExactlyFivePercent) {
-    EXPECT_EQ(ostrel::box_overlap(0, 0, 10, 10, 0, 9, 10, 11), 0.05f);
-}
+TEST(BoxOverlap, ExactlyFivePercent) { EXPECT_EQ(ostrel::box_overlap(0, 0, 10, 10, 0, 9, 10, 11), 0.05f); }
 
 // The order of the boxes does not matter, and the record overload agrees.
 TEST(BoxOverlap, SymmetricAndRecordOverload) {

@@ -55,8 +55,8 @@ struct recording_distance {
 };
 
 int count_label(const std::vector<ostrel_alg_box> &boxes, int32_t label) {
-    return static_cast<int>(std::count_if(boxes.begin(), boxes.end(),
-                                          [label](const ostrel_alg_box &box) { return box.label == label; }));
+    return static_cast<int>(
+        std::count_if(boxes.begin(), boxes.end(), [label](const ostrel_alg_box &box) { return box.label == label; }));
 }
 
 }  // namespace
@@ -383,7 +383,7 @@ TEST(FilterCandidates, BelowBoxAboveThresholdIsNotAdded) {
 // The touching test uses the whole list that left the filter step: without
 // the filter that is every suppressed box, also those past the 32 reported.
 TEST(FilterCandidates, TouchingTestsEverySuppressedBox) {
-    std::vector<ostrel_alg_box> accepted = disjoint_boxes(40, 0.6f);  // weakest at x = 0
+    std::vector<ostrel_alg_box> accepted = disjoint_boxes(40, 0.6f);       // weakest at x = 0
     std::vector<ostrel_alg_box> below{make_box(0, 10, 10, 10, 0.3f, -1)};  // touches it at an edge
     filter_settings settings;
     settings.confidence_threshold = 50;

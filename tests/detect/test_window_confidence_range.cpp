@@ -45,8 +45,10 @@ int64_t first_margin_with_exponent_at_most(int32_t i) {
     // exponent_of falls as the margin grows.
     while (low < high) {
         const int64_t mid = low + (high - low) / 2;
-        if (exponent_of(static_cast<int32_t>(mid)) <= i) high = mid;
-        else low = mid + 1;
+        if (exponent_of(static_cast<int32_t>(mid)) <= i)
+            high = mid;
+        else
+            low = mid + 1;
     }
     return low;
 }
@@ -70,7 +72,7 @@ TEST(WindowConfidenceRange, EveryMarginScoresInRangeAndMonotonically) {
 // Inside the exponent range the score is the classic one; the sweep takes
 // every margin near both edges and a stride through the middle.
 TEST(WindowConfidenceRange, ClassicScoresInsideTheExponentRange) {
-    const int64_t lowest_inside = first_margin_with_exponent_at_most(127);   // exponent 127
+    const int64_t lowest_inside = first_margin_with_exponent_at_most(127);        // exponent 127
     const int64_t highest_inside = first_margin_with_exponent_at_most(-127) - 1;  // exponent -126
     ASSERT_EQ(exponent_of(static_cast<int32_t>(lowest_inside)), 127);
     ASSERT_EQ(exponent_of(static_cast<int32_t>(lowest_inside - 1)), 128);
@@ -84,8 +86,8 @@ TEST(WindowConfidenceRange, ClassicScoresInsideTheExponentRange) {
     for (const int64_t edge : {lowest_inside, highest_inside}) {
         for (int64_t margin = edge - 2000; margin <= edge + 2000; ++margin) {
             const bool inside = margin >= lowest_inside && margin <= highest_inside;
-            const int32_t expected = inside ? classic_confidence(static_cast<int32_t>(margin))
-                                            : (margin < lowest_inside ? 100 : 0);
+            const int32_t expected =
+                inside ? classic_confidence(static_cast<int32_t>(margin)) : (margin < lowest_inside ? 100 : 0);
             ASSERT_EQ(ostrel::window_confidence(static_cast<int32_t>(margin), 0), expected) << margin;
         }
     }
@@ -99,7 +101,7 @@ TEST(WindowConfidenceRange, BeyondTheRangeTheScoreSaturates) {
     const int32_t highest = std::numeric_limits<int32_t>::max();
     EXPECT_EQ(ostrel::window_confidence(lowest, 0), 100);
     EXPECT_EQ(ostrel::window_confidence(highest, 0), 0);
-    EXPECT_EQ(ostrel::window_confidence(0, highest), 100);  // the bias at its limit
+    EXPECT_EQ(ostrel::window_confidence(0, highest), 100);   // the bias at its limit
     EXPECT_EQ(ostrel::window_confidence(-9000000, 0), 100);  // exponent 129
     EXPECT_EQ(ostrel::window_confidence(9000000, 0), 0);     // exponent -130
     // What the classic bits gave there.

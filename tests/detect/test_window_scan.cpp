@@ -328,8 +328,7 @@ TEST(WindowConfidence, WorkedValues) {
 // sweep of margins.
 TEST(WindowConfidence, MatchesIndependentFormula) {
     for (int64_t margin = -4000000; margin <= 4000000; margin += 997) {
-        ASSERT_EQ(ostrel::window_confidence(static_cast<int32_t>(margin), 0), expected_confidence(margin))
-            << margin;
+        ASSERT_EQ(ostrel::window_confidence(static_cast<int32_t>(margin), 0), expected_confidence(margin)) << margin;
     }
     std::mt19937 rng(11);
     std::uniform_int_distribution<int32_t> value(-3000000, 3000000);
@@ -577,9 +576,9 @@ TEST(ScanWindows, SameAsPlainKernelsOnRandomMaps) {
                 return false;
             }
             for (size_t i = 0; i < a.size(); ++i) {
-                if (a[i].x != b[i].x || a[i].y != b[i].y || a[i].width != b[i].width ||
-                    a[i].height != b[i].height || a[i].score != b[i].score || a[i].label != b[i].label ||
-                    a[i].color_main != 0 || a[i].color_second != 0) {
+                if (a[i].x != b[i].x || a[i].y != b[i].y || a[i].width != b[i].width || a[i].height != b[i].height ||
+                    a[i].score != b[i].score || a[i].label != b[i].label || a[i].color_main != 0 ||
+                    a[i].color_second != 0) {
                     return false;
                 }
             }

@@ -14,9 +14,9 @@
 namespace engine_test {
 
 struct marked_picture {
-    cv::Mat pixels;                       // BGR, interleaved
-    std::vector<ostrel_alg_box> boxes;    // every RBC, one median size, label 1
-    std::vector<ostrel_alg_box> truth;    // the RBC annotations as they are
+    cv::Mat pixels;                     // BGR, interleaved
+    std::vector<ostrel_alg_box> boxes;  // every RBC, one median size, label 1
+    std::vector<ostrel_alg_box> truth;  // the RBC annotations as they are
 };
 
 inline marked_picture bccd_picture(const std::string &stem) {

@@ -31,8 +31,7 @@ TEST(CollectFalsePositives, UnmatchedDetectionsBecomeNegatives) {
 // Only detections labelled 1 are looked at, and only marked boxes labelled 1 match.
 TEST(CollectFalsePositives, LabelsOtherThanOneAreIgnored) {
     const std::vector<ostrel_alg_box> marked = {box(0, 0, 10, 10, -1)};
-    const std::vector<ostrel_alg_box> detections = {box(0, 0, 10, 10, 1), box(0, 0, 10, 10, -1),
-                                                    box(0, 0, 10, 10, 0)};
+    const std::vector<ostrel_alg_box> detections = {box(0, 0, 10, 10, 1), box(0, 0, 10, 10, -1), box(0, 0, 10, 10, 0)};
     std::vector<ostrel_alg_box> out;
     ostrel::collectFalsePositives(marked, detections, out, 0.3f);
     ASSERT_EQ(out.size(), 1u);  // the negative marked box does not match
@@ -54,7 +53,7 @@ TEST(CollectFalsePositives, OverlapBelowThresholdIsNoMatch) {
 TEST(CollectLowConfidence, CopiesAtMostTenUnmatched) {
     const std::vector<ostrel_alg_box> marked = {box(0, 0, 10, 10, 1)};
     std::vector<ostrel_alg_box> detections;
-    detections.push_back(box(0, 0, 10, 10, -1, 0.2f));  // matches the marked box
+    detections.push_back(box(0, 0, 10, 10, -1, 0.2f));   // matches the marked box
     detections.push_back(box(200, 0, 10, 10, 1, 0.9f));  // label 1: not this list's business
     detections.push_back(box(300, 0, 10, 10, 2, 0.1f));  // any label other than -1 is skipped
     for (int i = 0; i < 12; ++i) {

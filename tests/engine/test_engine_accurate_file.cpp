@@ -62,8 +62,8 @@ std::string write(const std::string &name, const ostrel::accurate_model_file &m)
     const std::vector<unsigned char> bytes = ostrel::write_accurate_model(m, &problem);
     EXPECT_FALSE(bytes.empty()) << problem;
     const std::string path = testing::TempDir() + name;
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(bytes.data()),
-                                                 static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     return path;
 }
 
@@ -104,15 +104,22 @@ TEST(EngineAccurateFile, SettingsAndWindowsTheEngineCannotUseAreRefused) {
     };
     const change changes[] = {
         {"cells", [](ostrel::accurate_model_file &m) { m.settings.object_cells = 500; }, "accurate cells 500"},
-        {"overlap", [](ostrel::accurate_model_file &m) { m.settings.suppression_overlap_percent = 5; }, "accurate overlap 5"},
+        {"overlap", [](ostrel::accurate_model_file &m) { m.settings.suppression_overlap_percent = 5; },
+         "accurate overlap 5"},
         {"heights", [](ostrel::accurate_model_file &m) { m.settings.min_height = 3; }, "accurate min height 3"},
-        {"order", [](ostrel::accurate_model_file &m) { m.settings.min_height = 90; m.settings.max_height = 80; },
+        {"order",
+         [](ostrel::accurate_model_file &m) {
+             m.settings.min_height = 90;
+             m.settings.max_height = 80;
+         },
          "min height is above"},
         {"levels", [](ostrel::accurate_model_file &m) { m.settings.levels_per_octave = 0; }, "levels per octave 0"},
-        {"window", [](ostrel::accurate_model_file &m) {
+        {"window",
+         [](ostrel::accurate_model_file &m) {
              m.classes[0].window_columns = 6;
              m.classes[0].weights.assign(6 * 18 * 10, 1);
-         }, "is not what its shape"},
+         },
+         "is not what its shape"},
     };
     for (const change &c : changes) {
         SCOPED_TRACE(c.what);

@@ -30,7 +30,8 @@ std::string pointer_text(const void *p) {
 }
 
 bool same_boxes(const std::vector<ostrel_alg_box> &a, const std::vector<ostrel_alg_box> &b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(ostrel_alg_box)) == 0);
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(ostrel_alg_box)) == 0);
 }
 
 // One engine trained once on BloodImage_00000 for all tests of this file.
@@ -78,8 +79,8 @@ TEST_F(Detection, InvalidPicturesAreRefused) {
                        kRunFailure);
     ostrel_alg_image no_data{8, 8, 3, nullptr, 51, 0, 0};
     log = capture_stdout([&] { EXPECT_EQ(engine_->runDetector(&no_data, out), 1); });
-    EXPECT_EQ(log, "[ostrel_alg::checkImgValid] invalid image data: 8 x 8 @" + pointer_text(nullptr) + ")\n" +
-                       kRunFailure);
+    EXPECT_EQ(log,
+              "[ostrel_alg::checkImgValid] invalid image data: 8 x 8 @" + pointer_text(nullptr) + ")\n" + kRunFailure);
     log = capture_stdout([&] { EXPECT_EQ(engine_->runDetector(nullptr, out), 1); });
     EXPECT_EQ(log, kRunFailure);
     EXPECT_EQ(out.size(), 1u);
@@ -190,9 +191,11 @@ TEST_F(Detection, UncoveredMarkedBoxesOnlyOnTheirOwnPicture) {
         bool found = contains(on_training, cell);
         for (const ostrel_alg_box &b : on_training) {
             const int x0 = std::max(b.x, cell.x), y0 = std::max(b.y, cell.y);
-            const int x1 = std::min(b.x + b.width, cell.x + cell.width), y1 = std::min(b.y + b.height, cell.y + cell.height);
+            const int x1 = std::min(b.x + b.width, cell.x + cell.width),
+                      y1 = std::min(b.y + b.height, cell.y + cell.height);
             const float i = (x1 > x0 && y1 > y0) ? static_cast<float>((x1 - x0) * (y1 - y0)) : 0.0f;
-            if (b.label == 1 && i / (static_cast<float>(b.width * b.height + cell.width * cell.height) - i) >= 0.3f) found = true;
+            if (b.label == 1 && i / (static_cast<float>(b.width * b.height + cell.width * cell.height) - i) >= 0.3f)
+                found = true;
         }
         EXPECT_TRUE(found) << cell.x << "," << cell.y;
     }

@@ -196,8 +196,7 @@ std::string engine_line(const char *prefix, const char *operation, int line) {
 
 std::string crc_report(uint64_t stored_length, uint64_t total, uint32_t stored_crc, uint32_t computed) {
     return "[file size without CRC] read : " + std::to_string(stored_length) + ", calc : " + std::to_string(total) +
-           "\n[CRC values ERROR] read : " + std::to_string(stored_crc) + ", calc : " + std::to_string(computed) +
-           "\n";
+           "\n[CRC values ERROR] read : " + std::to_string(stored_crc) + ", calc : " + std::to_string(computed) + "\n";
 }
 
 class ModelIo : public testing::Test {
@@ -357,8 +356,8 @@ TEST_F(ModelIo, AnyChangedByteChangesTheExportedCrc) {
             continue;  // another layout
         }
         const parsed_model m = parse(changed);
-        if (m.header[1] <= 0 || m.header[2] <= 0 ||
-            m.header[3] <= 0 || m.header[4] <= 0 || m.header[5] < 0 || m.header[0] < 0) {
+        if (m.header[1] <= 0 || m.header[2] <= 0 || m.header[3] <= 0 || m.header[4] <= 0 || m.header[5] < 0 ||
+            m.header[0] < 0) {
             continue;  // not a model the exporter accepts with this layout
         }
         ostrel::svm_model &r = variant->svm_model;
@@ -415,11 +414,10 @@ TEST_F(ModelIo, ValidationRejectsEveryChangedByte) {
         int32_t status = 0;
         const std::string out = capture_stdout([&] { status = checker->checkModelValidation(p); });
         ASSERT_EQ(status, 1) << at;
-        const bool data_byte = (at >= 28 && at < 36 + 4 * kWeights) ||   // bias, weights, threshold
+        const bool data_byte = (at >= 28 && at < 36 + 4 * kWeights) ||  // bias, weights, threshold
                                (at >= 37 + 4 * kWeights + 8 && at < 37 + 4 * kWeights + 8 + 1200);  // mean
         if (data_byte) {
-            EXPECT_EQ(out, crc_report(stored_length, original.size(), stored_crc, zlib_crc(changed, content)))
-                << at;
+            EXPECT_EQ(out, crc_report(stored_length, original.size(), stored_crc, zlib_crc(changed, content))) << at;
         }
         if (out.find("[CRC values ERROR]") != std::string::npos) {
             ++reports;

@@ -15,8 +15,8 @@ cv::Mat gradient_picture(int rows, int cols) {
     cv::Mat picture(rows, cols, CV_8UC3);
     for (int y = 0; y < rows; ++y) {
         for (int x = 0; x < cols; ++x) {
-            picture.at<cv::Vec3b>(y, x) = cv::Vec3b(static_cast<uint8_t>(x), static_cast<uint8_t>(y),
-                                                    static_cast<uint8_t>((x + y) & 0xFF));
+            picture.at<cv::Vec3b>(y, x) =
+                cv::Vec3b(static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>((x + y) & 0xFF));
         }
     }
     return picture;
@@ -117,15 +117,13 @@ TEST_F(SetupEngine, SetDetectorRefusesBadInput) {
     char pointer_text[32];
     std::snprintf(pointer_text, sizeof pointer_text, "%p", static_cast<void *>(pixels.data()));
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(engine_.setDetectorWithAutoTrain(&two_channels, boxes), 1); }),
-              std::string("[ostrel_alg::checkImgValid] invalid image data: 4 x 4 @") + pointer_text + ")\n" +
-                  refused);
+              std::string("[ostrel_alg::checkImgValid] invalid image data: 4 x 4 @") + pointer_text + ")\n" + refused);
 
     ostrel_alg_image good{4, 4, 3, pixels.data(), 1, 0, 0};
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(engine_.setDetectorWithAutoTrain(&good, {}), 1); }), refused);
 
     ostrel_alg_image negative_key{4, 4, 3, pixels.data(), -1, 0, 0};
-    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(engine_.setDetectorWithAutoTrain(&negative_key, boxes), 1); }),
-              refused);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(engine_.setDetectorWithAutoTrain(&negative_key, boxes), 1); }), refused);
     EXPECT_EQ(engine_.detector_set, 0) << "nothing changes on refused input";
     EXPECT_EQ(engine_.cached_image_key, -1);
 }
@@ -185,7 +183,8 @@ TEST_F(SetupFlow, SuccessfulSetUp) {
     for (const ostrel_alg_box &b : engine_->marked_boxes) EXPECT_EQ(b.label, 1);
     EXPECT_EQ(engine_->sample_thumbs.size(), 19u);
     bool background_trained = false;
-    for (const ostrel::training_sample &s : engine_->training_samples) background_trained |= s.label == -1 && !s.variants.empty();
+    for (const ostrel::training_sample &s : engine_->training_samples)
+        background_trained |= s.label == -1 && !s.variants.empty();
     EXPECT_TRUE(background_trained);
 }
 
@@ -227,7 +226,8 @@ TEST_F(SetupFlow, SameKeyOnlyRetrains) {
     const std::vector<ostrel_alg_box> other = {ostrel_alg_box{10, 10, 50, 50, 0.0f, 1, 0, 0}};
     ASSERT_EQ(set_up(other, 9, &log), 0);
     EXPECT_EQ(log.rfind("[Alg. Scc] set_training_mat...\n[Alg. Scc] Training done...\n", 0), 0u)
-        << "no new box samples before the first retraining:\n" << log;
+        << "no new box samples before the first retraining:\n"
+        << log;
     EXPECT_EQ(engine_->marked_boxes.size(), marked.size());
     EXPECT_EQ(engine_->marked_boxes[0].x, marked[0].x);
     EXPECT_EQ(engine_->sample_thumbs.size(), thumbs);
@@ -257,13 +257,14 @@ TEST_F(SetupFlow, FirstTrainingFailureFailsWith910) {
     background[1].label = -1;
     std::string log;
     EXPECT_EQ(set_up(background, 4, &log), 1);
-    EXPECT_EQ(log, "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n"
-                   "[Debug] Total size of Acfs: 2\n"
-                   "[Alg. FAIL!] ostrel_alg::addSampleThumbs (ostrel_alg line:734)\n"
-                   "[Alg. Scc] set_training_mat...\n"
-                   "[Debug] every training sample has the label -1: nothing to tell apart\n"
-                   "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3162)\n"
-                   "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:910)\n");
+    EXPECT_EQ(log,
+              "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n"
+              "[Debug] Total size of Acfs: 2\n"
+              "[Alg. FAIL!] ostrel_alg::addSampleThumbs (ostrel_alg line:734)\n"
+              "[Alg. Scc] set_training_mat...\n"
+              "[Debug] every training sample has the label -1: nothing to tell apart\n"
+              "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3162)\n"
+              "[Alg. FAIL!] ostrel_alg::setDetectorWithAutoTrain (ostrel_alg line:910)\n");
     EXPECT_FALSE(engine_->isTrained());
     EXPECT_TRUE(engine_->marked_boxes.empty());
     EXPECT_EQ(engine_->cached_image_key, 4);

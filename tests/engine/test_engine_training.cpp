@@ -40,7 +40,8 @@ const char *const kSkippedEdgeBoxes =
 // ten random negatives, the window sizes taken from the first box, random
 // negatives drawn once.
 TEST_F(Training, AddTrainingSamplesCutsBoxesAndTenRandomNegatives) {
-    const std::string out = capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, picture_.boxes), 0); });
+    const std::string out =
+        capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, picture_.boxes), 0); });
     EXPECT_EQ(out, std::string(kSkippedEdgeBoxes) + "[Debug] Total size of Acfs: 27\n");
     EXPECT_EQ(engine_->training_samples.size(), 27u);
     EXPECT_EQ(engine_->train_width, 96u);
@@ -62,9 +63,11 @@ TEST_F(Training, AddTrainingSamplesCutsBoxesAndTenRandomNegatives) {
     // more random negatives.
     const engine_test::marked_picture second = bccd_picture("BloodImage_00001");
     ASSERT_EQ(second.boxes.size(), 18u);
-    const std::string again = capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(second.pixels, second.boxes), 0); });
-    EXPECT_EQ(again, "[Debug] box 12 (57, -1, 17 x 13) lies outside the 121 x 68 feature map: skipped\n"
-                     "[Debug] Total size of Acfs: 44\n");
+    const std::string again =
+        capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(second.pixels, second.boxes), 0); });
+    EXPECT_EQ(again,
+              "[Debug] box 12 (57, -1, 17 x 13) lies outside the 121 x 68 feature map: skipped\n"
+              "[Debug] Total size of Acfs: 44\n");
 }
 
 // A first picture without positives: the random negatives cannot be drawn
@@ -72,11 +75,14 @@ TEST_F(Training, AddTrainingSamplesCutsBoxesAndTenRandomNegatives) {
 TEST_F(Training, FirstPictureWithoutPositivesNeverDrawsRandomNegatives) {
     std::vector<ostrel_alg_box> negatives = {picture_.boxes[0]};
     negatives[0].label = -1;
-    const std::string out = capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, negatives), 0); });
-    EXPECT_EQ(out, "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n"
-                   "[Debug] Total size of Acfs: 1\n");
+    const std::string out =
+        capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, negatives), 0); });
+    EXPECT_EQ(out,
+              "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n"
+              "[Debug] Total size of Acfs: 1\n");
     EXPECT_EQ(engine_->random_negatives_added, 1);
-    const std::string later = capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, picture_.boxes), 0); });
+    const std::string later =
+        capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, picture_.boxes), 0); });
     EXPECT_EQ(later, std::string(kSkippedEdgeBoxes) + "[Debug] Total size of Acfs: 18\n");
 }
 
@@ -86,8 +92,9 @@ TEST_F(Training, NoSampleAtAllFails) {
     const std::vector<ostrel_alg_box> outside = {ostrel_alg_box{5000, 5000, 96, 99, 0.0f, 1, 0, 0}};
     const std::string out =
         capture_stdout([&] { EXPECT_EQ(engine_->addTrainingSamples(picture_.pixels, outside), 1); });
-    EXPECT_EQ(out, "[Debug] box 0 (945, 708, 18 x 14) lies outside the 121 x 68 feature map: skipped\n"
-                   "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n");
+    EXPECT_EQ(out,
+              "[Debug] box 0 (945, 708, 18 x 14) lies outside the 121 x 68 feature map: skipped\n"
+              "[ostrel_acf::addRandomNegative] Fail:: wrong pointer! (ostrel_acf line:709)\n");
     EXPECT_TRUE(engine_->training_samples.empty());
     EXPECT_EQ(engine_->random_negatives_added, 1);
 }
@@ -97,9 +104,10 @@ TEST_F(Training, NoSampleAtAllFails) {
 TEST_F(Training, FirstTrainingRecordsPositivesWithoutAFilter) {
     capture_stdout([&] { ASSERT_EQ(engine_->addTrainingSamples(picture_.pixels, picture_.boxes), 0); });
     std::string out = capture_stdout([&] { EXPECT_EQ(engine_->trainClassifier(), 0); });
-    EXPECT_EQ(out, "[Alg. Scc] filterPositive_outlier ...\n"
-                   "[Alg. Scc] set_training_mat...\n"
-                   "[Alg. Scc] Training done...\n");
+    EXPECT_EQ(out,
+              "[Alg. Scc] filterPositive_outlier ...\n"
+              "[Alg. Scc] set_training_mat...\n"
+              "[Alg. Scc] Training done...\n");
     uint32_t positives = 0, negatives = 0;
     engine_->countSamples(&positives, &negatives);
     EXPECT_EQ(engine_->positive_sample_count, positives);
@@ -141,9 +149,10 @@ TEST_F(Training, RetrainingWithoutNewPositivesSkipsTheFilter) {
         ASSERT_EQ(engine_->addTrainingSamples(picture_.pixels, background), 0);
         EXPECT_EQ(engine_->trainClassifier(), 0);
     });
-    EXPECT_EQ(out, "[Debug] Total size of Acfs: 28\n"
-                   "[Alg. Scc] set_training_mat...\n"
-                   "[Alg. Scc] Training done...\n");
+    EXPECT_EQ(out,
+              "[Debug] Total size of Acfs: 28\n"
+              "[Alg. Scc] set_training_mat...\n"
+              "[Alg. Scc] Training done...\n");
     EXPECT_EQ(engine_->new_positive_count, 0u);
     EXPECT_EQ(engine_->positive_sample_count, known);
 }
@@ -167,10 +176,11 @@ TEST_F(Training, NewPositivesRebuildTheFilter) {
     }
     capture_stdout([&] { ASSERT_EQ(engine_->addTrainingSamples(second.pixels, boxes), 0); });
     const std::string out = capture_stdout([&] { EXPECT_EQ(engine_->trainClassifier(), 0); });
-    EXPECT_EQ(out, "[Alg. Scc] Outlier rejection ...\n"
-                   "[Alg. Scc] filterPositive_outlier ...\n"
-                   "[Alg. Scc] set_training_mat...\n"
-                   "[Alg. Scc] Training done...\n");
+    EXPECT_EQ(out,
+              "[Alg. Scc] Outlier rejection ...\n"
+              "[Alg. Scc] filterPositive_outlier ...\n"
+              "[Alg. Scc] set_training_mat...\n"
+              "[Alg. Scc] Training done...\n");
     uint32_t positives = 0, negatives = 0;
     engine_->countSamples(&positives, &negatives);
     EXPECT_EQ(engine_->new_positive_count, positives - known);
@@ -189,8 +199,9 @@ TEST_F(Training, NewPositivesRebuildTheFilter) {
 // No samples: the set-up line, then the training's own failure (3149).
 TEST_F(Training, EmptyTrainingSetFails) {
     const std::string out = capture_stdout([&] { EXPECT_EQ(engine_->trainClassifier(), 1); });
-    EXPECT_EQ(out, "[Debug] No Acf feature ! \n"
-                   "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3149)\n");
+    EXPECT_EQ(out,
+              "[Debug] No Acf feature ! \n"
+              "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3149)\n");
     EXPECT_FALSE(engine_->isTrained());
 }
 
@@ -204,9 +215,10 @@ TEST_F(Training, SvmFailureKeepsTheOldModel) {
     engine_->svm_model.vector = std::make_unique<int32_t[]>(3);
     engine_->svm_model.vector[0] = 11;
     const std::string out = capture_stdout([&] { EXPECT_EQ(engine_->trainClassifier(), 1); });
-    EXPECT_EQ(out, "[Alg. Scc] set_training_mat...\n"
-                   "[Debug] every training sample has the label -1: nothing to tell apart\n"
-                   "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3162)\n");
+    EXPECT_EQ(out,
+              "[Alg. Scc] set_training_mat...\n"
+              "[Debug] every training sample has the label -1: nothing to tell apart\n"
+              "[Alg. FAIL!] ostrel_alg::trainClassifier (ostrel_alg line:3162)\n");
     EXPECT_EQ(engine_->svm_model.support_vector_size, 3);
     EXPECT_EQ(engine_->svm_model.vector[0], 11);
 }

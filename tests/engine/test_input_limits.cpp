@@ -42,7 +42,7 @@ TEST(TrainedBoxOnPicture, KeptOrRescaled) {
     EXPECT_EQ(half.width, 48);
     EXPECT_EQ(half.height, 49);
     const ostrel::box_size tiny = ostrel::trained_box_on_picture(6, 5, 96, 99, 640, 480);
-    EXPECT_EQ(tiny.width, 0);  // 576 / 640
+    EXPECT_EQ(tiny.width, 0);   // 576 / 640
     EXPECT_EQ(tiny.height, 1);  // 495 / 480
     const ostrel::box_size wide = ostrel::trained_box_on_picture(640, 4, 96, 99, 640, 480);
     EXPECT_EQ(wide.width, 96);
@@ -55,18 +55,21 @@ TEST(InputRefusals, LinesOfEachRefusal) {
         const ostrel_alg_image image{20000, 20000, 3, nullptr, 0, 0, 0};
         EXPECT_FALSE(ostrel::accept_picture_pixels(image, "ostrel_alg::op", 4999));
     });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: a picture of 20000 x 20000 pixels is larger than the limit of "
-                   "268435456 pixels\n[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4999)\n");
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: a picture of 20000 x 20000 pixels is larger than the limit of "
+              "268435456 pixels\n[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4999)\n");
     log = capture_stdout([] { EXPECT_FALSE(ostrel::accept_marked_box_count(1001, "ostrel_alg::op", 4998)); });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: 1001 marked boxes, more than the 1000 one picture may have\n"
-                   "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4998)\n");
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: 1001 marked boxes, more than the 1000 one picture may have\n"
+              "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4998)\n");
     log = capture_stdout([] {
         const ostrel_alg_image image{640, 4, 3, nullptr, 0, 0, 0};
         EXPECT_FALSE(ostrel::accept_trained_box_on_picture(image, 96, 99, 640, 480, "ostrel_alg::op", 4997));
     });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: the trained box of 96 x 99 pixels on a 640 x 480 picture is 96 x 0 "
-                   "pixels on this 640 x 4 picture: too small to detect\n"
-                   "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4997)\n");
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: the trained box of 96 x 99 pixels on a 640 x 480 picture is 96 x 0 "
+              "pixels on this 640 x 4 picture: too small to detect\n"
+              "[Alg. FAIL!] ostrel_alg::op (ostrel_alg line:4997)\n");
     log = capture_stdout([] {
         const ostrel_alg_image image{640, 5, 3, nullptr, 0, 0, 0};
         EXPECT_TRUE(ostrel::accept_trained_box_on_picture(image, 96, 99, 640, 480, "ostrel_alg::op", 4997));

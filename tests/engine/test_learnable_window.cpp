@@ -51,10 +51,10 @@ TEST(LearnableWindow, BoxesWithoutAWindow) {
     EXPECT_EQ(check({box(0, 0, 0, 0)}).verdict, window_verdict::box_without_size);
     EXPECT_EQ(check({box(0, 0, -96, 99)}).verdict, window_verdict::box_without_size);
     EXPECT_EQ(check({box(0, 0, 96, INT_MIN)}).verdict, window_verdict::box_without_size);
-    EXPECT_EQ(check({box(0, 0, 5, 99)}).verdict, window_verdict::window_without_cell);  // 0.95 cells
-    EXPECT_EQ(check({box(0, 0, 6, 8)}).verdict, window_verdict::learnable);            // 1 x 1 cell
-    EXPECT_EQ(check({box(0, 0, 640, 480)}).verdict, window_verdict::learnable);        // the whole map
-    EXPECT_EQ(check({box(0, 0, 641, 480)}).verdict, window_verdict::learnable);        // still 121 cells
+    EXPECT_EQ(check({box(0, 0, 5, 99)}).verdict, window_verdict::window_without_cell);   // 0.95 cells
+    EXPECT_EQ(check({box(0, 0, 6, 8)}).verdict, window_verdict::learnable);              // 1 x 1 cell
+    EXPECT_EQ(check({box(0, 0, 640, 480)}).verdict, window_verdict::learnable);          // the whole map
+    EXPECT_EQ(check({box(0, 0, 641, 480)}).verdict, window_verdict::learnable);          // still 121 cells
     EXPECT_EQ(check({box(0, 0, 646, 480)}).verdict, window_verdict::window_beyond_map);  // 122 cells
     EXPECT_EQ(check({box(0, 0, 96, 488)}).verdict, window_verdict::window_beyond_map);
     EXPECT_EQ(check({box(0, 0, INT_MAX, INT_MAX)}).verdict, window_verdict::window_beyond_map);
@@ -87,8 +87,9 @@ TEST(LearnableWindow, DebugLines) {
     const ostrel_alg_box first = box(0, 0, 3, 3);
     std::string log = ostrel_test::capture_stdout(
         [&] { ostrel::log_window_check(check({first}), first, 640, 480, kMap, "ostrel_alg::op"); });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: the first box, 3 x 3 pixels of a 640 x 480 picture, covers 0 x 0 feature "
-                   "cells: too small to learn\n");
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: the first box, 3 x 3 pixels of a 640 x 480 picture, covers 0 x 0 feature "
+              "cells: too small to learn\n");
     const ostrel_alg_box none = box(0, 0, 0, 7);
     log = ostrel_test::capture_stdout(
         [&] { ostrel::log_window_check(check({none}), none, 640, 480, kMap, "ostrel_alg::op"); });
@@ -96,17 +97,18 @@ TEST(LearnableWindow, DebugLines) {
     const ostrel_alg_box huge = box(0, 0, 700, 20);
     log = ostrel_test::capture_stdout(
         [&] { ostrel::log_window_check(check({huge}), huge, 640, 480, kMap, "ostrel_alg::op"); });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: the first box, 700 x 20 pixels of a 640 x 480 picture, is larger than the "
-                   "picture's 121 x 68 feature cells: too large to learn\n");
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: the first box, 700 x 20 pixels of a 640 x 480 picture, is larger than the "
+              "picture's 121 x 68 feature cells: too large to learn\n");
     const ostrel_alg_box other = box(0, 0, 92, 97);
     log = ostrel_test::capture_stdout(
         [&] { ostrel::log_window_check(check({other}, 2520), other, 640, 480, kMap, "ostrel_alg::op"); });
-    EXPECT_EQ(log, "[Debug] ostrel_alg::op: the first box's window of 17 x 13 cells has 2210 features, but the "
-                   "training samples it would join have 2520: a model learns one window, so mark every box at one "
-                   "size\n");
-    log = ostrel_test::capture_stdout([&] {
-        ostrel::log_window_check(check({box(1, 1, 96, 99)}), first, 640, 480, kMap, "ostrel_alg::op");
-    });
+    EXPECT_EQ(log,
+              "[Debug] ostrel_alg::op: the first box's window of 17 x 13 cells has 2210 features, but the "
+              "training samples it would join have 2520: a model learns one window, so mark every box at one "
+              "size\n");
+    log = ostrel_test::capture_stdout(
+        [&] { ostrel::log_window_check(check({box(1, 1, 96, 99)}), first, 640, 480, kMap, "ostrel_alg::op"); });
     EXPECT_EQ(log, "");
 }
 
@@ -137,13 +139,16 @@ TEST(LearnableWindow, TheHostsSentenceSaysWhichWayToGo) {
         const ostrel::window_check c = ostrel::check_storable_window({b}, 640, 480, kMap, 0);
         return ostrel_test::capture_stdout([&] { ostrel::fail_unlearnable_box(c, b, 640, 480, kMap, "op"); });
     };
-    EXPECT_EQ(sentence(6, 8), "[Debug] op: a 6 x 8 box on this 640 x 480 picture gives the detector a window of 1 x 1 "
-                              "feature cells (10 values); a model holds 201 to 5999 values: use a larger box\n");
-    EXPECT_EQ(sentence(640, 480), "[Debug] op: a 640 x 480 box on this 640 x 480 picture gives the detector a window "
-                                  "of 121 x 68 feature cells (82280 values); a model holds 201 to 5999 values: use a "
-                                  "smaller box\n");
-    EXPECT_EQ(sentence(646, 480), "[Debug] op: a 646 x 480 box on this 640 x 480 picture gives the detector a window "
-                                  "larger than the picture's 121 x 68 feature cells; a model holds 201 to 5999 values: "
-                                  "use a smaller box\n");
+    EXPECT_EQ(sentence(6, 8),
+              "[Debug] op: a 6 x 8 box on this 640 x 480 picture gives the detector a window of 1 x 1 "
+              "feature cells (10 values); a model holds 201 to 5999 values: use a larger box\n");
+    EXPECT_EQ(sentence(640, 480),
+              "[Debug] op: a 640 x 480 box on this 640 x 480 picture gives the detector a window "
+              "of 121 x 68 feature cells (82280 values); a model holds 201 to 5999 values: use a "
+              "smaller box\n");
+    EXPECT_EQ(sentence(646, 480),
+              "[Debug] op: a 646 x 480 box on this 640 x 480 picture gives the detector a window "
+              "larger than the picture's 121 x 68 feature cells; a model holds 201 to 5999 values: "
+              "use a smaller box\n");
     EXPECT_EQ(sentence(96, 99), "");
 }

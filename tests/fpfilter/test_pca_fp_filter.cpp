@@ -40,9 +40,7 @@ bool same_bytes(const cv::Mat &a, const cv::Mat &b) {
 // the principal axes are the coordinate axes, the projections are the
 // coordinates themselves and, with K = 2 (divisor 1), the inverse covariance
 // is diag(1 / (2 x1^2), 1 / (2 x2^2)). Choosing x1 and x2 sets the trace.
-cv::Mat axis_points(float x1, float x2) {
-    return (cv::Mat_<float>(4, 2) << x1, 0.0f, -x1, 0.0f, 0.0f, x2, 0.0f, -x2);
-}
+cv::Mat axis_points(float x1, float x2) { return (cv::Mat_<float>(4, 2) << x1, 0.0f, -x1, 0.0f, 0.0f, x2, 0.0f, -x2); }
 
 double abs_trace(const cv::Mat &m) { return cv::trace(cv::abs(m))[0]; }
 

@@ -55,7 +55,8 @@ ostrel::accurate_model_file a_model(size_t classes) {
     m.settings.size_prior_permille = 2000;
     m.settings.suppression_contained_percent = 70;
     const char *names[] = {"person", "pawn", "cell"};
-    for (size_t k = 0; k < classes; ++k) m.classes.push_back(a_class(names[k % 3], 5 + static_cast<int32_t>(k), 18, 0.3f));
+    for (size_t k = 0; k < classes; ++k)
+        m.classes.push_back(a_class(names[k % 3], 5 + static_cast<int32_t>(k), 18, 0.3f));
     return m;
 }
 
@@ -75,7 +76,8 @@ std::string refusal(const std::vector<unsigned char> &bytes) {
 }
 
 void put_u32(std::vector<unsigned char> &bytes, size_t offset, uint32_t v) {
-    for (int i = 0; i < 4; ++i) bytes[offset + static_cast<size_t>(i)] = static_cast<unsigned char>((v >> (8 * i)) & 0xff);
+    for (int i = 0; i < 4; ++i)
+        bytes[offset + static_cast<size_t>(i)] = static_cast<unsigned char>((v >> (8 * i)) & 0xff);
 }
 
 uint32_t get_u32(const std::vector<unsigned char> &bytes, size_t offset) {
@@ -111,11 +113,11 @@ TEST(AccurateModelFile, WhatIsWrittenIsReadBack) {
 TEST(AccurateModelFile, TheLayoutIsAsDocumented) {
     const std::vector<unsigned char> bytes = written(a_model(1));
     EXPECT_EQ(std::memcmp(bytes.data(), ostrel::kAccurateModelMagic, 8), 0);
-    EXPECT_EQ(get_u32(bytes, 8), 1u);    // version
-    EXPECT_EQ(get_u32(bytes, 12), 56u);  // settings bytes
-    EXPECT_EQ(get_u32(bytes, 16), 1u);   // profile
-    EXPECT_EQ(get_u32(bytes, 20), 100u); // object cells
-    EXPECT_EQ(get_u32(bytes, 72), 1u);   // classes
+    EXPECT_EQ(get_u32(bytes, 8), 1u);     // version
+    EXPECT_EQ(get_u32(bytes, 12), 56u);   // settings bytes
+    EXPECT_EQ(get_u32(bytes, 16), 1u);    // profile
+    EXPECT_EQ(get_u32(bytes, 20), 100u);  // object cells
+    EXPECT_EQ(get_u32(bytes, 72), 1u);    // classes
     const uint32_t record = get_u32(bytes, 76);
     EXPECT_EQ(record, 60u + 6u + 4u * 5u * 18u * 10u);  // fixed fields with the name length, "person", weights
     EXPECT_EQ(bytes.size(), 80u + record + 12u);
@@ -209,7 +211,8 @@ TEST(AccurateModelFile, TheMagicKeepsTheFormatsApart) {
     for (const char *name : {"bccd_rbc_plain.model", "bccd_rbc_two_pictures.model", "filter_201_k1.model",
                              "filter_220_k3.model", "plain_201.model", "plain_260.model"}) {
         std::ifstream file(std::string(OSTREL_TEST_DATA_DIR) + "/../fuzz/corpus/" + name, std::ios::binary);
-        const std::vector<unsigned char> classic((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        const std::vector<unsigned char> classic((std::istreambuf_iterator<char>(file)),
+                                                 std::istreambuf_iterator<char>());
         ASSERT_GE(classic.size(), 8u) << name;
         EXPECT_FALSE(ostrel::has_accurate_magic(classic.data(), classic.size())) << name;
         EXPECT_LT(classic[3], 0x80) << name;  // class_idx >= 0

@@ -49,8 +49,8 @@ TEST(ClassNames, TheRuleTakesUtf8AndRefusesTheRest) {
     EXPECT_EQ(ostrel::class_name_problem(std::string(255, 'a')), "");
     EXPECT_NE(ostrel::class_name_problem(std::string(256, 'a')).find("longer than 255"), std::string::npos);
     EXPECT_NE(ostrel::class_name_problem(std::string("a\0b", 3)).find("NUL"), std::string::npos);
-    for (const char *bad : {"\xFF", "a\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                            "\x80", "\xC3\x28"}) {
+    for (const char *bad :
+         {"\xFF", "a\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xC3\x28"}) {
         EXPECT_NE(ostrel::class_name_problem(bad).find("not UTF-8"), std::string::npos) << bad;
     }
     for (const char *bad : {"tab\there", "new\nline", "del\x7F"}) {

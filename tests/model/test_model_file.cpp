@@ -170,9 +170,9 @@ TEST(ModelFileRead, RoundTrip) {
     EXPECT_EQ(m.vector[2], 0x12345678);
     EXPECT_EQ(g.fp_threshold, 8.5f);
     EXPECT_EQ(g.pca_filter_ready, 1);
-    for (const auto &pair : {std::make_pair(&f.mean, &g.mean), std::make_pair(&f.eigenvectors, &g.eigenvectors),
-                             std::make_pair(&f.reduce_mean, &g.reduce_mean),
-                             std::make_pair(&f.reduce_inv_covar, &g.reduce_inv_covar)}) {
+    for (const auto &pair :
+         {std::make_pair(&f.mean, &g.mean), std::make_pair(&f.eigenvectors, &g.eigenvectors),
+          std::make_pair(&f.reduce_mean, &g.reduce_mean), std::make_pair(&f.reduce_inv_covar, &g.reduce_inv_covar)}) {
         ASSERT_EQ(pair.second->type(), CV_32F);
         ASSERT_EQ(pair.first->size(), pair.second->size());
         EXPECT_EQ(std::memcmp(pair.first->data, pair.second->data, pair.first->total() * 4), 0);

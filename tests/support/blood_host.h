@@ -76,9 +76,8 @@ inline std::string temp_path(const std::string &name) {
 inline int32_t set_up(ostrel_alg *engine, const ostrel_alg_image &image, const std::vector<ostrel_alg_box> &boxes,
                       std::string *log = nullptr) {
     int32_t status = -1;
-    const std::string printed = capture_stdout([&] {
-        status = ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size()));
-    });
+    const std::string printed = capture_stdout(
+        [&] { status = ostrel_alg_setDetector_ptr(engine, &image, boxes.data(), static_cast<int32_t>(boxes.size())); });
     if (log != nullptr) *log = printed;
     return status;
 }

@@ -73,17 +73,17 @@ std::string png_with_orientation(const cv::Mat &stored, int orientation) {
 cv::Mat stored_for_orientation(const cv::Mat &upright, int orientation) {
     cv::Mat out;
     switch (orientation) {
-    case 2: cv::flip(upright, out, 1); break;
-    case 3: cv::flip(upright, out, -1); break;
-    case 4: cv::flip(upright, out, 0); break;
-    case 5: cv::transpose(upright, out); break;
-    case 6: cv::rotate(upright, out, cv::ROTATE_90_COUNTERCLOCKWISE); break;
-    case 7:
-        cv::transpose(upright, out);
-        cv::flip(out, out, -1);
-        break;
-    case 8: cv::rotate(upright, out, cv::ROTATE_90_CLOCKWISE); break;
-    default: out = upright.clone(); break;
+        case 2: cv::flip(upright, out, 1); break;
+        case 3: cv::flip(upright, out, -1); break;
+        case 4: cv::flip(upright, out, 0); break;
+        case 5: cv::transpose(upright, out); break;
+        case 6: cv::rotate(upright, out, cv::ROTATE_90_COUNTERCLOCKWISE); break;
+        case 7:
+            cv::transpose(upright, out);
+            cv::flip(out, out, -1);
+            break;
+        case 8: cv::rotate(upright, out, cv::ROTATE_90_CLOCKWISE); break;
+        default: out = upright.clone(); break;
     }
     return out;
 }

@@ -14,8 +14,7 @@ namespace ostrel_test {
 // A record over a copy of a BGR picture's pixels, interleaved or planar
 // (three planes in channel order). `storage` receives the bytes the record
 // points into and must outlive it.
-inline ostrel_alg_image host_record(const cv::Mat &bgr, bool planar, std::vector<uint8_t> &storage,
-                                    int64_t key = 1) {
+inline ostrel_alg_image host_record(const cv::Mat &bgr, bool planar, std::vector<uint8_t> &storage, int64_t key = 1) {
     const size_t plane = static_cast<size_t>(bgr.rows) * static_cast<size_t>(bgr.cols);
     storage.resize(plane * 3);
     if (planar) {

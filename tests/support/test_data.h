@@ -5,8 +5,6 @@
 
 namespace ostrel_test {
 
-inline std::string data_path(const std::string &relative) {
-    return std::string(OSTREL_TEST_DATA_DIR) + "/" + relative;
-}
+inline std::string data_path(const std::string &relative) { return std::string(OSTREL_TEST_DATA_DIR) + "/" + relative; }
 
 }  // namespace ostrel_test

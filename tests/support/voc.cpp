@@ -33,8 +33,7 @@ std::vector<voc_object> read_voc(const std::string &path) {
     std::vector<voc_object> objects;
     const std::regex object_pattern("<object>([\\s\\S]*?)</object>");
     const std::regex name_pattern("<name>\\s*([^<]*?)\\s*</name>");
-    for (auto it = std::sregex_iterator(text.begin(), text.end(), object_pattern); it != std::sregex_iterator();
-         ++it) {
+    for (auto it = std::sregex_iterator(text.begin(), text.end(), object_pattern); it != std::sregex_iterator(); ++it) {
         const std::string body = (*it)[1].str();
         voc_object object;
         std::smatch name;

@@ -160,8 +160,9 @@ TEST(LayOutTrainingRows, ShorterRowPaddedLongerRowCutWithDebugLines) {
     const training_sample same = sample_with({12, 13, 14, 15}, -2);
     cv::Mat samples;
     cv::Mat labels;
-    const std::string log = capture_stdout(
-        [&] { ostrel::lay_out_training_rows({&first, &shorter, &longer, &same}, &samples, &labels); });
+    const std::string log = capture_stdout([&] {
+        ostrel::lay_out_training_rows({&first, &shorter, &longer, &same}, &samples, &labels);
+    });
     EXPECT_EQ(log,
               "[Debug] training sample 1 has 2 features, expected 4\n"
               "[Debug] training sample 2 has 5 features, expected 4\n");
@@ -210,9 +211,8 @@ TEST(FlattenAllSamples, RecordThenAllItsVariants) {
     groups[1].variants.push_back(sample_with({6}, -1));
     groups.push_back(sample_with({7}, -2));
     const auto rows = ostrel::flatten_all_samples(groups);
-    const std::vector<const training_sample *> expected{&groups[0],             &groups[0].variants[0],
-                                                        &groups[0].variants[1], &groups[1],
-                                                        &groups[1].variants[0], &groups[1].variants[1],
+    const std::vector<const training_sample *> expected{&groups[0], &groups[0].variants[0], &groups[0].variants[1],
+                                                        &groups[1], &groups[1].variants[0], &groups[1].variants[1],
                                                         &groups[2]};
     EXPECT_EQ(rows, expected);
 }
@@ -232,8 +232,8 @@ TEST(FlattenOutlierCandidates, PositiveRecordsBringTheirPositiveVariants) {
     groups.push_back(sample_with({9}, -2));
     uint32_t positives = 0;
     const auto rows = ostrel::flatten_outlier_candidates(groups, &positives);
-    const std::vector<const training_sample *> expected{&groups[0], &groups[1], &groups[1].variants[0],
-                                                        &groups[1].variants[2], &groups[2], &groups[3]};
+    const std::vector<const training_sample *> expected{
+        &groups[0], &groups[1], &groups[1].variants[0], &groups[1].variants[2], &groups[2], &groups[3]};
     EXPECT_EQ(rows, expected);
     EXPECT_EQ(positives, 3u);
     // The count may be left out.

@@ -119,8 +119,7 @@ void write_detections(ostrel_alg *engine, const std::string &data, const std::st
             std::memcpy(&score_bits, &b.score, sizeof score_bits);
             char line[160];
             std::snprintf(line, sizeof line, "%s %d %d %d %d score %08x label %d colours %d %d\n", stem, b.x, b.y,
-                          b.width, b.height, static_cast<unsigned>(score_bits), b.label, b.color_main,
-                          b.color_second);
+                          b.width, b.height, static_cast<unsigned>(score_bits), b.label, b.color_main, b.color_second);
             text += line;
         }
     }
@@ -132,8 +131,9 @@ void train(const std::string &data, const std::string &out) {
     Engine engine;
     check(ostrel_alg_setRandomSeed(engine.get(), kSeed), "ostrel_alg_setRandomSeed");
     const cv::Mat pixels = load(data, kTrainingPicture);
-    const std::vector<ostrel_alg_box> marked = ostrel_test::median_size_boxes(
-        ostrel_test::read_voc(data + "/bccd/annotations/" + kTrainingPicture + ".xml"), "RBC");
+    const std::vector<ostrel_alg_box> marked =
+        ostrel_test::median_size_boxes(ostrel_test::read_voc(data + "/bccd/annotations/" + kTrainingPicture + ".xml"),
+                                       "RBC");
     const ostrel_alg_image image = record(pixels, 1);
     check(ostrel_alg_setDetector_ptr(engine.get(), &image, marked.data(), static_cast<int32_t>(marked.size())),
           "ostrel_alg_setDetector_ptr");
@@ -170,8 +170,9 @@ void train_accurate(const std::string &data, const std::string &out) {
           "ostrel_alg_setOption (profile)");
     check(ostrel_alg_setRandomSeed(engine.get(), kSeed), "ostrel_alg_setRandomSeed");
     const cv::Mat pixels = load(data, kTrainingPicture);
-    const std::vector<ostrel_alg_box> marked = ostrel_test::annotation_boxes(
-        ostrel_test::read_voc(data + "/bccd/annotations/" + kTrainingPicture + ".xml"), "RBC");
+    const std::vector<ostrel_alg_box> marked =
+        ostrel_test::annotation_boxes(ostrel_test::read_voc(data + "/bccd/annotations/" + kTrainingPicture + ".xml"),
+                                      "RBC");
     const ostrel_alg_image image = record(pixels, 1);
     check(ostrel_alg_setDetector_ptr(engine.get(), &image, marked.data(), static_cast<int32_t>(marked.size())),
           "ostrel_alg_setDetector_ptr (accurate)");
@@ -229,7 +230,8 @@ int describe_filter_difference(const std::string &path_a, const std::string &pat
         throw Failure{"the models differ in size or have no filter"};
     }
     const bool same_before = std::equal(a.begin(), a.begin() + static_cast<std::ptrdiff_t>(fixed), b.begin());
-    std::printf("the %zu bytes before the principal directions are %s\n", fixed, same_before ? "the same" : "NOT the same");
+    std::printf("the %zu bytes before the principal directions are %s\n", fixed,
+                same_before ? "the same" : "NOT the same");
     offset = fixed;
     size_t offset_b = fixed;
     FloatMatrix ma[3], mb[3];  // eigenvectors (K x n), reduce_mean (1 x K), reduce_inv_covar (K x K)

@@ -71,8 +71,7 @@ TEST_F(ThreadCodePage, ConversionThatFitsGoesThrough) {
         GTEST_SKIP() << "the thread code page does not take three bytes for U+20AC here";
     }
     int32_t status = 0;
-    const std::string out =
-        capture_stdout([&] { status = ostrel_alg_checkModelValidation_bstr(engine_, L"\u20ac"); });
+    const std::string out = capture_stdout([&] { status = ostrel_alg_checkModelValidation_bstr(engine_, L"\u20ac"); });
     EXPECT_EQ(status, 1);
     EXPECT_EQ(out, "[ostrel_alg::checkModelValidation] file open fail , check file path : \xe2\x82\xac \n");
 }

@@ -95,8 +95,8 @@ TEST(BatchInputs, RecursiveWalksSubFoldersInNameOrder) {
     f.file("b/c/y.jpg");
     f.file("c.jpg");
     const InputExpansion e = expand_inputs({f.path()}, true);
-    EXPECT_EQ(paths_of(e), (std::vector<std::string>{f.path("a.jpg"), f.path("b/c/y.jpg"), f.path("b/x.jpg"),
-                                                     f.path("c.jpg")}));
+    EXPECT_EQ(paths_of(e),
+              (std::vector<std::string>{f.path("a.jpg"), f.path("b/c/y.jpg"), f.path("b/x.jpg"), f.path("c.jpg")}));
     EXPECT_TRUE(e.notes.empty());
 }
 

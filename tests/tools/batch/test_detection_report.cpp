@@ -41,7 +41,8 @@ TEST(DetectionReport, FramesCarryIndexAndTime) {
               "{\"file\":\"clip.mp4\",\"frame\":3,\"time_ms\":375,\"width\":640,\"height\":480,\"boxes\":[{\"x\":10,"
               "\"y\":20,\"w\":97,\"h\":100,\"score\":0.97,\"label\":1,\"color_main\":2,\"color_second\":9,"
               "\"color_main_name\":\"light\",\"color_second_name\":\"none\"}]}\n");
-    EXPECT_EQ(report_text(r, false), "clip.mp4  frame 3  time_ms 375  10,20,97,100  score 0.97  label 1  colours light, none\n");
+    EXPECT_EQ(report_text(r, false),
+              "clip.mp4  frame 3  time_ms 375  10,20,97,100  score 0.97  label 1  colours light, none\n");
     r.frame = FramePlace{1, 1000.0 / 30.0};
     r.boxes.clear();
     EXPECT_EQ(report_text(r, false), "clip.mp4  frame 1  time_ms 33.333  no detections\n");
@@ -66,13 +67,16 @@ TEST(OutputNames, SameStemGetsANumberPerExtension) {
 // escapes (\n, \r, \t, \\, \xHH), everything else is written as it is.
 TEST(DetectionReport, NamesAreEscapedInTextSoTheyCannotForgeLines) {
     DetectionReport r{"evil\n1,2,3,4  score 1.00.jpg", std::nullopt, 640, 480, {box(10, 0.97f, 1)}, {}};
-    EXPECT_EQ(report_text(r, false), "evil\\n1,2,3,4  score 1.00.jpg  10,20,97,100  score 0.97  label 1  colours light, none\n");
+    EXPECT_EQ(report_text(r, false),
+              "evil\\n1,2,3,4  score 1.00.jpg  10,20,97,100  score 0.97  label 1  colours light, none\n");
     r.boxes.clear();
     r.file = std::string("tab\there\rcr\x01\x7f\\back\xff\xc3(.jpg");
     EXPECT_EQ(report_text(r, false), "tab\\there\\rcr\\x01\\x7f\\\\back\\xff\\xc3(.jpg  no detections\n");
     r.file = "caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x93\xb7 plain name.jpg";  // UTF-8 stays as it is
     EXPECT_EQ(report_text(r, false), r.file + "  no detections\n");
-    r.file = "c1\xc2\x9b" "31m.jpg";  // a C1 control character (CSI) is escaped byte by byte
+    r.file =
+        "c1\xc2\x9b"
+        "31m.jpg";  // a C1 control character (CSI) is escaped byte by byte
     EXPECT_EQ(report_text(r, false), "c1\\xc2\\x9b31m.jpg  no detections\n");
     r.file = "clip\n.mp4";
     r.frame = FramePlace{3, 375.0};
@@ -81,8 +85,8 @@ TEST(DetectionReport, NamesAreEscapedInTextSoTheyCannotForgeLines) {
 
 TEST(DetectionReport, EscapedNamesReadBackToTheirBytes) {
     // Overlong forms, surrogates and code points beyond U+10FFFF are not UTF-8.
-    for (const std::string &name : {std::string("\xc0\xaf"), std::string("\xed\xa0\x80"), std::string("\xf4\x90\x80\x80"),
-                                    std::string("\xe2\x82"), std::string("a\\xff")}) {
+    for (const std::string &name : {std::string("\xc0\xaf"), std::string("\xed\xa0\x80"),
+                                    std::string("\xf4\x90\x80\x80"), std::string("\xe2\x82"), std::string("a\\xff")}) {
         const std::string text = printable_file_name(name);
         std::string back;
         for (size_t i = 0; i < text.size(); ++i) {

@@ -30,8 +30,8 @@ TEST(ParseBoxSpec, ReadsFourIntegers) {
 }
 
 TEST(ParseBoxSpec, MalformedBoxesAreUsageErrors) {
-    for (const char *bad : {"10,20,30", "10,20,30,40,50", "a,b,c,d", "10,20,30,", "", "10;20;30;40",
-                            "10,20,30.5,40", "1,2,99999999999,4"}) {
+    for (const char *bad : {"10,20,30", "10,20,30,40,50", "a,b,c,d", "10,20,30,", "", "10;20;30;40", "10,20,30.5,40",
+                            "1,2,99999999999,4"}) {
         EXPECT_EQ(code_of([&] { parse_box_argument(bad); }), ExitCode::usage) << bad;
     }
 }
@@ -52,11 +52,9 @@ TEST(ParseBoxSpec, MessageQuotesTheText) {
 
 TEST(ParseBoxListJson, AcceptsObjectsArraysAndDetectLines) {
     const std::vector<Rect> expected{{1, 2, 3, 4}, {5, 6, 7, 8}};
-    EXPECT_EQ(parse_box_list_json(R"([{"x":1,"y":2,"w":3,"h":4},{"x":5,"y":6,"width":7,"height":8}])", "t"),
-              expected);
+    EXPECT_EQ(parse_box_list_json(R"([{"x":1,"y":2,"w":3,"h":4},{"x":5,"y":6,"width":7,"height":8}])", "t"), expected);
     EXPECT_EQ(parse_box_list_json("[[1,2,3,4],[5,6,7,8]]", "t"), expected);
-    EXPECT_EQ(parse_box_list_json(R"({"file":"a.jpg","boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.9},[5,6,7,8]]})",
-                                  "t"),
+    EXPECT_EQ(parse_box_list_json(R"({"file":"a.jpg","boxes":[{"x":1,"y":2,"w":3,"h":4,"score":0.9},[5,6,7,8]]})", "t"),
               expected);
     EXPECT_TRUE(parse_box_list_json("[]", "t").empty());
 }

@@ -31,8 +31,8 @@ TEST(Cli, HelpSucceeds) {
 TEST(Cli, UsageErrorsExitWithTwo) {
     EXPECT_EQ(run({}), to_int(ExitCode::usage));
     EXPECT_EQ(run({"nonsense"}), to_int(ExitCode::usage));
-    EXPECT_EQ(run({"train", ostrel_test::data_path("bccd/images/BloodImage_00000.jpg"), "--box", "1,2,3",
-                   "--model", "/tmp/ostrel_never.model"}),
+    EXPECT_EQ(run({"train", ostrel_test::data_path("bccd/images/BloodImage_00000.jpg"), "--box", "1,2,3", "--model",
+                   "/tmp/ostrel_never.model"}),
               to_int(ExitCode::usage));
 }
 

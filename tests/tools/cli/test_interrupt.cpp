@@ -33,9 +33,7 @@ TEST(InterruptGuard, FirstSignalOnlySetsTheFlag) {
 
 TEST(InterruptGuard, RestoresTheHandlersBefore) {
     auto previous = std::signal(SIGINT, old_handler);
-    {
-        InterruptGuard guard;
-    }
+    { InterruptGuard guard; }
     std::raise(SIGINT);
     EXPECT_EQ(g_old_handler_calls, 1);
     EXPECT_FALSE(InterruptGuard::requested());

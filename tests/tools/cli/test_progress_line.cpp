@@ -70,9 +70,7 @@ TEST(ProgressLine, TerminalRewritesOneLineAndClearsIt) {
     EXPECT_EQ(written(true, 50), "\r0 pictures  0.0/s\033[K\r\033[K");
 }
 
-TEST(ProgressLine, LogGetsWholeLines) {
-    EXPECT_EQ(written(false, 50), "ostrel: progress: 0 pictures  0.0/s\n");
-}
+TEST(ProgressLine, LogGetsWholeLines) { EXPECT_EQ(written(false, 50), "ostrel: progress: 0 pictures  0.0/s\n"); }
 
 TEST(ProgressLine, DisabledWritesNothing) {
     std::FILE *f = std::tmpfile();

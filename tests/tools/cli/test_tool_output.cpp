@@ -15,7 +15,8 @@ TEST(PrintableText, ControlCharactersAndBrokenUtf8BecomeEscapes) {
 }
 
 TEST(PrintableText, ReadableTextIsKeptAsItIs) {
-    EXPECT_EQ(printable_text("Blutk\xc3\xb6rperchen \xe7\x8c\xab.jpg", false), "Blutk\xc3\xb6rperchen \xe7\x8c\xab.jpg");
+    EXPECT_EQ(printable_text("Blutk\xc3\xb6rperchen \xe7\x8c\xab.jpg", false),
+              "Blutk\xc3\xb6rperchen \xe7\x8c\xab.jpg");
     EXPECT_EQ(printable_text("", true), "");
 }
 

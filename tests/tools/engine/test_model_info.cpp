@@ -165,9 +165,9 @@ TEST(ParseModel, ValuesTheLibraryRefusesAreListedAsProblems) {
 
 TEST(DescribeModel, ListsTheFieldsByName) {
     const std::string text = describe_model(parse_model(model(300, true), "m"));
-    for (const char *line : {"class_idx: 0\n", "trained_width: 100\n", "support_vector_size: 300\n",
-                             "fp_threshold: 7.5\n", "pca_filter_ready: 1\n", "eigenvectors: 2 x 300\n",
-                             "reduce_inv_covar: 2 x 2\n", "CRC matches: yes\n"}) {
+    for (const char *line :
+         {"class_idx: 0\n", "trained_width: 100\n", "support_vector_size: 300\n", "fp_threshold: 7.5\n",
+          "pca_filter_ready: 1\n", "eigenvectors: 2 x 300\n", "reduce_inv_covar: 2 x 2\n", "CRC matches: yes\n"}) {
         EXPECT_NE(text.find(line), std::string::npos) << line;
     }
 }

@@ -87,9 +87,7 @@ TEST(ReadModelInfo, AFifoAndADeviceAreRefusedUnread) {
 TEST(ReadModelInfo, ASparseFileIsJudgedByItsRecordsNotItsSize) {
     const fs::path sparse = fs::temp_directory_path() / "ostrel_sparse.model";
     fs::remove(sparse);
-    {
-        std::ofstream touch(sparse);
-    }
+    { std::ofstream touch(sparse); }
     fs::resize_file(sparse, 3ull << 30);
     const ModelInfo info = read_model_info(sparse.string());
     EXPECT_EQ(info.content_length, 37u);

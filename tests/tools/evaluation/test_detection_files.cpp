@@ -19,9 +19,8 @@ namespace fs = std::filesystem;
 class DetectionFiles : public ::testing::Test {
 protected:
     void SetUp() override {
-        root_ = fs::temp_directory_path() /
-                ("ostrel-detection-files-" + std::to_string(::getpid()) + "-" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        root_ = fs::temp_directory_path() / ("ostrel-detection-files-" + std::to_string(::getpid()) + "-" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(root_);
         fs::create_directories(root_);
         for (const char *name : {"one.jpg", "two.jpg"}) {
@@ -45,14 +44,14 @@ protected:
 };
 
 TEST_F(DetectionFiles, ClassesNamedInOrderOfFirstUse) {
-    const std::string path = file("d.jsonl",
-                                  R"({"file": "two.jpg", "boxes": [{"x": 1, "y": 2, "w": 3, "h": 4, "score": 0.9,)"
-                                  R"( "label": 1, "class": "dust"}, {"x": 5, "y": 5, "w": 5, "h": 5, "score": 0.8,)"
-                                  R"( "label": -1, "class": "cell"}]})"
-                                  "\n"
-                                  R"({"file": "one.jpg", "boxes": [{"x": 1, "y": 1, "w": 2, "h": 2, "score": 0.7,)"
-                                  R"( "label": 1, "class": "cell"}]})"
-                                  "\n");
+    const std::string path =
+        file("d.jsonl", R"({"file": "two.jpg", "boxes": [{"x": 1, "y": 2, "w": 3, "h": 4, "score": 0.9,)"
+                        R"( "label": 1, "class": "dust"}, {"x": 5, "y": 5, "w": 5, "h": 5, "score": 0.8,)"
+                        R"( "label": -1, "class": "cell"}]})"
+                        "\n"
+                        R"({"file": "one.jpg", "boxes": [{"x": 1, "y": 1, "w": 2, "h": 2, "score": 0.7,)"
+                        R"( "label": 1, "class": "cell"}]})"
+                        "\n");
     const DetectionFile f = read_detection_file(path, labels_);
     EXPECT_EQ(f.classes, (std::vector<std::string>{"dust", "cell"}));
     EXPECT_TRUE(names_several_classes(f));
@@ -104,8 +103,9 @@ TEST_F(DetectionFiles, LinesOfOtherPicturesNameNoClass) {
 TEST_F(DetectionFiles, CocoResultsNameTheirCategories) {
     labels_.format = LabelFormat::coco;
     labels_.class_ids = {1, 2};
-    const std::string path = file("r.json", R"([{"image_id": 2, "category_id": 2, "bbox": [1, 2, 3, 4], "score": 0.9},)"
-                                            R"( {"image_id": 1, "category_id": 1, "bbox": [1, 2, 3, 4], "score": 0.8}])");
+    const std::string path =
+        file("r.json", R"([{"image_id": 2, "category_id": 2, "bbox": [1, 2, 3, 4], "score": 0.9},)"
+                       R"( {"image_id": 1, "category_id": 1, "bbox": [1, 2, 3, 4], "score": 0.8}])");
     const DetectionFile f = read_detection_file(path, labels_);
     // Read picture by picture: one.jpg's cell comes first.
     EXPECT_EQ(f.classes, (std::vector<std::string>{"cell", "dust"}));

@@ -31,8 +31,7 @@ TEST(MeasuredClasses, EveryClassNamedByDefaultInItsOrder) {
 TEST(MeasuredClasses, EachClassAskedOnItsOwnInTheOrderAsked) {
     EXPECT_EQ(names_of(measured_classes({"black-pawn", "white-pawn"}, kPawns, "the model")),
               (std::vector<std::string>{"black-pawn", "white-pawn"}));
-    EXPECT_EQ(names_of(measured_classes({"black-pawn"}, kPawns, "the model")),
-              std::vector<std::string>{"black-pawn"});
+    EXPECT_EQ(names_of(measured_classes({"black-pawn"}, kPawns, "the model")), std::vector<std::string>{"black-pawn"});
 }
 
 TEST(MeasuredClasses, CommaMergesIntoOneClass) {

@@ -13,7 +13,6 @@
 using namespace ostrel_tool;
 namespace fs = std::filesystem;
 
-
 TEST(AtomicFile, WritesAndReplacesWithoutLeavingTemporaries) {
     const fs::path dir = fresh_dir("write");
     const std::string path = (dir / "out.txt").string();
@@ -33,8 +32,7 @@ TEST(AtomicFile, TemporaryNameIsHiddenNextToTheTarget) {
 }
 
 TEST(AtomicFile, MissingFolderIsAnOutputErrorAndWritesNothing) {
-    EXPECT_EQ(code_of([] { write_file_atomically("/nonexistent/dir/out.txt", std::string("x")); }),
-              ExitCode::output);
+    EXPECT_EQ(code_of([] { write_file_atomically("/nonexistent/dir/out.txt", std::string("x")); }), ExitCode::output);
     EXPECT_FALSE(fs::exists("/nonexistent/dir"));
 }
 

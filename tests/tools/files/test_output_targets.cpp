@@ -18,7 +18,6 @@
 using namespace ostrel_tool;
 namespace fs = std::filesystem;
 
-
 // Only output_target is asked about devices: a writer that failed to refuse
 // one would replace the machine's /dev/null when the tests run as root.
 TEST(OutputTarget, ADeviceIsRefusedAndStaysADevice) {
@@ -81,9 +80,7 @@ TEST(OutputTarget, AReplacedFileKeepsItsMode) {
     EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
     fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
     TemporaryFile temporary(temporary_name_for(output_target(file.string())));
-    {
-        std::ofstream(temporary.path()) << "third";
-    }
+    { std::ofstream(temporary.path()) << "third"; }
     commit_temporary(temporary.path(), file.string());
     temporary.release();
     EXPECT_EQ(fs::status(file).permissions() & fs::perms::all,

@@ -120,7 +120,9 @@ TEST(LoadPicture, TheLimitCanBeRaisedToTheLibrarysOwn) {
     const std::string raised = message_of([&] { load_picture(large); });
     EXPECT_FALSE(raised.empty());
     EXPECT_EQ(raised.find("above the limit"), std::string::npos) << raised;
-    EXPECT_NE(message_of([&] { load_picture(huge); }).find("above the limit of 268435456 pixels (the library's own limit)"),
+    EXPECT_NE(message_of([&] {
+                  load_picture(huge);
+              }).find("above the limit of 268435456 pixels (the library's own limit)"),
               std::string::npos);
     set_max_picture_pixels(kDefaultMaxPicturePixels);
     fs::remove_all(dir);

@@ -50,7 +50,7 @@ TEST(StudioPictureHeader, JpegSizeFromTheFirstFrameHeaderPastOtherSegments) {
     EXPECT_TRUE(reaches_picture_end(shipped, PictureFormat::jpeg));
     EXPECT_FALSE(reaches_picture_end(shipped.substr(0, 3000), PictureFormat::jpeg));
     // An application segment, fill bytes, then a progressive frame header.
-    const unsigned char raw[] = {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x04, 'a', 'b', 0xFF, 0xFF,
+    const unsigned char raw[] = {0xFF, 0xD8, 0xFF, 0xE0, 0x00, 0x04, 'a',  'b',  0xFF, 0xFF,
                                  0xC2, 0x00, 0x0b, 0x08, 0x01, 0x2c, 0x02, 0x58, 0x03};
     const std::string made(reinterpret_cast<const char *>(raw), sizeof raw);
     const PictureHeader p = read_picture_header(made);
@@ -65,7 +65,7 @@ TEST(StudioPictureHeader, BmpSizeWithTopDownRows) {
     bmp[1] = 'M';
     bmp[2] = 54;
     bmp[14] = 40;
-    bmp[18] = 0x20;  // width 32
+    bmp[18] = 0x20;              // width 32
     const int32_t height = -16;  // rows stored top-down
     for (int i = 0; i < 4; ++i) bmp[22 + i] = static_cast<char>((static_cast<uint32_t>(height) >> (8 * i)) & 0xff);
     const PictureHeader h = read_picture_header(bmp);
@@ -202,7 +202,7 @@ TEST(StudioPictureHeader, DamagedExifNeverDisagreesWithTheDecoder) {
     const cv::Mat stored = ostrel_test::stored_for_orientation(upright_picture(), 6);
     for (const bool big_endian : {true, false}) {
         const std::string good = ostrel_test::jpeg_with_orientation(stored, 6, big_endian);
-        const size_t first = 2 + 4;                       // the APP1 segment's data
+        const size_t first = 2 + 4;  // the APP1 segment's data
         const size_t end = first + 6 + ostrel_test::exif_orientation_tiff(6).size();
         std::mt19937 random(big_endian ? 7 : 8);
         int compared = 0;

@@ -54,8 +54,7 @@ TEST(TrainingSet, VocFolderGivesThePicturesWithTheClassUpToTheLimit) {
     EXPECT_NE(three.pictures[0].picture_path.find("BloodImage_00000.jpg"), std::string::npos);
     EXPECT_NE(three.pictures[2].picture_path.find("BloodImage_00002.jpg"), std::string::npos);
     EXPECT_EQ(three.pictures[0].boxes.size(), 19u);
-    EXPECT_EQ(code_of([] { training_pictures_from_voc(ostrel_test::data_path("bccd"), "cat", 0); }),
-              ExitCode::input);
+    EXPECT_EQ(code_of([] { training_pictures_from_voc(ostrel_test::data_path("bccd"), "cat", 0); }), ExitCode::input);
 }
 
 TEST(TrainingSet, SamePictureSizeKeepsTheWindow) {

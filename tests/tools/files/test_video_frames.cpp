@@ -19,7 +19,8 @@ namespace {
 
 // 30 frames at 10 fps; frame i is filled with grey level 8 * i.
 std::string make_video() {
-    const std::string path = (fs::temp_directory_path() / ("ostrel_frames_" + std::to_string(::getpid()) + ".avi")).string();
+    const std::string path =
+        (fs::temp_directory_path() / ("ostrel_frames_" + std::to_string(::getpid()) + ".avi")).string();
     cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 10.0, cv::Size(64, 48));
     for (int i = 0; i < 30; ++i) {
         writer.write(cv::Mat(48, 64, CV_8UC3, cv::Scalar::all(8 * i)));
@@ -97,7 +98,8 @@ TEST_F(VideoFramesTest, EveryNthBetweenStartAndEnd) {
 TEST(VideoFrames, FarStartSeeksToTheRightFrame) {
     // 400 frames; frame i shows i in two grey levels, so a frame that comes
     // from the wrong place is seen.
-    const std::string path = (fs::temp_directory_path() / ("ostrel_seek_" + std::to_string(::getpid()) + ".avi")).string();
+    const std::string path =
+        (fs::temp_directory_path() / ("ostrel_seek_" + std::to_string(::getpid()) + ".avi")).string();
     {
         cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 25.0,
                                cv::Size(64, 48));

@@ -69,20 +69,20 @@ TEST(VocAnnotation, SkipsCommentsAndDecodesEntities) {
 
 TEST(VocAnnotation, MalformedFilesAreInputErrors) {
     EXPECT_EQ(code_of([] { parse_voc_annotation("<nothing/>", "t"); }), ExitCode::input);
+    EXPECT_EQ(code_of([] { parse_voc_annotation("<annotation><object><name>x</name></object></annotation>", "t"); }),
+              ExitCode::input);
     EXPECT_EQ(code_of([] {
-                  parse_voc_annotation("<annotation><object><name>x</name></object></annotation>", "t");
+                  parse_voc_annotation(
+                      "<annotation><object><name>x</name><bndbox><xmin>a</xmin><ymin>1</ymin>"
+                      "<xmax>2</xmax><ymax>2</ymax></bndbox></object></annotation>",
+                      "t");
               }),
               ExitCode::input);
     EXPECT_EQ(code_of([] {
-                  parse_voc_annotation("<annotation><object><name>x</name><bndbox><xmin>a</xmin><ymin>1</ymin>"
-                                       "<xmax>2</xmax><ymax>2</ymax></bndbox></object></annotation>",
-                                       "t");
-              }),
-              ExitCode::input);
-    EXPECT_EQ(code_of([] {
-                  parse_voc_annotation("<annotation><object><name>x</name><bndbox><xmin>5</xmin><ymin>1</ymin>"
-                                       "<xmax>2</xmax><ymax>2</ymax></bndbox></object></annotation>",
-                                       "t");
+                  parse_voc_annotation(
+                      "<annotation><object><name>x</name><bndbox><xmin>5</xmin><ymin>1</ymin>"
+                      "<xmax>2</xmax><ymax>2</ymax></bndbox></object></annotation>",
+                      "t");
               }),
               ExitCode::input);
     EXPECT_EQ(code_of([] { read_voc_annotation("/nonexistent.xml"); }), ExitCode::input);

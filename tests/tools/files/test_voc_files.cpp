@@ -49,8 +49,8 @@ TEST(VocFiles, FloatCoordinatesWordFlagsAndNestedNames) {
     // The <attributes> block's <name>occluded</name> comes first and the
     // <part>'s <bndbox> last: neither is taken for the object's own.
     EXPECT_EQ(a.objects[0].name, "car");
-    EXPECT_TRUE(a.objects[0].difficult);    // "true"
-    EXPECT_FALSE(a.objects[0].truncated);   // "false"
+    EXPECT_TRUE(a.objects[0].difficult);   // "true"
+    EXPECT_FALSE(a.objects[0].truncated);  // "false"
     // xmin 100.47 -> 100, ymin 50.5 -> 51 (half away from zero), xmax 220.61 -> 221, ymax 140.2 -> 140
     EXPECT_EQ(a.objects[0].box, (Rect{99, 50, 122, 90}));
     EXPECT_EQ(a.objects[1].name, "bus & coach");  // CDATA
@@ -63,7 +63,9 @@ TEST(VocFiles, Latin1DeclarationIsDecodedToUtf8) {
     const VocAnnotation a = read_voc_annotation(voc_file("latin1.xml"));
     EXPECT_EQ(a.filename, "caf\xc3\xa9.jpg");
     ASSERT_EQ(a.objects.size(), 1u);
-    EXPECT_EQ(a.objects[0].name, "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9" "e");
+    EXPECT_EQ(a.objects[0].name,
+              "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9"
+              "e");
     EXPECT_EQ(a.objects[0].box, (Rect{10, 20, 30, 40}));
 }
 
@@ -73,7 +75,9 @@ TEST(VocFiles, Utf16WithByteOrderMark) {
     const VocAnnotation a = parse_voc_annotation(bytes, "utf16.xml");
     EXPECT_EQ(a.filename, "caf\xc3\xa9.jpg");
     ASSERT_EQ(a.objects.size(), 1u);
-    EXPECT_EQ(a.objects[0].name, "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9" "e");
+    EXPECT_EQ(a.objects[0].name,
+              "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9"
+              "e");
     EXPECT_EQ(a.objects[0].box, (Rect{10, 20, 30, 40}));
 }
 
@@ -86,8 +90,16 @@ TEST(VocFiles, ByteOrderMarkCrLfAndCharacterReferences) {
 }
 
 TEST(VocFiles, BoxFilesInEveryEncodingGiveTheirBoxes) {
-    EXPECT_EQ(read_box_file(voc_file("utf16.xml"), "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9" "e").size(), 1u);
-    EXPECT_EQ(read_box_file(voc_file("latin1.xml"), "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9" "e").size(), 1u);
+    EXPECT_EQ(read_box_file(voc_file("utf16.xml"),
+                            "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9"
+                            "e")
+                  .size(),
+              1u);
+    EXPECT_EQ(read_box_file(voc_file("latin1.xml"),
+                            "cr\xc3\xa8me br\xc3\xbbl\xc3\xa9"
+                            "e")
+                  .size(),
+              1u);
     EXPECT_EQ(read_box_file(voc_file("float_attributes.xml"), "bus & coach").front(), (Rect{399, 299, 100, 80}));
 }
 

@@ -28,9 +28,8 @@ inline void write(const fs::path &path, const std::string &text) {
 class LabelFiles : public ::testing::Test {
 protected:
     void SetUp() override {
-        root_ = fs::temp_directory_path() /
-                ("ostrel-labels-" + std::to_string(::getpid()) + "-" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        root_ = fs::temp_directory_path() / ("ostrel-labels-" + std::to_string(::getpid()) + "-" +
+                                             ::testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(root_);
         fs::create_directories(root_);
         fs::copy(label_files(), root_, fs::copy_options::recursive);

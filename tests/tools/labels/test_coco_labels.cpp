@@ -62,25 +62,26 @@ TEST(CocoLabels, RefusesMalformedFilesWithTheKey) {
     EXPECT_NE(refusal("[1,2]").find("'t.json': a COCO file is an object"), std::string::npos);
     EXPECT_NE(refusal("{\"images\": [{\"id\": 1}]}").find("images[0].file_name: missing"), std::string::npos);
     EXPECT_NE(refusal("{\"images\": 3}").find("images: a list"), std::string::npos);
-    const std::string head = "{\"categories\":[{\"id\":1,\"name\":\"a\"}],\"images\":[{\"id\":1,\"file_name\":\"x.jpg\"}],"
-                             "\"annotations\":[";
-    EXPECT_NE(refusal(head + "{\"image_id\":2,\"category_id\":1,\"bbox\":[0,0,1,1]}]}").find(
-                  "annotations[0].image_id: no image has id 2"),
+    const std::string head =
+        "{\"categories\":[{\"id\":1,\"name\":\"a\"}],\"images\":[{\"id\":1,\"file_name\":\"x.jpg\"}],"
+        "\"annotations\":[";
+    EXPECT_NE(refusal(head + "{\"image_id\":2,\"category_id\":1,\"bbox\":[0,0,1,1]}]}")
+                  .find("annotations[0].image_id: no image has id 2"),
               std::string::npos);
-    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":7,\"bbox\":[0,0,1,1]}]}").find(
-                  "annotations[0].category_id: no category has id 7"),
+    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":7,\"bbox\":[0,0,1,1]}]}")
+                  .find("annotations[0].category_id: no category has id 7"),
               std::string::npos);
-    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,0,1]}]}").find(
-                  "annotations[0].bbox: width and height must be above 0"),
+    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,0,1]}]}")
+                  .find("annotations[0].bbox: width and height must be above 0"),
               std::string::npos);
-    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,1]}]}").find(
-                  "annotations[0].bbox: [x, y, width, height] expected"),
+    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,1]}]}")
+                  .find("annotations[0].bbox: [x, y, width, height] expected"),
               std::string::npos);
-    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,\"a\",1,1]}]}").find(
-                  "annotations[0].bbox[1]: a number expected"),
+    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,\"a\",1,1]}]}")
+                  .find("annotations[0].bbox[1]: a number expected"),
               std::string::npos);
-    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,1,1],\"iscrowd\":2}]}").find(
-                  "annotations[0].iscrowd: 0 or 1"),
+    EXPECT_NE(refusal(head + "{\"image_id\":1,\"category_id\":1,\"bbox\":[0,0,1,1],\"iscrowd\":2}]}")
+                  .find("annotations[0].iscrowd: 0 or 1"),
               std::string::npos);
     // Not JSON: the line and column.
     EXPECT_NE(refusal("{\n\"images\": [,]}").find("'t.json' is not valid JSON"), std::string::npos);
@@ -103,9 +104,10 @@ TEST(CocoLabels, NumbersBeyondAnyDoubleAreRefusedAsInvalidJson) {
 }
 
 TEST(CocoLabels, ResultsWrittenAndReadBackAgainstTheDataset) {
-    LabelSet dataset = parse_coco("{\"categories\":[{\"id\":3,\"name\":\"RBC\"}],\"images\":[{\"id\":42,"
-                                  "\"file_name\":\"a.jpg\",\"width\":640,\"height\":480}],\"annotations\":[]}",
-                                  "gt.json");
+    LabelSet dataset = parse_coco(
+        "{\"categories\":[{\"id\":3,\"name\":\"RBC\"}],\"images\":[{\"id\":42,"
+        "\"file_name\":\"a.jpg\",\"width\":640,\"height\":480}],\"annotations\":[]}",
+        "gt.json");
     LabelSet detections;
     detections.classes = {"RBC"};
     LabelledPicture p;

@@ -45,12 +45,14 @@ TEST_F(LabelFiles, CvatForImages) {
 }
 
 TEST(CvatLabels, RefusesWithTheLine) {
-    EXPECT_NE(refusal(parse_cvat, "<annotations><image id='0' name='a.jpg'>\n<box label='x' xtl='1' ytl='1' "
-                                  "xbr='0' ybr='5'/></image></annotations>")
+    EXPECT_NE(refusal(parse_cvat,
+                      "<annotations><image id='0' name='a.jpg'>\n<box label='x' xtl='1' ytl='1' "
+                      "xbr='0' ybr='5'/></image></annotations>")
                   .find("'t.xml' line 2: xbr/ybr must lie beyond xtl/ytl"),
               std::string::npos);
-    EXPECT_NE(refusal(parse_cvat, "<annotations>\n<image id='0' name='a.jpg'><box label='x' xtl='a' ytl='1' "
-                                  "xbr='3' ybr='5'/></image></annotations>")
+    EXPECT_NE(refusal(parse_cvat,
+                      "<annotations>\n<image id='0' name='a.jpg'><box label='x' xtl='a' ytl='1' "
+                      "xbr='3' ybr='5'/></image></annotations>")
                   .find("xtl=\"a\" is not a number"),
               std::string::npos);
     EXPECT_NE(refusal(parse_cvat, "<annotations><track id='0' label='x'/></annotations>").find("CVAT for video"),
@@ -61,9 +63,10 @@ TEST(CvatLabels, RefusesWithTheLine) {
 }
 
 TEST(CvatLabels, RotatedBoxesBecomeTheUprightBoxAround) {
-    const LabelSet set = parse_cvat("<annotations><image id='0' name='a.jpg' width='100' height='100'><box label='x' "
-                                    "xtl='40' ytl='45' xbr='60' ybr='55' rotation='90'/></image></annotations>",
-                                    "t.xml");
+    const LabelSet set = parse_cvat(
+        "<annotations><image id='0' name='a.jpg' width='100' height='100'><box label='x' "
+        "xtl='40' ytl='45' xbr='60' ybr='55' rotation='90'/></image></annotations>",
+        "t.xml");
     EXPECT_EQ(rounded_rect(set.pictures[0].boxes[0]), (Rect{45, 40, 10, 20}));
 }
 
@@ -80,20 +83,22 @@ TEST_F(LabelFiles, ImglabAsDlibWritesIt) {
 }
 
 TEST(ImglabLabels, RefusesWithTheLine) {
-    EXPECT_NE(refusal(parse_imglab, "<dataset><images>\n<image file='a.jpg'><box top='1' left='2' width='3'/>"
-                                    "</image></images></dataset>")
+    EXPECT_NE(refusal(parse_imglab,
+                      "<dataset><images>\n<image file='a.jpg'><box top='1' left='2' width='3'/>"
+                      "</image></images></dataset>")
                   .find("'t.xml' line 2: <box> has no height='...'"),
               std::string::npos);
-    EXPECT_NE(refusal(parse_imglab, "<dataset><images><image file='a.jpg'><box top='1' left='2' width='0' "
-                                    "height='3'/></image></images></dataset>")
+    EXPECT_NE(refusal(parse_imglab,
+                      "<dataset><images><image file='a.jpg'><box top='1' left='2' width='0' "
+                      "height='3'/></image></images></dataset>")
                   .find("width and height must be at least 1"),
               std::string::npos);
-    EXPECT_NE(refusal(parse_imglab, "<dataset><images><image file='a.jpg'><box top='1.5' left='2' width='3' "
-                                    "height='3'/></image></images></dataset>")
+    EXPECT_NE(refusal(parse_imglab,
+                      "<dataset><images><image file='a.jpg'><box top='1.5' left='2' width='3' "
+                      "height='3'/></image></images></dataset>")
                   .find("top='1.5' is not a whole number"),
               std::string::npos);
-    EXPECT_NE(refusal(parse_imglab, "<dataset><images><image/></images></dataset>").find("no file"),
-              std::string::npos);
+    EXPECT_NE(refusal(parse_imglab, "<dataset><images><image/></images></dataset>").find("no file"), std::string::npos);
 }
 
 TEST(ImglabLabels, WritesWhatItReads) {

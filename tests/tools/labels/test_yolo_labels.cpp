@@ -73,16 +73,17 @@ TEST(YoloLabels, DataYamlForms) {
     EXPECT_EQ(parse_yolo_data_yaml("names: {0: a, 1: b}\n", "d.yaml"), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(parse_yolo_data_yaml("names: [a,\n  b]\n", "d.yaml"), (std::vector<std::string>{"a", "b"}));
     EXPECT_NE(refusal([] { parse_yolo_data_yaml("nc: 2\n", "d.yaml"); }).find("no \"names:\""), std::string::npos);
-    EXPECT_NE(refusal([] { parse_yolo_data_yaml("x: 1\nnames:\n  0: a\n  2: c\n", "d.yaml"); })
-                  .find("'d.yaml' line 2: class numbers must run 0, 1, 2, ... without a gap; 1 is missing"),
+    EXPECT_NE(refusal([] {
+                  parse_yolo_data_yaml("x: 1\nnames:\n  0: a\n  2: c\n", "d.yaml");
+              }).find("'d.yaml' line 2: class numbers must run 0, 1, 2, ... without a gap; 1 is missing"),
               std::string::npos);
     EXPECT_NE(refusal([] { parse_yolo_data_yaml("names: [a, 'b\n", "d.yaml"); }).find("line 1"), std::string::npos);
     EXPECT_NE(refusal([] { parse_yolo_data_yaml("names: &x [a]\n", "d.yaml"); }).find("line 1"), std::string::npos);
 }
 
 TEST(YoloLabels, LinesOfDetectionsAndPolygons) {
-    const auto boxes = parse_yolo_label_text("1 0.5 0.5 0.25 0.5 0.87\n0 0.1 0.1 0.3 0.1 0.3 0.4\n", "p.txt", 640,
-                                             480, {"a", "b"});
+    const auto boxes =
+        parse_yolo_label_text("1 0.5 0.5 0.25 0.5 0.87\n0 0.1 0.1 0.3 0.1 0.3 0.4\n", "p.txt", 640, 480, {"a", "b"});
     ASSERT_EQ(boxes.size(), 2u);
     EXPECT_EQ(boxes[0].class_name, "b");
     EXPECT_DOUBLE_EQ(*boxes[0].score, 0.87);

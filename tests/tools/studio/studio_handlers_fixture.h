@@ -26,8 +26,8 @@ protected:
         std::filesystem::remove_all(root_);
         std::filesystem::create_directories(root_ / "uploads");
         std::filesystem::create_directories(root_ / "scratch");
-        store_ = std::make_unique<ostrel_tool::studio::PictureStore>(data_path("bccd/images"),
-                                                                     (root_ / "uploads").string());
+        store_ =
+            std::make_unique<ostrel_tool::studio::PictureStore>(data_path("bccd/images"), (root_ / "uploads").string());
         ostrel_tool::studio::WorkspaceSettings settings;
         settings.scratch_folder = (root_ / "scratch").string();
         workspace_ = std::make_unique<ostrel_tool::studio::Workspace>(*store_, settings);

@@ -40,9 +40,10 @@ TEST_F(StudioApiMediaTypes, TypesAnySiteMaySendAreRefusedHoweverTheyAreSpelt) {
     const std::string status = call("GET", "/api/status", "", "").body;
     const std::string model = call("GET", "/api/model", "", "").body;
     const size_t pictures = store_->list().size();
-    for (const char *type : {"text/plain\t;charset=utf-8", "text/plain ;charset=utf-8", "TEXT/PLAIN", "Text/Plain;\tCharset=UTF-8",
-                             "text/plain;", "text/plain\t", "application/x-www-form-urlencoded\t; charset=utf-8",
-                             "multipart/form-data;boundary=x", "text/plain; charset=\"utf-8\"", "", "text/plain,"}) {
+    for (const char *type :
+         {"text/plain\t;charset=utf-8", "text/plain ;charset=utf-8", "TEXT/PLAIN", "Text/Plain;\tCharset=UTF-8",
+          "text/plain;", "text/plain\t", "application/x-www-form-urlencoded\t; charset=utf-8",
+          "multipart/form-data;boundary=x", "text/plain; charset=\"utf-8\"", "", "text/plain,"}) {
         EXPECT_EQ(call("POST", "/api/model", other_model, type, {{"name", "other.model"}}).status, 415) << type;
         EXPECT_EQ(call("POST", "/api/pictures", jpeg(), type, {{"name", "x.jpg"}}).status, 415) << type;
         EXPECT_EQ(call("POST", "/api/train", kTrainOther, type).status, 415) << type;
@@ -54,11 +55,13 @@ TEST_F(StudioApiMediaTypes, TypesAnySiteMaySendAreRefusedHoweverTheyAreSpelt) {
 }
 
 TEST_F(StudioApiMediaTypes, OddButValidSpellingsOfTheAcceptedTypesAreTaken) {
-    for (const char *type : {"Application/JSON", "application/json ; charset=UTF-8", "application/json\t;\tcharset=utf-8",
-                             "application/json; charset=\"utf-8\"", "application/json;", "application/json;;x=y"}) {
+    for (const char *type :
+         {"Application/JSON", "application/json ; charset=UTF-8", "application/json\t;\tcharset=utf-8",
+          "application/json; charset=\"utf-8\"", "application/json;", "application/json;;x=y"}) {
         EXPECT_EQ(call("POST", "/api/train", kTrain, type).status, 200) << type;
     }
-    for (const char *type : {"application/octet-stream", "Application/Octet-Stream\t;\tx=y", "image/jpeg", "IMAGE/JPEG ;q=1"}) {
+    for (const char *type :
+         {"application/octet-stream", "Application/Octet-Stream\t;\tx=y", "image/jpeg", "IMAGE/JPEG ;q=1"}) {
         EXPECT_EQ(call("POST", "/api/pictures", jpeg(), type, {{"name", "x.jpg"}}).status, 201) << type;
     }
     for (const char *type : {"application/ json", "application/json, text/plain", "application/json; charset",

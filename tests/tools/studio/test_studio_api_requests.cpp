@@ -77,9 +77,10 @@ TEST(StudioApiRequests, SampleIndexIsDecimalDigitsOnly) {
 }
 
 TEST(StudioApiRequests, ANumberThatOverflowsIsAMalformedRequest) {
-    for (const char *body : {R"({"picture":"a","boxes":[[1e400,0,30,40]]})", R"({"picture":"a","boxes":[[0,0,30,-1e400]]})",
-                             R"({"picture":"a","boxes":[],"note":1e999})", R"({"picture":"a","boxes":[{"x":1E+400}]})",
-                             "1e400", "[1e400]"}) {
+    for (const char *body :
+         {R"({"picture":"a","boxes":[[1e400,0,30,40]]})", R"({"picture":"a","boxes":[[0,0,30,-1e400]]})",
+          R"({"picture":"a","boxes":[],"note":1e999})", R"({"picture":"a","boxes":[{"x":1E+400}]})", "1e400",
+          "[1e400]"}) {
         int status = 0;
         const std::string message = refusal(body, &status);
         EXPECT_EQ(status, 400) << body;
@@ -110,8 +111,8 @@ TEST(StudioApiRequests, NestingValuesAndSizeAreBoundedBeforeParsing) {
     EXPECT_NE(refusal(many, &status).find("values"), std::string::npos);
     EXPECT_EQ(status, 400);
     // Brackets inside strings are text, not nesting.
-    const TrainRequest quoted = parse_train_request(
-        "{\"picture\":\"" + std::string(1000, '[') + "\\\"{{\",\"boxes\":[[1,2,30,40]]}");
+    const TrainRequest quoted =
+        parse_train_request("{\"picture\":\"" + std::string(1000, '[') + "\\\"{{\",\"boxes\":[[1,2,30,40]]}");
     EXPECT_EQ(quoted.picture, std::string(1000, '[') + "\"{{");
     // A body over the size limit is refused before anything is read from it.
     status = 0;

@@ -21,8 +21,9 @@ TEST(StudioMediaType, TypeAndSubtypeAreCaseInsensitiveTokens) {
 
 TEST(StudioMediaType, SpacesAndTabsAroundSemicolonsAndAtTheEnds) {
     for (const char *text : {"text/plain\t;charset=utf-8", "text/plain ;charset=utf-8", "text/plain; charset=utf-8",
-                             "text/plain\t;\tcharset=utf-8", " text/plain;charset=utf-8 ", "\ttext/plain \t; \t"
-                                                                                            "charset=utf-8\t"}) {
+                             "text/plain\t;\tcharset=utf-8", " text/plain;charset=utf-8 ",
+                             "\ttext/plain \t; \t"
+                             "charset=utf-8\t"}) {
         const auto m = parse_media_type(text);
         ASSERT_TRUE(m) << text;
         EXPECT_EQ(m->essence(), "text/plain") << text;
@@ -47,12 +48,28 @@ TEST(StudioMediaType, ParametersNamesLowerCaseQuotedValuesUnquotedEmptyOnesSkipp
 }
 
 TEST(StudioMediaType, AnythingElseIsNotAMediaType) {
-    for (const char *text :
-         {"", " ", "json", "/json", "application/", "application /json", "application/ json", "application/json x",
-          "application/json, text/plain", "application/json; charset", "application/json; =utf-8",
-          "application/json; charset=", "application/json; a=\"b", "application/json; a=b c", "application/json/x",
-          "appli(cation/json", "application/js\"on", "text/plain\x01", "text/pl\xc3\xa4in", "text\t/plain",
-          "text/plain; a=\"\x01\"", "text/plain,"}) {
+    for (const char *text : {"",
+                             " ",
+                             "json",
+                             "/json",
+                             "application/",
+                             "application /json",
+                             "application/ json",
+                             "application/json x",
+                             "application/json, text/plain",
+                             "application/json; charset",
+                             "application/json; =utf-8",
+                             "application/json; charset=",
+                             "application/json; a=\"b",
+                             "application/json; a=b c",
+                             "application/json/x",
+                             "appli(cation/json",
+                             "application/js\"on",
+                             "text/plain\x01",
+                             "text/pl\xc3\xa4in",
+                             "text\t/plain",
+                             "text/plain; a=\"\x01\"",
+                             "text/plain,"}) {
         EXPECT_FALSE(parse_media_type(text)) << '"' << text << '"';
     }
 }

@@ -125,8 +125,8 @@ TEST_F(StudioPictureStore, AnUploadAboveTheMegapixelLimitIsRefusedFromItsHeader)
     // 16384 x 2441 grey pixels: a PNG of a few dozen KB that would decode to
     // 120 MB of colour pixels.
     std::vector<uint8_t> png;
-    ASSERT_TRUE(cv::imencode(".png", cv::Mat(2441, 16384, CV_8UC1, cv::Scalar(128)), png,
-                             {cv::IMWRITE_PNG_COMPRESSION, 9}));
+    ASSERT_TRUE(
+        cv::imencode(".png", cv::Mat(2441, 16384, CV_8UC1, cv::Scalar(128)), png, {cv::IMWRITE_PNG_COMPRESSION, 9}));
     EXPECT_LT(png.size(), 200u * 1024);
     auto s = store();
     ASSERT_LT(s->limits().max_pixels, int64_t{16384} * 2441);
@@ -142,8 +142,8 @@ TEST_F(StudioPictureStore, AnUploadAboveTheMegapixelLimitIsRefusedFromItsHeader)
     // The limit is whole megapixels: a picture just inside it is taken.
     const int64_t side = 4000;
     const int64_t width = s->limits().max_pixels / side;
-    ASSERT_TRUE(cv::imencode(".png", cv::Mat(static_cast<int>(side), static_cast<int>(width), CV_8UC1,
-                                             cv::Scalar(90)), png));
+    ASSERT_TRUE(
+        cv::imencode(".png", cv::Mat(static_cast<int>(side), static_cast<int>(width), CV_8UC1, cv::Scalar(90)), png));
     const PictureEntry e = s->add_upload(std::string(png.begin(), png.end()), "large.png");
     EXPECT_EQ(e.width, width);
 }
@@ -181,11 +181,11 @@ TEST_F(StudioPictureStore, NamesThatAreNotUtf8AreListedEscapedAndFoundByThatName
     const fs::path folder = root_ / "names";
     fs::create_directory(folder);
     const std::pair<std::string, std::string> files[] = {
-        {"cell\xff.jpg", "BloodImage_00000.jpg"},           // a lone byte that is not UTF-8
-        {"cell%FF.jpg", "BloodImage_00001.jpg"},            // a real name that looks like the escaped one
-        {"caf\xc3\xa9.jpg", "BloodImage_00002.jpg"},        // UTF-8: listed as it is
-        {"\xe9t\xe9 50%.jpg", "BloodImage_00003.jpg"},      // Latin-1, with a '%'
-        {"half\xe2\x82.jpg", "BloodImage_00004.jpg"},       // a UTF-8 sequence cut short
+        {"cell\xff.jpg", "BloodImage_00000.jpg"},       // a lone byte that is not UTF-8
+        {"cell%FF.jpg", "BloodImage_00001.jpg"},        // a real name that looks like the escaped one
+        {"caf\xc3\xa9.jpg", "BloodImage_00002.jpg"},    // UTF-8: listed as it is
+        {"\xe9t\xe9 50%.jpg", "BloodImage_00003.jpg"},  // Latin-1, with a '%'
+        {"half\xe2\x82.jpg", "BloodImage_00004.jpg"},   // a UTF-8 sequence cut short
     };
     for (const auto &f : files) write_all(folder / f.first, shipped(f.second));
     PictureStore s(folder.string(), (root_ / "uploads").string());

@@ -19,17 +19,56 @@ class StudioHandlers : public ostrel_test::StudioHandlersTest {
 protected:
     void random_requests(unsigned seed, int count) {
         std::mt19937 rng(seed);
-        const std::vector<std::string> tokens = {
-            "{", "}", "[", "]", ":", ",", "\"picture\"", "\"boxes\"", "\"BloodImage_00000.jpg\"", "\"x\"", "\"w\"",
-            "0", "1", "-1", "97", "100", "2147483647", "-2147483648", "1e400", "0.5", "null", "true", "\"\\ud800\"",
-            "\"\xff\xfe\"", " ", "[[0,0,97,100]]", "[[600,400,97,100]]", "\"../x\""};
-        const std::vector<std::string> paths = {
-            "/api/train", "/api/train/progress", "/api/detect", "/api/pictures", "/api/pictures/BloodImage_00001.jpg",
-            "/api/pictures/..", "/api/pictures/a/b", "/api/samples", "/api/samples/0", "/api/samples/0/thumbnail",
-            "/api/samples/99999999", "/api/model", "/api/reset", "/api/status", "/api/", "/api", "/", "/api//x"};
+        const std::vector<std::string> tokens = {"{",
+                                                 "}",
+                                                 "[",
+                                                 "]",
+                                                 ":",
+                                                 ",",
+                                                 "\"picture\"",
+                                                 "\"boxes\"",
+                                                 "\"BloodImage_00000.jpg\"",
+                                                 "\"x\"",
+                                                 "\"w\"",
+                                                 "0",
+                                                 "1",
+                                                 "-1",
+                                                 "97",
+                                                 "100",
+                                                 "2147483647",
+                                                 "-2147483648",
+                                                 "1e400",
+                                                 "0.5",
+                                                 "null",
+                                                 "true",
+                                                 "\"\\ud800\"",
+                                                 "\"\xff\xfe\"",
+                                                 " ",
+                                                 "[[0,0,97,100]]",
+                                                 "[[600,400,97,100]]",
+                                                 "\"../x\""};
+        const std::vector<std::string> paths = {"/api/train",
+                                                "/api/train/progress",
+                                                "/api/detect",
+                                                "/api/pictures",
+                                                "/api/pictures/BloodImage_00001.jpg",
+                                                "/api/pictures/..",
+                                                "/api/pictures/a/b",
+                                                "/api/samples",
+                                                "/api/samples/0",
+                                                "/api/samples/0/thumbnail",
+                                                "/api/samples/99999999",
+                                                "/api/model",
+                                                "/api/reset",
+                                                "/api/status",
+                                                "/api/",
+                                                "/api",
+                                                "/",
+                                                "/api//x"};
         const std::vector<std::string> methods = {"GET", "POST", "DELETE", "PUT", "PATCH", "OPTIONS"};
-        const std::vector<std::string> types = {"application/json", "application/octet-stream", "text/plain", "",
-                                                "APPLICATION/JSON; charset=utf-8", "image/png"};
+        const std::vector<std::string> types = {
+            "application/json", "application/octet-stream", "text/plain", "", "APPLICATION/JSON; charset=utf-8",
+            "image/png"};
         auto pick = [&](const std::vector<std::string> &v) { return v[rng() % v.size()]; };
         for (int i = 0; i < count; ++i) {
             std::string body;
@@ -55,7 +94,6 @@ protected:
             }
         }
     }
-
 };
 
 }  // namespace
@@ -74,7 +112,8 @@ TEST_F(StudioHandlers, RandomRequestsOnATrainedEngine) {
 TEST_F(StudioHandlers, TheWorkspaceServesTwoThreadsAtOnceOneAtATimeInside) {
     // Two tabs: one trains while the other detects; the engine's mutex
     // keeps them apart and both finish with sound answers.
-    ASSERT_EQ(call("POST", "/api/train", R"({"picture":"BloodImage_00000.jpg","boxes":[[83,336,97,100],[68,237,97,100]]})")
+    ASSERT_EQ(call("POST", "/api/train",
+                   R"({"picture":"BloodImage_00000.jpg","boxes":[[83,336,97,100],[68,237,97,100]]})")
                   .status,
               200);
     std::vector<int> statuses(40, 0);
@@ -86,8 +125,9 @@ TEST_F(StudioHandlers, TheWorkspaceServesTwoThreadsAtOnceOneAtATimeInside) {
         }
     });
     for (int i = 4; i < 40; ++i) {
-        statuses[i] = call("GET", "/api/detect", "", "", {{"picture", i % 2 ? "BloodImage_00001.jpg" : "BloodImage_00002.jpg"}})
-                          .status;
+        statuses[i] =
+            call("GET", "/api/detect", "", "", {{"picture", i % 2 ? "BloodImage_00001.jpg" : "BloodImage_00002.jpg"}})
+                .status;
     }
     trainer.join();
     for (int s : statuses) EXPECT_EQ(s, 200);
@@ -98,10 +138,11 @@ TEST_F(StudioHandlers, TheWorkspaceServesTwoThreadsAtOnceOneAtATimeInside) {
 // workspace ends on one of the two profiles with a status that says it.
 TEST_F(StudioHandlers, RandomProfileRequestsNeverFail) {
     std::mt19937 rng(7);
-    const std::vector<std::string> tokens = {"{", "}", "[", "]", ":", ",", "\"profile\"", "\"model\"", "\"accurate\"",
-                                             "\"classic\"", "\"retrain\"", "\"forget\"", "\"\"", "null", "true", "1",
-                                             " ", "\"\xff\""};
-    const std::vector<std::string> bodies = {R"({"profile":"classic"})", R"({"profile":"accurate"})",
+    const std::vector<std::string> tokens = {
+        "{",           "}",           "[",          "]",    ":",    ",",    "\"profile\"", "\"model\"", "\"accurate\"",
+        "\"classic\"", "\"retrain\"", "\"forget\"", "\"\"", "null", "true", "1",           " ",         "\"\xff\""};
+    const std::vector<std::string> bodies = {R"({"profile":"classic"})",
+                                             R"({"profile":"accurate"})",
                                              R"({"profile":"classic","model":"retrain"})",
                                              R"({"profile":"accurate","model":"retrain"})",
                                              R"({"profile":"classic","model":"forget"})",

@@ -58,7 +58,8 @@ TEST(StudioRequestGuard, ReadingNeedsNoToken) {
 TEST(StudioRequestGuard, EveryOtherMethodUnderApiNeedsTheExactToken) {
     const RequestGuard guard(kToken);
     for (const char *method : {"POST", "PUT", "PATCH", "DELETE", "PROPFIND", "post"}) {
-        for (const char *path : {"/api/train", "/api/model", "/api/pictures", "/api/reset", "/api/samples/0", "/api/"}) {
+        for (const char *path :
+             {"/api/train", "/api/model", "/api/pictures", "/api/reset", "/api/samples/0", "/api/"}) {
             GuardedRequest r = request(method, path);
             std::string message;
             EXPECT_EQ(refusal(guard, r, &message), 403) << method << " " << path;

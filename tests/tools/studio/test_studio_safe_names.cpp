@@ -15,8 +15,9 @@ namespace fs = std::filesystem;
 TEST(StudioSafeNames, PlainFileNamesOnly) {
     EXPECT_TRUE(is_plain_file_name("BloodImage_00000.jpg"));
     EXPECT_TRUE(is_plain_file_name("my cells (2).png"));
-    for (const std::string &name : std::vector<std::string>{"", ".", "..", ".hidden.jpg", "a/b.jpg", "a\\b.jpg", std::string("a\0b", 3),
-                                   std::string("tab\there"), std::string(256, 'a')}) {
+    for (const std::string &name :
+         std::vector<std::string>{"", ".", "..", ".hidden.jpg", "a/b.jpg", "a\\b.jpg", std::string("a\0b", 3),
+                                  std::string("tab\there"), std::string(256, 'a')}) {
         EXPECT_FALSE(is_plain_file_name(name)) << name;
     }
 }

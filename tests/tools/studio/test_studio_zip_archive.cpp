@@ -49,8 +49,9 @@ TEST(StudioZipArchive, EntriesAreStoredWithTheirCrcAndFoundThroughTheCentralDire
         const uint32_t size = u32(bytes, local + 18);
         const std::string content = bytes.substr(local + 30 + u16(bytes, local + 26), size);
         EXPECT_EQ(content, contents[i]);
-        const uint32_t crc = static_cast<uint32_t>(
-            crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef *>(content.data()), static_cast<uInt>(content.size())));
+        const uint32_t crc =
+            static_cast<uint32_t>(crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef *>(content.data()),
+                                        static_cast<uInt>(content.size())));
         EXPECT_EQ(u32(bytes, local + 14), crc);
         EXPECT_EQ(u32(bytes, central + 16), crc);
         central += 46 + name_length;

@@ -159,8 +159,9 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
         std::error_code ec;
         std::ifstream in(list);
         if (!std::filesystem::is_regular_file(list, ec) || !in) {
-            problems.push_back({list, "cannot read list '" + list + "': " +
-                                          (std::filesystem::exists(list, ec) ? "not a readable file" : "no such file")});
+            problems.push_back(
+                {list, "cannot read list '" + list +
+                           "': " + (std::filesystem::exists(list, ec) ? "not a readable file" : "no such file")});
             continue;
         }
         const auto lines = read_path_list(in, list, &problems);
@@ -168,7 +169,6 @@ std::vector<std::string> all_input_paths(const BatchDetectOptions &o, std::vecto
     }
     return paths;
 }
-
 
 using DetectPool = OrderedPool<DetectWork, DetectResult>;
 
@@ -260,7 +260,7 @@ private:
         const char *why_not_first = nullptr;
         std::string name = first;
         for (;;) {
-            const char *why = inputs_.holds(name)    ? "is an input of this run"
+            const char *why = inputs_.holds(name)  ? "is an input of this run"
                               : holds_a_file(name) ? "exists already and was not written by this run"
                                                    : nullptr;
             if (why == nullptr) {
@@ -310,7 +310,7 @@ private:
         }
         const int64_t declared = frames.declared_frames();
         results_.add_video(id, path, std::move(writer), frames.frames_to_take(),
-                        declared > 0 ? frames.time_of(declared) : 0.0);
+                           declared > 0 ? frames.time_of(declared) : 0.0);
         // A marker in the stream of results: the progress line names the
         // video from the moment its first frame's result is printed.
         DetectWork start;
@@ -474,7 +474,7 @@ int run_batch_detection(const BatchDetectOptions &o) {
             done += strformat(" and %lld video frames", results.frames());
         }
         results.problem(strformat("interrupted by %s: %s done; every file written is complete",
-                               InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT", done.c_str()));
+                                  InterruptGuard::signal_number() == SIGTERM ? "SIGTERM" : "SIGINT", done.c_str()));
         return to_int(ExitCode::interrupted);
     }
     if (results.failed_outputs() > 0) {

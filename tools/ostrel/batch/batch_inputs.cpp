@@ -22,9 +22,7 @@ bool one_of(const std::string &value, std::initializer_list<const char *> list) 
     return std::any_of(list.begin(), list.end(), [&](const char *x) { return value == x; });
 }
 
-InputKind kind_of(const std::string &path) {
-    return has_video_extension(path) ? InputKind::video : InputKind::picture;
-}
+InputKind kind_of(const std::string &path) { return has_video_extension(path) ? InputKind::video : InputKind::picture; }
 
 std::string what_of(const std::string &path) { return has_video_extension(path) ? "video" : "picture"; }
 
@@ -37,7 +35,8 @@ public:
         std::error_code ec;
         const fs::path canonical = fs::canonical(folder, ec);
         if (!ec && !visited_.insert(canonical.string()).second) {
-            out_.notes.push_back("'" + folder.string() + "' leads to a folder searched already (a link loop?); "
+            out_.notes.push_back("'" + folder.string() +
+                                 "' leads to a folder searched already (a link loop?); "
                                  "not searched again");
             return;
         }
@@ -94,8 +93,7 @@ public:
         }
         if (folders_passed_over_ > 0) {
             out_.notes.push_back(strformat("passed over %lld sub-folder%s of '%s' (--recursive searches them)",
-                                           folders_passed_over_, folders_passed_over_ == 1 ? "" : "s",
-                                           folder.c_str()));
+                                           folders_passed_over_, folders_passed_over_ == 1 ? "" : "s", folder.c_str()));
         }
     }
 
@@ -110,9 +108,9 @@ private:
 }  // namespace
 
 bool has_picture_extension(const std::string &path) {
-    return one_of(lower_extension(path), {".jpg", ".jpeg", ".jpe", ".png", ".bmp", ".dib", ".tif", ".tiff", ".webp",
-                                          ".ppm", ".pgm", ".pbm", ".pnm", ".pxm", ".sr", ".ras", ".jp2", ".exr",
-                                          ".hdr", ".pic"});
+    return one_of(lower_extension(path),
+                  {".jpg", ".jpeg", ".jpe", ".png", ".bmp", ".dib", ".tif", ".tiff", ".webp", ".ppm",
+                   ".pgm", ".pbm",  ".pnm", ".pxm", ".sr",  ".ras", ".jp2", ".exr",  ".hdr",  ".pic"});
 }
 
 bool has_video_extension(const std::string &path) {

@@ -28,8 +28,8 @@ void BatchResults::skipped_input(const std::string &message) {
     ++failed_inputs_;
 }
 
-void BatchResults::add_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer,
-                             int64_t frames, double total_ms) {
+void BatchResults::add_video(int id, const std::string &path, std::unique_ptr<AnnotatedVideo> writer, int64_t frames,
+                             double total_ms) {
     videos_[id] = std::move(writer);
     VideoProgress &v = video_progress_[id];
     v.name = file_name_of(path);
@@ -104,9 +104,8 @@ void BatchResults::summary(bool interrupted) {
         text += strformat(" and %lld frame%s of %d video%s", frames_, frames_ == 1 ? "" : "s", video_count_,
                           video_count_ == 1 ? "" : "s");
     }
-    text += strformat(", %lld detection%s, %lld failed, %.2f s, %.1f %s/s%s", detections_,
-                      detections_ == 1 ? "" : "s", failed_inputs_, s,
-                      s > 0 ? static_cast<double>(state_.items_done) / s : 0.0,
+    text += strformat(", %lld detection%s, %lld failed, %.2f s, %.1f %s/s%s", detections_, detections_ == 1 ? "" : "s",
+                      failed_inputs_, s, s > 0 ? static_cast<double>(state_.items_done) / s : 0.0,
                       video_count_ > 0 ? "pictures and frames" : "pictures", interrupted ? " (interrupted)" : "");
     complain(text);
 }

@@ -21,12 +21,12 @@ struct DetectWork {
     VideoFrame frame;       // frame: the decoded pixels, index and time
     int video = -1;         // frame, video_start, video_end: which video
     bool draw_frame = false;
-    std::string message;    // failure, video_end: a problem to report
+    std::string message;  // failure, video_end: a problem to report
 };
 
 struct DetectResult {
     DetectWork::Kind kind = DetectWork::Kind::picture;
-    std::string text;            // the lines to print
+    std::string text;  // the lines to print
     // The detection itself (boxes, scores, classes, picture size), when the
     // run hands its results on instead of printing them (take_report).
     std::optional<DetectionReport> report;

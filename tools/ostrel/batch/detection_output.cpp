@@ -1,6 +1,5 @@
 #include "batch/detection_output.h"
 
-
 #include <cstdio>
 #include <filesystem>
 #include <map>

@@ -32,8 +32,8 @@
 namespace ostrel_tool {
 
 struct DetectionOutputOptions {
-    std::string format;  // jsonl, or a label format name
-    std::string out;     // file or folder; empty: standard output
+    std::string format;                // jsonl, or a label format name
+    std::string out;                   // file or folder; empty: standard output
     std::vector<std::string> classes;  // the model's classes, in order (its names, else --class, else "object")
     bool class_given = false;          // --class was given: jsonl lines carry it
     std::string model;                 // for Label Studio's model_version

@@ -32,8 +32,7 @@ public:
     using Worker = std::function<Result(Work &)>;
     using WorkerFactory = std::function<Worker(int thread_index)>;
 
-    OrderedPool(int threads, size_t window, const WorkerFactory &make_worker)
-        : window_(window < 1 ? 1 : window) {
+    OrderedPool(int threads, size_t window, const WorkerFactory &make_worker) : window_(window < 1 ? 1 : window) {
         const int n = threads < 1 ? 1 : threads;
         int ready = 0;
         std::exception_ptr setup_failure;

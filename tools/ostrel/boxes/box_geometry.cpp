@@ -89,8 +89,8 @@ Rect moved_inside(const Rect &box, int width, int height) {
 }
 
 bool touches_picture(const Rect &box, int width, int height) {
-    return box.w > 0 && box.h > 0 && box.x < width && box.y < height &&
-           static_cast<long long>(box.x) + box.w > 0 && static_cast<long long>(box.y) + box.h > 0;
+    return box.w > 0 && box.h > 0 && box.x < width && box.y<height &&static_cast<long long>(box.x) + box.w> 0 &&
+           static_cast<long long>(box.y) + box.h > 0;
 }
 
 ostrel_alg_box marked_box(const Rect &box) {

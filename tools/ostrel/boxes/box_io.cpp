@@ -53,9 +53,9 @@ Rect checked_box(int x, int y, int w, int h, const std::string &what, bool usage
 
 void require_box_count(size_t count, const std::string &source, bool usage) {
     if (count > kMaxMarkedBoxes) {
-        const std::string message = strformat("%s: %llu boxes; a picture takes at most %llu marked boxes",
-                                              source.c_str(), static_cast<unsigned long long>(count),
-                                              static_cast<unsigned long long>(kMaxMarkedBoxes));
+        const std::string message =
+            strformat("%s: %llu boxes; a picture takes at most %llu marked boxes", source.c_str(),
+                      static_cast<unsigned long long>(count), static_cast<unsigned long long>(kMaxMarkedBoxes));
         throw usage ? usage_error(message) : input_error(message);
     }
 }
@@ -80,9 +80,10 @@ Rect parse_box_argument(const std::string &text) {
             throw usage_error("malformed box '" + text + "': expected x,y,w,h (four integers)");
         }
         if (parsed == Parsed::out_of_range) {
-            throw usage_error(strformat("malformed box '%s': %s is out of range (each value lies within "
-                                        "-%d..%d)",
-                                        text.c_str(), fields[i].c_str(), kLargestBoxValue, kLargestBoxValue));
+            throw usage_error(
+                strformat("malformed box '%s': %s is out of range (each value lies within "
+                          "-%d..%d)",
+                          text.c_str(), fields[i].c_str(), kLargestBoxValue, kLargestBoxValue));
         }
     }
     return checked_box(v[0], v[1], v[2], v[3], "malformed box '" + text + "'", true);
@@ -128,8 +129,7 @@ Rect json_box(const nlohmann::json &item, const std::string &where) {
             throw input_error(where + ": no \"" + name + "\"");
         };
         return checked_box(json_int(field("x", nullptr), where), json_int(field("y", nullptr), where),
-                           json_int(field("w", "width"), where), json_int(field("h", "height"), where), where,
-                           false);
+                           json_int(field("w", "width"), where), json_int(field("h", "height"), where), where, false);
     }
     throw input_error(where + ": expected a box object or [x, y, w, h]");
 }
@@ -177,11 +177,11 @@ std::vector<Rect> read_box_file(const std::string &path, const std::string &clas
     }
     const uintmax_t size = fs::file_size(path, ec);
     if (!ec && size > kMaxBoxFileBytes) {
-        throw input_error(strformat("box file '%s' has %llu bytes; a box file may have at most %llu (a picture "
-                                    "takes at most %llu marked boxes)",
-                                    path.c_str(), static_cast<unsigned long long>(size),
-                                    static_cast<unsigned long long>(kMaxBoxFileBytes),
-                                    static_cast<unsigned long long>(kMaxMarkedBoxes)));
+        throw input_error(strformat(
+            "box file '%s' has %llu bytes; a box file may have at most %llu (a picture "
+            "takes at most %llu marked boxes)",
+            path.c_str(), static_cast<unsigned long long>(size), static_cast<unsigned long long>(kMaxBoxFileBytes),
+            static_cast<unsigned long long>(kMaxMarkedBoxes)));
     }
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

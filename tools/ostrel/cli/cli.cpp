@@ -52,9 +52,8 @@ int run_cli(int argc, const char *const *argv) {
     app.set_version_flag("--version", std::string("ostrel ") + tool_version());
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "show the library's own log lines on standard error");
-    app.footer(
-        "Run `ostrel COMMAND --help` for a command's options. Start with `ostrel demo`.\n\n" +
-        std::string(exit_code_help()));
+    app.footer("Run `ostrel COMMAND --help` for a command's options. Start with `ostrel demo`.\n\n" +
+               std::string(exit_code_help()));
 
     CommandAction action;
     add_demo_command(app, action);

@@ -5,18 +5,18 @@
 namespace ostrel_tool {
 
 enum class ExitCode : int {
-    ok = 0,       // done; for `check`: the model file is valid
-    failed = 1,   // the library refused or failed (training, detection, export);
-                  // a --profile that contradicts the model file;
-                  // for `check`: the model file is not valid
-    usage = 2,    // bad command line: unknown option, missing or malformed argument
-    input = 3,    // an input cannot be used: missing file, unreadable picture
-                  // (above the pixel limit, cut short), malformed box or
-                  // annotation file, too many boxes, unusable model file
-                  // (not valid, or valid but unusable);
-                  // detect: one or more inputs were skipped, all others done
-    output = 4,   // an output file or folder cannot be written, or is a folder,
-                  // device or FIFO (refused, left as it is)
+    ok = 0,             // done; for `check`: the model file is valid
+    failed = 1,         // the library refused or failed (training, detection, export);
+                        // a --profile that contradicts the model file;
+                        // for `check`: the model file is not valid
+    usage = 2,          // bad command line: unknown option, missing or malformed argument
+    input = 3,          // an input cannot be used: missing file, unreadable picture
+                        // (above the pixel limit, cut short), malformed box or
+                        // annotation file, too many boxes, unusable model file
+                        // (not valid, or valid but unusable);
+                        // detect: one or more inputs were skipped, all others done
+    output = 4,         // an output file or folder cannot be written, or is a folder,
+                        // device or FIFO (refused, left as it is)
     interrupted = 130,  // detect: stopped by SIGINT or SIGTERM; what was done is written completely
 };
 

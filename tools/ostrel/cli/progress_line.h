@@ -15,12 +15,12 @@
 namespace ostrel_tool {
 
 struct ProgressState {
-    int64_t items_done = 0;       // pictures and frames with a result (or a failure): the rate
-    int64_t pictures_done = 0;    // pictures (not frames) with a result or a failure
-    int64_t pictures_total = 0;   // 0 when unknown
-    double seconds = 0.0;         // since the start
+    int64_t items_done = 0;      // pictures and frames with a result (or a failure): the rate
+    int64_t pictures_done = 0;   // pictures (not frames) with a result or a failure
+    int64_t pictures_total = 0;  // 0 when unknown
+    double seconds = 0.0;        // since the start
     // Within a video:
-    std::string video;         // its file name; empty outside a video
+    std::string video;            // its file name; empty outside a video
     int64_t frames_done = 0;      // frames of this video with a result
     int64_t frames_total = 0;     // 0 when unknown
     double video_ms = 0.0;        // the time of the last frame with a result

@@ -58,9 +58,7 @@ std::string strformat(const char *format, ...) {
     return text;
 }
 
-void print(const std::string &text) {
-    std::fwrite(text.data(), 1, text.size(), tool_out());
-}
+void print(const std::string &text) { std::fwrite(text.data(), 1, text.size(), tool_out()); }
 
 void println(const std::string &text) {
     print(text);
@@ -79,7 +77,7 @@ std::string printable_text(const std::string &text, bool escape_backslashes) {
             const size_t bytes = c1_control ? 2 : 1;
             for (size_t k = 0; k < bytes; ++k) {
                 const unsigned char b = static_cast<unsigned char>(text[i + k]);
-                out += b == '\n' ? std::string("\\n")
+                out += b == '\n'   ? std::string("\\n")
                        : b == '\r' ? std::string("\\r")
                        : b == '\t' ? std::string("\\t")
                                    : strformat("\\x%02x", b);

@@ -23,40 +23,31 @@ double TrainingProgress::seconds() const { return seconds_between(start_, std::c
 void TrainingProgress::on_progress(const ostrel_alg_progress &step) {
     std::lock_guard<std::mutex> lock(mutex_);
     switch (step.stage) {
-    case OSTREL_ALG_STAGE_SAMPLES:
-        samples_ = step.samples;
-        return;
-    case OSTREL_ALG_STAGE_BOX_SKIPPED:
-        skipped_boxes_ += step.boxes_skipped;
-        return;
-    case OSTREL_ALG_STAGE_FILTER_REBUILT:
-        filter_rebuilt_ = true;
-        return;
-    case OSTREL_ALG_STAGE_ACCURATE_TRAINING:
-        accurate_ = true;
-        samples_ = step.object_windows + step.background_windows;
-        print_step(
-            strformat("training: %d object windows (the marked boxes and their mirror images), %d background windows",
-                      step.object_windows, step.background_windows));
-        return;
-    case OSTREL_ALG_STAGE_MINING_ROUND:
-        samples_ += step.hard_windows_added;
-        passes_ = step.round;
-        print_step(
-            strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained",
-                      step.round, step.hard_windows_added, step.hard_windows_found));
-        return;
-    case OSTREL_ALG_STAGE_TRAINED:
-        ++trainings_;
-        if (trainings_ == 1 && !accurate_) {
-            report_first_training();
-        }
-        return;
-    case OSTREL_ALG_STAGE_PASS:
-        report_pass(step.round, step.false_positives, step.low_confidence);
-        return;
-    default:
-        return;  // a step this tool does not show
+        case OSTREL_ALG_STAGE_SAMPLES: samples_ = step.samples; return;
+        case OSTREL_ALG_STAGE_BOX_SKIPPED: skipped_boxes_ += step.boxes_skipped; return;
+        case OSTREL_ALG_STAGE_FILTER_REBUILT: filter_rebuilt_ = true; return;
+        case OSTREL_ALG_STAGE_ACCURATE_TRAINING:
+            accurate_ = true;
+            samples_ = step.object_windows + step.background_windows;
+            print_step(strformat(
+                "training: %d object windows (the marked boxes and their mirror images), %d background windows",
+                step.object_windows, step.background_windows));
+            return;
+        case OSTREL_ALG_STAGE_MINING_ROUND:
+            samples_ += step.hard_windows_added;
+            passes_ = step.round;
+            print_step(
+                strformat("mining round %d: %d of %d background windows it got wrong or nearly wrong added, retrained",
+                          step.round, step.hard_windows_added, step.hard_windows_found));
+            return;
+        case OSTREL_ALG_STAGE_TRAINED:
+            ++trainings_;
+            if (trainings_ == 1 && !accurate_) {
+                report_first_training();
+            }
+            return;
+        case OSTREL_ALG_STAGE_PASS: report_pass(step.round, step.false_positives, step.low_confidence); return;
+        default: return;  // a step this tool does not show
     }
 }
 

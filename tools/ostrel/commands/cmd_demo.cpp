@@ -146,7 +146,9 @@ int run_demo(const DemoOptions &o) {
         println(strformat("1. Marking   %s (%dx%d): %s, each marked with a %dx%d box",
                           file_name_of(training.picture.path).c_str(), training.picture.width(),
                           training.picture.height(), cells_text.c_str(), box_size.w, box_size.h));
-        println("            (the median annotated size) centred on each annotation; the rest of the picture is background");
+        println(
+            "            (the median annotated size) centred on each annotation; the rest of the picture is "
+            "background");
     } else {
         println(strformat("1. Marking   %s (%dx%d): %s, each marked with its annotated box (median %dx%d);",
                           file_name_of(training.picture.path).c_str(), training.picture.width(),
@@ -185,9 +187,10 @@ int run_demo(const DemoOptions &o) {
     }
 
     // 3. Detect on three pictures the detector has not seen.
-    println(strformat("3. Detecting on %zu other pictures (a detection finds an annotated cell when their overlap, "
-                      "IoU, is at least %.1f, or the looser %.1f)",
-                      std::size(kTestPictures), kMatchIou, kLooseMatchIou));
+    println(
+        strformat("3. Detecting on %zu other pictures (a detection finds an annotated cell when their overlap, "
+                  "IoU, is at least %.1f, or the looser %.1f)",
+                  std::size(kTestPictures), kMatchIou, kLooseMatchIou));
     std::vector<AnnotatedPicture> tests;
     std::vector<std::vector<ostrel_alg_box>> results;
     std::vector<PictureMatch> matches;
@@ -199,8 +202,8 @@ int run_demo(const DemoOptions &o) {
         std::vector<ostrel_alg_box> boxes;
         if (!engine.detect(t.picture, boxes)) {
             const std::string reason = engine.last_error();
-            throw ToolError(ExitCode::failed, "detection failed on '" + t.picture.path + "'" +
-                                                  (reason.empty() ? "" : ": " + reason));
+            throw ToolError(ExitCode::failed,
+                            "detection failed on '" + t.picture.path + "'" + (reason.empty() ? "" : ": " + reason));
         }
         std::vector<ScoredBox> detections;
         for (const auto &b : detections_only(boxes)) {
@@ -249,8 +252,8 @@ int run_demo(const DemoOptions &o) {
     export_model_atomically(engine, model_path);
     const ModelInfo info = read_model_info(model_path);
     println("");
-    println(strformat("4. Model     %s: %llu bytes, valid (CRC-32 0x%08x over %llu bytes), window %dx%d px", model_path.c_str(),
-                      static_cast<unsigned long long>(info.file_size), info.stored_crc,
+    println(strformat("4. Model     %s: %llu bytes, valid (CRC-32 0x%08x over %llu bytes), window %dx%d px",
+                      model_path.c_str(), static_cast<unsigned long long>(info.file_size), info.stored_crc,
                       static_cast<unsigned long long>(info.content_length), info.trained_width, info.trained_height));
 
     // 5. A fresh engine imports the file and detects again on new copies of
@@ -270,8 +273,8 @@ int run_demo(const DemoOptions &o) {
         std::vector<ostrel_alg_box> again;
         if (!reloaded.detect(copy, again)) {
             const std::string reason = reloaded.last_error();
-            throw ToolError(ExitCode::failed, "detection with the reloaded model failed" +
-                                                  (reason.empty() ? "" : ": " + reason));
+            throw ToolError(ExitCode::failed,
+                            "detection with the reloaded model failed" + (reason.empty() ? "" : ": " + reason));
         }
         const auto before = detections_only(results[i]);
         const auto after = detections_only(again);
@@ -281,8 +284,9 @@ int run_demo(const DemoOptions &o) {
         compared += static_cast<int>(before.size());
     }
     println(strformat("5. Reload    a fresh engine imported %s: %s", kModelName,
-                      identical ? strformat("the same %d detections on all %zu pictures", compared, tests.size()).c_str()
-                                : "the detections DIFFER"));
+                      identical
+                          ? strformat("the same %d detections on all %zu pictures", compared, tests.size()).c_str()
+                          : "the detections DIFFER"));
 
     nlohmann::ordered_json doc;
     doc["training"] = {{"file", training.picture.path},
@@ -325,13 +329,13 @@ int run_demo(const DemoOptions &o) {
     println(strformat(
         "Summary: from %zu boxes marked on one picture the library trained a red-blood-cell detector in %.2f s: "
         "%s. On %zu pictures it had never seen it reported %d "
-        "detections and found %d of the %d annotated cells at IoU %.1f (recall %.0f%%; %.0f%% at IoU %.1f). The BCCD annotations "
+        "detections and found %d of the %d annotated cells at IoU %.1f (recall %.0f%%; %.0f%% at IoU %.1f). The BCCD "
+        "annotations "
         "leave some cells out, so a detection on an unannotated cell is not counted as an error and precision "
         "is not scored here (ostrel eval scores it on folders you label completely). The model file of %llu "
         "bytes (%s profile, recorded in the file) passed validation, and a fresh engine that imported it %s.",
-        marked.size(), training_seconds, how_trained.c_str(),
-        tests.size(), quality.detections, quality.true_positives, quality.objects, kMatchIou, 100.0 * quality.recall,
-        100.0 * loose_quality.recall, kLooseMatchIou,
+        marked.size(), training_seconds, how_trained.c_str(), tests.size(), quality.detections, quality.true_positives,
+        quality.objects, kMatchIou, 100.0 * quality.recall, 100.0 * loose_quality.recall, kLooseMatchIou,
         static_cast<unsigned long long>(info.file_size), profile_name(o.profile),
         identical ? "gave exactly the same detections" : "gave DIFFERENT detections"));
     println("");
@@ -352,11 +356,14 @@ int run_demo(const DemoOptions &o) {
 
 void add_demo_command(CLI::App &app, CommandAction &action) {
     auto o = std::make_shared<DemoOptions>();
-    CLI::App *sub = app.add_subcommand("demo", "Train on a shipped blood-cell picture, detect on three others, "
-                                               "export and reload the model");
+    CLI::App *sub = app.add_subcommand("demo",
+                                       "Train on a shipped blood-cell picture, detect on three others, "
+                                       "export and reload the model");
     sub->add_option("--out", o->out_dir, "folder for the pictures, the JSON file and the model (default out/demo)")
         ->type_name("DIR");
-    sub->add_option("--data", o->data_dir, "the repository's data folder (default: the one installed with the tool, else the one it was built from)")
+    sub->add_option(
+           "--data", o->data_dir,
+           "the repository's data folder (default: the one installed with the tool, else the one it was built from)")
         ->type_name("DIR");
     add_training_profile_option(sub, &o->profile);
     sub->add_option("--sensitivity", o->sensitivity, "0..100, how readily a box is reported (default 80)")

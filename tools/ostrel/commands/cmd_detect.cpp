@@ -176,7 +176,8 @@ void add_detect_command(CLI::App &app, CommandAction &action) {
         "refused from their header (JPEG, PNG, BMP) before decoding, a JPEG cut short is refused; both are\n"
         "reported and skipped. Pictures may have any size: an accurate model searches objects of the\n"
         "sizes in pixels it was taught (and a margin around them) on every picture.\n\n" +
-        std::string(kProfileRuleHelp) + "\n\n"
+        std::string(kProfileRuleHelp) +
+        "\n\n"
         "Examples:\n"
         "  ostrel detect --model rbc.model --json --summary data/bccd/images > cells.jsonl\n"
         "  find /data -name '*.jpg' | ostrel detect --model rbc.model --list - --draw out\n"

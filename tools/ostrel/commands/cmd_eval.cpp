@@ -132,8 +132,8 @@ PictureBoxes detect_everything(Engine &engine, const Picture &picture, uint32_t 
         std::vector<uint32_t> classes;
         if (!engine.detect(picture, out, model_classes.empty() ? nullptr : &classes)) {
             const std::string reason = engine.last_error();
-            throw ToolError(ExitCode::failed, "detection failed on '" + picture.path + "'" +
-                                                  (reason.empty() ? "" : ": " + reason));
+            throw ToolError(ExitCode::failed,
+                            "detection failed on '" + picture.path + "'" + (reason.empty() ? "" : ": " + reason));
         }
         // Each measured box, and whether it is a detection (label 1).
         std::vector<std::pair<LabelBox, bool>> boxes;
@@ -204,7 +204,8 @@ int run_eval(const EvalOptions &o) {
         throw usage_error("give the labelled pictures with --labels FILE_OR_DIR (or --voc DIR)");
     }
     if (o.model.empty() == o.detections.empty()) {
-        throw usage_error("give the model to measure with --model M, or detections made earlier with --detections FILE");
+        throw usage_error(
+            "give the model to measure with --model M, or detections made earlier with --detections FILE");
     }
     if (!o.plot.empty()) {
         output_target(o.plot, "plot");
@@ -363,15 +364,14 @@ int run_eval(const EvalOptions &o) {
                               "FP", "precision", "recall", "F1", "AP", "COCO AP"));
             for (const QualityFigures &c : report.classes) {
                 println(strformat("%-20s %7d %10d %4d %4d %9.3f %6.3f %6.3f %6.3f %8s", c.name.c_str(), c.objects,
-                                  c.detections, c.true_positives, c.false_positives, c.precision, c.recall, c.f1,
-                                  c.ap, coco_text(c.coco_ap).c_str()));
+                                  c.detections, c.true_positives, c.false_positives, c.precision, c.recall, c.f1, c.ap,
+                                  coco_text(c.coco_ap).c_str()));
             }
         }
         // Several classes: the counts summed, the APs averaged over the
         // classes with objects.
         const std::string measured_classes =
-            report.classes.size() == 1 ? group.display()
-                                       : strformat("all %zu (APs averaged)", report.classes.size());
+            report.classes.size() == 1 ? group.display() : strformat("all %zu (APs averaged)", report.classes.size());
         const std::string setting =
             o.model.empty() ? "detections " + o.detections : strformat("sensitivity %u", o.sensitivity);
         println(strformat("class %s, IoU >= %.2f, %s: %zu pictures, %d objects, %d detections",
@@ -400,8 +400,9 @@ int run_eval(const EvalOptions &o) {
 
 void add_eval_command(CLI::App &app, CommandAction &action) {
     auto o = std::make_shared<EvalOptions>();
-    CLI::App *sub = app.add_subcommand("eval", "Measure a model on labelled pictures (Pascal VOC, COCO, YOLO, CVAT, "
-                                                "Label Studio or imglab labels)");
+    CLI::App *sub = app.add_subcommand("eval",
+                                       "Measure a model on labelled pictures (Pascal VOC, COCO, YOLO, CVAT, "
+                                       "Label Studio or imglab labels)");
     sub->add_option("--model", o->model, "the model file")->type_name("M");
     sub->add_option("--labels", o->labels,
                     "the labels: a file or a folder in any of the formats " + format_names() +
@@ -459,8 +460,7 @@ void add_eval_command(CLI::App &app, CommandAction &action) {
         "  ostrel eval --model pawn.model --labels chess/_annotations.coco.json --class white-pawn,black-pawn --json\n"
         "  ostrel detect --model rbc.model --json data/bccd/images > d.jsonl\n"
         "  ostrel eval --detections d.jsonl --labels data/bccd --class RBC --plot pr.png\n\n" +
-        std::string(kProfileRuleHelp) + "\n\n" +
-        std::string(exit_code_help()));
+        std::string(kProfileRuleHelp) + "\n\n" + std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_eval(*o); }; });
 }
 

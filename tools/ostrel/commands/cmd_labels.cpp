@@ -126,14 +126,15 @@ void add_labels_command(CLI::App &app, CommandAction &action) {
     sub->add_option("--to", o->to, "convert to this format: " + format_names())->type_name("F");
     sub->add_option("--out", o->out, "with --to: the file (coco, cvat, labelstudio, imglab) or folder (voc, yolo)")
         ->type_name("PATH");
-    sub->footer("Boxes are in pixels: x, y the top-left corner, w, h the size (VOC's 1-based corners, YOLO's\n"
-                "fractions and Label Studio's percentages are converted). Pictures are named relative to the\n"
-                "written file's folder where they lie below it.\n\n"
-                "Examples:\n"
-                "  ostrel labels data/bccd\n"
-                "  ostrel labels data/bccd --to coco --out data/bccd/instances_all.json\n"
-                "  ostrel labels chess/data.yaml --json | jq -c '.boxes | length'\n\n" +
-                std::string(exit_code_help()));
+    sub->footer(
+        "Boxes are in pixels: x, y the top-left corner, w, h the size (VOC's 1-based corners, YOLO's\n"
+        "fractions and Label Studio's percentages are converted). Pictures are named relative to the\n"
+        "written file's folder where they lie below it.\n\n"
+        "Examples:\n"
+        "  ostrel labels data/bccd\n"
+        "  ostrel labels data/bccd --to coco --out data/bccd/instances_all.json\n"
+        "  ostrel labels chess/data.yaml --json | jq -c '.boxes | length'\n\n" +
+        std::string(exit_code_help()));
     sub->callback([o, &action] { action = [o] { return run_labels(*o); }; });
 }
 

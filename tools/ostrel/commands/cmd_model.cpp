@@ -67,8 +67,7 @@ void add_check_command(CLI::App &app, CommandAction &action) {
         "the library reading it. Prints \"MODEL: valid, a model of the P profile\" (and, for a model with\n"
         "named classes, \"classes: N (a, b, ...)\") and exits 0, or gives the reason on standard error and\n"
         "exits 1; a missing file, a folder, a device or a FIFO exits 3.\n\n" +
-        std::string(kProfileRuleHelp) + "\n\n" +
-        std::string(exit_code_help()));
+        std::string(kProfileRuleHelp) + "\n\n" + std::string(exit_code_help()));
     sub->callback([model, profile, &action] { action = [model, profile] { return run_check(*model, *profile); }; });
 }
 

@@ -139,20 +139,22 @@ std::vector<ClassTrainingSet> class_sets_from_options(const TrainOptions &o) {
     if (o.all_classes && o.labels.empty() && o.voc_dir.empty()) {
         throw usage_error("--all-classes goes with --labels or --voc");
     }
-    const bool several = o.all_classes || o.classes.size() > 1 ||
-                         (o.classes.size() == 1 && o.classes[0].find(',') != std::string::npos);
+    const bool several =
+        o.all_classes || o.classes.size() > 1 || (o.classes.size() == 1 && o.classes[0].find(',') != std::string::npos);
     if (!o.labels.empty() || !o.format.empty() || (!o.voc_dir.empty() && several)) {
         if (o.labels.empty() && !o.format.empty()) {
             throw usage_error("--format names the format of --labels FILE_OR_DIR");
         }
-        if (!o.labels.empty() && (!o.voc_dir.empty() || !o.images.empty() || !o.box_arguments.empty() ||
-                                  !o.box_files.empty())) {
-            throw usage_error("--labels takes the pictures and their boxes from the labels: give no IMAGE, --box, "
-                              "--boxes or --voc with it");
+        if (!o.labels.empty() &&
+            (!o.voc_dir.empty() || !o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty())) {
+            throw usage_error(
+                "--labels takes the pictures and their boxes from the labels: give no IMAGE, --box, "
+                "--boxes or --voc with it");
         }
         if (o.labels.empty() && (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty())) {
-            throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
-                              "--boxes with it");
+            throw usage_error(
+                "--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
+                "--boxes with it");
         }
         std::optional<LabelFormat> format = LabelFormat::voc;
         if (!o.labels.empty()) {
@@ -179,8 +181,9 @@ std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
     const std::string class_name = o.classes.empty() ? std::string() : o.classes.front();
     if (!o.voc_dir.empty()) {
         if (!o.images.empty() || !o.box_arguments.empty() || !o.box_files.empty()) {
-            throw usage_error("--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
-                              "--boxes with it");
+            throw usage_error(
+                "--voc takes the pictures and their boxes from the folder: give no IMAGE, --box or "
+                "--boxes with it");
         }
         if (class_name.empty()) {
             throw usage_error("--voc needs the object class: --class NAME");
@@ -198,12 +201,14 @@ std::vector<TrainingPicture> training_set_from_options(const TrainOptions &o) {
         throw usage_error("--limit goes with --voc or --labels");
     }
     if (o.images.empty()) {
-        throw usage_error("give the training picture IMAGE with its boxes, --labels FILE_OR_DIR or --voc DIR --class NAME");
+        throw usage_error(
+            "give the training picture IMAGE with its boxes, --labels FILE_OR_DIR or --voc DIR --class NAME");
     }
     if (o.images.size() > 1) {
         if (!o.box_arguments.empty()) {
-            throw usage_error("--box marks boxes on a single picture; with several pictures give --boxes FILE "
-                              "after each picture");
+            throw usage_error(
+                "--box marks boxes on a single picture; with several pictures give --boxes FILE "
+                "after each picture");
         }
         return pair_pictures_with_box_files(o.images, o.box_files, class_name);
     }
@@ -251,19 +256,20 @@ void require_boxes_within_map(const std::vector<Rect> &boxes, const Picture &pic
         return;
     }
     if (left_out.size() == boxes.size()) {
-        throw input_error(strformat("%s (%s) of '%s' reaches past the edge of the %dx%d picture and is left out "
-                                    "of training, so there is nothing to learn from: mark boxes that lie wholly "
-                                    "inside the picture",
-                                    boxes.size() == 1 ? "the only box" : "every box, the first",
-                                    to_string(boxes.front()).c_str(), picture.path.c_str(), picture.width(),
-                                    picture.height()));
+        throw input_error(
+            strformat("%s (%s) of '%s' reaches past the edge of the %dx%d picture and is left out "
+                      "of training, so there is nothing to learn from: mark boxes that lie wholly "
+                      "inside the picture",
+                      boxes.size() == 1 ? "the only box" : "every box, the first", to_string(boxes.front()).c_str(),
+                      picture.path.c_str(), picture.width(), picture.height()));
     }
     for (size_t i : left_out) {
         if (!warn_each) {
             break;
         }
         warn(strformat("box %llu (%s) reaches past the edge of the %dx%d picture '%s' and is left out of training",
-                       static_cast<unsigned long long>(i + 1), to_string(boxes[i]).c_str(), picture.width(), picture.height(), picture.path.c_str()));
+                       static_cast<unsigned long long>(i + 1), to_string(boxes[i]).c_str(), picture.width(),
+                       picture.height(), picture.path.c_str()));
     }
 }
 
@@ -272,15 +278,15 @@ void require_learnable(Size window, const Picture &picture, const FeatureMap &ma
     if (map.columns == 0 || map.rows == 0) {
         return;
     }
-    const WindowCells cells = window_cells(window, picture.width(), picture.height(), map.columns, map.rows,
-                                           map.channels);
+    const WindowCells cells =
+        window_cells(window, picture.width(), picture.height(), map.columns, map.rows, map.channels);
     const int low = OSTREL_ALG_MIN_WINDOW_WEIGHTS, high = OSTREL_ALG_MAX_WINDOW_WEIGHTS;
     if (cells.values < low || cells.values > high) {
-        throw input_error(strformat(
-            "a %dx%d box on this %dx%d picture gives the detector a window of %dx%d feature cells "
-            "(%d values); a model holds %d to %d values: use a %s box",
-            window.w, window.h, picture.width(), picture.height(), cells.columns, cells.rows, cells.values,
-            low, high, cells.values < low ? "larger" : "smaller"));
+        throw input_error(
+            strformat("a %dx%d box on this %dx%d picture gives the detector a window of %dx%d feature cells "
+                      "(%d values); a model holds %d to %d values: use a %s box",
+                      window.w, window.h, picture.width(), picture.height(), cells.columns, cells.rows, cells.values,
+                      low, high, cells.values < low ? "larger" : "smaller"));
     }
 }
 
@@ -297,8 +303,8 @@ int train_on(Engine &engine, const Picture &picture, const std::vector<Rect> &bo
     engine.set_progress_handler(nullptr);
     if (!trained) {
         const std::string reason = engine.last_error();
-        throw ToolError(ExitCode::failed, "training failed on '" + picture.path + "'" +
-                                              (reason.empty() ? "" : ": " + reason));
+        throw ToolError(ExitCode::failed,
+                        "training failed on '" + picture.path + "'" + (reason.empty() ? "" : ": " + reason));
     }
     progress.finish();
     return progress.samples();
@@ -337,8 +343,9 @@ void train_class(Engine &engine, const TrainOptions &o, const std::vector<Traini
         boxes_in_all += static_cast<int>(boxes.size());
         Size here;
         if (k == 0) {
-            window = o.median_size ? median_size(boxes) : o.width > 0 ? Size{o.width, o.height}
-                                                                      : Size{boxes.front().w, boxes.front().h};
+            window = o.median_size ? median_size(boxes)
+                     : o.width > 0 ? Size{o.width, o.height}
+                                   : Size{boxes.front().w, boxes.front().h};
             first_size = {picture.width(), picture.height()};
             if (!engine.feature_map(picture, map)) {
                 map = FeatureMap{};
@@ -361,10 +368,11 @@ void train_class(Engine &engine, const TrainOptions &o, const std::vector<Traini
             if (!several && classic) {
                 for (const auto &b : boxes) {
                     if (b.w != window.w || b.h != window.h) {
-                        warn(strformat("the boxes differ in size; the detector learns one window, the first box's "
-                                       "%dx%d (--median-size or --width/--height give every box one size; the "
-                                       "accurate profile learns every box at its own size)",
-                                       window.w, window.h));
+                        warn(
+                            strformat("the boxes differ in size; the detector learns one window, the first box's "
+                                      "%dx%d (--median-size or --width/--height give every box one size; the "
+                                      "accurate profile learns every box at its own size)",
+                                      window.w, window.h));
                         break;
                     }
                 }
@@ -399,24 +407,27 @@ void train_class(Engine &engine, const TrainOptions &o, const std::vector<Traini
         samples = train_on(engine, picture, boxes, samples);
     }
     if (changed > 0) {
-        warn(strformat("%d of %d boxes had another size than the %dx%d window of the first picture and were made "
-                       "that size, centred on each box (as --median-size places them)",
-                       changed, boxes_in_all, window.w, window.h));
+        warn(
+            strformat("%d of %d boxes had another size than the %dx%d window of the first picture and were made "
+                      "that size, centred on each box (as --median-size places them)",
+                      changed, boxes_in_all, window.w, window.h));
     }
     uint32_t positives = 0, negatives = 0;
     if (engine.sample_counts(positives, negatives)) {
-        println(strformat("samples: %u of the object and %u of background (shifted copies included), from %zu "
-                          "picture%s",
-                          positives, negatives, set.size(), several ? "s" : ""));
+        println(
+            strformat("samples: %u of the object and %u of background (shifted copies included), from %zu "
+                      "picture%s",
+                      positives, negatives, set.size(), several ? "s" : ""));
     }
 }
 
 int run_train(const TrainOptions &o) {
     const std::vector<ClassTrainingSet> classes = class_sets_from_options(o);
     if (classes.size() > 1 && o.profile != OSTREL_ALG_PROFILE_ACCURATE) {
-        throw usage_error(strformat("%zu classes in one model need --profile accurate (the classic profile learns "
-                                    "one class); --class a,b learns several label classes as one",
-                                    classes.size()));
+        throw usage_error(
+            strformat("%zu classes in one model need --profile accurate (the classic profile learns "
+                      "one class); --class a,b learns several label classes as one",
+                      classes.size()));
     }
     // Fails before any work when the model could not be written anyway.
     output_target(o.model, "model");
@@ -452,7 +463,8 @@ void add_train_command(CLI::App &app, CommandAction &action) {
     sub->add_option("IMAGE", o->images,
                     "a training picture (any format OpenCV reads); several pictures each take a --boxes FILE, "
                     "in the same order");
-    sub->add_option("--box", o->box_arguments, "a marked box in picture pixels (repeat for more boxes; one picture only)")
+    sub->add_option("--box", o->box_arguments,
+                    "a marked box in picture pixels (repeat for more boxes; one picture only)")
         ->type_name("x,y,w,h")
         ->allow_extra_args(false)  // one box per --box, so that IMAGE may follow it
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -474,7 +486,8 @@ void add_train_command(CLI::App &app, CommandAction &action) {
                   "(--profile accurate)");
     sub->add_option("--labels", o->labels,
                     "train on every picture of these labels that holds objects of --class: a file or folder in "
-                    "any of the formats " + format_names() + " (found from the content)")
+                    "any of the formats " +
+                        format_names() + " (found from the content)")
         ->type_name("FILE_OR_DIR");
     sub->add_option("--format", o->format, "the format of --labels: " + format_names())->type_name("F");
     sub->add_option("--voc", o->voc_dir,
@@ -491,7 +504,9 @@ void add_train_command(CLI::App &app, CommandAction &action) {
         ->type_name("N");
     add_training_profile_option(sub, &o->profile);
     sub->add_option("--seed", o->seed, "seed of the random background samples (default 1)")->type_name("S");
-    sub->add_option("--width", o->width, "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
+    sub->add_option(
+           "--width", o->width,
+           "give every box this width (centred on the box; a box cut by the picture's edge keeps its inner side)")
         ->check(whole_number_in(1, kLargestBoxValue))
         ->type_name("W");
     sub->add_option("--height", o->height, "give every box this height (placed like --width)")

@@ -21,9 +21,7 @@
 
 namespace ostrel_tool {
 
-const char *profile_name(int32_t profile) {
-    return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic";
-}
+const char *profile_name(int32_t profile) { return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic"; }
 
 const char *const kProfileRuleHelp =
     "A model file records the profile it was made under, and the file decides: detect, eval, check and\n"
@@ -34,8 +32,8 @@ namespace {
 
 CLI::Option *add_profile_names(CLI::App *command, int32_t *profile, const std::string &help) {
     return command->add_option("--profile", *profile, help)
-        ->transform(CLI::CheckedTransformer(std::map<std::string, int32_t>{
-            {"classic", OSTREL_ALG_PROFILE_CLASSIC}, {"accurate", OSTREL_ALG_PROFILE_ACCURATE}}))
+        ->transform(CLI::CheckedTransformer(std::map<std::string, int32_t>{{"classic", OSTREL_ALG_PROFILE_CLASSIC},
+                                                                           {"accurate", OSTREL_ALG_PROFILE_ACCURATE}}))
         ->type_name("NAME");
 }
 
@@ -198,10 +196,10 @@ void load_model(Engine &engine, const std::string &path, int32_t requested) {
     }
     // The library takes the profile from the file, as the tool read it.
     if (engine.profile() != verdict.profile) {
-        throw ToolError(ExitCode::failed, strformat("the library loaded model '%s' under the %s profile, but the file "
-                                                    "is a model of the %s profile",
-                                                    path.c_str(), profile_name(engine.profile()),
-                                                    profile_name(verdict.profile)));
+        throw ToolError(ExitCode::failed,
+                        strformat("the library loaded model '%s' under the %s profile, but the file "
+                                  "is a model of the %s profile",
+                                  path.c_str(), profile_name(engine.profile()), profile_name(verdict.profile)));
     }
 }
 

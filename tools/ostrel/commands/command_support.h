@@ -78,7 +78,7 @@ std::string model_problem(const std::string &path, const std::string &library_er
 struct ModelVerdict {
     bool library_accepts = false;
     int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the file's
-    std::string contradiction;  // one line when requested is not the file's profile
+    std::string contradiction;                     // one line when requested is not the file's profile
     std::string problem;
 };
 ModelVerdict judge_model(Engine &engine, const std::string &path, int32_t requested, bool try_accurate_import);

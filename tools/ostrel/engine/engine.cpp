@@ -218,8 +218,7 @@ bool Engine::feature_map(const Picture &picture, FeatureMap &map) {
     const ostrel_alg_image image = picture.record();
     const uint8_t *data = nullptr;
     uint32_t channels = 0, columns = 0, rows = 0;
-    if (call([&] { return ostrel_alg_getFeatureMap_ptr(handle_, &image, &data, &channels, &columns, &rows); }) !=
-        0) {
+    if (call([&] { return ostrel_alg_getFeatureMap_ptr(handle_, &image, &data, &channels, &columns, &rows); }) != 0) {
         return false;
     }
     const size_t size = static_cast<size_t>(channels) * columns * rows;

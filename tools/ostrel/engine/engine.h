@@ -70,8 +70,7 @@ public:
     bool sample_counts(uint32_t &positives, uint32_t &negatives);
     // Detects; boxes receives the engine's result list (copied), and
     // classes, when given, the class index of each box.
-    bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes,
-                std::vector<uint32_t> *classes = nullptr);
+    bool detect(const Picture &picture, std::vector<ostrel_alg_box> &boxes, std::vector<uint32_t> *classes = nullptr);
     // Adds a named class and makes it the one the next trainings teach
     // (accurate profile).
     bool add_class(const std::string &name);

@@ -145,11 +145,20 @@ constexpr uint8_t kAccurateMagic[8] = {0x4F, 0x53, 0x54, 0xC1, 0x0D, 0x0A, 0x1A,
 }  // namespace
 
 const char *accurate_setting_name(size_t index) {
-    static const char *const names[kAccurateSettingsCount] = {
-        "profile", "accurate cells", "accurate size steps", "accurate overlap", "accurate min height",
-        "accurate max height", "search margin (%)", "levels per octave", "approximation exponent (1/1000)",
-        "normalisation radius", "normalisation floor", "edge reach (%)", "size prior (1/1000)",
-        "contained suppression (%)"};
+    static const char *const names[kAccurateSettingsCount] = {"profile",
+                                                              "accurate cells",
+                                                              "accurate size steps",
+                                                              "accurate overlap",
+                                                              "accurate min height",
+                                                              "accurate max height",
+                                                              "search margin (%)",
+                                                              "levels per octave",
+                                                              "approximation exponent (1/1000)",
+                                                              "normalisation radius",
+                                                              "normalisation floor",
+                                                              "edge reach (%)",
+                                                              "size prior (1/1000)",
+                                                              "contained suppression (%)"};
     return index < kAccurateSettingsCount ? names[index] : "?";
 }
 
@@ -180,8 +189,8 @@ void add_trailer_problems(ModelInfo &info) {
                                           static_cast<unsigned long long>(info.content_length)));
     }
     if (info.bytes_after_trailer() > 0) {
-        info.problems.push_back(strformat("%llu bytes follow the trailer",
-                                          static_cast<unsigned long long>(info.bytes_after_trailer())));
+        info.problems.push_back(
+            strformat("%llu bytes follow the trailer", static_cast<unsigned long long>(info.bytes_after_trailer())));
     }
 }
 
@@ -195,8 +204,8 @@ void parse_accurate(Reader &r, ModelInfo &info, const std::string &source) {
     }
     const uint32_t settings_bytes = r.u32("the header");
     if (settings_bytes != 4 * kAccurateSettingsCount) {
-        throw input_error(strformat("'%s' is not an accurate model file: its settings block is %u bytes", source.c_str(),
-                                    settings_bytes));
+        throw input_error(strformat("'%s' is not an accurate model file: its settings block is %u bytes",
+                                    source.c_str(), settings_bytes));
     }
     for (int32_t &v : info.accurate_settings) v = r.i32("the settings");
     const uint32_t classes = r.u32("the class count");
@@ -344,12 +353,10 @@ ModelInfo parse_from(ByteSource &bytes, const std::string &source) {
         }
         // A filter's feature length may be one more than a window's weights.
         const int max_length = OSTREL_ALG_MAX_WINDOW_WEIGHTS + 1;
-        const bool sizes_ok = f[0].rows == 1 && f[0].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS &&
-                              f[0].cols <= max_length && f[1].rows >= 1 && f[1].rows <= 14 &&
-                              f[1].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS && f[1].cols <= max_length &&
-                              f[2].rows == f[0].rows &&
-                              f[2].cols >= 1 && f[2].cols <= 14 && f[3].rows >= 1 && f[3].rows <= 14 &&
-                              f[3].cols >= 1 && f[3].cols <= 14;
+        const bool sizes_ok = f[0].rows == 1 && f[0].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS && f[0].cols <= max_length &&
+                              f[1].rows >= 1 && f[1].rows <= 14 && f[1].cols >= OSTREL_ALG_MIN_WINDOW_WEIGHTS &&
+                              f[1].cols <= max_length && f[2].rows == f[0].rows && f[2].cols >= 1 && f[2].cols <= 14 &&
+                              f[3].rows >= 1 && f[3].rows <= 14 && f[3].cols >= 1 && f[3].cols <= 14;
         if (!sizes_ok) {
             info.problems.push_back("filter: matrix sizes outside the accepted ranges");
         }
@@ -404,8 +411,8 @@ ModelInfo read_model_info(const std::string &path) {
     // The first bytes choose the layout, as the library's do.
     uint8_t head[sizeof kAccurateMagic] = {};
     in.read(reinterpret_cast<char *>(head), sizeof head);
-    const bool accurate = in.gcount() == static_cast<std::streamsize>(sizeof head) &&
-                          std::memcmp(head, kAccurateMagic, sizeof head) == 0;
+    const bool accurate =
+        in.gcount() == static_cast<std::streamsize>(sizeof head) && std::memcmp(head, kAccurateMagic, sizeof head) == 0;
     in.clear();
     in.seekg(0);
     FileSource file(in, static_cast<uint64_t>(size), path);
@@ -449,12 +456,13 @@ std::string describe_accurate(const ModelInfo &info) {
     s += strformat("classes: %zu\n", info.classes.size());
     for (size_t k = 0; k < info.classes.size(); ++k) {
         const AccurateClassInfo &c = info.classes[k];
-        s += strformat("class %zu: name \"%s\", window %d x %d cells (%d channels, %d weights), object width / height "
-                       "%.3f, taught heights %.1f to %.1f pixels, 50%% confidence at margin %.3f (slope %.3f)\n",
-                       k + 1, c.name.c_str(), c.window_columns, c.window_rows, c.channels, c.weights,
-                       static_cast<double>(c.aspect), static_cast<double>(c.taught_min_height),
-                       static_cast<double>(c.taught_max_height), static_cast<double>(c.calibration_offset),
-                       static_cast<double>(c.calibration_slope));
+        s += strformat(
+            "class %zu: name \"%s\", window %d x %d cells (%d channels, %d weights), object width / height "
+            "%.3f, taught heights %.1f to %.1f pixels, 50%% confidence at margin %.3f (slope %.3f)\n",
+            k + 1, c.name.c_str(), c.window_columns, c.window_rows, c.channels, c.weights,
+            static_cast<double>(c.aspect), static_cast<double>(c.taught_min_height),
+            static_cast<double>(c.taught_max_height), static_cast<double>(c.calibration_offset),
+            static_cast<double>(c.calibration_slope));
     }
     if (!info.classes.empty()) {
         s += strformat("trained_width: %d\n", info.trained_width);

@@ -73,7 +73,7 @@ struct ModelInfo {
     uint64_t content_length = 0;  // bytes before the trailer, as parsed
     uint64_t stored_length = 0;   // L from the trailer
     uint32_t stored_crc = 0;
-    uint32_t computed_crc = 0;    // CRC-32 of the first content_length bytes
+    uint32_t computed_crc = 0;  // CRC-32 of the first content_length bytes
     uint64_t file_size = 0;
 
     bool crc_matches() const { return stored_crc == computed_crc; }

@@ -35,10 +35,10 @@ double iou(const CocoBox &d, const CocoBox &g, bool crowd) {
 }
 
 struct PictureResult {
-    std::vector<double> scores;                // kept detections, by falling score
-    std::vector<std::vector<bool>> matched;    // [t][d]
-    std::vector<std::vector<bool>> ignored;    // [t][d]
-    int counted_labels = 0;                    // labels not ignored
+    std::vector<double> scores;              // kept detections, by falling score
+    std::vector<std::vector<bool>> matched;  // [t][d]
+    std::vector<std::vector<bool>> ignored;  // [t][d]
+    int counted_labels = 0;                  // labels not ignored
 };
 
 PictureResult evaluate_picture(const CocoPicture &p, const std::vector<double> &thresholds) {
@@ -52,9 +52,8 @@ PictureResult evaluate_picture(const CocoPicture &p, const std::vector<double> &
         const double area = g.area ? *g.area : g.w * g.h;
         return g.ignore || g.crowd || area < kAreaMin || area > kAreaMax;
     };
-    std::stable_sort(gt_order.begin(), gt_order.end(), [&](size_t a, size_t b) {
-        return !ignored_label(gt[a]) && ignored_label(gt[b]);
-    });
+    std::stable_sort(gt_order.begin(), gt_order.end(),
+                     [&](size_t a, size_t b) { return !ignored_label(gt[a]) && ignored_label(gt[b]); });
     std::vector<CocoBox> labels;
     for (size_t i : gt_order) {
         labels.push_back(gt[i]);
@@ -194,8 +193,8 @@ CocoFigures coco_evaluate(std::vector<CocoPicture> pictures) {
         }
         ap_of_threshold[t] = sum / static_cast<double>(points.size());
     }
-    figures.ap = std::accumulate(ap_of_threshold.begin(), ap_of_threshold.end(), 0.0) /
-                 static_cast<double>(thresholds.size());
+    figures.ap =
+        std::accumulate(ap_of_threshold.begin(), ap_of_threshold.end(), 0.0) / static_cast<double>(thresholds.size());
     figures.ap50 = ap_of_threshold[0];
     figures.ap75 = ap_of_threshold[5];
     return figures;

@@ -29,9 +29,9 @@ namespace ostrel_tool {
 
 struct CocoBox {
     double x = 0, y = 0, w = 0, h = 0;
-    double score = 0;  // detections
-    bool crowd = false;   // labels: iscrowd
-    bool ignore = false;  // labels: don't care (crowd regions are ignored too)
+    double score = 0;            // detections
+    bool crowd = false;          // labels: iscrowd
+    bool ignore = false;         // labels: don't care (crowd regions are ignored too)
     std::optional<double> area;  // labels: COCO's own area
 };
 

@@ -135,8 +135,8 @@ CocoBox coco_box(const LabelBox &b) {
 
 }  // namespace
 
-QualityReport evaluate_detections(const std::vector<EvaluatedPicture> &pictures,
-                                  const std::vector<ClassGroup> &classes, double iou) {
+QualityReport evaluate_detections(const std::vector<EvaluatedPicture> &pictures, const std::vector<ClassGroup> &classes,
+                                  double iou) {
     QualityReport report;
     report.iou = iou;
     for (const auto &p : pictures) {
@@ -187,7 +187,8 @@ QualityReport evaluate_detections(const std::vector<EvaluatedPicture> &pictures,
         int tp = 0;
         for (size_t i = 0; i < sorted.size(); ++i) {
             tp += sorted[i].second ? 1 : 0;
-            figures.curve.emplace_back(ratio(tp, figures.objects), static_cast<double>(tp) / static_cast<double>(i + 1));
+            figures.curve.emplace_back(ratio(tp, figures.objects),
+                                       static_cast<double>(tp) / static_cast<double>(i + 1));
         }
         const CocoFigures c = coco_evaluate(std::move(coco));
         figures.coco_ap = c.ap;

@@ -58,8 +58,8 @@ struct QualityFigures {
     double precision = 0.0;
     double recall = 0.0;
     double f1 = 0.0;
-    double ap = 0.0;         // all-point AP at the IoU threshold, over every box
-    double coco_ap = -1.0;   // AP@[.50:.95]; -1 without objects
+    double ap = 0.0;        // all-point AP at the IoU threshold, over every box
+    double coco_ap = -1.0;  // AP@[.50:.95]; -1 without objects
     double coco_ap50 = -1.0;
     double coco_ap75 = -1.0;
     // The precision/recall curve of the ranked boxes (recall, precision),
@@ -87,8 +87,8 @@ struct QualityReport {
 // IoU of two boxes on the continuous axis; 0 without overlap.
 double box_iou(const LabelBox &a, const LabelBox &b);
 
-QualityReport evaluate_detections(const std::vector<EvaluatedPicture> &pictures,
-                                  const std::vector<ClassGroup> &classes, double iou);
+QualityReport evaluate_detections(const std::vector<EvaluatedPicture> &pictures, const std::vector<ClassGroup> &classes,
+                                  double iou);
 
 // The all-point average precision of boxes ranked by score (stable),
 // each a true positive or not, against objects.

@@ -16,9 +16,8 @@ std::vector<ClassGroup> measured_classes(const std::vector<std::string> &asked, 
         return groups;
     }
     for (const ClassGroup &group : groups) {
-        const bool known = std::any_of(named.begin(), named.end(), [&](const std::string &n) {
-            return group.contains(n) || n == group.display();
-        });
+        const bool known = std::any_of(named.begin(), named.end(),
+                                       [&](const std::string &n) { return group.contains(n) || n == group.display(); });
         if (!known) {
             std::string listed;
             for (const std::string &n : named) listed += (listed.empty() ? "" : ", ") + n;

@@ -27,8 +27,8 @@ struct LabelledBox {
 };
 
 struct PictureMatch {
-    int objects = 0;           // labelled boxes that count (not difficult)
-    int detections = 0;        // detections that count (not matched to a difficult box)
+    int objects = 0;     // labelled boxes that count (not difficult)
+    int detections = 0;  // detections that count (not matched to a difficult box)
     int true_positives = 0;
     int false_positives = 0;
     // Per counted detection: its score and whether it was a true positive,

@@ -17,7 +17,7 @@ cv::Point at(double recall, double precision) {
 }
 
 const cv::Scalar kColours[] = {{180, 100, 30}, {40, 40, 200}, {40, 150, 40}, {160, 40, 160},
-                               {20, 140, 220}, {120, 120, 0}, {90, 90, 90}, {0, 90, 180}};
+                               {20, 140, 220}, {120, 120, 0}, {90, 90, 90},  {0, 90, 180}};
 }  // namespace
 
 cv::Mat draw_precision_recall(const QualityReport &report) {

@@ -12,7 +12,7 @@ namespace ostrel_tool {
 
 struct Picture {
     std::string path;
-    cv::Mat pixels;  // 8-bit BGR, continuous
+    cv::Mat pixels;   // 8-bit BGR, continuous
     int64_t key = 0;  // the library's image_key: a new one for every loaded picture
 
     int width() const { return pixels.cols; }

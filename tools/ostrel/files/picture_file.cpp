@@ -90,7 +90,7 @@ void require_pixels_within_limit(const std::string &path, int64_t width, int64_t
         throw input_error(strformat("picture '%s' is %lldx%lld pixels, above the limit of %lld pixels (%s)",
                                     path.c_str(), static_cast<long long>(width), static_cast<long long>(height),
                                     static_cast<long long>(limit),
-                                    limit == kDefaultMaxPicturePixels  ? "the default; --max-pixels raises it"
+                                    limit == kDefaultMaxPicturePixels   ? "the default; --max-pixels raises it"
                                     : limit == kLargestMaxPicturePixels ? "the library's own limit"
                                                                         : "set by --max-pixels"));
     }

@@ -11,9 +11,13 @@ namespace ostrel_tool {
 namespace {
 
 uint32_t be16(const uint8_t *p) { return (uint32_t(p[0]) << 8) | p[1]; }
-uint32_t be32(const uint8_t *p) { return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]; }
+uint32_t be32(const uint8_t *p) {
+    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+}
 uint32_t le16(const uint8_t *p) { return uint32_t(p[0]) | (uint32_t(p[1]) << 8); }
-uint32_t le32(const uint8_t *p) { return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24); }
+uint32_t le32(const uint8_t *p) {
+    return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
+}
 
 // The orientation tag (0x0112) of the first directory of a TIFF structure,
 // as EXIF data hold it, read the way OpenCV's decoder reads it: byte order
@@ -202,29 +206,30 @@ PictureHeader read_picture_header(const std::string &bytes) {
 
 bool reaches_picture_end(const std::string &bytes, PictureFormat format) {
     switch (format) {
-    case PictureFormat::jpeg: return bytes.size() >= 4 && bytes.rfind("\xFF\xD9") != std::string::npos && bytes.rfind("\xFF\xD9") >= 2;
-    case PictureFormat::png: return bytes.find("IEND", 8) != std::string::npos;
-    case PictureFormat::bmp:
-        return bytes.size() >= 6 && le32(reinterpret_cast<const uint8_t *>(bytes.data()) + 2) <= bytes.size();
-    default: return false;
+        case PictureFormat::jpeg:
+            return bytes.size() >= 4 && bytes.rfind("\xFF\xD9") != std::string::npos && bytes.rfind("\xFF\xD9") >= 2;
+        case PictureFormat::png: return bytes.find("IEND", 8) != std::string::npos;
+        case PictureFormat::bmp:
+            return bytes.size() >= 6 && le32(reinterpret_cast<const uint8_t *>(bytes.data()) + 2) <= bytes.size();
+        default: return false;
     }
 }
 
 const char *media_type(PictureFormat format) {
     switch (format) {
-    case PictureFormat::jpeg: return "image/jpeg";
-    case PictureFormat::png: return "image/png";
-    case PictureFormat::bmp: return "image/bmp";
-    default: return "application/octet-stream";
+        case PictureFormat::jpeg: return "image/jpeg";
+        case PictureFormat::png: return "image/png";
+        case PictureFormat::bmp: return "image/bmp";
+        default: return "application/octet-stream";
     }
 }
 
 const char *file_extension(PictureFormat format) {
     switch (format) {
-    case PictureFormat::jpeg: return ".jpg";
-    case PictureFormat::png: return ".png";
-    case PictureFormat::bmp: return ".bmp";
-    default: return "";
+        case PictureFormat::jpeg: return ".jpg";
+        case PictureFormat::png: return ".png";
+        case PictureFormat::bmp: return ".bmp";
+        default: return "";
     }
 }
 

@@ -14,7 +14,7 @@ enum class PictureFormat { unknown, jpeg, png, bmp };
 
 struct PictureHeader {
     PictureFormat format = PictureFormat::unknown;
-    int64_t width = 0;   // upright, as decoded; 0 when the header gives no size
+    int64_t width = 0;  // upright, as decoded; 0 when the header gives no size
     int64_t height = 0;
     int orientation = 1;  // the EXIF orientation the decoder applies (1: as stored)
 };

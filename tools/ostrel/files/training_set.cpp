@@ -13,8 +13,8 @@ std::vector<TrainingPicture> pair_pictures_with_box_files(const std::vector<std:
                                                           const std::string &class_name) {
     if (pictures.size() != box_files.size()) {
         throw usage_error("give one --boxes FILE per picture (" + std::to_string(pictures.size()) + " picture" +
-                          (pictures.size() == 1 ? "" : "s") + ", " + std::to_string(box_files.size()) +
-                          " box file" + (box_files.size() == 1 ? "" : "s") + ")");
+                          (pictures.size() == 1 ? "" : "s") + ", " + std::to_string(box_files.size()) + " box file" +
+                          (box_files.size() == 1 ? "" : "s") + ")");
     }
     std::vector<TrainingPicture> set;
     for (size_t i = 0; i < pictures.size(); ++i) {

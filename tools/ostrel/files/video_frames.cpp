@@ -12,14 +12,12 @@ namespace ostrel_tool {
 
 namespace {
 
-bool all_digits(const std::string &s) {
-    return !s.empty() && s.find_first_not_of("0123456789") == std::string::npos;
-}
+bool all_digits(const std::string &s) { return !s.empty() && s.find_first_not_of("0123456789") == std::string::npos; }
 
 // A non-negative decimal number ("12", "4.5"); nothing else.
 std::optional<double> decimal(const std::string &s) {
-    if (s.empty() || s.find_first_not_of("0123456789.") != std::string::npos ||
-        s.find('.') != s.rfind('.') || s == ".") {
+    if (s.empty() || s.find_first_not_of("0123456789.") != std::string::npos || s.find('.') != s.rfind('.') ||
+        s == ".") {
         return std::nullopt;
     }
     return std::strtod(s.c_str(), nullptr);
@@ -83,7 +81,8 @@ VideoFrames::VideoFrames(const std::string &path, const FrameChoice &choice) : p
         choice_.every = 1;
     }
 #if !OSTREL_TOOL_VIDEO
-    problem_ = "cannot read video '" + path + "': this ostrel was built without video support (OpenCV without "
+    problem_ = "cannot read video '" + path +
+               "': this ostrel was built without video support (OpenCV without "
                "video I/O)";
     finished_ = true;
 #else
@@ -166,10 +165,11 @@ void VideoFrames::note_early_end() {
     // (or 1%) short of it is the normal end of such a file.
     const int64_t tolerance = std::max<int64_t>(2, declared_frames_ / 100);
     if (declared_frames_ > 0 && position_ + tolerance < declared_frames_) {
-        problem_ = strformat("video '%s': frames from %lld on cannot be decoded (the file declares %lld); the "
-                             "%lld frames before them were used",
-                             path_.c_str(), static_cast<long long>(position_),
-                             static_cast<long long>(declared_frames_), static_cast<long long>(position_));
+        problem_ = strformat(
+            "video '%s': frames from %lld on cannot be decoded (the file declares %lld); the "
+            "%lld frames before them were used",
+            path_.c_str(), static_cast<long long>(position_), static_cast<long long>(declared_frames_),
+            static_cast<long long>(position_));
     }
 }
 

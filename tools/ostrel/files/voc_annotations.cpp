@@ -66,8 +66,8 @@ bool looks_like_xml(const std::string &text) {
 
 VocAnnotation parse_voc_annotation(const std::string &xml, const std::string &source) {
     pugi::xml_document document;
-    const pugi::xml_parse_result parsed = document.load_buffer(
-        xml.data(), xml.size(), pugi::parse_default, declared_xml_encoding(xml));
+    const pugi::xml_parse_result parsed =
+        document.load_buffer(xml.data(), xml.size(), pugi::parse_default, declared_xml_encoding(xml));
     if (!parsed) {
         throw input_error("'" + source + "' is not well-formed XML: " + parsed.description() + " at byte " +
                           std::to_string(parsed.offset));
@@ -224,7 +224,8 @@ std::vector<VocItem> read_voc_folder(const std::string &dir, bool use_path_eleme
             picture = pictures / item.annotation.filename;
         } else {
             for (const auto &entry : fs::directory_iterator(pictures, ec)) {
-                if (entry.is_regular_file() && entry.path().stem() == xml.stem() && is_picture_extension(entry.path())) {
+                if (entry.is_regular_file() && entry.path().stem() == xml.stem() &&
+                    is_picture_extension(entry.path())) {
                     picture = entry.path();
                     break;
                 }

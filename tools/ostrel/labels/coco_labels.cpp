@@ -207,8 +207,8 @@ std::string write_coco_dataset(const LabelSet &set, const LabelWriteOptions &opt
     }
     json categories = json::array();
     for (size_t i = 0; i < set.classes.size(); ++i) {
-        categories.push_back({{"id", category_id_of(set, set.classes[i])}, {"name", set.classes[i]},
-                              {"supercategory", "none"}});
+        categories.push_back(
+            {{"id", category_id_of(set, set.classes[i])}, {"name", set.classes[i]}, {"supercategory", "none"}});
     }
     nlohmann::ordered_json document;
     document["info"] = {{"description", "written by ostrel"}};
@@ -275,14 +275,14 @@ LabelSet parse_coco_results(const std::string &text, const std::string &source, 
         const int64_t image_id = r.integer(r.member(entry, path, "image_id"), json_path(path, "image_id"));
         const auto picture = picture_of_id.find(image_id);
         if (picture == picture_of_id.end()) {
-            r.fail(json_path(path, "image_id"), "'" + dataset.source + "' has no image of id " +
-                                                    std::to_string(image_id));
+            r.fail(json_path(path, "image_id"),
+                   "'" + dataset.source + "' has no image of id " + std::to_string(image_id));
         }
         const int64_t category = r.integer(r.member(entry, path, "category_id"), json_path(path, "category_id"));
         const auto name = names.find(category);
         if (name == names.end()) {
-            r.fail(json_path(path, "category_id"), "'" + dataset.source + "' has no category of id " +
-                                                       std::to_string(category));
+            r.fail(json_path(path, "category_id"),
+                   "'" + dataset.source + "' has no category of id " + std::to_string(category));
         }
         LabelBox box;
         box.class_name = name->second;

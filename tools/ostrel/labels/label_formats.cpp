@@ -109,12 +109,12 @@ FileKind file_kind(const fs::path &path) {
 
 LabelFormat format_of_kind(FileKind kind) {
     switch (kind) {
-    case FileKind::voc: return LabelFormat::voc;
-    case FileKind::coco: return LabelFormat::coco;
-    case FileKind::yolo: return LabelFormat::yolo;
-    case FileKind::cvat: return LabelFormat::cvat;
-    case FileKind::labelstudio: return LabelFormat::labelstudio;
-    default: return LabelFormat::imglab;
+        case FileKind::voc: return LabelFormat::voc;
+        case FileKind::coco: return LabelFormat::coco;
+        case FileKind::yolo: return LabelFormat::yolo;
+        case FileKind::cvat: return LabelFormat::cvat;
+        case FileKind::labelstudio: return LabelFormat::labelstudio;
+        default: return LabelFormat::imglab;
     }
 }
 
@@ -165,8 +165,8 @@ std::map<LabelFormat, std::vector<std::string>> formats_in(const fs::path &dir) 
                 continue;
             }
             const LabelFormat format = format_of_kind(kind);
-            const std::string where = (format == LabelFormat::voc || format == LabelFormat::yolo) ? folder.string()
-                                                                                                   : file.string();
+            const std::string where =
+                (format == LabelFormat::voc || format == LabelFormat::yolo) ? folder.string() : file.string();
             auto &places = found[format];
             if (std::find(places.begin(), places.end(), where) == places.end()) {
                 places.push_back(where);
@@ -209,8 +209,8 @@ std::string label_path_in(const std::string &dir, LabelFormat format) {
         throw input_error("'" + dir + "' holds no " + format_name(format) + " label file");
     }
     if (it->second.size() > 1) {
-        throw input_error("'" + dir + "' holds several " + format_name(format) + " label files (" +
-                          it->second[0] + ", " + it->second[1] + "): give the one to read");
+        throw input_error("'" + dir + "' holds several " + format_name(format) + " label files (" + it->second[0] +
+                          ", " + it->second[1] + "): give the one to read");
     }
     return it->second.front();
 }
@@ -266,29 +266,27 @@ LabelSet read_labels(const std::string &path, std::optional<LabelFormat> format)
     std::error_code ec;
     const std::string file = fs::is_directory(path, ec) ? label_path_in(path, f) : path;
     switch (f) {
-    case LabelFormat::voc: return read_voc_labels(file);
-    case LabelFormat::coco: return read_coco_labels(file);
-    case LabelFormat::yolo: return read_yolo_labels(file);
-    case LabelFormat::cvat: return read_cvat_labels(file);
-    case LabelFormat::labelstudio: return read_labelstudio_labels(file);
-    case LabelFormat::imglab: return read_imglab_labels(file);
+        case LabelFormat::voc: return read_voc_labels(file);
+        case LabelFormat::coco: return read_coco_labels(file);
+        case LabelFormat::yolo: return read_yolo_labels(file);
+        case LabelFormat::cvat: return read_cvat_labels(file);
+        case LabelFormat::labelstudio: return read_labelstudio_labels(file);
+        case LabelFormat::imglab: return read_imglab_labels(file);
     }
     throw input_error("unknown label format");
 }
 
-bool writes_file_per_picture(LabelFormat format) {
-    return format == LabelFormat::voc || format == LabelFormat::yolo;
-}
+bool writes_file_per_picture(LabelFormat format) { return format == LabelFormat::voc || format == LabelFormat::yolo; }
 
 const char *per_picture_extension(LabelFormat format) { return format == LabelFormat::yolo ? ".txt" : ".xml"; }
 
 std::string label_set_text(const LabelSet &set, LabelFormat format, const LabelWriteOptions &options) {
     switch (format) {
-    case LabelFormat::coco: return write_coco_dataset(set, options);
-    case LabelFormat::cvat: return write_cvat(set, options);
-    case LabelFormat::labelstudio: return write_labelstudio(set, options);
-    case LabelFormat::imglab: return write_imglab(set, options);
-    default: throw input_error(std::string(format_name(format)) + " writes a file per picture");
+        case LabelFormat::coco: return write_coco_dataset(set, options);
+        case LabelFormat::cvat: return write_cvat(set, options);
+        case LabelFormat::labelstudio: return write_labelstudio(set, options);
+        case LabelFormat::imglab: return write_imglab(set, options);
+        default: throw input_error(std::string(format_name(format)) + " writes a file per picture");
     }
 }
 

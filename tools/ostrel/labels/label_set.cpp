@@ -17,8 +17,11 @@ struct FormatName {
     const char *name;
 };
 constexpr FormatName kFormatNames[] = {
-    {LabelFormat::voc, "voc"},         {LabelFormat::coco, "coco"}, {LabelFormat::yolo, "yolo"},
-    {LabelFormat::cvat, "cvat"},       {LabelFormat::labelstudio, "labelstudio"},
+    {LabelFormat::voc, "voc"},
+    {LabelFormat::coco, "coco"},
+    {LabelFormat::yolo, "yolo"},
+    {LabelFormat::cvat, "cvat"},
+    {LabelFormat::labelstudio, "labelstudio"},
     {LabelFormat::imglab, "imglab"},
 };
 
@@ -152,8 +155,8 @@ std::vector<ClassGroup> class_groups_of(const std::vector<std::string> &values) 
         size_t start = 0;
         while (true) {
             const size_t comma = value.find(',', start);
-            const std::string name = trimmed(value.substr(start, comma == std::string::npos ? std::string::npos
-                                                                                          : comma - start));
+            const std::string name =
+                trimmed(value.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
             if (name.empty()) {
                 throw usage_error("--class '" + value + "' holds an empty class name");
             }

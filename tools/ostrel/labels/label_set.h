@@ -42,7 +42,7 @@ struct LabelBox {
     bool difficult = false;  // don't care: neither found nor missed in evaluation
     bool truncated = false;
     bool occluded = false;
-    bool crowd = false;  // a region of many objects (COCO iscrowd): ignored, may match several detections
+    bool crowd = false;           // a region of many objects (COCO iscrowd): ignored, may match several detections
     std::optional<double> score;  // a prediction's confidence 0..1
     std::optional<double> area;   // COCO's own area of the object, when the file gives it
 };

@@ -30,8 +30,7 @@ std::string read_label_file(const std::string &path, uintmax_t max_bytes, const 
     const uintmax_t size = fs::file_size(path, ec);
     if (!ec && size > max_bytes) {
         throw input_error(strformat("%s '%s' has %llu bytes; at most %llu are read", what, path.c_str(),
-                                    static_cast<unsigned long long>(size),
-                                    static_cast<unsigned long long>(max_bytes)));
+                                    static_cast<unsigned long long>(size), static_cast<unsigned long long>(max_bytes)));
     }
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
@@ -121,17 +120,14 @@ std::string json_path(const std::string &parent, const std::string &key) {
     return parent.empty() ? key : parent + "." + key;
 }
 
-std::string json_path(const std::string &parent, size_t index) {
-    return parent + "[" + std::to_string(index) + "]";
-}
+std::string json_path(const std::string &parent, size_t index) { return parent + "[" + std::to_string(index) + "]"; }
 
 void JsonReader::fail(const std::string &path, const std::string &reason) const {
     throw input_error("'" + source_ + "'" + (place_.empty() ? "" : " " + place_) + ": " +
                       (path.empty() ? "" : path + ": ") + reason);
 }
 
-const nlohmann::json &JsonReader::member(const nlohmann::json &object, const std::string &path,
-                                         const char *key) const {
+const nlohmann::json &JsonReader::member(const nlohmann::json &object, const std::string &path, const char *key) const {
     const nlohmann::json *found = optional_member(object, key);
     if (found == nullptr) {
         fail(json_path(path, key), "missing");

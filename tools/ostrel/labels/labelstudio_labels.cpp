@@ -49,8 +49,9 @@ std::string path_of_address(const std::string &address) {
 
 // Uploaded files are stored as "<8 hex digits>-<name>".
 std::string without_upload_prefix(const std::string &name) {
-    if (name.size() > 9 && name[8] == '-' &&
-        std::all_of(name.begin(), name.begin() + 8, [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); })) {
+    if (name.size() > 9 && name[8] == '-' && std::all_of(name.begin(), name.begin() + 8, [](char c) {
+            return std::isxdigit(static_cast<unsigned char>(c));
+        })) {
         return name.substr(9);
     }
     return name;
@@ -222,8 +223,7 @@ bool looks_like_labelstudio(const json &value) {
     }
     const json &task = value.front();
     return task.contains("annotations") || task.contains("predictions") || task.contains("completions") ||
-           (task.contains("data") && task["data"].is_object()) ||
-           (task.contains("image") && task.contains("label"));
+           (task.contains("data") && task["data"].is_object()) || (task.contains("image") && task.contains("label"));
 }
 
 LabelSet parse_labelstudio(const std::string &text, const std::string &source, const LabelStudioPictures *lookup) {
@@ -260,7 +260,8 @@ LabelSet parse_labelstudio(const std::string &text, const std::string &source, c
                     const json &a = (*list)[k];
                     r.require_object(a, json_path(json_path(path, key), k));
                     const json *cancelled = r.optional_member(a, "was_cancelled");
-                    if (cancelled && r.flag(*cancelled, json_path(json_path(json_path(path, key), k), "was_cancelled"))) {
+                    if (cancelled &&
+                        r.flag(*cancelled, json_path(json_path(json_path(path, key), k), "was_cancelled"))) {
                         continue;
                     }
                     chosen = &a;

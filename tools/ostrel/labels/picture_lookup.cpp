@@ -64,8 +64,8 @@ void picture_size(const std::string &path, int &width, int &height) {
     in.read(&head[0], static_cast<std::streamsize>(head.size()));
     head.resize(static_cast<size_t>(in.gcount()));
     const PictureHeader header = read_picture_header(head);
-    if (header.format != PictureFormat::unknown && header.width > 0 && header.height > 0 &&
-        header.width <= 1000000 && header.height <= 1000000) {
+    if (header.format != PictureFormat::unknown && header.width > 0 && header.height > 0 && header.width <= 1000000 &&
+        header.height <= 1000000) {
         width = static_cast<int>(header.width);
         height = static_cast<int>(header.height);
         return;

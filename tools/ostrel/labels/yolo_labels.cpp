@@ -113,8 +113,8 @@ std::vector<std::string> names_from_map(const std::map<long, std::string> &by_in
     long expected = 0;
     for (const auto &entry : by_index) {
         if (entry.first != expected) {
-            refuse(source, line, "class numbers must run 0, 1, 2, ... without a gap; " + std::to_string(expected) +
-                                     " is missing");
+            refuse(source, line,
+                   "class numbers must run 0, 1, 2, ... without a gap; " + std::to_string(expected) + " is missing");
         }
         names.push_back(entry.second);
         ++expected;
@@ -248,9 +248,10 @@ std::vector<LabelBox> parse_yolo_label_text(const std::string &text, const std::
         const size_t n = fields.size();
         const bool polygon = n >= 7 && n % 2 == 1;
         if (n != 5 && n != 6 && !polygon) {
-            refuse(source, i + 1, strformat("5 values expected (class cx cy w h; a sixth for a confidence, or a "
-                                            "polygon of 3 or more points), %zu found",
-                                            n));
+            refuse(source, i + 1,
+                   strformat("5 values expected (class cx cy w h; a sixth for a confidence, or a "
+                             "polygon of 3 or more points), %zu found",
+                             n));
         }
         std::vector<double> v;
         for (size_t k = 0; k < n; ++k) {
@@ -265,14 +266,17 @@ std::vector<LabelBox> parse_yolo_label_text(const std::string &text, const std::
         }
         const size_t cls = static_cast<size_t>(v[0]);
         if (!names.empty() && cls >= names.size()) {
-            refuse(source, i + 1, strformat("class %zu, but the class names list %zu class%s (0..%zu)", cls,
-                                            names.size(), names.size() == 1 ? "" : "es", names.size() - 1));
+            refuse(source, i + 1,
+                   strformat("class %zu, but the class names list %zu class%s (0..%zu)", cls, names.size(),
+                             names.size() == 1 ? "" : "es", names.size() - 1));
         }
         const size_t coordinates = polygon ? n - 1 : 4;
         for (size_t k = 1; k <= coordinates; ++k) {
             if (v[k] < -kSlack || v[k] > 1.0 + kSlack) {
-                refuse(source, i + 1, "'" + fields[k] + "' lies outside 0..1 (YOLO coordinates are fractions of "
-                                                        "the picture's size)");
+                refuse(source, i + 1,
+                       "'" + fields[k] +
+                           "' lies outside 0..1 (YOLO coordinates are fractions of "
+                           "the picture's size)");
             }
             v[k] = std::min(1.0, std::max(0.0, v[k]));
         }
@@ -412,7 +416,8 @@ LabelSet read_yolo_labels(const std::string &path) {
         // Links to folders are followed (a dataset's images/ is often one),
         // to a depth that ends a link loop.
         constexpr int kDeepest = 8;
-        const auto options = fs::directory_options::skip_permission_denied | fs::directory_options::follow_directory_symlink;
+        const auto options =
+            fs::directory_options::skip_permission_denied | fs::directory_options::follow_directory_symlink;
         for (auto it = fs::recursive_directory_iterator(root, options, ec); it != fs::recursive_directory_iterator();
              it.increment(ec)) {
             if (it.depth() >= kDeepest) {

@@ -8,7 +8,7 @@ namespace ostrel_tool {
 // green, 7 a slate blue and 8 a greyish purple (it also takes blues that lean
 // to red). The names below are the plain colour words closest to them.
 std::string color_name(int color_class) {
-    static const char *const names[] = {"dark", "grey",  "light", "red",    "orange",
+    static const char *const names[] = {"dark",   "grey",  "light", "red",    "orange",
                                         "yellow", "green", "blue",  "purple", "none"};
     if (color_class >= 0 && color_class <= 9) {
         return names[color_class];

@@ -48,8 +48,9 @@ void draw_detections(cv::Mat &bgr, const std::vector<ostrel_alg_box> &boxes, con
     for (size_t i = 0; i < boxes.size(); ++i) {
         const ostrel_alg_box &b = boxes[i];
         if (b.label == 1) {
-            const std::string caption =
-                i < classes.size() && !classes[i].empty() ? classes[i] + " " + score_text(b.score) : score_text(b.score);
+            const std::string caption = i < classes.size() && !classes[i].empty()
+                                            ? classes[i] + " " + score_text(b.score)
+                                            : score_text(b.score);
             draw_box(bgr, rect_of(b), colour_for_label(b.label), 2, caption);
         }
     }

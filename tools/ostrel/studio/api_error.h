@@ -22,16 +22,16 @@ private:
 namespace http_status {
 constexpr int ok = 200;
 constexpr int created = 201;
-constexpr int bad_request = 400;         // malformed JSON, wrong types, bad query values
-constexpr int forbidden = 403;           // a request from a foreign origin or host name
-constexpr int not_found = 404;           // unknown picture, sample, route or file
+constexpr int bad_request = 400;  // malformed JSON, wrong types, bad query values
+constexpr int forbidden = 403;    // a request from a foreign origin or host name
+constexpr int not_found = 404;    // unknown picture, sample, route or file
 constexpr int method_not_allowed = 405;
-constexpr int conflict = 409;            // nothing trained yet, or taught pictures disagree
+constexpr int conflict = 409;  // nothing trained yet, or taught pictures disagree
 constexpr int payload_too_large = 413;
 constexpr int unsupported_media_type = 415;  // an upload that is not a picture, a wrong content type
-constexpr int unprocessable = 422;       // boxes that do not fit, a model that fails validation
-constexpr int internal_error = 500;      // the library failed
-constexpr int service_unavailable = 503; // too busy: other requests hold the memory this one needs
+constexpr int unprocessable = 422;           // boxes that do not fit, a model that fails validation
+constexpr int internal_error = 500;          // the library failed
+constexpr int service_unavailable = 503;     // too busy: other requests hold the memory this one needs
 }  // namespace http_status
 
 }  // namespace studio

@@ -77,7 +77,8 @@ nlohmann::json parse_object(const std::string &body, const char *shape) {
         throw ApiError(http_status::bad_request, std::string("the request is not valid JSON; ") + shape);
     }
     if (!doc.is_object()) {
-        throw ApiError(http_status::bad_request, std::string("the request is a JSON ") + doc.type_name() + "; " + shape);
+        throw ApiError(http_status::bad_request,
+                       std::string("the request is a JSON ") + doc.type_name() + "; " + shape);
     }
     return doc;
 }
@@ -112,26 +113,20 @@ void check_json_shape(const std::string &body) {
             continue;
         }
         switch (c) {
-        case '"':
-            in_string = true;
-            break;
-        case '[':
-        case '{':
-            ++values;
-            if (++depth > kMaxJsonDepth) {
-                throw ApiError(http_status::bad_request,
-                               strformat("the request is nested deeper than %zu levels; %s", kMaxJsonDepth, kTrainShape));
-            }
-            break;
-        case ']':
-        case '}':
-            depth = depth > 0 ? depth - 1 : 0;
-            break;
-        case ',':
-            ++values;
-            break;
-        default:
-            break;
+            case '"': in_string = true; break;
+            case '[':
+            case '{':
+                ++values;
+                if (++depth > kMaxJsonDepth) {
+                    throw ApiError(http_status::bad_request,
+                                   strformat("the request is nested deeper than %zu levels; %s", kMaxJsonDepth,
+                                             kTrainShape));
+                }
+                break;
+            case ']':
+            case '}': depth = depth > 0 ? depth - 1 : 0; break;
+            case ',': ++values; break;
+            default: break;
         }
         if (values > kMaxJsonValues) {
             throw ApiError(http_status::bad_request,
@@ -150,14 +145,14 @@ TrainRequest parse_train_request(const std::string &body) {
                        strformat("the request is not valid JSON (at byte %zu); %s", e.byte, kTrainShape));
     } catch (const nlohmann::json::out_of_range &) {
         // 1e400 and the like: a number beyond any double.
-        throw ApiError(http_status::bad_request, std::string("the request holds a number too large to read; ") +
-                                                     kTrainShape);
+        throw ApiError(http_status::bad_request,
+                       std::string("the request holds a number too large to read; ") + kTrainShape);
     } catch (const nlohmann::json::exception &) {
         throw ApiError(http_status::bad_request, std::string("the request is not valid JSON; ") + kTrainShape);
     }
     if (!doc.is_object()) {
-        throw ApiError(http_status::bad_request, std::string("the request is a JSON ") + doc.type_name() + "; " +
-                                                     kTrainShape);
+        throw ApiError(http_status::bad_request,
+                       std::string("the request is a JSON ") + doc.type_name() + "; " + kTrainShape);
     }
     TrainRequest request;
     const auto picture = doc.find("picture");
@@ -190,7 +185,8 @@ std::vector<LabelRequestBox> parse_labels_request(const std::string &body, size_
         throw ApiError(http_status::bad_request, std::string("\"boxes\" must be a list of boxes; ") + shape);
     }
     if (boxes->size() > max_boxes) {
-        throw ApiError(http_status::unprocessable, strformat("%zu boxes: at most %zu a picture", boxes->size(), max_boxes));
+        throw ApiError(http_status::unprocessable,
+                       strformat("%zu boxes: at most %zu a picture", boxes->size(), max_boxes));
     }
     std::vector<LabelRequestBox> out;
     for (size_t i = 0; i < boxes->size(); ++i) {
@@ -201,7 +197,8 @@ std::vector<LabelRequestBox> parse_labels_request(const std::string &body, size_
             const auto cls = item.find("class");
             if (cls != item.end()) {
                 if (!cls->is_string()) {
-                    throw ApiError(http_status::bad_request, strformat("box %zu: \"class\" must be a class name", i + 1));
+                    throw ApiError(http_status::bad_request,
+                                   strformat("box %zu: \"class\" must be a class name", i + 1));
                 }
                 b.class_name = cls->get<std::string>();
                 b.class_given = true;
@@ -237,15 +234,16 @@ ProfileRequest parse_profile_request(const std::string &body) {
     if (doc.contains("model")) {
         r.model = text_member(doc, "model", shape);
         if (r.model != "retrain" && r.model != "forget") {
-            throw ApiError(http_status::bad_request, "\"model\" is \"retrain\" or \"forget\", not '" + r.model + "'; " +
-                                                         shape);
+            throw ApiError(http_status::bad_request,
+                           "\"model\" is \"retrain\" or \"forget\", not '" + r.model + "'; " + shape);
         }
     }
     return r;
 }
 
 AcceptRequest parse_accept_request(const std::string &body) {
-    const char *shape = "expected {\"picture\": NAME, \"sensitivity\": N} or {\"unlabelled\": true, \"sensitivity\": N}";
+    const char *shape =
+        "expected {\"picture\": NAME, \"sensitivity\": N} or {\"unlabelled\": true, \"sensitivity\": N}";
     const nlohmann::json doc = parse_object(body, shape);
     AcceptRequest r;
     const auto unlabelled = doc.find("unlabelled");
@@ -259,7 +257,8 @@ AcceptRequest parse_accept_request(const std::string &body) {
         r.picture = text_member(doc, "picture", shape);
     }
     if (r.unlabelled == !r.picture.empty()) {
-        throw ApiError(http_status::bad_request, std::string("name one picture or ask for every unlabelled one; ") + shape);
+        throw ApiError(http_status::bad_request,
+                       std::string("name one picture or ask for every unlabelled one; ") + shape);
     }
     const auto sensitivity = doc.find("sensitivity");
     if (sensitivity != doc.end()) {

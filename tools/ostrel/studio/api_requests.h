@@ -36,8 +36,8 @@ struct ProfileRequest {
 };
 
 struct AcceptRequest {
-    std::string picture;     // one picture, or
-    bool unlabelled = false; // every picture without labels
+    std::string picture;      // one picture, or
+    bool unlabelled = false;  // every picture without labels
     uint32_t sensitivity = 80;
 };
 

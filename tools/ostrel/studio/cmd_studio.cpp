@@ -160,8 +160,8 @@ int run_studio(const StudioOptions &o) {
     studio::Workspace workspace(store, settings);
     if (!o.model.empty()) {
         try {
-            workspace.load_model(read_model_file(o.model, settings.max_model_bytes), fs::path(o.model).filename().string(),
-                                 labels.classes().front().name, true);
+            workspace.load_model(read_model_file(o.model, settings.max_model_bytes),
+                                 fs::path(o.model).filename().string(), labels.classes().front().name, true);
         } catch (const studio::ApiError &e) {
             throw input_error("model '" + o.model + "': " + e.what());
         }
@@ -221,7 +221,8 @@ void add_studio_command(CLI::App &app, CommandAction &action) {
         ->type_name("ADDR");
     sub->add_option("--model", o->model, "a model file to start with (checked, CRC included, before use)")
         ->type_name("M");
-    sub->add_option("--profile", o->profile, "the profile training starts with: accurate (default) or classic; the page can switch it, and a "
+    sub->add_option("--profile", o->profile,
+                    "the profile training starts with: accurate (default) or classic; the page can switch it, and a "
                     "model file opened brings its own")
         ->check(CLI::IsMember({"classic", "accurate"}))
         ->type_name("NAME");

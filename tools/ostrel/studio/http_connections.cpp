@@ -125,8 +125,7 @@ public:
 
 ConnectionStream::ConnectionStream(int socket, const ConnectionLimits &limits, std::function<bool()> busy,
                                    std::function<bool()> stopping)
-    : socket_(socket), limits_(limits), busy_(std::move(busy)), stopping_(std::move(stopping)),
-      buffer_(kReadBuffer) {}
+    : socket_(socket), limits_(limits), busy_(std::move(busy)), stopping_(std::move(stopping)), buffer_(kReadBuffer) {}
 
 ConnectionStream *ConnectionStream::current() { return current_stream; }
 
@@ -141,7 +140,8 @@ int ConnectionStream::wait(short events, const std::function<Clock::time_point(C
         const auto slice = now >= until ? Clock::duration::zero() : std::min<Clock::duration>(until - now, kPollSlice);
         pollfd p{socket_, events, 0};
         const int timeout_ms =
-            now >= until ? 0 : static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(slice).count()) + 1;
+            now >= until ? 0
+                         : static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(slice).count()) + 1;
         const int n = ::poll(&p, 1, timeout_ms);
         if (n < 0 && errno == EINTR) {
             continue;
@@ -173,7 +173,8 @@ bool ConnectionStream::wait_for_request() {
     // the head's time under load.
     const Clock::time_point busy_until = first_request_ ? start + limits_.head_timeout_busy : start;
     first_request_ = false;
-    const int ready = wait(POLLIN, [&](Clock::time_point) { return busy_() ? std::min(busy_until, idle_until) : idle_until; });
+    const int ready =
+        wait(POLLIN, [&](Clock::time_point) { return busy_() ? std::min(busy_until, idle_until) : idle_until; });
     return ready == 1;
 }
 
@@ -297,7 +298,8 @@ void ConnectionStream::get_local_ip_and_port(std::string &ip, int &port) const {
 LimitedServer::LimitedServer(ConnectionLimits limits) : limits_(limits) {
     new_task_queue = [this] { return new WorkerPool(limits_.workers, pool_); };
     // What httplib itself announces in its replies (Keep-Alive: timeout=5, max=100).
-    set_keep_alive_timeout(std::max<time_t>(1, std::chrono::duration_cast<std::chrono::seconds>(limits_.idle_timeout).count()));
+    set_keep_alive_timeout(
+        std::max<time_t>(1, std::chrono::duration_cast<std::chrono::seconds>(limits_.idle_timeout).count()));
     set_keep_alive_max_count(limits_.max_requests_per_connection);
 }
 
@@ -317,7 +319,8 @@ bool LimitedServer::process_and_close_socket(socket_t sock) {
 }
 
 void LimitedServer::serve_connection(int socket) {
-    ConnectionStream stream(socket, limits_, [this] { return busy(); }, [this] { return stopping_.load(); });
+    ConnectionStream stream(
+        socket, limits_, [this] { return busy(); }, [this] { return stopping_.load(); });
     bool linger = false;
     for (size_t served = 0; served < limits_.max_requests_per_connection && !stopping_; ++served) {
         if (!stream.wait_for_request()) {
@@ -346,8 +349,8 @@ void LimitedServer::serve_connection(int socket) {
     size_t drained = 0;
     while (drained < kLingerBytes && Clock::now() < until && !stopping_) {
         pollfd p{socket, POLLIN, 0};
-        const int remaining = static_cast<int>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count()) + 1;
+        const int remaining =
+            static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now()).count()) + 1;
         if (::poll(&p, 1, std::min(remaining, 50)) <= 0) {
             continue;
         }

@@ -27,12 +27,12 @@ constexpr const char *kCocoFileName = "instances_studio.json";
 
 const char *format_title(LabelFormat format) {
     switch (format) {
-    case LabelFormat::voc: return "Pascal VOC";
-    case LabelFormat::coco: return "COCO";
-    case LabelFormat::yolo: return "YOLO";
-    case LabelFormat::cvat: return "CVAT";
-    case LabelFormat::labelstudio: return "Label Studio";
-    case LabelFormat::imglab: return "imglab";
+        case LabelFormat::voc: return "Pascal VOC";
+        case LabelFormat::coco: return "COCO";
+        case LabelFormat::yolo: return "YOLO";
+        case LabelFormat::cvat: return "CVAT";
+        case LabelFormat::labelstudio: return "Label Studio";
+        case LabelFormat::imglab: return "imglab";
     }
     return "";
 }
@@ -152,9 +152,9 @@ std::string LabelStore::file_of(const PictureEntry &entry) const {
         if (other.name == entry.name) break;
         if (other.uploaded == entry.uploaded && stem_of(other.name) == stem) {
             if (format_ == LabelFormat::yolo) {
-                throw ApiError(http_status::conflict,
-                               "YOLO keeps one label file a name: '" + other.name + "' and '" + entry.name +
-                                   "' would share " + stem + ".txt; use --labels voc or coco");
+                throw ApiError(http_status::conflict, "YOLO keeps one label file a name: '" + other.name + "' and '" +
+                                                          entry.name + "' would share " + stem +
+                                                          ".txt; use --labels voc or coco");
             }
             return (fs::path(folder) / (entry.name + per_picture_extension(format_))).string();
         }
@@ -170,7 +170,8 @@ void LabelStore::take(const PictureEntry &entry, const LabelledPicture &picture,
         Rect rect = rounded_rect(b);
         if (!on_picture(rect, entry.width, entry.height)) continue;
         if (r.labels.size() >= settings_.max_boxes) {
-            notes_.push_back(strformat("%s: only the first %zu boxes are shown", entry.name.c_str(), settings_.max_boxes));
+            notes_.push_back(
+                strformat("%s: only the first %zu boxes are shown", entry.name.c_str(), settings_.max_boxes));
             break;
         }
         r.labels.push_back({b.class_name.empty() ? std::string("object") : b.class_name, rect});
@@ -186,7 +187,8 @@ void LabelStore::read_own(const std::vector<PictureEntry> &entries) {
             if (!fs::is_regular_file(path, ec)) continue;
             try {
                 const std::string text = read_label_file(path.string(), kMaxPictureLabelBytes);
-                names = file[0] == 'd' ? parse_yolo_data_yaml(text, path.string()) : parse_yolo_names(text, path.string());
+                names =
+                    file[0] == 'd' ? parse_yolo_data_yaml(text, path.string()) : parse_yolo_names(text, path.string());
             } catch (const ToolError &e) {
                 notes_.push_back(e.what());
             }
@@ -234,8 +236,8 @@ void LabelStore::read_own(const std::vector<PictureEntry> &entries) {
         if (!fs::exists(status)) continue;
         if (fs::is_symlink(status) && !lies_inside(fs::path(folder_of(entry)), file)) {
             // Neither read nor written: it leads out of the folder.
-            records_[entry.name].blocked = "its label file " + fs::path(file).filename().string() +
-                                           " is a link that leads out of the folder";
+            records_[entry.name].blocked =
+                "its label file " + fs::path(file).filename().string() + " is a link that leads out of the folder";
             notes_.push_back(entry.name + ": " + records_[entry.name].blocked);
             continue;
         }
@@ -273,7 +275,7 @@ void LabelStore::read_others(const std::vector<PictureEntry> &entries) {
         for (const std::string &path : source.second) {
             const bool own = source.first == format_ &&
                              (format_ == LabelFormat::coco ? canonical_or_empty(path) == canonical_or_empty(own_coco)
-                                                          : canonical_or_empty(path) == folder_labels_);
+                                                           : canonical_or_empty(path) == folder_labels_);
             if (own) continue;
             LabelSet set;
             try {
@@ -441,8 +443,8 @@ std::string LabelStore::save(const std::string &name, const std::vector<StudioLa
         }
         if (b.x < 0 || b.y < 0 || int64_t(b.x) + b.w > entry.width || int64_t(b.y) + b.h > entry.height) {
             throw ApiError(http_status::unprocessable,
-                           strformat("box %zu (%s) does not lie inside the %dx%d picture", i + 1,
-                                     to_string(b).c_str(), entry.width, entry.height));
+                           strformat("box %zu (%s) does not lie inside the %dx%d picture", i + 1, to_string(b).c_str(),
+                                     entry.width, entry.height));
         }
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -453,8 +455,8 @@ std::string LabelStore::save(const std::string &name, const std::vector<StudioLa
     }
     size_t added = 0;
     for (const StudioLabel &l : labels) {
-        const bool known = std::any_of(classes_.begin(), classes_.end(),
-                                       [&](const StudioClass &c) { return c.name == l.class_name; });
+        const bool known =
+            std::any_of(classes_.begin(), classes_.end(), [&](const StudioClass &c) { return c.name == l.class_name; });
         if (!known) {
             if (classes_.size() + added >= settings_.max_classes) {
                 throw ApiError(http_status::unprocessable, strformat("at most %zu classes", settings_.max_classes));
@@ -514,14 +516,16 @@ void LabelStore::update_class(const std::string &name, const std::optional<std::
         throw ApiError(http_status::unprocessable, "a colour is written #rrggbb");
     }
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto it = std::find_if(classes_.begin(), classes_.end(), [&](const StudioClass &c) { return c.name == name; });
+    const auto it =
+        std::find_if(classes_.begin(), classes_.end(), [&](const StudioClass &c) { return c.name == name; });
     if (it == classes_.end()) {
         throw ApiError(http_status::not_found, "no class named '" + name + "'");
     }
     if (color) it->color = *color;
     if (!new_name || *new_name == name) return;
     for (const StudioClass &c : classes_) {
-        if (c.name == *new_name) throw ApiError(http_status::conflict, "there is a class named '" + *new_name + "' already");
+        if (c.name == *new_name)
+            throw ApiError(http_status::conflict, "there is a class named '" + *new_name + "' already");
     }
     for (const auto &r : records_) {
         const bool uses = std::any_of(r.second.labels.begin(), r.second.labels.end(),
@@ -591,15 +595,16 @@ nlohmann::ordered_json LabelStore::where() const {
     j["format_name"] = format_title(format_);
     j["folder"] = folder_labels_;
     j["kept"] = folder_kept_ && !settings_.in_memory;
-    const std::string files = format_ == LabelFormat::coco ? std::string("in ") + kCocoFileName
+    const std::string files = format_ == LabelFormat::coco   ? std::string("in ") + kCocoFileName
                               : format_ == LabelFormat::yolo ? "as a .txt file a picture with classes.txt"
-                                                            : "as an .xml file a picture";
-    j["description"] =
-        folder_kept_ ? std::string("Labels are saved as ") + format_title(format_) + ", " + files + ", next to the pictures in " +
-                           folder_labels_ + ". Labels of pictures you drop on the page stay in the session's "
-                           "temporary folder: export them to keep them."
-                     : std::string("This folder's labels are kept for this session only (") + format_title(format_) +
-                           ", " + files + " in a temporary folder): export them to keep them.";
+                                                             : "as an .xml file a picture";
+    j["description"] = folder_kept_ ? std::string("Labels are saved as ") + format_title(format_) + ", " + files +
+                                          ", next to the pictures in " + folder_labels_ +
+                                          ". Labels of pictures you drop on the page stay in the session's "
+                                          "temporary folder: export them to keep them."
+                                    : std::string("This folder's labels are kept for this session only (") +
+                                          format_title(format_) + ", " + files +
+                                          " in a temporary folder): export them to keep them.";
     j["notes"] = notes_;
     return j;
 }

@@ -112,8 +112,8 @@ public:
 private:
     struct Record {
         std::vector<StudioLabel> labels;
-        bool own_file = false;     // read from, or written to, the studio's own file
-        std::string blocked;       // why its label file may not be written over ("" when it may)
+        bool own_file = false;  // read from, or written to, the studio's own file
+        std::string blocked;    // why its label file may not be written over ("" when it may)
     };
 
     std::string folder_of(const PictureEntry &entry) const;  // the label folder for a picture

@@ -31,7 +31,6 @@ bool is_quotable(char c) {
     return c == '\t' || c == ' ' || (u >= 0x21 && u <= 0x7e) || u >= 0x80;
 }
 
-
 class Reader {
 public:
     explicit Reader(const std::string &text) : s_(text) {}

@@ -34,7 +34,7 @@ struct PictureLimits {
     size_t max_file_bytes = 32u << 20;  // an uploaded or listed picture file
     // width x height: 24 megapixels, a 6000 x 4000 photo (72 MB decoded).
     int64_t max_pixels = 24'000'000;
-    int64_t max_side = 16384;  // width or height
+    int64_t max_side = 16384;    // width or height
     size_t max_pictures = 2000;  // listed and uploaded together
     // Decoded pictures kept in memory, counted in bytes (3 a pixel): the
     // 640 x 480 pictures of a folder fit 200 times, 24-megapixel ones twice.
@@ -103,7 +103,7 @@ private:
     };
 
     std::string unique_name(const std::string &name) const;  // with mutex_ held
-    void check_size(int64_t width, int64_t height) const;     // throws ApiError(422)
+    void check_size(int64_t width, int64_t height) const;    // throws ApiError(422)
     // A turn to decode a picture and put it in the cache; throws
     // ApiError(503) when none came in time.
     CountingGate::Ticket decoding_turn();

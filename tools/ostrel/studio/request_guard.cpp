@@ -54,16 +54,15 @@ void RequestGuard::check(const GuardedRequest &request) const {
     if (request.has_origin) {
         const std::string own = "http://" + ascii_lower(request.host);
         if (request.host.empty() || ascii_lower(request.origin) != own) {
-            throw ApiError(http_status::forbidden,
-                           "this request comes from another origin (" + request.origin +
-                               "): the studio serves only its own page");
+            throw ApiError(http_status::forbidden, "this request comes from another origin (" + request.origin +
+                                                       "): the studio serves only its own page");
         }
     }
-    if (changes_state(request.method, request.path) &&
-        (!request.has_token || !same_token(request.token, token_))) {
-        throw ApiError(http_status::forbidden,
-                       std::string(request.has_token ? "a wrong" : "no") + " session token: send the token of GET "
-                       "/api/session in the " + kTokenHeader + " header with every request that changes something");
+    if (changes_state(request.method, request.path) && (!request.has_token || !same_token(request.token, token_))) {
+        throw ApiError(http_status::forbidden, std::string(request.has_token ? "a wrong" : "no") +
+                                                   " session token: send the token of GET "
+                                                   "/api/session in the " +
+                                                   kTokenHeader + " header with every request that changes something");
     }
 }
 

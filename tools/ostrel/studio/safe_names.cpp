@@ -41,9 +41,8 @@ size_t utf8_length_at(const std::string &s, size_t i) {
     if (c >= 0xf0 && c <= 0xf4) {
         const unsigned low = c == 0xf0 ? 0x90 : 0x80;
         const unsigned high = c == 0xf4 ? 0x8f : 0xbf;  // nothing above U+10FFFF
-        return continuation(i + 1, low, high) && continuation(i + 2, 0x80, 0xbf) && continuation(i + 3, 0x80, 0xbf)
-                   ? 4
-                   : 0;
+        return continuation(i + 1, low, high) && continuation(i + 2, 0x80, 0xbf) && continuation(i + 3, 0x80, 0xbf) ? 4
+                                                                                                                    : 0;
     }
     return 0;
 }

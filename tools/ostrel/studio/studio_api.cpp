@@ -67,9 +67,9 @@ enum class FileKind { picture, model };
 // application/octet-stream, or for a picture also its own image/... type.
 void require_file_body(const ApiRequest &request, FileKind kind) {
     const auto type = parse_media_type(request.content_type);
-    const bool accepted = type && !is_sent_without_preflight(*type) &&
-                          (type->essence() == "application/octet-stream" ||
-                           (kind == FileKind::picture && type->type == "image"));
+    const bool accepted =
+        type && !is_sent_without_preflight(*type) &&
+        (type->essence() == "application/octet-stream" || (kind == FileKind::picture && type->type == "image"));
     if (!accepted) {
         throw ApiError(http_status::unsupported_media_type,
                        "send the file's bytes as the request body, as application/octet-stream");
@@ -168,12 +168,12 @@ bool is_found(const ostrel_alg_box &b) { return b.label == 1 && b.score > 0.0f; 
 
 std::string download_name(const std::string &what, LabelFormat f) {
     switch (f) {
-    case LabelFormat::coco: return what + "-coco.json";
-    case LabelFormat::labelstudio: return what + "-labelstudio.json";
-    case LabelFormat::cvat: return what + "-cvat.xml";
-    case LabelFormat::imglab: return what + "-imglab.xml";
-    case LabelFormat::voc: return what + "-voc.zip";
-    case LabelFormat::yolo: return what + "-yolo.zip";
+        case LabelFormat::coco: return what + "-coco.json";
+        case LabelFormat::labelstudio: return what + "-labelstudio.json";
+        case LabelFormat::cvat: return what + "-cvat.xml";
+        case LabelFormat::imglab: return what + "-imglab.xml";
+        case LabelFormat::voc: return what + "-voc.zip";
+        case LabelFormat::yolo: return what + "-yolo.zip";
     }
     return what;
 }
@@ -279,8 +279,10 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         j["classes"] = classes_json();
         j["labels"] = labels_.where();
         const PictureLimits &limits = store_.limits();
-        j["limits"] = {{"megapixels", limits.max_pixels / 1000000}, {"side", limits.max_side},
-                       {"file_bytes", limits.max_file_bytes}, {"json_bytes", kMaxJsonBytes}};
+        j["limits"] = {{"megapixels", limits.max_pixels / 1000000},
+                       {"side", limits.max_side},
+                       {"file_bytes", limits.max_file_bytes},
+                       {"json_bytes", kMaxJsonBytes}};
         // The page shows what each slider position asks of a box from this
         // table rather than deriving it (index = sensitivity).
         static const std::vector<uint32_t> confidence = confidence_by_sensitivity();
@@ -380,7 +382,8 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
         if (m != "GET") return method_not_allowed(request, "GET");
         const cv::Mat thumb = workspace_.thumbnail(parse_sample_index(p[3]));
         if (thumb.empty()) {
-            throw ApiError(http_status::not_found, "sample " + p[3] + " has no pixels (its box lay outside the picture)");
+            throw ApiError(http_status::not_found,
+                           "sample " + p[3] + " has no pixels (its box lay outside the picture)");
         }
         std::vector<uint8_t> png;
         if (!cv::imencode(".png", thumb, png)) {
@@ -399,7 +402,8 @@ ApiResponse StudioApi::route(const ApiRequest &request) {
             ApiResponse r;
             r.body = workspace_.model_bytes(class_name);
             r.content_type = "application/octet-stream";
-            const std::string file = named ? upload_file_name(class_name, ".model") : std::string("ostrel-studio.model");
+            const std::string file =
+                named ? upload_file_name(class_name, ".model") : std::string("ostrel-studio.model");
             r.headers.emplace_back("Content-Disposition", "attachment; filename=\"" + file + "\"");
             return r;
         }
@@ -492,7 +496,9 @@ nlohmann::ordered_json StudioApi::classes_json() {
             trained = trained || (d["name"] == c.name && d["trained"].get<bool>());
         }
         const auto count = counts.find(c.name);
-        list.push_back({{"name", c.name}, {"color", c.color}, {"boxes", count == counts.end() ? 0 : count->second},
+        list.push_back({{"name", c.name},
+                        {"color", c.color},
+                        {"boxes", count == counts.end() ? 0 : count->second},
                         {"trained", trained}});
     }
     return list;
@@ -521,7 +527,8 @@ nlohmann::ordered_json StudioApi::accept(const AcceptRequest &request) {
         const size_t before = labels.size();
         for (size_t i = 0; i < d.boxes.size(); ++i) {
             StudioLabel found;
-            if (!is_found(d.boxes[i]) || !label_of_detection(d.boxes[i], d.box_classes[i], entry.width, entry.height, found)) {
+            if (!is_found(d.boxes[i]) ||
+                !label_of_detection(d.boxes[i], d.box_classes[i], entry.width, entry.height, found)) {
                 continue;
             }
             // A box already labelled (the same class, mostly overlapping) is not added twice.
@@ -537,7 +544,9 @@ nlohmann::ordered_json StudioApi::accept(const AcceptRequest &request) {
                 // Over the folder, a picture whose labels may not be written
                 // is passed over and named; the others are done.
                 if (!request.unlabelled) throw;
-                pictures.push_back({{"picture", name}, {"added", 0}, {"labels", labels_json(labels_.labels(name))},
+                pictures.push_back({{"picture", name},
+                                    {"added", 0},
+                                    {"labels", labels_json(labels_.labels(name))},
                                     {"error", e.what()}});
                 continue;
             }
@@ -662,7 +671,8 @@ ApiResponse StudioApi::labelling_route(const ApiRequest &request, const std::vec
         if (!known) throw ApiError(http_status::not_found, "no class named '" + p[3] + "'");
         if (c.name && *c.name != p[3]) {
             for (const StudioClass &k : labels_.classes()) {
-                if (k.name == *c.name) throw ApiError(http_status::conflict, "there is a class named '" + *c.name + "' already");
+                if (k.name == *c.name)
+                    throw ApiError(http_status::conflict, "there is a class named '" + *c.name + "' already");
             }
             workspace_.rename_class(p[3], *c.name);
         }

@@ -22,8 +22,8 @@ namespace ostrel_tool {
 namespace studio {
 
 struct ApiRequest {
-    std::string method;  // "GET", "POST", "DELETE", ...
-    std::string path;    // decoded, starting with "/api/"
+    std::string method;                        // "GET", "POST", "DELETE", ...
+    std::string path;                          // decoded, starting with "/api/"
     std::map<std::string, std::string> query;  // decoded; the first value of each name
     std::string content_type;                  // the Content-Type header, "" when absent (see media_type.h)
     std::string body;

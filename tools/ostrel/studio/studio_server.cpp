@@ -25,17 +25,16 @@ void send(httplib::Response &res, ApiResponse r) {
     }
     if (r.file) {
         std::shared_ptr<const ReadOnlyFile> file = r.file;
-        res.set_content_provider(
-            static_cast<size_t>(file->size()), r.content_type,
-            [file](size_t offset, size_t length, httplib::DataSink &sink) {
-                std::vector<char> block(std::min(length, kFileBlock));
-                try {
-                    const size_t got = file->read_at(offset, block.data(), block.size());
-                    return got > 0 && sink.write(block.data(), got);
-                } catch (const ApiError &) {
-                    return false;  // the file shrank or failed: the reply is cut short
-                }
-            });
+        res.set_content_provider(static_cast<size_t>(file->size()), r.content_type,
+                                 [file](size_t offset, size_t length, httplib::DataSink &sink) {
+                                     std::vector<char> block(std::min(length, kFileBlock));
+                                     try {
+                                         const size_t got = file->read_at(offset, block.data(), block.size());
+                                         return got > 0 && sink.write(block.data(), got);
+                                     } catch (const ApiError &) {
+                                         return false;  // the file shrank or failed: the reply is cut short
+                                     }
+                                 });
         return;
     }
     res.set_header("Content-Type", r.content_type);
@@ -85,9 +84,12 @@ bool StudioServer::is_loopback(const std::string &host) {
 }
 
 StudioServer::StudioServer(StudioApi &api, const WebAssets &assets, ServerOptions options)
-    : api_(api), assets_(assets), options_(std::move(options)),
+    : api_(api),
+      assets_(assets),
+      options_(std::move(options)),
       guard_(options_.session_token.empty() ? new_session_token() : options_.session_token),
-      bodies_(options_.body_memory_bytes), server_(std::make_unique<LimitedServer>(options_.connections)) {
+      bodies_(options_.body_memory_bytes),
+      server_(std::make_unique<LimitedServer>(options_.connections)) {
     httplib::Server &s = *server_;
     // Small replies (a slider move's boxes) must not wait for the peer's
     // delayed acknowledgement.
@@ -108,7 +110,9 @@ StudioServer::StudioServer(StudioApi &api, const WebAssets &assets, ServerOption
          "connect-src 'self'; frame-ancestors 'none'; form-action 'none'"},
     });
 
-    const auto without_body = [this](const httplib::Request &req, httplib::Response &res) { handle(req, res, nullptr); };
+    const auto without_body = [this](const httplib::Request &req, httplib::Response &res) {
+        handle(req, res, nullptr);
+    };
     const auto with_body = [this](const httplib::Request &req, httplib::Response &res,
                                   const httplib::ContentReader &reader) { handle(req, res, &reader); };
     s.Get(".*", without_body);
@@ -289,12 +293,11 @@ int StudioServer::bind() {
             return port_;
         }
     }
-    throw output_error(
-        options_.try_next
-            ? strformat("cannot listen on %s: ports %d to %d are taken (try --port 0)", options_.host.c_str(),
-                        options_.port, std::min(65535, options_.port + tries - 1))
-            : strformat("cannot listen on %s port %d: it is taken or not allowed (try --port 0)",
-                        options_.host.c_str(), options_.port));
+    throw output_error(options_.try_next
+                           ? strformat("cannot listen on %s: ports %d to %d are taken (try --port 0)",
+                                       options_.host.c_str(), options_.port, std::min(65535, options_.port + tries - 1))
+                           : strformat("cannot listen on %s port %d: it is taken or not allowed (try --port 0)",
+                                       options_.host.c_str(), options_.port));
 }
 
 bool StudioServer::run() { return server_->listen_after_bind(); }

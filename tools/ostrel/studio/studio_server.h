@@ -81,8 +81,8 @@ private:
     // body; the ticket holds its share of the budget until the request
     // ends. Throws ApiError (the body then read and dropped, or the
     // connection closed after the reply) when it is refused.
-    CountingGate::Ticket read_body(const httplib::Request &req, const httplib::ContentReader &reader,
-                                   std::string &body, httplib::Response &res);
+    CountingGate::Ticket read_body(const httplib::Request &req, const httplib::ContentReader &reader, std::string &body,
+                                   httplib::Response &res);
 
     StudioApi &api_;
     const WebAssets &assets_;

@@ -38,34 +38,29 @@ void TrainingMonitor::on_progress(const ostrel_alg_progress &step) {
         return;
     }
     switch (step.stage) {
-    case OSTREL_ALG_STAGE_SAMPLES:
-        samples_ = step.samples;
-        return;
-    case OSTREL_ALG_STAGE_BOX_SKIPPED:
-        skipped_ += step.boxes_skipped;
-        return;
-    case OSTREL_ALG_STAGE_TRAINED:
-        // Only the first training of a picture is a step of its own; the
-        // trainings of the passes are reported by their pass records.
-        if (!first_done_) {
-            first_done_ = true;
-            steps_.push_back({picture_, class_, 0, 0, 0, samples_, elapsed_ms()});
+        case OSTREL_ALG_STAGE_SAMPLES: samples_ = step.samples; return;
+        case OSTREL_ALG_STAGE_BOX_SKIPPED: skipped_ += step.boxes_skipped; return;
+        case OSTREL_ALG_STAGE_TRAINED:
+            // Only the first training of a picture is a step of its own; the
+            // trainings of the passes are reported by their pass records.
+            if (!first_done_) {
+                first_done_ = true;
+                steps_.push_back({picture_, class_, 0, 0, 0, samples_, elapsed_ms()});
+            }
+            return;
+        case OSTREL_ALG_STAGE_PASS: {
+            TrainingStep pass;
+            pass.picture = picture_;
+            pass.class_name = class_;
+            pass.pass = step.round;
+            pass.false_positives = step.false_positives;
+            pass.low_confidence = step.low_confidence;
+            pass.samples = samples_;
+            pass.ms = elapsed_ms();
+            steps_.push_back(pass);
+            return;
         }
-        return;
-    case OSTREL_ALG_STAGE_PASS: {
-        TrainingStep pass;
-        pass.picture = picture_;
-        pass.class_name = class_;
-        pass.pass = step.round;
-        pass.false_positives = step.false_positives;
-        pass.low_confidence = step.low_confidence;
-        pass.samples = samples_;
-        pass.ms = elapsed_ms();
-        steps_.push_back(pass);
-        return;
-    }
-    default:
-        return;  // steps the page does not show
+        default: return;  // steps the page does not show
     }
 }
 

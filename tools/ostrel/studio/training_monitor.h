@@ -24,12 +24,12 @@ namespace studio {
 
 struct TrainingStep {
     std::string picture;
-    std::string class_name;    // the class whose detector trains ("" when the studio has one)
-    int pass = 0;              // 0: the first training on the marked boxes
-    int false_positives = 0;   // passes: wrong detections learnt as background
-    int low_confidence = 0;    // passes: weak detections learnt as background
-    int samples = 0;           // training samples after this step
-    double ms = 0;             // since the run began
+    std::string class_name;   // the class whose detector trains ("" when the studio has one)
+    int pass = 0;             // 0: the first training on the marked boxes
+    int false_positives = 0;  // passes: wrong detections learnt as background
+    int low_confidence = 0;   // passes: weak detections learnt as background
+    int samples = 0;          // training samples after this step
+    double ms = 0;            // since the run began
 };
 
 class TrainingMonitor {

@@ -57,9 +57,7 @@ struct ScratchFile {
 // for this; the C interface does (index 0 is accepted on an engine of one
 // class). Its log line on a refusal is of no use to a person: the caller
 // says what failed.
-bool select_class_of(Engine &engine, uint32_t index) {
-    return ostrel_alg_setClass(engine.handle(), index) == 0;
-}
+bool select_class_of(Engine &engine, uint32_t index) { return ostrel_alg_setClass(engine.handle(), index) == 0; }
 
 }  // namespace
 
@@ -69,12 +67,9 @@ int32_t profile_number(const std::string &name) {
     return -1;
 }
 
-const char *profile_name(int32_t profile) {
-    return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic";
-}
+const char *profile_name(int32_t profile) { return profile == OSTREL_ALG_PROFILE_ACCURATE ? "accurate" : "classic"; }
 
-Workspace::Workspace(PictureStore &store, WorkspaceSettings settings)
-    : store_(store), settings_(std::move(settings)) {
+Workspace::Workspace(PictureStore &store, WorkspaceSettings settings) : store_(store), settings_(std::move(settings)) {
     engine_thread_.run([this] {
         probe_ = fresh_engine();
         // Asked now rather than on the first Train, which a person waits for.
@@ -110,9 +105,7 @@ Workspace::~Workspace() {
     });
 }
 
-std::unique_ptr<Engine> Workspace::fresh_engine() {
-    return engine_of(profile_number(settings_.profile));
-}
+std::unique_ptr<Engine> Workspace::fresh_engine() { return engine_of(profile_number(settings_.profile)); }
 
 std::unique_ptr<Engine> Workspace::engine_of(int32_t profile) {
     auto engine = std::make_unique<Engine>();
@@ -142,14 +135,12 @@ Workspace::ClassDetector &Workspace::detector(const std::string &class_name) {
 }
 
 std::string Workspace::scratch_path(const char *what) {
-    return (fs::path(settings_.scratch_folder) / strformat("%s-%llu.model", what,
-                                                            static_cast<unsigned long long>(++scratch_counter_)))
+    return (fs::path(settings_.scratch_folder) /
+            strformat("%s-%llu.model", what, static_cast<unsigned long long>(++scratch_counter_)))
         .string();
 }
 
-bool Workspace::learns_any_size() const {
-    return profile_number(settings_.profile) == OSTREL_ALG_PROFILE_ACCURATE;
-}
+bool Workspace::learns_any_size() const { return profile_number(settings_.profile) == OSTREL_ALG_PROFILE_ACCURATE; }
 
 int Workspace::fit_to_class_window(std::vector<Rect> &boxes, const TaughtPicture *first, const PictureEntry &entry) {
     Size window = median_size(boxes);
@@ -183,8 +174,8 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
         if (b.x < 0 || b.y < 0 || static_cast<int64_t>(b.x) + b.w > entry.width ||
             static_cast<int64_t>(b.y) + b.h > entry.height) {
             throw ApiError(http_status::unprocessable,
-                           strformat("box %zu (%s) does not lie inside the %dx%d picture", i + 1,
-                                     to_string(b).c_str(), entry.width, entry.height));
+                           strformat("box %zu (%s) does not lie inside the %dx%d picture", i + 1, to_string(b).c_str(),
+                                     entry.width, entry.height));
         }
         if (one_window && (b.w != first.w || b.h != first.h)) {
             throw ApiError(http_status::unprocessable,
@@ -196,8 +187,8 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
     if (!one_window) {
         return;
     }
-    const WindowCells cells = window_cells({first.w, first.h}, entry.width, entry.height, map_columns_, map_rows_,
-                                           map_channels_);
+    const WindowCells cells =
+        window_cells({first.w, first.h}, entry.width, entry.height, map_columns_, map_rows_, map_channels_);
     const int low = OSTREL_ALG_MIN_WINDOW_WEIGHTS, high = OSTREL_ALG_MAX_WINDOW_WEIGHTS;
     if (cells.values < low || cells.values > high) {
         const std::string who = detectors_.size() > 1 || d.name != "object" ? " (" + d.name + ")" : "";
@@ -214,8 +205,8 @@ void Workspace::check_boxes(const ClassDetector &d, const PictureEntry &entry, c
             continue;
         }
         const PictureEntry other = store_.find(t.name);
-        const WindowCells taught_cells = window_cells({t.boxes.front().w, t.boxes.front().h}, other.width,
-                                                      other.height, map_columns_, map_rows_, map_channels_);
+        const WindowCells taught_cells = window_cells({t.boxes.front().w, t.boxes.front().h}, other.width, other.height,
+                                                      map_columns_, map_rows_, map_channels_);
         if (taught_cells.columns != cells.columns || taught_cells.rows != cells.rows) {
             throw ApiError(http_status::unprocessable,
                            strformat("the detector learnt %dx%d boxes on %s; a %dx%d box here does not match that "
@@ -247,13 +238,9 @@ void Workspace::refresh_samples(ClassDetector &d) {
     }
 }
 
-bool Workspace::select_class(ClassDetector &d) {
-    return select_class_of(*d.engine, d.class_index);
-}
+bool Workspace::select_class(ClassDetector &d) { return select_class_of(*d.engine, d.class_index); }
 
-bool Workspace::shares_engine(const ClassDetector &d) const {
-    return learns_any_size() && !d.own_engine;
-}
+bool Workspace::shares_engine(const ClassDetector &d) const { return learns_any_size() && !d.own_engine; }
 
 std::vector<Workspace::ClassDetector *> Workspace::shared_classes() {
     std::vector<ClassDetector *> out;
@@ -408,7 +395,8 @@ void Workspace::train_locked(ClassDetector &d, const std::string &name, const st
     if (!known) {
         // A new picture: the library adds its samples to those it holds.
         monitor_.picture(name, detectors_.size() > 1 ? d.name : "");
-        if (!d.engine->set_sensitivity(settings_.train_sensitivity) || !d.engine->train(*picture, marked_boxes(boxes))) {
+        if (!d.engine->set_sensitivity(settings_.train_sensitivity) ||
+            !d.engine->train(*picture, marked_boxes(boxes))) {
             const std::string reason = d.engine->last_error();
             failure = "training on '" + name + "' failed" + (reason.empty() ? "" : ": " + reason);
             // The failed call may have left part of the picture in the engine:
@@ -468,7 +456,8 @@ void Workspace::forget_picture_locked(ClassDetector &d, const std::string &name,
     refresh_samples(d);
 }
 
-TrainOutcome Workspace::train_here(const std::string &class_name, const std::string &name, const std::vector<Rect> &boxes) {
+TrainOutcome Workspace::train_here(const std::string &class_name, const std::string &name,
+                                   const std::vector<Rect> &boxes) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);  // decoded before the engine is taken
 
@@ -497,7 +486,8 @@ TrainOutcome Workspace::train_here(const std::string &class_name, const std::str
     return o;
 }
 
-TrainOutcome Workspace::train_labels_here(const std::string &name, const std::map<std::string, std::vector<Rect>> &labels) {
+TrainOutcome Workspace::train_labels_here(const std::string &name,
+                                          const std::map<std::string, std::vector<Rect>> &labels) {
     const PictureEntry entry = store_.find(name);
     const auto picture = store_.picture(name);
 
@@ -604,9 +594,8 @@ DetectOutcome Workspace::detect_here(const std::string &name, uint32_t sensitivi
             // Between a model and a picture (a size it cannot search there,
             // say): the library's reason goes to the person, as a refusal.
             const std::string reason = engine.last_error();
-            throw ApiError(http_status::unprocessable,
-                           "the " + who + " detector cannot detect on '" + name + "'" +
-                               (reason.empty() ? "" : ": " + reason));
+            throw ApiError(http_status::unprocessable, "the " + who + " detector cannot detect on '" + name + "'" +
+                                                           (reason.empty() ? "" : ": " + reason));
         }
         for (size_t i = 0; i < boxes.size(); ++i) {
             const auto n = names.find(i < classes.size() ? classes[i] : 0);
@@ -672,8 +661,7 @@ TrainOutcome Workspace::remove_sample_here(size_t index) {
         index -= d.thumbnails.size();
     }
     if (found == nullptr) {
-        throw ApiError(http_status::not_found,
-                       strformat("no sample %zu (there are %d)", asked, sample_count_locked()));
+        throw ApiError(http_status::not_found, strformat("no sample %zu (there are %d)", asked, sample_count_locked()));
     }
     ClassDetector &d = *found;
     size_t total = 0;
@@ -817,7 +805,8 @@ std::vector<std::string> Workspace::load_model_here(const std::string &bytes, co
         try {
             LabelStore::check_class_name(n);
         } catch (const ApiError &e) {
-            throw ApiError(http_status::unprocessable, std::string("this model file's class cannot be a label: ") + e.what());
+            throw ApiError(http_status::unprocessable,
+                           std::string("this model file's class cannot be a label: ") + e.what());
         }
     }
     // The file decides the profile; one studio detects under one profile.
@@ -825,11 +814,11 @@ std::vector<std::string> Workspace::load_model_here(const std::string &bytes, co
     if (file_profile != settings_.profile) {
         const std::string others = replace_all ? "" : other_trained_locked(class_name);
         if (!others.empty()) {
-            throw ApiError(http_status::conflict,
-                           "this is a model of the " + file_profile + " profile, and " + others +
-                               (others.find(',') == std::string::npos ? " is" : " are") + " trained under the " +
-                               settings_.profile + " profile: switch the profile first (retraining or forgetting " +
-                               "them), or start over");
+            throw ApiError(http_status::conflict, "this is a model of the " + file_profile + " profile, and " + others +
+                                                      (others.find(',') == std::string::npos ? " is" : " are") +
+                                                      " trained under the " + settings_.profile +
+                                                      " profile: switch the profile first (retraining or forgetting " +
+                                                      "them), or start over");
         }
         settings_.profile = file_profile;
         // Detectors not trained yet hold engines of the old profile.
@@ -993,11 +982,13 @@ ProfileChange Workspace::set_profile_here(const std::string &profile, const std:
 }
 
 // Every operation that touches an engine runs on the engine thread.
-TrainOutcome Workspace::train(const std::string &class_name, const std::string &picture, const std::vector<Rect> &boxes) {
+TrainOutcome Workspace::train(const std::string &class_name, const std::string &picture,
+                              const std::vector<Rect> &boxes) {
     return engine_thread_.run([&] { return train_here(class_name, picture, boxes); });
 }
 
-TrainOutcome Workspace::train_labels(const std::string &picture, const std::map<std::string, std::vector<Rect>> &labels) {
+TrainOutcome Workspace::train_labels(const std::string &picture,
+                                     const std::map<std::string, std::vector<Rect>> &labels) {
     return engine_thread_.run([&] { return train_labels_here(picture, labels); });
 }
 
@@ -1126,8 +1117,12 @@ nlohmann::ordered_json Workspace::status() {
         for (const ClassDetector &c : detectors_) {
             shared = shared || (&c != &d && c.trained && d.trained && c.engine == d.engine);
         }
-        classes.push_back({{"name", d.name}, {"trained", d.trained}, {"samples", d.thumbnails.size()},
-                           {"pictures", d.taught.size()}, {"model", d.model_name}, {"profile", profile_name(d.profile)},
+        classes.push_back({{"name", d.name},
+                           {"trained", d.trained},
+                           {"samples", d.thumbnails.size()},
+                           {"pictures", d.taught.size()},
+                           {"model", d.model_name},
+                           {"profile", profile_name(d.profile)},
                            {"shared", shared}});
     }
     j["detectors"] = classes;

@@ -58,8 +58,8 @@ struct WorkspaceSettings {
     // The profile training starts with (`ostrel studio` chooses it). A
     // person may switch it (set_profile) and a model file opened brings its own.
     std::string profile = "classic";
-    std::string scratch_folder;       // for model files on their way in or out
-    size_t max_boxes = 256;           // marked boxes per picture and class
+    std::string scratch_folder;  // for model files on their way in or out
+    size_t max_boxes = 256;      // marked boxes per picture and class
     size_t max_model_bytes = 4u << 20;
 };
 
@@ -69,11 +69,11 @@ struct TaughtPicture {
 };
 
 struct TrainOutcome {
-    int samples = 0;         // sample thumbnails the engines hold
-    int passes = 0;          // auto-training passes of the picture trained last
-    double ms = 0;           // wall time of the library calls
-    bool rebuilt = false;    // an engine was rebuilt from its taught list
-    bool trained = false;    // the workspace holds a model afterwards
+    int samples = 0;       // sample thumbnails the engines hold
+    int passes = 0;        // auto-training passes of the picture trained last
+    double ms = 0;         // wall time of the library calls
+    bool rebuilt = false;  // an engine was rebuilt from its taught list
+    bool trained = false;  // the workspace holds a model afterwards
     std::vector<TrainingStep> steps;
     // Each class trained by the call, with the boxes it was given (made one
     // size) and its sample count afterwards.
@@ -224,7 +224,7 @@ private:
         uint32_t class_index = 0;  // the class's index in its engine
         bool own_engine = false;   // opened from a one-class model file: never joins the shared engine
         bool trained = false;
-        std::string model_name;  // "" (trained here) or the name of a loaded model file
+        std::string model_name;                        // "" (trained here) or the name of a loaded model file
         int32_t profile = OSTREL_ALG_PROFILE_CLASSIC;  // the engine's, as the library reports it
         std::vector<TaughtPicture> taught;
         std::vector<SampleThumbnail> thumbnails;
@@ -277,8 +277,8 @@ private:
     WorkspaceSettings settings_;  // settings_.profile: guarded by mutex_, as the detectors
     TrainingMonitor monitor_;
 
-    EngineThread engine_thread_;  // every call into the library is made there
-    std::mutex mutex_;  // held around every use of an engine and the members below
+    EngineThread engine_thread_;            // every call into the library is made there
+    std::mutex mutex_;                      // held around every use of an engine and the members below
     std::vector<ClassDetector> detectors_;  // in the order the classes were first trained
     uint64_t generation_ = 0;
     uint32_t map_columns_ = 0, map_rows_ = 0, map_channels_ = 0;

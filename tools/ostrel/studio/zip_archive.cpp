@@ -22,8 +22,8 @@ void put32(std::string &out, uint32_t v) {
 constexpr uint32_t kLocalHeader = 0x04034b50;
 constexpr uint32_t kCentralHeader = 0x02014b50;
 constexpr uint32_t kEndOfCentral = 0x06054b50;
-constexpr uint32_t kVersion = 20;        // 2.0: stored entries and folders
-constexpr uint32_t kUtf8Names = 0x0800;  // general purpose flag 11: names are UTF-8
+constexpr uint32_t kVersion = 20;                       // 2.0: stored entries and folders
+constexpr uint32_t kUtf8Names = 0x0800;                 // general purpose flag 11: names are UTF-8
 constexpr uint32_t kDosDate = (0 << 9) | (1 << 5) | 1;  // 1980-01-01, the format's first day
 constexpr uint32_t kDosTime = 0;
 
@@ -42,9 +42,9 @@ std::string ZipArchive::bytes() const {
     std::string central;
     for (const Entry &e : entries_) {
         const uint32_t offset = static_cast<uint32_t>(out.size());
-        const uint32_t crc = static_cast<uint32_t>(
-            crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef *>(e.content.data()),
-                  static_cast<uInt>(e.content.size())));
+        const uint32_t crc =
+            static_cast<uint32_t>(crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef *>(e.content.data()),
+                                        static_cast<uInt>(e.content.size())));
         const uint32_t size = static_cast<uint32_t>(e.content.size());
         put32(out, kLocalHeader);
         put16(out, kVersion);
