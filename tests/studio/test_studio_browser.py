@@ -27,7 +27,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from studio_process import StudioProcess  # noqa: E402
 
 from selenium import webdriver  # noqa: E402
-from selenium.common.exceptions import TimeoutException  # noqa: E402
+from selenium.common.exceptions import StaleElementReferenceException, TimeoutException  # noqa: E402
 from selenium.webdriver.common.action_chains import ActionChains  # noqa: E402
 from selenium.webdriver.common.actions.action_builder import ActionBuilder  # noqa: E402
 from selenium.webdriver.chrome.service import Service as ChromeService  # noqa: E402
@@ -216,7 +216,12 @@ def run(args):
         driver.find_element(By.CSS_SELECTOR, f"#picture-list li[data-name='{OTHER_PICTURE}'] button").click()
         wait.until(lambda d: found_on_page(d) > 0)
         found_default = found_on_page(driver)
-        caption = driver.find_element(By.CSS_SELECTOR, "#detections .det-group[data-kind='found'] text").text
+        # The page may redraw the boxes while the caption is read (the picture's
+        # detections arrive again after its name is shown): read it from the
+        # boxes drawn last.
+        caption = WebDriverWait(driver, args.timeout, poll_frequency=0.02,
+                                ignored_exceptions=(StaleElementReferenceException,)).until(
+            lambda d: d.find_element(By.CSS_SELECTOR, "#detections .det-group[data-kind='found'] text").text)
         check(found_default > 0, f"{found_default} detections drawn on {OTHER_PICTURE}, e.g. '{caption}'")
         check(any(c.isalpha() for c in caption) and "." in caption, "a detection shows its score and colour name")
         check(driver.find_element(By.ID, "detection-time").text.endswith(" ms"), "the detection time is shown")
