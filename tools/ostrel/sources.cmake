@@ -13,6 +13,7 @@ set(OSTREL_TOOL_CLI_SOURCES
   ${OSTREL_TOOL_ROOT}/cli/interrupt.cpp
   ${OSTREL_TOOL_ROOT}/cli/progress_line.cpp
   ${OSTREL_TOOL_ROOT}/cli/tool_output.cpp
+  ${OSTREL_TOOL_ROOT}/cli/tool_version.cpp
   ${OSTREL_TOOL_ROOT}/cli/training_progress.cpp)
 # commands/: one file per sub-command and the pieces they share.
 set(OSTREL_TOOL_COMMANDS_SOURCES

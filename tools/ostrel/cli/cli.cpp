@@ -13,10 +13,6 @@
 #include "engine/engine.h"
 #include "files/picture_file.h"
 
-#ifndef OSTREL_TOOL_VERSION
-#define OSTREL_TOOL_VERSION "unknown"
-#endif
-
 namespace ostrel_tool {
 
 namespace {
@@ -40,8 +36,6 @@ std::string one_line(std::string text) {
 }
 
 }  // namespace
-
-const char *tool_version() { return OSTREL_TOOL_VERSION; }
 
 int run_cli(int argc, const char *const *argv) {
     init_tool_out();
